@@ -1,0 +1,55 @@
+# Compiler and linker settings that every target of the daemon shares.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+set(BONJOUR_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or empty")
+option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" OFF)
+option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
+
+# The same sources give the same bytes wherever the checkout lies.
+add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." -fno-ident)
+
+# What the daemon's own code is compiled with; tests, fuzzers and benches take the warnings too.
+add_library(bonjour_warnings INTERFACE)
+target_compile_options(bonjour_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+if(BONJOUR_THREAD_SAFETY)
+  target_compile_options(bonjour_warnings INTERFACE -Wthread-safety)
+endif()
+
+add_library(bonjour_settings INTERFACE)
+target_link_libraries(bonjour_settings INTERFACE bonjour_warnings)
+target_compile_options(bonjour_settings INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+  -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fvisibility=hidden)
+
+if(BONJOUR_HARDEN)
+  target_compile_options(bonjour_settings INTERFACE -fstack-protector-strong -D_FORTIFY_SOURCE=2)
+endif()
+
+if(BONJOUR_SANITIZE)
+  add_compile_options(-fsanitize=${BONJOUR_SANITIZE} -fno-sanitize-recover=all
+    -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${BONJOUR_SANITIZE})
+endif()
+
+# The daemon needs libc at run time and nothing else: it is linked by the C compiler, with the
+# compiler's own helper routines taken from their static library. A sanitizer brings its C++
+# runtime along and is linked as the C++ compiler does.
+function(bonjour_link_with_libc_only target)
+  if(BONJOUR_SANITIZE)
+    return()
+  endif()
+  set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
+  target_link_options(${target} PRIVATE -static-libgcc -Wl,--gc-sections -Wl,--as-needed)
+  if(BONJOUR_HARDEN)
+    target_link_options(${target} PRIVATE -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+  endif()
+endfunction()
