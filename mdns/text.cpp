@@ -1,0 +1,18 @@
+// Texts on the heap.
+#include "mdns/text.h"
+
+HeapText NewText(size_t length) { return HeapText(static_cast<char*>(calloc(1, length + 1))); }
+
+HeapText JoinTexts(std::initializer_list<std::string_view> parts) {
+  size_t length = 0;
+  for (const std::string_view part : parts) length += part.size();
+
+  HeapText text = NewText(length);
+  if (text == nullptr) return text;
+  char* end = text.get();
+  for (const std::string_view part : parts) {
+    memcpy(end, part.data(), part.size());
+    end += part.size();
+  }
+  return text;
+}

@@ -1,0 +1,48 @@
+// Texts in fixed fields and on the heap.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string_view>
+
+/// Frees a block of calloc(3) or malloc(3) for std::unique_ptr.
+struct FreeBlock {
+  void operator()(void* block) const { free(block); }
+};
+
+/// A zero-terminated text on the heap that frees itself; null when there was no memory for it.
+using HeapText = std::unique_ptr<char, FreeBlock>;
+
+/// Copies `text` into the `capacity` bytes of `field`, cut to `limit` characters, and fills the
+/// rest of the field with zeros. `limit` is below `capacity`, so that the field ends in a zero.
+inline void CopyText(char* field, size_t capacity, size_t limit, std::string_view text) {
+  const size_t length = text.size() < limit ? text.size() : limit;
+  memcpy(field, text.data(), length);
+  memset(field + length, 0, capacity - length);
+}
+
+/// Copies `text` into a whole array, cut to what fits before the terminator; the rest is zeros.
+template <size_t kCapacity>
+void CopyText(char (&field)[kCapacity], std::string_view text) {
+  CopyText(field, kCapacity, kCapacity - 1, text);
+}
+
+/// The text in a zero-terminated field. A field without a terminator is read to its end.
+template <size_t kCapacity>
+std::string_view FieldText(const char (&field)[kCapacity]) {
+  return {field, strnlen(field, kCapacity)};
+}
+
+/// True when `text` begins with `start`.
+inline bool BeginsWith(std::string_view text, std::string_view start) {
+  return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
+}
+
+/// A zero-filled heap text with room for `length` characters; null when there is no memory.
+HeapText NewText(size_t length);
+
+/// The parts, one behind the other, as a new heap text; null when there is no memory.
+HeapText JoinTexts(std::initializer_list<std::string_view> parts);
