@@ -1,0 +1,88 @@
+// Packets under construction.
+#include "records/compose.h"
+
+#include <cstring>
+
+#include "mdns/text.h"
+
+namespace {
+
+constexpr uint8_t kServiceAnswers = 4;
+constexpr uint8_t kServiceAnswersWithSubtype = 5;
+
+void BeginRecord(Packet& packet, std::string_view owner, int32_t type) {
+  packet.record = MdnsRecord{};
+  CopyText(packet.record.name, kRecordNameSize, kRecordNameMax, owner);
+  packet.record.type = type;
+}
+
+void SetData(Packet& packet, std::string_view text) {
+  CopyText(packet.record.rdata, kRecordDataSize, kRecordDataMax, text);
+}
+
+void EndRecord(Packet& packet, bool questionOnly) {
+  packet.length = EncodeRecord(packet.bytes, packet.capacity, packet.length, packet.record,
+                               questionOnly ? 1 : 0);
+}
+
+}  // namespace
+
+void BeginPacket(Packet& packet, const PacketHeader& header) {
+  memset(packet.bytes, 0, static_cast<size_t>(packet.capacity));
+  packet.bytes[kFlagsOffset] = header.flags;
+  packet.bytes[kQuestionCountOffset + 1] = header.questions;
+  packet.bytes[kAnswerCountOffset + 1] = header.answers;
+  packet.bytes[kAuthorityCountOffset + 1] = header.authorities;
+  packet.length = kHeaderSize;
+}
+
+void AddQuestion(Packet& packet, std::string_view owner, int32_t type, bool unicastResponse) {
+  BeginRecord(packet, owner, type);
+  packet.record.cacheFlush = unicastResponse ? 1 : 0;
+  EndRecord(packet, true);
+}
+
+void AddAddress(Packet& packet, std::string_view owner, bool cacheFlush, std::string_view address) {
+  BeginRecord(packet, owner, kTypeA);
+  packet.record.cacheFlush = cacheFlush ? 1 : 0;
+  packet.record.ttl = kHostTtl;
+  SetData(packet, address);
+  EndRecord(packet, false);
+}
+
+void AddPointer(Packet& packet, std::string_view owner, uint32_t ttl, std::string_view target) {
+  BeginRecord(packet, owner, kTypePtr);
+  packet.record.ttl = ttl;
+  SetData(packet, target);
+  EndRecord(packet, false);
+}
+
+void AddServer(Packet& packet, std::string_view owner, bool cacheFlush, uint32_t port,
+               std::string_view target) {
+  BeginRecord(packet, owner, kTypeSrv);
+  packet.record.cacheFlush = cacheFlush ? 1 : 0;
+  packet.record.ttl = kHostTtl;
+  packet.record.port = static_cast<int32_t>(port);
+  SetData(packet, target);
+  EndRecord(packet, false);
+}
+
+void AddText(Packet& packet, std::string_view owner, std::string_view text) {
+  BeginRecord(packet, owner, kTypeTxt);
+  packet.record.cacheFlush = 1;
+  packet.record.ttl = kServiceTtl;
+  SetData(packet, text);
+  EndRecord(packet, false);
+}
+
+void ComposeServiceResponse(Packet& packet, const ServiceRecords& service) {
+  BeginPacket(packet, {kFlagsResponse, 0,
+                       service.hasSubtype ? kServiceAnswersWithSubtype : kServiceAnswers, 0});
+  AddAddress(packet, service.hostName, true, service.address);
+  AddPointer(packet, service.typeName, kServiceTtl, service.instanceName);
+  AddServer(packet, service.instanceName, true, service.port, service.hostName);
+  AddText(packet, service.instanceName, service.txt);
+  if (service.hasSubtype) {
+    AddPointer(packet, kUniversalSubtype, kServiceTtl, service.instanceName);
+  }
+}
