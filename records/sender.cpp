@@ -1,0 +1,64 @@
+// The packet sender.
+#include "records/sender.h"
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "mdns/log.h"
+#include "mdns/text.h"
+
+namespace {
+
+void* SendThreeTimes(void* argument) {
+  const std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(argument));
+  for (int i = 0; i < kTransmissions; ++i) {
+    if (sendto(job->socket, job->data, BytesToSend(*job), 0,
+               reinterpret_cast<const sockaddr*>(&job->destination),
+               sizeof(job->destination)) < 0) {
+      perror("[Bonjour] send packet error");
+      break;
+    }
+    usleep(kTransmissionPauseMicroseconds);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t socket,
+                 const sockaddr_in& destination) {
+  const auto copied = static_cast<size_t>(length < kJobCopyMax ? length : kJobCopyMax);
+  memcpy(job.data, packet, copied);
+  memset(job.data + copied, 0, sizeof(job.data) - copied);
+  job.length = length;
+  job.socket = socket;
+  job.destination = destination;
+}
+
+size_t BytesToSend(const SendJob& job) {
+  return static_cast<size_t>(job.length < kJobDataSize ? job.length : kJobDataSize);
+}
+
+void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination) {
+  if (length <= 0) return;
+  std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(malloc(sizeof(SendJob))));
+  if (job == nullptr) return;
+  FillSendJob(*job, packet, length, socket, destination);
+
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, kSenderStackSize);
+  pthread_t thread;
+  const int error = pthread_create(&thread, &attributes, SendThreeTimes, job.get());
+  pthread_attr_destroy(&attributes);
+  // The sender frees the job. When none could be started the job is left behind all the same.
+  static_cast<void>(job.release());
+  if (error != 0) LogError(kShortThreadCreateError, error);
+}

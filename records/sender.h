@@ -1,0 +1,43 @@
+// The packet sender: every packet leaves through SendPacket, three times.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+
+/// Each packet is sent this often, with this pause behind each transmission.
+constexpr int kTransmissions = 3;
+constexpr unsigned kTransmissionPauseMicroseconds = 250000;
+
+/// Packet bytes that a job has room for, and the most that are copied into it.
+constexpr int32_t kJobDataSize = 1520;
+constexpr int32_t kJobCopyMax = 1518;
+
+/// Stack that a sender thread asks for, in bytes. A burst of answers keeps thousands of senders
+/// alive at once, which default stacks would not leave room for in a 32-bit address space.
+constexpr size_t kSenderStackSize = size_t{64} * 1024;
+
+/// One pending transmission. Owned by the creating thread until the sender thread starts, by that
+/// thread alone afterwards.
+struct SendJob {
+  uint8_t data[kJobDataSize];  ///< copy of the packet, zeros behind it
+  int32_t length;              ///< bytes to send as the caller gave them, may exceed `data`
+  int32_t socket;              ///< UDP socket, owned by the responder
+  sockaddr_in destination;
+};
+
+/// Fills `job` with a copy of the first `length` bytes of `packet`, but of no more than
+/// kJobCopyMax. `packet` holds that many bytes. `length` is above 0.
+void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t socket,
+                 const sockaddr_in& destination);
+
+/// The number of bytes that a transmission of `job` puts on the wire: its length, but no more than
+/// the job holds.
+size_t BytesToSend(const SendJob& job);
+
+/// Copies the packet and starts a detached thread that sends it three times, the first time at
+/// once, 250 ms apart. Returns at once; the caller may reuse `packet`, of which min(`length`, 1518)
+/// bytes are read. A length of 0 or less, or a lack of memory, sends nothing without a message. Any
+/// thread.
+void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination);
