@@ -1,0 +1,174 @@
+// The responder thread.
+#include "mdns/responder.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "mdns/answer.h"
+#include "mdns/log.h"
+#include "mdns/probe.h"
+#include "mdns/socket.h"
+#include "mdns/text.h"
+#include "mdns/thread.h"
+#include "records/registration.h"
+#include "records/registry.h"
+
+namespace {
+
+constexpr unsigned kRetrySeconds = 1;
+constexpr unsigned kStopPollSeconds = 1;
+// Longer than the sender takes for three transmissions.
+constexpr unsigned kGoodbyeSeconds = 1;
+
+// The answering thread and its argument, in the responder thread's frame.
+struct Answering {
+  JoinableThread thread;
+  AnswerStartRecord start;
+};
+
+bool IsBridgeConnected() { return responderState.connected[kBridgeSlot].Get() != 0; }
+
+// The time since boot: the wall clock of a router jumps when it first learns the time.
+int64_t SecondsNow() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec;
+}
+
+void InitInterfaceTable() {
+  CopyText(responderState.interfaceName[kBridgeSlot], kBridgeName);
+  CopyText(responderState.interfaceName[kReservedSlot], kReservedName);
+  for (uint32_t slot = 0; slot < kInterfaceSlots; ++slot) {
+    responderState.connected[slot].Set(0);
+    responderState.interfaceAddress[slot].Set(INADDR_NONE);
+  }
+  SetDeviceName({});
+}
+
+void InitDestination() {
+  memset(&responderState.mdnsDestination, 0, sizeof(responderState.mdnsDestination));
+  responderState.mdnsDestination.sin_family = AF_INET;
+  responderState.mdnsDestination.sin_port = htons(kMdnsPort);
+  responderState.mdnsDestination.sin_addr.s_addr = inet_addr(kMdnsGroup);
+}
+
+void SetupSocketWithRetry() {
+  const int64_t start = SecondsNow();
+  while (!IsTerminating()) {
+    if (SocketSetup_For_Interface_N() != 0) return;
+    if (SecondsNow() - start > kSetupLimitSeconds) {
+      puts("MDNS_SocketSetup() MDNS_SELF_BIND1 error");
+      return;
+    }
+    sleep(kRetrySeconds);
+  }
+}
+
+void ProbeDeviceName() {
+  ProbeRecord record;
+  memset(&record, 0, sizeof(record));
+  GetDeviceName(record.name, kDeviceNameMax);
+  while (!IsTerminating() && IsAnyInterfaceConnected() && IsBridgeConnected()) {
+    record.retry = 0;
+    record.socket = multicastSocket.Get();
+    record.slot = kBridgeSlot;
+    JoinableThread prober;
+    const int error = StartThread(prober, MDNS_CheckName, &record);
+    if (error != 0) {
+      LogError(kShortThreadCreateError, error);
+      break;
+    }
+    JoinThread(prober);
+    if (record.retry == 0) break;
+    sleep(kRetrySeconds);
+  }
+  SetDeviceName(FieldText(record.name));
+  printf("[Bonjour] default device name = %s\n", record.name);
+}
+
+void StartAnsweringThread(Answering& answering) {
+  answering.start = {multicastSocket.Get(), kBridgeSlot};
+  const int error = StartThread(answering.thread, MDNS_Answer, &answering.start);
+  if (error != 0) LogError(kThreadCreateError, error);
+  printf("[Bonjour] Answer Name Start (%s)\n", GetInterfaceAddress(kBridgeSlot).text);
+}
+
+void ReportUpIfConnected() {
+  if (IsAnyInterfaceConnected()) responderState.initStatus.Set(1);
+}
+
+// Waits for an interface that was not usable at start.
+void SuperviseInterface(Answering& answering) {
+  while (!IsTerminating()) {
+    if (UpdateHostIP(kBridgeSlot) != 0 && !IsBridgeConnected()) {
+      SocketSetup_For_Interface_N();
+      if (IsBridgeConnected()) StartAnsweringThread(answering);
+    }
+    ReportUpIfConnected();
+    if (IsBridgeConnected()) return;
+    sleep(kSupervisionSeconds);
+  }
+}
+
+// Answering goes on until a stop is asked for. When its thread could not be created the responder
+// carries on without it: services are still announced, and withdrawn at the stop.
+void WaitForAnsweringEnd(Answering& answering) {
+  if (!answering.thread.running) {
+    while (!IsTerminating()) sleep(kStopPollSeconds);
+  }
+  JoinThread(answering.thread);
+}
+
+// Works on a copy: the monitor may remove the entry itself at the same moment. Returns whether
+// anything was withdrawn.
+bool WithdrawServices() {
+  bool withdrawn = false;
+  ServiceEntry first;
+  while (!CloseRegistryIfEmpty(first)) {
+    UnRegisterOneService(first.serviceName, first.serviceType, first.serviceDomain, first.txt,
+                         first.txtLength, first.port);
+    withdrawn = true;
+  }
+  return withdrawn;
+}
+
+// From the moment on that the bridge counts as not connected no further packet is handed to a
+// sender; those already handed over get the time for all their transmissions.
+void ReleaseSocket(bool withdrawn) {
+  responderState.connected[kBridgeSlot].Set(0);
+  if (withdrawn) sleep(kGoodbyeSeconds);
+  CloseMulticastSocket();
+}
+
+void Teardown(Answering& answering) {
+  const bool connected = IsBridgeConnected();
+  if (connected) WaitForAnsweringEnd(answering);
+  const bool withdrawn = WithdrawServices();
+  if (connected) ReleaseSocket(withdrawn);
+  DestroyRegistry();
+  pthread_cond_destroy(&responderState.stateCond);
+}
+
+}  // namespace
+
+void* BonjourServiceInit(void* argument) {
+  const ResponderStartRecord& start = *static_cast<ResponderStartRecord*>(argument);
+  InitInterfaceTable();
+  if (!IsTerminating()) {
+    InitDestination();
+    SetupSocketWithRetry();
+  }
+  SetDeviceName(FieldText(start.deviceName));
+  if (start.probeRequest != 0) ProbeDeviceName();
+
+  Answering answering = {};
+  if (IsBridgeConnected()) StartAnsweringThread(answering);
+  ReportUpIfConnected();
+  SuperviseInterface(answering);
+  Teardown(answering);
+  return nullptr;
+}

@@ -1,0 +1,140 @@
+// The multicast socket and the interface's address.
+#include "mdns/socket.h"
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "mdns/descriptor.h"
+#include "mdns/log.h"
+#include "mdns/state.h"
+#include "mdns/text.h"
+
+namespace {
+
+constexpr size_t kDeviceOptionSize = 32;
+
+std::string_view SlotName(uint32_t slot) { return FieldText(responderState.interfaceName[slot]); }
+
+void LogRequestFailure(const char* request, uint32_t slot) {
+  const int error = errno;  // printf may change it before perror reports it
+  printf("[Bonjour] ioctl %s failed:%s\n", request, responderState.interfaceName[slot]);
+  char message[64];
+  snprintf(message, sizeof(message), "[Bonjour] ioctl %s failed", request);
+  LogError(message, error);
+}
+
+bool SetReuseAddress(int socket) {
+  const int on = 1;
+  return setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0;
+}
+
+bool BindToMdnsPort(int socket) {
+  sockaddr_in any{};
+  any.sin_family = AF_INET;
+  any.sin_port = htons(kMdnsPort);
+  any.sin_addr.s_addr = htonl(INADDR_ANY);
+  return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
+}
+
+bool BindToBridge(int socket) {
+  char device[kDeviceOptionSize];
+  CopyText(device, SlotName(kBridgeSlot));
+  return setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, device, sizeof(device)) == 0;
+}
+
+bool JoinGroup(int socket) {
+  ip_mreq membership{};
+  membership.imr_multiaddr = responderState.mdnsDestination.sin_addr;
+  membership.imr_interface.s_addr = responderState.interfaceAddress[kBridgeSlot].Get();
+  return setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof(membership)) == 0;
+}
+
+// The outgoing interface is left to the device binding.
+bool SetAnyMulticastInterface(int socket) {
+  const in_addr any = {htonl(INADDR_ANY)};
+  return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &any, sizeof(any)) == 0;
+}
+
+bool DisableLoopback(int socket) {
+  const uint8_t off = 0;
+  return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof(off)) == 0;
+}
+
+bool SetReceiveTimeout(int socket) {
+  const timeval timeout = {kReceiveTimeoutSeconds, 0};
+  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) == 0;
+}
+
+struct SetupStep {
+  bool (*apply)(int socket);
+  const char* failure;
+};
+
+constexpr SetupStep kSetupSteps[] = {
+    {SetReuseAddress, "[Bonjour] setsockopt SO_REUSEADDR"},
+    {BindToMdnsPort, "[Bonjour] discovery bind"},
+    {BindToBridge, "[Bonjour] setsockopt SO_BINDTODEVICE"},
+    {JoinGroup, "[Bonjour] setsockopt IP_ADD_MEMBERSHIP"},
+    {SetAnyMulticastInterface, "[Bonjour] setsockopt IP_MULTICAST_IF"},
+    {DisableLoopback, "[Bonjour] setsockopt IP_MULTICAST_LOOP"},
+    {SetReceiveTimeout, "[Bonjour] setsockopt SO_RCVTIMEO"},
+};
+
+}  // namespace
+
+uint32_t UpdateHostIP(uint32_t slot) {
+  const Descriptor control(socket(AF_INET, SOCK_DGRAM, 0));
+  if (!control.IsOpen()) return 0;
+
+  ifreq request{};
+  CopyText(request.ifr_name, SlotName(slot));
+  // The flags are of no interest: the request only tells whether the interface exists.
+  if (ioctl(control.Get(), SIOCGIFFLAGS, &request) < 0) {
+    LogRequestFailure("SIOCGIFFLAGS", slot);
+    return 0;
+  }
+  if (ioctl(control.Get(), SIOCGIFADDR, &request) < 0) {
+    LogRequestFailure("SIOCGIFADDR", slot);
+    return 0;
+  }
+
+  sockaddr_in address{};
+  memcpy(&address, &request.ifr_addr, sizeof(address));
+  responderState.interfaceAddress[slot].Set(address.sin_addr.s_addr);
+  return 1;
+}
+
+uint32_t SocketSetup_For_Interface_N() {
+  if (UpdateHostIP(kBridgeSlot) == 0) {
+    LogUpdateHostIPError("SocketSetup_For_Interface_N");
+    return 0;
+  }
+  const int32_t socketDescriptor = socket(AF_INET, SOCK_DGRAM, 0);
+  multicastSocket.Set(socketDescriptor);
+  if (socketDescriptor < 0) return 0;
+
+  for (const SetupStep& step : kSetupSteps) {
+    if (!step.apply(socketDescriptor)) {
+      perror(step.failure);
+      CloseMulticastSocket();
+      return 0;
+    }
+  }
+  responderState.connected[kBridgeSlot].Set(1);
+  printf("[Bonjour] Interface: %s is connected\n", responderState.interfaceName[kBridgeSlot]);
+  return 1;
+}
+
+void CloseMulticastSocket() {
+  responderState.connected[kBridgeSlot].Set(0);
+  close(multicastSocket.Get());
+  multicastSocket.Set(-1);
+}
