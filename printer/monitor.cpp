@@ -1,0 +1,153 @@
+// The presence monitor.
+#include "printer/monitor.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "mdns/log.h"
+#include "mdns/state.h"
+#include "mdns/text.h"
+#include "records/registry.h"
+
+PrinterTxt* printerTxtPdl[kPrinterPorts];
+PrinterTxt* printerTxtIpp[kPrinterPorts];
+
+namespace {
+
+constexpr size_t kSuffixSize = 23;
+
+// Texts whose printer has gone while a registry entry still referred to them: the printer's lines
+// changed while it was plugged in, so that the removal went under another name.
+PrinterTxt* keptTexts = nullptr;
+
+// Manufacturer and model, and what tells apart two printers of a kind on one link: the end of the
+// bridge's address and the port.
+void SetServiceName(int32_t port, std::string_view lines) {
+  char* name = printerServiceNames[port];
+  char joined[kNameLinesMax + 1];
+  CopyText(joined, lines);
+  for (char* c = joined; *c != '\0'; ++c) {
+    if (*c == '\n') *c = ' ';
+  }
+  char suffix[kSuffixSize];
+  snprintf(suffix, sizeof(suffix), "(%02x:%02x:%02x) %d", hw_addr[3], hw_addr[4], hw_addr[5],
+           static_cast<int>(port));
+  memset(name, 0, kServiceNameMax + 1);
+  snprintf(name, kServiceNameMax + 1, "%s %s", joined, suffix);
+}
+
+void InsertService(int32_t port, int32_t kind, PrinterTxt*& txt) {
+  txt = static_cast<PrinterTxt*>(calloc(1, sizeof(PrinterTxt)));
+  if (txt == nullptr) {
+    LogNoMemory();
+    return;
+  }
+  UpdatePrinterService(port, kRegisterPrinter, kind, txt->text);
+}
+
+// Gives back every text that nothing refers to any more.
+void FreeUnusedTexts() {
+  PrinterTxt** link = &keptTexts;
+  while (*link != nullptr) {
+    PrinterTxt* txt = *link;
+    if (IsTextRegistered(txt->text)) {
+      link = &txt->nextKept;
+    } else {
+      *link = txt->nextKept;
+      free(txt);
+    }
+  }
+}
+
+void RemoveService(int32_t port, int32_t kind, PrinterTxt*& txt) {
+  if (txt == nullptr) return;
+  UpdatePrinterService(port, kUnregisterPrinter, kind, txt->text);
+  txt->nextKept = keptTexts;
+  keptTexts = txt;
+  txt = nullptr;
+  FreeUnusedTexts();
+}
+
+void InsertPrinter(int32_t port) {
+  printf("[Bonjour] device insert lp%d\n", static_cast<int>(port));
+  InsertService(port, PRINTER_KIND_PDL, printerTxtPdl[port]);
+  InsertService(port, PRINTER_KIND_IPP, printerTxtIpp[port]);
+}
+
+void RemovePrinter(int32_t port) {
+  printf("[Bonjour] device remove lp%d\n", static_cast<int>(port));
+  RemoveService(port, PRINTER_KIND_PDL, printerTxtPdl[port]);
+  RemoveService(port, PRINTER_KIND_IPP, printerTxtIpp[port]);
+}
+
+// One look at the status file. While it can't be opened nothing changes.
+void RunPass(char* buffer, PrinterPresence& previous) {
+  const int32_t held = ReadPrinterStatus(buffer);
+  if (held < 0) {
+    puts(kCannotOpenStatusFile);
+    return;
+  }
+  PrinterPresence current = {};
+  ScanPrinters(buffer, current);
+  ApplyPresence(previous, current);
+}
+
+}  // namespace
+
+void ScanPrinters(std::string_view text, PrinterPresence& presence) {
+  size_t start = 0;
+  size_t token = text.find(kPortToken);
+  while (token != std::string_view::npos) {
+    // Lines are counted from the record's start, also where the token stands in a later line.
+    const size_t portEnd = FindLineEnd(text, start, 1);
+    const size_t modelEnd = FindLineEnd(text, start, 3);
+    if (modelEnd == std::string_view::npos) return;
+
+    const size_t digit = token + kPortToken.size();
+    const int32_t port = digit < text.size() ? text[digit] - '0' : -1;
+    if (port >= 0 && port < kPrinterPorts) {
+      SetServiceName(port, {text.data() + portEnd + 1, modelEnd - portEnd - 1});
+      presence.present[port] = 1;
+    }
+
+    const size_t recordEnd = FindLineEnd(text, start, kRecordLines);
+    if (recordEnd == std::string_view::npos) return;
+    start = recordEnd + 1;
+    token = text.find(kPortToken, start);
+  }
+}
+
+void ApplyPresence(PrinterPresence& previous, const PrinterPresence& current) {
+  for (int32_t port = 0; port < kPrinterPorts; ++port) {
+    if (current.present[port] == previous.present[port]) continue;
+    if (current.present[port] != 0) {
+      InsertPrinter(port);
+    } else {
+      RemovePrinter(port);
+    }
+  }
+  previous = current;
+}
+
+void* CheckUsbDevice(void* /*argument*/) {
+  const HeapText buffer = NewText(kStatusFileMax);
+  if (buffer == nullptr) {
+    LogNoMemory();
+    return nullptr;
+  }
+  for (int32_t port = 0; port < kPrinterPorts; ++port) {
+    printerTxtPdl[port] = nullptr;
+    printerTxtIpp[port] = nullptr;
+  }
+  memset(printerServiceNames, 0, sizeof(printerServiceNames));
+
+  PrinterPresence previous = {};
+  while (!IsTerminating()) {
+    RunPass(buffer.get(), previous);
+    sleep(kPassSeconds);
+  }
+  return nullptr;
+}

@@ -1,0 +1,84 @@
+// The service set of a printer.
+#include "printer/services.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "mdns/state.h"
+#include "records/compose.h"
+#include "records/registration.h"
+
+char printerServiceNames[kPrinterPorts][kServiceNameMax + 1];
+
+namespace {
+
+constexpr uint32_t kPdlBasePort = 9100;
+constexpr uint32_t kIppPort = 631;
+constexpr uint32_t kLpdPort = 515;
+
+// A port outside the table has no name, and the registration refuses it.
+const char* ServiceName(int32_t port) {
+  return port >= 0 && port < kPrinterPorts ? printerServiceNames[port] : "";
+}
+
+uint32_t Register(int32_t port, int32_t kind, char* txt) {
+  if (GetTXTData(txt, port, kind) < kTxtComplete) {
+    puts("[Bonjour] GetTXTData error");
+    return 0;
+  }
+  const char* type = PrinterServiceType(kind);
+  if (type == nullptr) return 0;
+  const uint32_t result =
+      RegisterOneService(ServiceName(port), type, kLocalDomain, txt,
+                         static_cast<int32_t>(strlen(txt)), PrinterTcpPort(kind, port));
+  if (result == 0) puts("**********RegisterOneService error*************");
+  return result;
+}
+
+uint32_t Unregister(int32_t port, int32_t kind) {
+  const char* type = PrinterServiceType(kind);
+  if (type == nullptr) return 0;
+  const uint32_t result = UnRegisterOneService(ServiceName(port), type, kLocalDomain, nullptr, 0,
+                                               PrinterTcpPort(kind, port));
+  if (result == 0) puts("**********UnRegisterOneService error*************");
+  return result;
+}
+
+}  // namespace
+
+const char* PrinterServiceType(int32_t kind) {
+  switch (kind) {
+    case PRINTER_KIND_PDL:
+      return "_pdl-datastream._tcp";
+    case PRINTER_KIND_IPP:
+      return kIppType;
+    case PRINTER_KIND_LPD:
+      return "_printer._tcp";
+    default:
+      return nullptr;
+  }
+}
+
+uint32_t PrinterTcpPort(int32_t kind, int32_t port) {
+  switch (kind) {
+    case PRINTER_KIND_PDL:
+      return port >= 0 && port < kPrinterPorts ? kPdlBasePort + static_cast<uint32_t>(port) : 0;
+    case PRINTER_KIND_IPP:
+      return kIppPort;
+    case PRINTER_KIND_LPD:
+      return kLpdPort;
+    default:
+      return 0;
+  }
+}
+
+uint32_t UpdatePrinterService(int32_t port, uint32_t action, int32_t kind, char* txt) {
+  switch (action) {
+    case kRegisterPrinter:
+      return Register(port, kind, txt);
+    case kUnregisterPrinter:
+      return Unregister(port, kind);
+    default:
+      return 0;
+  }
+}
