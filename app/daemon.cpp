@@ -1,0 +1,73 @@
+// The daemon: start-up, waiting, stop.
+#include "app/daemon.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "app/device_name.h"
+#include "mdns/log.h"
+#include "mdns/responder.h"
+#include "mdns/state.h"
+#include "mdns/thread.h"
+#include "printer/monitor.h"
+
+namespace {
+
+constexpr char kVersion[] = "v2.1";
+constexpr unsigned kStatusPollSeconds = 1;
+
+void StopHandler(int /*signal*/) { bTerminate.Set(1); }
+
+void InstallSignals() {
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGINT, StopHandler);
+  signal(SIGTERM, StopHandler);
+}
+
+void PrintBanner(const char* model) {
+  printf("[QX] %s Bonjour %s Start (%s %s)\n", model, kVersion, __DATE__, __TIME__);
+}
+
+// A thread of the daemon could not be created: the others are told to end.
+void StopForThreadError(int error) {
+  LogError(kThreadCreateError, error);
+  bTerminate.Set(1);
+}
+
+}  // namespace
+
+int RunDaemon(int argc, char* const* argv) {
+  // A log reader sees each line when it is written, also through a pipe or in a file.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  memset(hw_addr, 0, sizeof(hw_addr));
+  InstallSignals();
+  char model[kModelNameSize];
+  ChooseModel(model, argc, argv);
+  ResponderStartRecord start = {};
+  start.probeRequest = 1;
+  ReadBridgeMac(hw_addr);
+  FormatDeviceName(start.deviceName, model, hw_addr);
+
+  JoinableThread responder;
+  int error = StartThread(responder, BonjourServiceInit, &start);
+  if (error != 0) {
+    StopForThreadError(error);
+    return 0;
+  }
+  // The stop flag is deliberately not consulted here.
+  while (GetBonjourInitStatus() == 0) sleep(kStatusPollSeconds);
+
+  JoinableThread monitor = {};
+  if (GetBonjourInitStatus() == 1) {
+    error = StartThread(monitor, CheckUsbDevice, nullptr);
+    if (error != 0) StopForThreadError(error);
+  }
+  PrintBanner(model);
+  JoinThread(responder);
+  JoinThread(monitor);
+  return 0;
+}
