@@ -17,8 +17,6 @@ PrinterTxt* printerTxtIpp[kPrinterPorts];
 
 namespace {
 
-constexpr size_t kSuffixSize = 23;
-
 // Texts whose printer has gone while a registry entry still referred to them: the printer's lines
 // changed while it was plugged in, so that the removal went under another name.
 PrinterTxt* keptTexts = nullptr;
@@ -27,16 +25,13 @@ PrinterTxt* keptTexts = nullptr;
 // bridge's address and the port.
 void SetServiceName(int32_t port, std::string_view lines) {
   char* name = printerServiceNames[port];
-  char joined[kNameLinesMax + 1];
-  CopyText(joined, lines);
-  for (char* c = joined; *c != '\0'; ++c) {
-    if (*c == '\n') *c = ' ';
+  const size_t linesLength = lines.size() < kNameLinesMax ? lines.size() : kNameLinesMax;
+  CopyText(name, kServiceNameSize, kNameLinesMax, lines);
+  for (size_t i = 0; i < linesLength; ++i) {
+    if (name[i] == '\n') name[i] = ' ';
   }
-  char suffix[kSuffixSize];
-  snprintf(suffix, sizeof(suffix), "(%02x:%02x:%02x) %d", hw_addr[3], hw_addr[4], hw_addr[5],
-           static_cast<int>(port));
-  memset(name, 0, kServiceNameMax + 1);
-  snprintf(name, kServiceNameMax + 1, "%s %s", joined, suffix);
+  snprintf(name + linesLength, kServiceNameSize - linesLength, " (%02x:%02x:%02x) %d", hw_addr[3],
+           hw_addr[4], hw_addr[5], static_cast<int>(port));
 }
 
 void InsertService(int32_t port, int32_t kind, PrinterTxt*& txt) {

@@ -8,7 +8,7 @@
 #include "records/compose.h"
 #include "records/registration.h"
 
-char printerServiceNames[kPrinterPorts][kServiceNameMax + 1];
+char printerServiceNames[kPrinterPorts][kServiceNameSize];
 
 namespace {
 

@@ -13,7 +13,7 @@ constexpr uint32_t kRegisterPrinter = 1;
 
 /// The instance name under which all services of a port are published, by port; zero-terminated.
 /// The monitor thread alone writes and reads it.
-extern char printerServiceNames[kPrinterPorts][kServiceNameMax + 1];
+extern char printerServiceNames[kPrinterPorts][kServiceNameSize];
 
 /// The service type of a kind, for example "_ipp._tcp"; null for a kind that does not exist.
 const char* PrinterServiceType(int32_t kind);

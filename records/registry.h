@@ -7,8 +7,9 @@
 
 #include "mdns/state.h"
 
-/// The longest texts of a service, in characters.
+/// The longest texts of a service, in characters, and a field for the name.
 constexpr size_t kServiceNameMax = 128;
+constexpr size_t kServiceNameSize = kServiceNameMax + 1;
 constexpr size_t kServiceTypeMax = 32;
 constexpr size_t kServiceDomainMax = 32;
 /// TCP ports are below this.
@@ -18,7 +19,7 @@ constexpr uint32_t kPortLimit = 65536;
 struct ServiceEntry {
   ServiceEntry* previous;  ///< the entry before this one, null for the first
   ServiceEntry* next;      ///< the entry behind this one, null for the last
-  char serviceName[kServiceNameMax + 1];
+  char serviceName[kServiceNameSize];
   char serviceType[kServiceTypeMax + 1];
   char serviceDomain[kServiceDomainMax + 1];
   const char* txt;    ///< the registrar's text, not a copy; may be null
