@@ -16,6 +16,7 @@
 #include "mdns/thread.h"
 #include "records/registration.h"
 #include "records/registry.h"
+#include "records/sender.h"
 
 namespace {
 
@@ -23,6 +24,8 @@ constexpr unsigned kRetrySeconds = 1;
 constexpr unsigned kStopPollSeconds = 1;
 // Longer than the sender takes for three transmissions.
 constexpr unsigned kGoodbyeSeconds = 1;
+constexpr unsigned kSenderPollMicroseconds = 10000;
+constexpr int kSenderPollsMax = 100;
 
 // The answering thread and its argument, in the responder thread's frame.
 struct Answering {
@@ -137,10 +140,15 @@ bool WithdrawServices() {
 }
 
 // From the moment on that the bridge counts as not connected no further packet is handed to a
-// sender; those already handed over get the time for all their transmissions.
+// sender; those already handed over get the time for all their transmissions. An answer or a
+// monitor's goodbye may be under way without a withdrawal here, so what counts in the end is that
+// nobody sends any more; a sender that hangs is not waited for.
 void ReleaseSocket(bool withdrawn) {
   responderState.connected[kBridgeSlot].Set(0);
   if (withdrawn) sleep(kGoodbyeSeconds);
+  for (int i = 0; PendingTransmissions() != 0 && i < kSenderPollsMax; ++i) {
+    usleep(kSenderPollMicroseconds);
+  }
   CloseMulticastSocket();
 }
 

@@ -3,9 +3,11 @@
 
 #include <cstring>
 
+#include "mdns/text.h"
+
 void SharedText::Set(std::string_view text) {
-  char bytes[kWords * sizeof(uint32_t)] = {};
-  memcpy(bytes, text.data(), text.size() < kMaxLength ? text.size() : kMaxLength);
+  char bytes[kWords * sizeof(uint32_t)];
+  CopyText(bytes, sizeof(bytes), kMaxLength, text);
 
   const uint32_t before = version.load(std::memory_order_relaxed);
   version.store(before + 1, std::memory_order_relaxed);

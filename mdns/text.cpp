@@ -11,7 +11,7 @@ HeapText JoinTexts(std::initializer_list<std::string_view> parts) {
   if (text == nullptr) return text;
   char* end = text.get();
   for (const std::string_view part : parts) {
-    memcpy(end, part.data(), part.size());
+    CopyCharacters(end, part);
     end += part.size();
   }
   return text;

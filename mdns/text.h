@@ -16,11 +16,16 @@ struct FreeBlock {
 /// A zero-terminated text on the heap that frees itself; null when there was no memory for it.
 using HeapText = std::unique_ptr<char, FreeBlock>;
 
+/// Copies the characters of `text`, which may be empty without data, to `target`.
+inline void CopyCharacters(char* target, std::string_view text) {
+  if (!text.empty()) memcpy(target, text.data(), text.size());
+}
+
 /// Copies `text` into the `capacity` bytes of `field`, cut to `limit` characters, and fills the
 /// rest of the field with zeros. `limit` is below `capacity`, so that the field ends in a zero.
 inline void CopyText(char* field, size_t capacity, size_t limit, std::string_view text) {
   const size_t length = text.size() < limit ? text.size() : limit;
-  memcpy(field, text.data(), length);
+  CopyCharacters(field, {text.data(), length});
   memset(field + length, 0, capacity - length);
 }
 

@@ -39,7 +39,7 @@ struct Text {
   bool Append(Parts parts) {
     if (length + LengthOf(parts) >= size) return false;
     for (const std::string_view part : parts) {
-      memcpy(buffer + length, part.data(), part.size());
+      CopyCharacters(buffer + length, part);
       length += part.size();
     }
     return true;

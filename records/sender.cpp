@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,17 +16,24 @@
 
 namespace {
 
-void* SendThreeTimes(void* argument) {
-  const std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(argument));
+// Only the stop looks at this: a socket is not closed under a thread that sends on it.
+std::atomic<uint32_t> pendingTransmissions{0};
+
+void TransmitThreeTimes(const SendJob& job) {
   for (int i = 0; i < kTransmissions; ++i) {
-    if (sendto(job->socket, job->data, BytesToSend(*job), 0,
-               reinterpret_cast<const sockaddr*>(&job->destination),
-               sizeof(job->destination)) < 0) {
+    if (sendto(job.socket, job.data, BytesToSend(job), 0,
+               reinterpret_cast<const sockaddr*>(&job.destination), sizeof(job.destination)) < 0) {
       perror("[Bonjour] send packet error");
-      break;
+      return;
     }
     usleep(kTransmissionPauseMicroseconds);
   }
+}
+
+void* RunSender(void* argument) {
+  const std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(argument));
+  TransmitThreeTimes(*job);
+  pendingTransmissions.fetch_sub(1, std::memory_order_release);
   return nullptr;
 }
 
@@ -40,6 +48,8 @@ void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t so
   job.socket = socket;
   job.destination = destination;
 }
+
+uint32_t PendingTransmissions() { return pendingTransmissions.load(std::memory_order_acquire); }
 
 size_t BytesToSend(const SendJob& job) {
   return static_cast<size_t>(job.length < kJobDataSize ? job.length : kJobDataSize);
@@ -56,9 +66,13 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&attributes, kSenderStackSize);
   pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, SendThreeTimes, job.get());
+  pendingTransmissions.fetch_add(1, std::memory_order_relaxed);
+  const int error = pthread_create(&thread, &attributes, RunSender, job.get());
   pthread_attr_destroy(&attributes);
   // The sender frees the job. When none could be started the job is left behind all the same.
   static_cast<void>(job.release());
-  if (error != 0) LogError(kShortThreadCreateError, error);
+  if (error != 0) {
+    pendingTransmissions.fetch_sub(1, std::memory_order_release);
+    LogError(kShortThreadCreateError, error);
+  }
 }

@@ -36,6 +36,10 @@ void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t so
 /// the job holds.
 size_t BytesToSend(const SendJob& job);
 
+/// Sender threads that have not ended yet. What ended senders did has happened before the call.
+/// Responder thread, which closes the socket only when there are none.
+uint32_t PendingTransmissions();
+
 /// Copies the packet and starts a detached thread that sends it three times, the first time at
 /// once, 250 ms apart. Returns at once; the caller may reuse `packet`, of which min(`length`, 1518)
 /// bytes are read. A length of 0 or less, or a lack of memory, sends nothing without a message. Any
