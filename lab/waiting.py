@@ -1,0 +1,64 @@
+"""The one way anything here waits: for an event, with a bound."""
+
+import os
+import threading
+import time
+
+# Sanitizers, emulators and a crowded machine make everything slower, never wrong: bounds say when
+# to give up, and are stretched with this factor.
+PATIENCE = float(os.environ.get("BONJOUR_LAB_PATIENCE", "3"))
+
+
+class TimedOut(AssertionError):
+    """What a test waited for did not happen within its bound."""
+
+
+class Journal:
+    """A list that one thread appends to and others wait on. Items are never removed."""
+
+    def __init__(self):
+        self._items = []
+        self._changed = threading.Condition()
+        self._closed = False
+
+    def append(self, item):
+        with self._changed:
+            self._items.append(item)
+            self._changed.notify_all()
+
+    def close(self):
+        """Says that nothing will be appended any more; waiters give up at once."""
+        with self._changed:
+            self._closed = True
+            self._changed.notify_all()
+
+    def __len__(self):
+        return len(self._items)
+
+    def items(self, since=0):
+        with self._changed:
+            return self._items[since:]
+
+    def wait(self, wanted, count, since, bound, what):
+        """The first `count` items from index `since` on for which `wanted(item)` holds.
+
+        Raises TimedOut naming `what` after `bound` seconds times PATIENCE, or as soon as the
+        journal is closed without them.
+        """
+        deadline = time.monotonic() + bound * PATIENCE
+        found = []
+        position = since
+        with self._changed:
+            while True:
+                while position < len(self._items):
+                    item = self._items[position]
+                    position += 1
+                    if wanted(item):
+                        found.append(item)
+                        if len(found) == count:
+                            return found
+                left = deadline - time.monotonic()
+                if left <= 0 or self._closed:
+                    reason = "it ended" if self._closed else f"{bound * PATIENCE:.1f} s passed"
+                    raise TimedOut(f"{reason} and only {len(found)} of {count} came: {what}")
+                self._changed.wait(left)
