@@ -133,13 +133,13 @@ class Capture:
         return self.packets.wait(wanted, count, since, bound, what)
 
     def write_pcap(self, path, wanted=lambda packet: True):
-        """Writes the frames of UDP packets for which `wanted` holds, and all others, to `path`."""
+        """Writes the frames of the UDP packets for which `wanted` holds to `path`."""
         with open(path, "wb") as file:
             # pcap with times in nanoseconds, link type Ethernet.
             file.write(struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 65535, 1))
             for seconds, nanoseconds, frame in list(self._frames):
                 packet = _udp_datagram(seconds + nanoseconds / 1e9, frame)
-                if packet is None or wanted(packet):
+                if packet is not None and wanted(packet):
                     file.write(
                         struct.pack("<IIII", seconds, nanoseconds, len(frame), len(frame))
                     )

@@ -14,6 +14,7 @@ from lab.waiting import PATIENCE, Journal, TimedOut
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
+_NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 
 
 def binary():
@@ -93,6 +94,11 @@ class Daemon:
         return self.lines.wait(
             lambda line: line.text == text, count, since, bound, f"line {text!r}"
         )[-1]
+
+    @property
+    def device_name(self):
+        """The host name that it settled on at start, without ".local"."""
+        return self.wait_for_line(_NAME_LINE).text.rpartition(" = ")[2]
 
     # Process
 

@@ -1,16 +1,24 @@
 """The lab as one thing: a link, a capture of it, routers and hosts; and what is kept of it."""
 
+import collections
 import contextlib
 
-from lab.capture import MDNS_GROUP, MDNS_PORT, Capture
+from lab import packets
+from lab.capture import MDNS_PORT, Capture
 from lab.host import Host
 from lab.link import SWITCH, Link
 from lab.router import Router
+from lab.waiting import TimedOut
 
 MAC = "00:11:22:aa:bb:cc"
 ADDRESS = "192.168.77.1"
 PREFIX = 24
 _BYSTANDER = "192.168.77.250"
+
+# Each packet is sent three times, 250 ms apart. The capture's clock is the wall clock, which may
+# be slewed against the daemon's: hence the millisecond.
+TRANSMISSIONS = 3
+SHORTEST_GAP = 0.249
 
 
 class Lab:
@@ -29,6 +37,7 @@ class Lab:
             self.capture = Capture(self.link.network, SWITCH)
             self._closing.callback(self.capture.close)
             self._hosts = 0
+            self._deliberate = []
             self.bystander = self._add(Host(self.link, _BYSTANDER, name="bystander"))
             self.host = self.add_host()
             self.routers = []
@@ -55,11 +64,110 @@ class Lab:
         self.routers.append(router)
         return router
 
+    # What routers send
+
     def from_router(self, packet):
-        """Whether a packet was multicast by a router of this lab, as the daemon does."""
+        """Whether a packet was sent by a router of this lab from the multicast-DNS port."""
         return packet.source_port == MDNS_PORT and any(
             packet.source in router.addresses for router in self.routers
         )
+
+    def sent(self, since=0):
+        """The packets of the routers so far."""
+        return self.capture.seen(self.from_router, since)
+
+    def wait_for_packet(self, wanted, since=0, count=1, bound=10.0):
+        """The first `count` packets of a router that are the bytes `wanted`, or for which the
+        predicate `wanted` holds; raises TimedOut with what was seen instead."""
+        if isinstance(wanted, bytes):
+            what, holds = packets.summary(wanted), lambda packet: packet.payload == wanted
+        else:
+            what, holds = "a packet of a router", wanted
+        try:
+            return self.capture.wait_for(
+                lambda packet: self.from_router(packet) and holds(packet),
+                count,
+                since,
+                bound,
+                what,
+            )
+        except TimedOut as problem:
+            seen = collections.Counter(packet.payload for packet in self.sent(since))
+            lines = [f"{number} x {payload.hex(' ')}" for payload, number in seen.items()]
+            wanted_hex = [f"wanted  {wanted.hex(' ')}"] if isinstance(wanted, bytes) else []
+            raise TimedOut("\n".join([str(problem), *wanted_hex, "seen:", *lines])) from None
+
+    def wait_for_transmissions(self, wanted, since=0, bound=10.0):
+        """Waits for the three transmissions of one packet (as wait_for_packet) and checks that
+        they are alike and at least 250 ms apart. Returns them."""
+        sent = self.wait_for_packet(wanted, since, TRANSMISSIONS, bound)
+        assert len({packet.payload for packet in sent}) == 1, "three different packets"
+        gaps = [later.time - earlier.time for earlier, later in zip(sent, sent[1:])]
+        assert all(gap >= SHORTEST_GAP for gap in gaps), f"transmissions {gaps} s apart"
+        return sent
+
+    def ask(self, payload, host=None, port=MDNS_PORT):
+        """Sends one datagram from `host` (by default the lab's first) and returns the router's
+        answers to it: the bytes of each, once for its three transmissions, in their order."""
+        since = self.capture.mark()
+        lines = self.router.daemon.mark()
+        (host or self.host).send(payload, port)
+        return self.answers(since, lines)
+
+    def answers(self, since, lines):
+        """What the router answered from capture position `since` and log position `lines` on.
+
+        The daemon deals with one datagram after the other. So a question of the bystander's, sent
+        now, is answered when every earlier datagram has been dealt with; its own answer is not
+        among the result.
+        """
+        daemon = self.router.daemon
+        marker = packets.query((f"{daemon.device_name}.local", "A"))
+        self.bystander.send(marker)
+        daemon.wait_for_line(
+            f"[Bonjour] answer({self.router.address}) query target from {_BYSTANDER} "
+            f"({len(marker)})",
+            since=lines,
+        )
+        whole = collections.Counter()
+
+        def completes_all(packet):
+            if self.from_router(packet):
+                whole[packet.payload] += 1
+            return marked() and all(count % TRANSMISSIONS == 0 for count in whole.values())
+
+        def marked():
+            return any(_answers_marker(payload, daemon.device_name) for payload in whole)
+
+        self.capture.wait_for(completes_all, since=since, what="all transmissions of each answer")
+        result = []
+        for packet in self.sent(since):
+            seen = result.count(packet.payload)
+            if seen < whole[packet.payload] // TRANSMISSIONS:
+                result.append(packet.payload)
+        for index in range(len(result) - 1, -1, -1):
+            if _answers_marker(result[index], daemon.device_name):
+                del result[index]
+                break
+        return result
+
+    # What is checked and kept
+
+    def deliberate_form(self, holds):
+        """Takes packets for which the predicate holds out of check_packets(): forms that the
+        daemon sends on purpose though parsers refuse them."""
+        self._deliberate.append(holds)
+
+    def _to_be_well_formed(self, packet):
+        return self.from_router(packet) and not any(holds(packet) for holds in self._deliberate)
+
+    def check_packets(self, pcap=None):
+        """Raises Malformed if an independent parser refuses a packet that a router sent. Writes
+        these packets to the path `pcap`, if given, for further opinions."""
+        for packet in self.capture.seen(self._to_be_well_formed):
+            packets.parse(packet.payload)
+        if pcap:
+            self.capture.write_pcap(pcap, self._to_be_well_formed)
 
     def timeline(self):
         """Log lines and packets in the order of their times, in milliseconds from the first."""
@@ -90,4 +198,7 @@ class Lab:
         self.close()
 
 
-__all__ = ["ADDRESS", "Lab", "MAC", "MDNS_GROUP", "MDNS_PORT"]
+def _answers_marker(payload, device_name):
+    """Whether this is the answer to a question for the host name: its A record and no other."""
+    owner = packets.name(f"{device_name}.local")
+    return len(payload) == 12 + len(owner) + 14 and payload[12:].startswith(owner)

@@ -1,0 +1,81 @@
+"""What every system test starts from: a lab of its own, checked and cleaned when the test ends."""
+
+import os
+import pathlib
+import re
+import signal
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT))
+
+from lab import Lab  # noqa: E402
+
+FAILURES = pathlib.Path(os.environ.get("BONJOUR_LAB_FAILURES", ROOT / "build/lab-failures"))
+CAPTURES = os.environ.get("BONJOUR_LAB_CAPTURES")
+
+_failed = pytest.StashKey()
+
+
+def pytest_configure(config):
+    # As Ctrl-C: fixtures are torn down.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    report = (yield).get_result()
+    if report.failed:
+        item.stash[_failed] = True
+
+
+def _file_name(request):
+    return re.sub(r"[^\w.-]+", "_", f"{request.module.__name__}.{request.node.name}")
+
+
+def _finish(lab, request):
+    """What holds for every test: the daemon ends cleanly, and what it sent is well-formed."""
+    for router in lab.routers:
+        if router.daemon is not None and router.daemon.running:
+            router.stop()
+    pcap = None
+    if CAPTURES:
+        pathlib.Path(CAPTURES).mkdir(parents=True, exist_ok=True)
+        pcap = pathlib.Path(CAPTURES) / f"{_file_name(request)}.pcap"
+    lab.check_packets(pcap)
+
+
+@pytest.fixture
+def lab(request):
+    """A link with one router and one host; @pytest.mark.lab(...) says what is different."""
+    mark = request.node.get_closest_marker("lab")
+    with Lab(**(mark.kwargs if mark else {})) as made:
+        finished = False
+        try:
+            yield made
+            if not request.node.stash.get(_failed, False):
+                _finish(made, request)
+                finished = True
+        finally:
+            if not finished:
+                made.keep(FAILURES / _file_name(request))
+                print(f"packets and log are kept in {FAILURES / _file_name(request)}")
+                print(made.timeline())
+
+
+@pytest.fixture
+def router(lab):
+    return lab.router
+
+
+@pytest.fixture
+def host(lab):
+    return lab.host
+
+
+@pytest.fixture
+def daemon(router):
+    """The daemon, started without a model, up, its name settled."""
+    return router.start()

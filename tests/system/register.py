@@ -1,0 +1,87 @@
+"""Writes the list of the system tests in the form that ctest includes."""
+
+import argparse
+import pathlib
+import sys
+
+import pytest
+
+HERE = pathlib.Path(__file__).resolve().parent
+PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-header"]
+
+# Seconds before ctest gives a test up: far beyond any bound in the tests, even under a sanitizer.
+TIMEOUT = 240
+
+
+class Collector:
+    def __init__(self):
+        self.items = []
+
+    def pytest_collection_finish(self, session):
+        self.items = session.items
+
+
+def quoted(words):
+    return " ".join(f"[==[{word}]==]" for word in words)
+
+
+def test_name(item):
+    """For instance system.probing.conflict_gives_the_name_a_suffix."""
+    module = item.module.__name__.removeprefix("test_")
+    return f"system.{module}.{item.name.removeprefix('test_')}"
+
+
+def entries(items, options):
+    captures = options.build / "lab-captures"
+    environment = [
+        f"BONJOUR={options.bonjour}",
+        f"BONJOUR_USBLP_DEVICE={options.device}",
+        f"BONJOUR_LAB_CAPTURES={captures}",
+        f"BONJOUR_LAB_FAILURES={options.build / 'lab-failures'}",
+        f"PYTHONPATH={HERE.parent.parent}",
+        "PYTEST_DISABLE_PLUGIN_AUTOLOAD=1",
+        "PYTHONDONTWRITEBYTECODE=1",
+    ]
+
+    def entry(name, command, *properties):
+        common = ["LABELS", "system", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
+        words = [*common, *properties, "ENVIRONMENT", ";".join(environment)]
+        return (
+            f"add_test({quoted([name, *command])})\n"
+            f"set_tests_properties([==[{name}]==] PROPERTIES {quoted(words)})\n"
+        )
+
+    yield entry(
+        "system.captures.start_afresh",
+        ["cmake", "-E", "rm", "-rf", captures],
+        *("FIXTURES_SETUP", "captures"),
+    )
+    for item in items:
+        mark = item.get_closest_marker("seconds")
+        yield entry(
+            test_name(item),
+            [*PYTEST, item.nodeid.rpartition("/")[2]],
+            *("FIXTURES_REQUIRED", "captures", "COST", mark.args[0] if mark else 3),
+        )
+    yield entry(
+        "system.captures.are_well_formed_to_a_second_dissector",
+        [sys.executable, "-m", "lab.dissect", captures],
+        *("FIXTURES_CLEANUP", "captures"),
+    )
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    for option in ("output", "bonjour", "device", "build"):
+        parser.add_argument(f"--{option}", type=pathlib.Path, required=True)
+    options = parser.parse_args()
+    collector = Collector()
+    arguments = ["--collect-only", "-qq", "-p", "no:cacheprovider", "--no-header", str(HERE)]
+    status = pytest.main(arguments, plugins=[collector])
+    if status != 0 or not collector.items:
+        sys.exit("the system tests could not be listed")
+    options.output.write_text("".join(entries(collector.items, options)))
+
+
+if __name__ == "__main__":
+    main()
