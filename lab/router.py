@@ -70,6 +70,10 @@ class Router:
 
     # Printers
 
+    def printer(self, port):
+        """The Printer that is plugged in at `port`."""
+        return self._printers[port]
+
     def plug_in(self, port, manufacturer="HP", model="Model 12", commands="PJL,PCL", **lines):
         """Adds a printer's record to the status file, in one step; for `lines` see Printer."""
         self._printers[port] = Printer(port, manufacturer, model, commands, **lines)

@@ -39,6 +39,24 @@ class Journal:
         with self._changed:
             return self._items[since:]
 
+    def follow(self, take):
+        """Gives every item to `take`, those so far now and later ones as they come, until the
+        journal is closed. A thread of its own does so."""
+
+        def run():
+            position = 0
+            while True:
+                with self._changed:
+                    self._changed.wait_for(lambda: self._closed or position < len(self._items))
+                    fresh = self._items[position:]
+                for item in fresh:
+                    take(item)
+                position += len(fresh)
+                if not fresh:
+                    return
+
+        threading.Thread(target=run, daemon=True).start()
+
     def wait(self, wanted, count, since, bound, what):
         """The first `count` items from index `since` on for which `wanted(item)` holds.
 

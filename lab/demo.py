@@ -1,0 +1,242 @@
+"""The demonstration behind ./demo: the daemon's main job as a story, timed by its packets."""
+
+import argparse
+import os
+import pathlib
+import re
+import signal
+import sys
+import textwrap
+import time
+
+from lab import Lab
+from lab.browser import IPP, RAW, Browser
+from lab.lab import TRANSMISSIONS
+
+MODEL = "T5140"
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+SERVICES = {RAW: "raw printing", IPP: "IPP"}
+
+_colours = sys.stdout.isatty() and "NO_COLOR" not in os.environ
+
+
+def _styled(code, text):
+    return f"\x1b[{code}m{text}\x1b[0m" if _colours else text
+
+
+def _title(text):
+    print(f"\n{_styled('1', text)}", flush=True)
+
+
+def _told(seconds, text):
+    print(f"  {_styled('36', f'{seconds * 1000:6.0f} ms')}  {text}", flush=True)
+
+
+def _table(head, rows):
+    widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
+
+    def line(row):
+        return "             " + "   ".join(map(str.ljust, row, widths)).rstrip()
+
+    print(f"\n{_styled('1', line(head))}")
+    print(line(["─" * width for width in widths]))
+    print("\n".join(map(line, rows)), end="\n\n", flush=True)
+
+
+def _is_response(packet):
+    return not packet.is_query
+
+
+def _is_goodbye(packet):
+    return _is_response(packet) and all(record.ttl == 0 for record in packet.message.answers)
+
+
+def _tells_of(rrtype):
+    return lambda packet: any(record.name == rrtype for record in packet.message.answers)
+
+
+class Demo:
+    """Each step counts its milliseconds from what sets it off: the daemon's start, a change of
+    the printer status file, a question on the link, the signal to stop."""
+
+    def __init__(self, lab):
+        self.lab = lab
+        self.router = lab.router
+        self.host = None
+        self.browser = None
+
+    def start_router(self):
+        _title("The router starts and claims a name on the link")
+        start, mark = time.time(), self.lab.capture.mark()
+        daemon = self.router.start(MODEL, fast=False, ready=False)
+        probes = self.lab.wait_for_packet(lambda packet: packet.is_query, mark, TRANSMISSIONS)
+        wanted = probes[0].message.questions[0].name
+        for probe, text in zip(probes, (f"it asks who has the name {wanted}", "again", "again")):
+            _told(probe.time - start, text)
+        settled = daemon.wait_for_line(re.compile(r"\[Bonjour\] default device name = .*"))
+        _told(settled.time - start, f"nobody objected: {daemon.device_name}.local is its name")
+        self.router.wait_for_banner()
+
+    def plug_in(self, port, manufacturer, model, commands):
+        _title(f"A printer is plugged in: {manufacturer} {model}")
+        start, mark = time.time(), self.lab.capture.mark()
+        self.router.plug_in(port, manufacturer, model, commands)
+        for rrtype, service in SERVICES.items():
+            announced = self.lab.wait_for_packet(
+                lambda packet: _is_response(packet) and _tells_of(rrtype)(packet),
+                mark,
+                TRANSMISSIONS,
+            )
+            times = ", ".join(f"{(packet.time - start) * 1000:.0f}" for packet in announced)
+            _told(announced[0].time - start, f"{service} is announced to all hosts (at {times} ms)")
+
+    def list_printers(self, count):
+        _title("A new host on the link looks for printers")
+        self.host = self.lab.add_host()
+        self.browser = Browser(self.host)
+        for rrtype, service in reversed(SERVICES.items()):
+            self._ask(rrtype, "PTR", f"who offers {service}?", _tells_of(rrtype))
+        self._hear(
+            lambda: len(self.browser.services) == count * len(SERVICES)
+            and all(service.attributes for service in self.browser.services),
+            "the printers' services",
+        )
+        self._show_services()
+
+    def ask_for_router(self):
+        name = f"{self.router.daemon.device_name}.local"
+        _title("The host asks for the router's address")
+        self._ask(name, "A", f"what is the address of {name}?", _tells_of(name))
+        self._hear(lambda: self.browser.address_of(name), "the address")
+        print(f"             {name} is {self.browser.address_of(name)}", flush=True)
+
+    def pull_out(self, port):
+        gone = self.router.printer(port)
+        _title(f"A printer is pulled out: {gone.manufacturer} {gone.model}")
+        left = len(self.browser.services) - len(SERVICES)
+        start, mark = time.time(), self.lab.capture.mark()
+        self.router.pull_out(port)
+        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
+        _told(goodbyes[0].time - start, "the router says goodbye for its services")
+        self._hear(lambda: len(self.browser.services) == left, "the goodbyes")
+        print("             the host's list is now:")
+        self._show_services()
+
+    def stop_router(self):
+        _title("The router stops")
+        start, mark = time.time(), self.lab.capture.mark()
+        self.router.stop(fast=False)
+        ended = time.time()
+        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
+        _told(goodbyes[0].time - start, "it says goodbye for every printer left")
+        _told(ended - start, "it ends, exit status 0")
+        self._hear(lambda: not self.browser.services, "the goodbyes")
+        print("             the host's list is empty", flush=True)
+
+    def _ask(self, name, rrtype, text, answers):
+        mark = self.lab.capture.mark()
+        self.browser.ask(name, rrtype)
+        asked = self.lab.capture.wait_for(lambda packet: packet.is_query, since=mark)[0]
+        answer = self.lab.wait_for_packet(
+            lambda packet: _is_response(packet) and answers(packet), mark
+        )[0]
+        _told(answer.time - asked.time, f"answered: {text}")
+
+    def _hear(self, until, what):
+        if not self.browser.listen(until, bound=5.0):
+            raise RuntimeError(f"the host did not hear {what}")
+
+    def _show_services(self):
+        rows = [
+            [
+                service.name,
+                SERVICES[service.type],
+                service.address,
+                str(service.port),
+                service.attributes["usb_MFG"],
+                service.attributes["ty"],
+            ]
+            for service in self.browser.services
+        ]
+        _table(["Printer", "Service", "Address", "Port", "Make", "Model"], rows)
+
+
+def _how_to_look_in(demo):
+    router, host = demo.router, demo.host
+    python = f"env PYTHONPATH={ROOT} /usr/bin/python3"
+    text = f"""
+        The lab stands. From another terminal, as root:
+
+        # what the router's kernel says of its printers; each change is noticed within a second
+        cat {router.status_file.path}
+        : > {router.status_file.path}
+
+        # a shell on the router, and one on the host
+        nsenter --mount=/proc/{router.sandbox.pid}/ns/mnt --net={router.network.path} bash
+        nsenter --net={host.network.path} bash
+
+        # questions from the host
+        nsenter --net={host.network.path} {python} -m lab.ask {IPP}
+        nsenter --net={host.network.path} {python} -m lab.ask {router.daemon.device_name}.local A
+
+        # every packet on the link
+        nsenter --net={demo.lab.link.network.path} tcpdump -ni switch udp port 5353
+
+        # stop the router's daemon
+        kill {router.daemon.pid}
+
+        The daemon's lines so far, and from now on as they come. Enter or Ctrl-C takes all down.
+    """
+    return textwrap.dedent(text)
+
+
+def _stand(demo):
+    print(_how_to_look_in(demo))
+    daemon = demo.router.daemon
+    daemon.lines.follow(lambda line: print(f"  | {line.text}", flush=True))
+    try:
+        input()
+    except EOFError:  # nobody at the terminal: until a signal
+        signal.pause()
+
+
+def _story(lab, keep):
+    demo = Demo(lab)
+    demo.start_router()
+    demo.plug_in(0, "Hewlett-Packard", "LaserJet 1018", "ZJS,PJL")
+    demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
+    demo.list_printers(2)
+    demo.ask_for_router()
+    if keep:
+        _stand(demo)
+    else:
+        demo.pull_out(0)
+        demo.stop_router()
+
+
+def _end_on_signal(number, _):
+    sys.exit(128 + number)
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="demo", description="Shows the daemon's main job.")
+    parser.add_argument(
+        "--keep", action="store_true", help="leave the lab standing until Enter or Ctrl-C"
+    )
+    options = parser.parse_args()
+    signal.signal(signal.SIGTERM, _end_on_signal)
+    signal.signal(signal.SIGHUP, _end_on_signal)
+    begun = time.monotonic()
+    try:
+        with Lab() as lab:
+            _story(lab, options.keep)
+    except KeyboardInterrupt:
+        print()
+        return 0 if options.keep else 130
+    if not options.keep:
+        print(f"\nThat was all, in {time.monotonic() - begun:.1f} s. ./demo --keep stays to explore.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
