@@ -29,14 +29,14 @@ def _title(text):
 
 
 def _told(seconds, text):
-    print(f"  {_styled('36', f'{seconds * 1000:6.0f} ms')}  {text}", flush=True)
+    print(f"  {_styled('36', f'{seconds * 1000:7.1f} ms')}  {text}", flush=True)
 
 
 def _table(head, rows):
     widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
 
     def line(row):
-        return "             " + "   ".join(map(str.ljust, row, widths)).rstrip()
+        return "              " + "   ".join(map(str.ljust, row, widths)).rstrip()
 
     print(f"\n{_styled('1', line(head))}")
     print(line(["─" * width for width in widths]))
@@ -108,7 +108,7 @@ class Demo:
         _title("The host asks for the router's address")
         self._ask(name, "A", f"what is the address of {name}?", _tells_of(name))
         self._hear(lambda: self.browser.address_of(name), "the address")
-        print(f"             {name} is {self.browser.address_of(name)}", flush=True)
+        print(f"              {name} is {self.browser.address_of(name)}", flush=True)
 
     def pull_out(self, port):
         gone = self.router.printer(port)
@@ -116,10 +116,10 @@ class Demo:
         left = len(self.browser.services) - len(SERVICES)
         start, mark = time.time(), self.lab.capture.mark()
         self.router.pull_out(port)
-        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
+        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES) * TRANSMISSIONS)
         _told(goodbyes[0].time - start, "the router says goodbye for its services")
         self._hear(lambda: len(self.browser.services) == left, "the goodbyes")
-        print("             the host's list is now:")
+        print("              the host's list is now:")
         self._show_services()
 
     def stop_router(self):
@@ -131,7 +131,7 @@ class Demo:
         _told(goodbyes[0].time - start, "it says goodbye for every printer left")
         _told(ended - start, "it ends, exit status 0")
         self._hear(lambda: not self.browser.services, "the goodbyes")
-        print("             the host's list is empty", flush=True)
+        print("              the host's list is empty", flush=True)
 
     def _ask(self, name, rrtype, text, answers):
         mark = self.lab.capture.mark()

@@ -44,7 +44,7 @@ def entries(items, options):
     ]
 
     def entry(name, command, *properties):
-        common = ["LABELS", "system", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
+        common = ["LABELS", f"system;{options.build.name}", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
         words = [*common, *properties, "ENVIRONMENT", ";".join(environment)]
         return (
             f"add_test({quoted([name, *command])})\n"
