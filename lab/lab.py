@@ -2,6 +2,7 @@
 
 import collections
 import contextlib
+import re
 
 from lab import packets
 from lab.capture import MDNS_PORT, Capture
@@ -19,6 +20,8 @@ _BYSTANDER = "192.168.77.250"
 # be slewed against the daemon's: hence the millisecond.
 TRANSMISSIONS = 3
 SHORTEST_GAP = 0.249
+
+_MARKER_LINE = re.compile(rf"\[Bonjour\] answer\(.*\) query target from {_BYSTANDER} \(\d+\)")
 
 
 class Lab:
@@ -119,25 +122,23 @@ class Lab:
 
         The daemon deals with one datagram after the other. So a question of the bystander's, sent
         now, is answered when every earlier datagram has been dealt with; its own answer is not
-        among the result.
+        among the result. The log tells how many answers to wait for.
         """
         daemon = self.router.daemon
         marker = packets.query((f"{daemon.device_name}.local", "A"))
         self.bystander.send(marker)
-        daemon.wait_for_line(
-            f"[Bonjour] answer({self.router.address}) query target from {_BYSTANDER} "
-            f"({len(marker)})",
-            since=lines,
-        )
+        daemon.wait_for_line(_MARKER_LINE, since=lines)
+        texts = daemon.texts(since=lines)
+        answered = sum(text.startswith("[Bonjour] answer(") for text in texts)
+        answered -= texts.count("[MDNS_Answer] UpdateHostIP error")
         whole = collections.Counter()
 
         def completes_all(packet):
             if self.from_router(packet):
                 whole[packet.payload] += 1
-            return marked() and all(count % TRANSMISSIONS == 0 for count in whole.values())
-
-        def marked():
-            return any(_answers_marker(payload, daemon.device_name) for payload in whole)
+            return whole.total() == answered * TRANSMISSIONS and all(
+                count % TRANSMISSIONS == 0 for count in whole.values()
+            )
 
         self.capture.wait_for(completes_all, since=since, what="all transmissions of each answer")
         result = []

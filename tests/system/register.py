@@ -26,13 +26,14 @@ def quoted(words):
 
 
 def test_name(item):
-    """For instance system.probing.conflict_gives_the_name_a_suffix."""
+    """For instance "system/probing: a conflict gives the name a suffix"."""
     module = item.module.__name__.removeprefix("test_")
-    return f"system.{module}.{item.name.removeprefix('test_')}"
+    return f"system/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
 
 
 def entries(items, options):
     captures = options.build / "lab-captures"
+    fixture = f"captures-{options.build.name}"
     environment = [
         f"BONJOUR={options.bonjour}",
         f"BONJOUR_USBLP_DEVICE={options.device}",
@@ -44,7 +45,7 @@ def entries(items, options):
     ]
 
     def entry(name, command, *properties):
-        common = ["LABELS", f"system;{options.build.name}", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
+        common = ["LABELS", "system", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
         words = [*common, *properties, "ENVIRONMENT", ";".join(environment)]
         return (
             f"add_test({quoted([name, *command])})\n"
@@ -52,21 +53,21 @@ def entries(items, options):
         )
 
     yield entry(
-        "system.captures.start_afresh",
+        "system/captures: start afresh",
         ["cmake", "-E", "rm", "-rf", captures],
-        *("FIXTURES_SETUP", "captures"),
+        *("FIXTURES_SETUP", fixture),
     )
     for item in items:
         mark = item.get_closest_marker("seconds")
         yield entry(
             test_name(item),
             [*PYTEST, item.nodeid.rpartition("/")[2]],
-            *("FIXTURES_REQUIRED", "captures", "COST", mark.args[0] if mark else 3),
+            *("FIXTURES_REQUIRED", fixture, "COST", mark.args[0] if mark else 3),
         )
     yield entry(
-        "system.captures.are_well_formed_to_a_second_dissector",
+        "system/captures: are well-formed to a second dissector",
         [sys.executable, "-m", "lab.dissect", captures],
-        *("FIXTURES_CLEANUP", "captures"),
+        *("FIXTURES_CLEANUP", fixture),
     )
 
 
