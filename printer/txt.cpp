@@ -106,7 +106,7 @@ std::string_view PriorityLine(int32_t kind, bool isHp) {
     case PRINTER_KIND_LPD:
       return "priority=30";
     default:
-      return {};
+      return "";
   }
 }
 
