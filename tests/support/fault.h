@@ -1,0 +1,58 @@
+// Faults and recordings of libc calls that the linker leads through tests/support/wrap_<call>.cpp;
+// a test names the calls it wants so under WRAPS. Until armed, each wrapped call is the real one.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <ctime>
+#include <vector>
+
+/// A call that fails once when its turn comes.
+class Fault {
+ public:
+  /// The `n`th call from here on fails; 1 is the next.
+  void FailCall(int n) { left = n; }
+  /// True once the armed call has failed: a test whose fault was never reached has shown nothing.
+  bool HasStruck() const { return struck; }
+  /// For the wrapped call: whether this one is to fail.
+  bool Strikes() {
+    if (left.load() <= 0 || left.fetch_sub(1) != 1) return false;
+    struck = true;
+    return true;
+  }
+
+ private:
+  std::atomic<int> left{0};
+  std::atomic<bool> struck{false};
+};
+
+/// WRAPS calloc: the call returns null with ENOMEM.
+extern Fault callocFault;
+/// WRAPS malloc: likewise.
+extern Fault mallocFault;
+/// WRAPS pthread_create: the call returns EAGAIN.
+extern Fault threadFault;
+/// WRAPS socket: the call returns -1 with EMFILE.
+extern Fault socketFault;
+/// WRAPS setsockopt: the call returns -1 with EPERM.
+extern Fault setsockoptFault;
+
+/// WRAPS pthread_create: the threads that were started through it.
+struct ThreadAttributes {
+  int detachState;
+  size_t stackSize;
+};
+/// The attributes of each, in the order of creation; taken while no thread is being created.
+std::vector<ThreadAttributes> StartedThreads();
+/// Waits until as many threads have ended. Returns false after ten seconds.
+bool WaitForEndedThreads(size_t count);
+
+/// WRAPS usleep, sleep: what the code under test does when it pauses. While a function is set it is
+/// called with the microseconds or the seconds and there is no pause; null means the real call.
+extern std::atomic<void (*)(unsigned microseconds)> onUsleep;
+extern std::atomic<void (*)(unsigned seconds)> onSleep;
+
+/// WRAPS clock_gettime: the seconds that CLOCK_MONOTONIC shows, below 0 for the real ones.
+extern std::atomic<time_t> monotonicSeconds;

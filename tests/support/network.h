@@ -1,0 +1,63 @@
+// A network of the test's own: nothing that happens in it is seen outside, and it is gone with the
+// test's process.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "mdns/descriptor.h"
+#include "support/bytes.h"
+
+/// Moves the calling thread, and the threads it starts, into a new network namespace whose loopback
+/// interface is up. Ends the process when that can't be done.
+void EnterOwnNetwork();
+
+/// Makes a bridge without an address; it is down.
+void AddBridge(const char* name);
+/// Takes a bridge away; it must be down.
+void RemoveBridge(const char* name);
+/// Gives the interface an IPv4 address in dotted form, with a netmask of 24 bits.
+void SetAddress(const char* name, const char* address);
+/// Sets the interface up or down.
+void SetUp(const char* name, bool up);
+
+/// The IPv4 socket address of a dotted address and a port.
+sockaddr_in Address(const char* dotted, uint16_t port);
+
+/// A UDP socket bound to the address, with a free port when `port` is 0.
+class UdpSocket {
+ public:
+  explicit UdpSocket(const char* dotted, uint16_t port = 0);
+  int Get() const { return descriptor.Get(); }
+  /// Where it is bound.
+  sockaddr_in Name() const;
+  /// Receives give up after this long.
+  void SetReceiveTimeout(int milliseconds) const;
+  void Send(std::span<const uint8_t> bytes, const sockaddr_in& destination) const;
+  /// The next datagram, or nothing when none came within ten seconds.
+  std::optional<Bytes> Receive() const;
+  /// True when no datagram waits.
+  bool IsDry() const;
+
+ private:
+  Descriptor descriptor;
+};
+
+/// The far end of a wire that is plugged into a bridge.
+class OtherHost {
+ public:
+  /// Makes a port on the bridge.
+  explicit OtherHost(const char* bridge);
+  /// Puts a UDP datagram to the multicast DNS group and port on the wire, as another host would.
+  void SendMulticast(const char* source, std::span<const uint8_t> payload) const;
+  /// The UDP payload of the next multicast DNS packet from the bridge, or nothing after ten
+  /// seconds.
+  std::optional<Bytes> ReceiveMulticast() const;
+
+ private:
+  Descriptor tap;
+};

@@ -1,0 +1,29 @@
+// Takes the place of the packet sender: every packet that is handed over is kept.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "support/bytes.h"
+
+struct SentPacket {
+  Bytes bytes;  ///< as many as the sender would copy
+  int32_t length;
+  int32_t socket;
+  sockaddr_in destination;
+};
+
+/// The packets so far, in their order. Any thread.
+std::vector<SentPacket> SentPackets();
+
+/// Waits until `count` packets have been handed over. Returns false after ten seconds.
+bool WaitForSentPackets(size_t count);
+
+/// Forgets the packets so far.
+void ForgetSentPackets();
+
+/// Called on the sending thread for each packet, behind its recording. Set while nobody sends.
+extern std::function<void()> onSendPacket;
