@@ -385,9 +385,9 @@ TEST(EncodeRecord, FieldsWithoutTerminatorAreReadToTheirEnd) {
   memset(record.rdata, 'r', sizeof(record.rdata));
   record.type = 16;
   Bytes buffer(1400);
-  // 196 characters: three labels of 64, two dropped between them, and two characters dropped or
-  // not. 1024 characters: seven strings of 128 with one dropped behind each, then one of 121.
-  EXPECT_EQ(EncodeRecord(buffer.data(), 1400, 0, record, 0), 196 + 10 + 7 * 129 + 122);
+  // 196 characters: three labels of 64 with one dropped behind each, one of 1, the root. 1024
+  // characters: seven strings of 128 with one dropped behind each, one of 121.
+  EXPECT_EQ(EncodeRecord(buffer.data(), 1400, 0, record, 0), 198 + 10 + 7 * 129 + 122);
 }
 
 TEST(WireFormat, NamesTheHeadersFieldsAndTheTypes) {

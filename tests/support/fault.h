@@ -13,7 +13,10 @@
 class Fault {
  public:
   /// The `n`th call from here on fails; 1 is the next.
-  void FailCall(int n) { left = n; }
+  void FailCall(int n) {
+    struck = false;
+    left = n;
+  }
   /// True once the armed call has failed: a test whose fault was never reached has shown nothing.
   bool HasStruck() const { return struck; }
   /// For the wrapped call: whether this one is to fail.
@@ -46,6 +49,8 @@ struct ThreadAttributes {
 };
 /// The attributes of each, in the order of creation; taken while no thread is being created.
 std::vector<ThreadAttributes> StartedThreads();
+/// Starts counting anew. No thread is running.
+void ForgetThreads();
 /// Waits until as many threads have ended. Returns false after ten seconds.
 bool WaitForEndedThreads(size_t count);
 

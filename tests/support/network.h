@@ -16,6 +16,11 @@
 /// interface is up. Ends the process when that can't be done.
 void EnterOwnNetwork();
 
+/// A member of a fixture that enters an own network before the members behind it are made.
+struct OwnNetwork {
+  OwnNetwork() { EnterOwnNetwork(); }
+};
+
 /// Makes a bridge without an address; it is down.
 void AddBridge(const char* name);
 /// Takes a bridge away; it must be down.

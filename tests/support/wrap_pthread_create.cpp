@@ -38,6 +38,12 @@ std::vector<ThreadAttributes> StartedThreads() {
   return started;
 }
 
+void ForgetThreads() {
+  const std::lock_guard lock(mutex);
+  started.clear();
+  endedCount = 0;
+}
+
 bool WaitForEndedThreads(size_t count) {
   std::unique_lock lock(mutex);
   return ended.wait_for(lock, std::chrono::seconds(10), [&] { return endedCount >= count; });

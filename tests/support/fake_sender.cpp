@@ -1,4 +1,4 @@
-#include "support/sender.h"
+#include "support/fake_sender.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,0 +1,275 @@
+#include "records/sender.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "support/bytes.h"
+#include "support/fault.h"
+#include "support/network.h"
+#include "support/output.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#else
+#define __lsan_disable()
+#define __lsan_enable()
+#endif
+
+namespace {
+
+using testing::ElementsAre;
+using testing::Optional;
+
+const sockaddr_in kDestination = Address("224.0.0.251", 5353);
+
+Bytes Numbered(size_t count) {
+  Bytes bytes(count);
+  for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(i % 251 + 1);
+  return bytes;
+}
+
+TEST(FillSendJob, CopiesThePacketAndZerosTheRest) {
+  SendJob job;
+  memset(&job, 0xEE, sizeof(job));
+  const Bytes packet = Wire("01 02 03");
+  FillSendJob(job, packet.data(), 3, 7, kDestination);
+  EXPECT_EQ(Hex(job.data), WireHex("01 02 03 1517*00"));
+  EXPECT_EQ(job.length, 3);
+  EXPECT_EQ(job.socket, 7);
+  EXPECT_EQ(ntohs(job.destination.sin_port), 5353);
+  EXPECT_STREQ(inet_ntoa(job.destination.sin_addr), "224.0.0.251");
+  EXPECT_EQ(job.destination.sin_family, AF_INET);
+}
+
+struct CopyRow {
+  int32_t length;
+  size_t read;    // bytes that the packet must hold
+  size_t copied;  // bytes of the packet in the job
+  size_t sent;
+};
+
+class LengthTest : public testing::TestWithParam<CopyRow> {};
+
+INSTANTIATE_TEST_SUITE_P(Lengths, LengthTest,
+                         testing::ValuesIn(std::initializer_list<CopyRow>{
+                             {1, 1, 1, 1},
+                             {1517, 1517, 1517, 1517},
+                             {1518, 1518, 1518, 1518},
+                             {1519, 1518, 1518, 1519},
+                             {1520, 1518, 1518, 1520},
+                             {1521, 1518, 1518, 1520},
+                             {4554, 1518, 1518, 1520},
+                             {9000, 1518, 1518, 1520},
+                         }),
+                         [](const auto& row) { return std::to_string(row.param.length); });
+
+TEST_P(LengthTest, CopiesAtMost1518BytesAndSendsAtMost1520) {
+  const CopyRow& row = GetParam();
+  ExactBytes packet(Numbered(row.read));
+  SendJob job;
+  memset(&job, 0xEE, sizeof(job));
+  FillSendJob(job, packet.Data(), row.length, 7, kDestination);
+  Bytes expected = Numbered(row.copied);
+  expected.resize(1520);
+  EXPECT_EQ(Hex(job.data), Hex(expected));
+  EXPECT_EQ(job.length, row.length);
+  EXPECT_EQ(BytesToSend(job), row.sent);
+}
+
+std::mutex pauseMutex;
+std::vector<unsigned> pauses;
+
+void RecordPause(unsigned microseconds) {
+  const std::lock_guard lock(pauseMutex);
+  pauses.push_back(microseconds);
+}
+
+std::vector<unsigned> Pauses() {
+  const std::lock_guard lock(pauseMutex);
+  return pauses;
+}
+
+class SendingTest : public testing::Test {
+ protected:
+  SendingTest() {
+    ForgetThreads();
+    pauses.clear();
+    onUsleep = RecordPause;
+  }
+  // The sockets stay open until the last sender has gone.
+  ~SendingTest() override {
+    WaitForEndedThreads(StartedThreads().size());
+    onUsleep = nullptr;
+  }
+
+  const OwnNetwork network;
+  const UdpSocket source{"127.0.0.1"};
+  const UdpSocket sink{"127.0.0.2"};
+};
+
+TEST_F(SendingTest, SendsThreeTimesWithAPauseBehindEach) {
+  const Bytes packet = Wire("01 02 03");
+  SendPacket(packet.data(), 3, source.Get(), sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(packet));
+  EXPECT_TRUE(sink.IsDry());
+  EXPECT_THAT(Pauses(), ElementsAre(250000, 250000, 250000));
+}
+
+TEST_F(SendingTest, EachTransmissionComesBeforeItsPause) {
+  static int sinkDescriptor;
+  static std::vector<int> waiting;
+  waiting.clear();
+  sinkDescriptor = sink.Get();
+  onUsleep = [](unsigned) {
+    char byte;
+    int count = 0;
+    while (recv(sinkDescriptor, &byte, 1, MSG_DONTWAIT) == 1) ++count;
+    waiting.push_back(count);
+  };
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  EXPECT_THAT(waiting, ElementsAre(1, 1, 1));
+}
+
+TEST_F(SendingTest, SenderIsDetachedAndHasASmallStack) {
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  ASSERT_EQ(StartedThreads().size(), 1u);
+  EXPECT_EQ(StartedThreads()[0].detachState, PTHREAD_CREATE_DETACHED);
+  EXPECT_EQ(StartedThreads()[0].stackSize, 65536u);
+}
+
+TEST_F(SendingTest, CallerMayOverwriteThePacketAtOnce) {
+  const Bytes original = Wire("01 02 03");
+  Bytes packet = original;
+  SendPacket(packet.data(), 3, source.Get(), sink.Name());
+  packet.assign(3, 0xEE);
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(original));
+}
+
+TEST_F(SendingTest, LongestPacketGoesOutWhole) {
+  const Bytes packet = Numbered(1518);
+  SendPacket(packet.data(), 1518, source.Get(), sink.Name());
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(packet));
+}
+
+TEST_F(SendingTest, OneByteMoreGoesOutAsAZero) {
+  SendPacket(ExactBytes(Numbered(1518)).Data(), 1519, source.Get(), sink.Name());
+  Bytes expected = Numbered(1518);
+  expected.push_back(0);
+  EXPECT_THAT(sink.Receive(), Optional(expected));
+}
+
+TEST_F(SendingTest, TwoBytesMoreGoOutAsZeros) {
+  SendPacket(ExactBytes(Numbered(1518)).Data(), 1520, source.Get(), sink.Name());
+  Bytes expected = Numbered(1518);
+  expected.resize(1520);
+  EXPECT_THAT(sink.Receive(), Optional(expected));
+}
+
+TEST_F(SendingTest, NoMoreIsSentThanAJobHolds) {
+  SendPacket(ExactBytes(Numbered(1518)).Data(), 4554, source.Get(), sink.Name());
+  Bytes expected = Numbered(1518);
+  expected.resize(1520);
+  EXPECT_THAT(sink.Receive(), Optional(expected));
+}
+
+class NothingToSendTest : public SendingTest, public testing::WithParamInterface<int32_t> {};
+
+INSTANTIATE_TEST_SUITE_P(Lengths, NothingToSendTest, testing::Values(0, -1, INT32_MIN));
+
+TEST_P(NothingToSendTest, StartsNoThreadAndSaysNothing) {
+  CapturedOutput output;
+  SendPacket(nullptr, GetParam(), source.Get(), sink.Name());
+  EXPECT_EQ(StartedThreads().size(), 0u);
+  EXPECT_EQ(output.Stdout() + output.Stderr(), "");
+}
+
+TEST_F(SendingTest, FailedTransmissionEndsTheJobWithOneLine) {
+  CapturedOutput output;
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, -1, sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  EXPECT_EQ(output.Stderr(), "[Bonjour] send packet error: Bad file descriptor\n");
+  EXPECT_EQ(output.Stdout(), "");
+  EXPECT_THAT(Pauses(), ElementsAre());
+}
+
+TEST_F(SendingTest, FailureAfterTheFirstTransmissionDropsTheRest) {
+  static int descriptor;
+  descriptor = dup(source.Get());
+  onUsleep = [](unsigned microseconds) {
+    RecordPause(microseconds);
+    close(descriptor);
+  };
+  CapturedOutput output;
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, descriptor, sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  EXPECT_EQ(output.Stderr(), "[Bonjour] send packet error: Bad file descriptor\n");
+  EXPECT_THAT(sink.Receive(), Optional(packet));
+  EXPECT_TRUE(sink.IsDry());
+  EXPECT_THAT(Pauses(), ElementsAre(250000));
+}
+
+TEST_F(SendingTest, WithoutMemoryNothingIsSentOrSaid) {
+  CapturedOutput output;
+  const Bytes packet = Wire("01");
+  const sockaddr_in destination = sink.Name();
+  mallocFault.FailCall(1);
+  SendPacket(packet.data(), 1, source.Get(), destination);
+  EXPECT_TRUE(mallocFault.HasStruck());
+  EXPECT_EQ(output.Stdout() + output.Stderr(), "");
+  EXPECT_EQ(StartedThreads().size(), 0u);
+  EXPECT_TRUE(sink.IsDry());
+}
+
+TEST_F(SendingTest, WithoutAThreadThePacketIsDroppedWithALine) {
+  CapturedOutput output;
+  const Bytes packet = Wire("01");
+  threadFault.FailCall(1);
+  // The job that no sender took over is left behind on purpose.
+  __lsan_disable();
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  __lsan_enable();
+  EXPECT_TRUE(threadFault.HasStruck());
+  EXPECT_EQ(output.Stderr(), "[Bonjour] pthread_create: Resource temporarily unavailable\n");
+  EXPECT_EQ(output.Stdout(), "");
+  EXPECT_TRUE(sink.IsDry());
+}
+
+TEST_F(SendingTest, ManySendersShareOneSocket) {
+  constexpr int kCallers = 4;
+  constexpr int kPacketsEach = 8;
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < kCallers; ++caller) {
+    callers.emplace_back([&, caller] {
+      for (int i = 0; i < kPacketsEach; ++i) {
+        const Bytes packet(40, static_cast<uint8_t>(caller * kPacketsEach + i));
+        SendPacket(packet.data(), 40, source.Get(), sink.Name());
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+
+  std::map<Bytes, int> seen;
+  for (int i = 0; i < 3 * kCallers * kPacketsEach; ++i) {
+    const std::optional<Bytes> packet = sink.Receive();
+    ASSERT_TRUE(packet.has_value());
+    ++seen[*packet];
+  }
+  EXPECT_EQ(seen.size(), size_t{kCallers * kPacketsEach});
+  for (const auto& [packet, count] : seen) EXPECT_EQ(count, 3) << Hex(packet);
+  ASSERT_TRUE(WaitForEndedThreads(size_t{kCallers * kPacketsEach}));
+  EXPECT_TRUE(sink.IsDry());
+}
+
+}  // namespace
