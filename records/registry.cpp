@@ -104,7 +104,11 @@ bool IsServiceType(std::string_view type) {
 RegistryLock::RegistryLock() NO_LOCK_ANALYSIS {
   registryUsers.fetch_add(1);
   open = registryClosed.load() == 0;
-  if (open) responderState.registryMutex.Lock();
+  if (!open) return;
+  responderState.registryMutex.Lock();
+  // It may have been closed while this thread waited for the mutex.
+  open = registryClosed.load() == 0;
+  if (!open) responderState.registryMutex.Unlock();
 }
 
 // As above.

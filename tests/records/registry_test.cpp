@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/fault.h"
-#include "support/output.h"
+#include "tests/support/fault.h"
+#include "tests/support/output.h"
 
 namespace {
 
@@ -248,6 +248,20 @@ TEST(RegistryEndTest, ClosedRegistryTakesNoEntry) {
   EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("late"), 0u); }),
             "[Bonjour] this service: late _ipp._tcp .local is not registered\n");
   EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+}
+
+TEST(RegistryEndTest, ClosingWhileAnAdderWaitsForTheMutexTurnsItAway) {
+  onNextLock = [] {
+    // The look for a duplicate is over when the adder comes to this lock.
+    onNextLock = [] {
+      ServiceEntry copy;
+      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+    };
+  };
+  EXPECT_EQ(Add("late"), 0u);
+  EXPECT_EQ(onNextLock.load(), nullptr);
+  EXPECT_THAT(Names(), ElementsAre());
+  DestroyRegistry();
 }
 
 TEST(RegistryEndTest, LateUsersLeaveADestroyedMutexAlone) {

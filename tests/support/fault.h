@@ -59,5 +59,8 @@ bool WaitForEndedThreads(size_t count);
 extern std::atomic<void (*)(unsigned microseconds)> onUsleep;
 extern std::atomic<void (*)(unsigned seconds)> onSleep;
 
+/// WRAPS pthread_mutex_lock: called once, before the next lock is waited for.
+extern std::atomic<void (*)()> onNextLock;
+
 /// WRAPS clock_gettime: the seconds that CLOCK_MONOTONIC shows, below 0 for the real ones.
 extern std::atomic<time_t> monotonicSeconds;
