@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "support/bytes.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

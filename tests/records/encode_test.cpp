@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "support/bytes.h"
+#include "tests/support/bytes.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "mdns/state.h"
-#include "support/fault.h"
-#include "support/network.h"
-#include "support/output.h"
-#include "support/fake_sender.h"
+#include "tests/support/fake_sender.h"
+#include "tests/support/fault.h"
+#include "tests/support/network.h"
+#include "tests/support/output.h"
 
 namespace {
 

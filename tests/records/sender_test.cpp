@@ -9,10 +9,10 @@
 #include <mutex>
 #include <thread>
 
-#include "support/bytes.h"
-#include "support/fault.h"
-#include "support/network.h"
-#include "support/output.h"
+#include "tests/support/bytes.h"
+#include "tests/support/fault.h"
+#include "tests/support/network.h"
+#include "tests/support/output.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>

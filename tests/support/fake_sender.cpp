@@ -1,4 +1,4 @@
-#include "support/fake_sender.h"
+#include "tests/support/fake_sender.h"
 
 #include <algorithm>
 #include <chrono>

@@ -7,7 +7,7 @@
 #include <functional>
 #include <vector>
 
-#include "support/bytes.h"
+#include "tests/support/bytes.h"
 
 struct SentPacket {
   Bytes bytes;  ///< as many as the sender would copy

@@ -1,4 +1,4 @@
-#include "support/network.h"
+#include "tests/support/network.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

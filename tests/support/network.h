@@ -10,7 +10,7 @@
 #include <string>
 
 #include "mdns/descriptor.h"
-#include "support/bytes.h"
+#include "tests/support/bytes.h"
 
 /// Moves the calling thread, and the threads it starts, into a new network namespace whose loopback
 /// interface is up. Ends the process when that can't be done.

@@ -1,6 +1,6 @@
 #include <ctime>
 
-#include "support/fault.h"
+#include "tests/support/fault.h"
 
 std::atomic<time_t> monotonicSeconds{-1};
 

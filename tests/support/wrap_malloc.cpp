@@ -1,7 +1,7 @@
 #include <cerrno>
 #include <cstddef>
 
-#include "support/fault.h"
+#include "tests/support/fault.h"
 
 Fault mallocFault;
 

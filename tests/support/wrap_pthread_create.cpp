@@ -6,7 +6,7 @@
 #include <memory>
 #include <mutex>
 
-#include "support/fault.h"
+#include "tests/support/fault.h"
 
 Fault threadFault;
 

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "support/fault.h"
+#include "tests/support/fault.h"
 
 Fault setsockoptFault;
 

@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include "support/fault.h"
+#include "tests/support/fault.h"
 
 std::atomic<void (*)(unsigned)> onUsleep{nullptr};
 
