@@ -14,6 +14,7 @@ from lab.waiting import PATIENCE, Journal, TimedOut
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
+_POLL = 0.01
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 
 
@@ -104,6 +105,18 @@ class Daemon:
 
     def signal(self, number):
         os.kill(self.pid, number)
+
+    def threads(self):
+        """How many threads it has now."""
+        return len(os.listdir(f"/proc/{self.pid}/task"))
+
+    def wait_until(self, holds, what, bound=10.0):
+        """Waits for a state of the process that no event tells of; raises TimedOut."""
+        deadline = time.monotonic() + bound * PATIENCE
+        while not holds():
+            if time.monotonic() > deadline:
+                raise TimedOut(f"{bound * PATIENCE} s passed without: {what}")
+            time.sleep(_POLL)
 
     @property
     def running(self):

@@ -6,6 +6,8 @@ import pathlib
 import struct
 import subprocess
 
+from lab.openwatch import OpenWatch
+
 STATUS_FILE = "/proc/printer_status"
 _DEVICE_TOOL = "usblp_device"
 
@@ -33,12 +35,22 @@ class StatusFile:
     def __init__(self, sandbox):
         self.path = sandbox.path(STATUS_FILE)
         self._next = self.path.with_name(".printer_status.next")
+        self._opens = OpenWatch()
 
     def replace(self, content):
         """Puts a new file in place of the old one at once: no reader sees a mixture."""
         self._next.unlink(missing_ok=True)
         self._next.write_bytes(_bytes(content))
+        self._opens.watch(self._next)
         os.rename(self._next, self.path)
+
+    def wait_until_read(self):
+        """Waits until somebody has opened the file that the last replace() put there. The next
+        replace() cannot change what that reader reads."""
+        self._opens.wait(what=f"{STATUS_FILE} is opened")
+
+    def close(self):
+        self._opens.close()
 
     def rewrite(self, content):
         """Empties the file and writes it again, as some kernels do; a reader may come between."""

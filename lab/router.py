@@ -149,5 +149,6 @@ class Router:
     def close(self):
         for daemon in self.daemons:
             daemon.kill()
+        self.status_file.close()
         self.sandbox.close()
         self.network.close()

@@ -24,6 +24,7 @@ class Sandbox:
         if self._holder.stdout.readline() != b"ready\n":
             raise RuntimeError("the sandbox could not be laid out; its message is on stderr")
         self.pid = self._holder.pid
+        self._spawned = []
         self._mounts = os.open(f"/proc/{self.pid}/ns/mnt", os.O_RDONLY | os.O_CLOEXEC)
         self._processes = os.open(
             f"/proc/{self.pid}/ns/pid_for_children", os.O_RDONLY | os.O_CLOEXEC
@@ -48,17 +49,22 @@ class Sandbox:
         if environment:
             entering += ["env", *(f"{name}={value}" for name, value in environment.items())]
         with children_in_pid_namespace(self._processes):
-            return subprocess.Popen(
+            started = subprocess.Popen(
                 entering + [str(word) for word in command],
                 pass_fds=passing,
                 start_new_session=True,
                 **options,
             )
+        self._spawned.append(started)
+        return started
 
     def close(self):
         if self._holder.stdin.closed:
             return
         self._holder.stdin.close()
+        # The holder ends when every process in here has ended and was waited for by its parent.
+        for started in self._spawned:
+            started.wait()
         self._holder.wait()
         self._holder.stdout.close()
         os.close(self._mounts)

@@ -11,6 +11,7 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT))
 
+import wire  # noqa: E402
 from lab import Lab  # noqa: E402
 
 FAILURES = pathlib.Path(os.environ.get("BONJOUR_LAB_FAILURES", ROOT / "build/lab-failures"))
@@ -79,3 +80,13 @@ def host(lab):
 def daemon(router):
     """The daemon, started without a model, up, its name settled."""
     return router.start()
+
+
+@pytest.fixture
+def office(lab, router):
+    """The daemon, up, with the printer HP Model 12 at port 0 published and all announced."""
+    router.plug_in(0)
+    started = router.start()
+    for payload in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
+        lab.wait_for_transmissions(payload)
+    return started

@@ -61,7 +61,7 @@ def entries(items, options):
         mark = item.get_closest_marker("seconds")
         yield entry(
             test_name(item),
-            [*PYTEST, item.nodeid.rpartition("/")[2]],
+            [*PYTEST, item.nodeid],
             *("FIXTURES_REQUIRED", fixture, "COST", mark.args[0] if mark else 3),
         )
     yield entry(

@@ -1,0 +1,133 @@
+"""Questions for the host name."""
+
+import socket
+
+import pytest
+import wire
+from lab.packets import hexbytes
+
+HEADER = wire.QUERY_1
+LABEL = "17 'T5140_00-11-22-AA-BB-CC'"
+
+
+def answered(text):
+    return pytest.param(hexbytes(text.partition("|")[2]), id=text.partition("|")[0].strip())
+
+
+def test_a_question_is_answered_with_one_record_sent_three_times(lab, daemon, host):
+    since = lab.capture.mark()
+    host.send(wire.HOST_QUESTION)
+    for packet in lab.wait_for_transmissions(wire.HOST_ANSWER, since):
+        assert (packet.source, packet.source_port) == ("192.168.77.1", 5353)
+        assert (packet.destination, packet.port) == ("224.0.0.251", 5353)
+
+
+def test_answer_is_logged_with_the_asker_and_the_length(lab, daemon, host):
+    host.send(wire.HOST_QUESTION)
+    daemon.wait_for_line("[Bonjour] answer(192.168.77.1) query target from 192.168.77.10 (47)")
+
+
+@pytest.mark.parametrize(
+    "question",
+    [
+        answered(f"lower case | {HEADER} 17 't5140_00-11-22-aa-bb-cc' 05 'local' 00 0001 0001"),
+        answered(f"mixed case | {HEADER} 17 't5140_00-11-22-AA-bb-Cc' 05 'LOCAL' 00 0001 0001"),
+        answered(f"another domain | {HEADER} {LABEL} 05 'house' 00 0001 0001"),
+        answered(f"unicast wanted | {HEADER} {LABEL} 05 'local' 00 0001 8001"),
+        answered(f"another class | {HEADER} {LABEL} 05 'local' 00 0001 0003"),
+        answered(f"high type byte | {HEADER} {LABEL} 05 'local' 00 0101 0001"),
+        answered(f"no domain, type where the name ends | {HEADER} {LABEL} 00 0000000000000001"),
+        answered(f"label cut at a zero | {HEADER} 1A 'T5140_00-11-22-AA-BB-CC' 00 'xy'"
+                 " 05 'local' 00 0001 0001"),
+        answered(f"no questions claimed | {'0000 ' * 6} {LABEL} 05 'local' 00 0001 0001"),
+        answered(f"an ID | 1234 0000 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+        answered(f"second flags byte | 0000 00FF 0001 0000 0000 0000 {LABEL}"
+                 " 05 'local' 00 0001 0001"),
+        answered(f"a question behind | 0000 0000 0002 0000 0000 0000 {LABEL}"
+                 " 05 'local' 00 0001 0001 05 'other' 05 'local' 00 0001 0001"),
+        answered(f"known answer | 0000 0000 0001 0001 0000 0000 {LABEL} 05 'local' 00 0001 0001"
+                 " C00C 0001 0001 00000078 0004 C0A84D01"),
+    ],
+)  # fmt: skip
+def test_question_is_answered(lab, daemon, question):
+    assert lab.ask(question) == [wire.HOST_ANSWER]
+
+
+@pytest.mark.parametrize(
+    "question",
+    [
+        answered(f"ANY | {HEADER} {LABEL} 05 'local' 00 00FF 0001"),
+        answered(f"AAAA | {HEADER} {LABEL} 05 'local' 00 001C 0001"),
+        answered(f"PTR | {HEADER} {LABEL} 05 'local' 00 000C 0001"),
+        answered(f"a letter more | {HEADER} 18 'T5140_00-11-22-AA-BB-CCX' 05 'local' 00 0001 0001"),
+        answered(f"a letter less | {HEADER} 16 'T5140_00-11-22-AA-BB-C' 05 'local' 00 0001 0001"),
+        answered(f"another name | {HEADER} 17 'T5140_00-11-22-AA-BB-CD' 05 'local' 00 0001 0001"),
+        answered(f"zero first | {HEADER} 18 00 'T5140_00-11-22-AA-BB-CC' 05 'local' 00 0001 0001"),
+        answered(f"root | {HEADER} 00 0001 0001"),
+        answered(f"in the second question | 0000 0000 0002 0000 0000 0000 05 'other' 05 'local'"
+                 f" 00 0001 0001 {LABEL} 05 'local' 00 0001 0001"),
+        answered(f"as the second label | {HEADER} 01 'a' {LABEL} 05 'local' 00 0001 0001"),
+        answered(f"recursion desired | 0000 0100 0001 0000 0000 0000 {LABEL}"
+                 " 05 'local' 00 0001 0001"),
+        answered(f"truncated flag | 0000 0200 0001 0000 0000 0000 {LABEL}"
+                 " 05 'local' 00 0001 0001"),
+        answered(f"opcode | 0000 0800 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+        answered(f"response | 0000 8400 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+    ],
+)  # fmt: skip
+def test_question_is_ignored_without_a_line(lab, daemon, question):
+    before = daemon.texts()
+    assert lab.ask(question) == []
+    marker, *others = daemon.texts()[len(before) :]
+    assert others == [] and "192.168.77.250" in marker
+
+
+def test_question_from_an_ephemeral_port_is_answered_by_multicast(lab, daemon, host):
+    assert lab.ask(wire.HOST_QUESTION, port=0) == [wire.HOST_ANSWER]
+    answers = lab.capture.seen(lambda packet: packet.payload == wire.HOST_ANSWER)
+    assert {(packet.destination, packet.port) for packet in answers} == {("224.0.0.251", 5353)}
+
+
+def test_question_sent_to_the_router_alone_is_answered_by_multicast(lab, daemon, host):
+    since, lines = lab.capture.mark(), daemon.mark()
+    host.send(wire.HOST_QUESTION, to=("192.168.77.1", 5353))
+    assert lab.answers(since, lines) == [wire.HOST_ANSWER]
+
+
+def test_every_question_is_answered_again(lab, daemon, host):
+    since, lines = lab.capture.mark(), daemon.mark()
+    for _ in range(3):
+        host.send(wire.HOST_QUESTION)
+    assert lab.answers(since, lines) == [wire.HOST_ANSWER] * 3
+
+
+def test_any_host_on_the_link_is_answered(lab, daemon):
+    for asker in (lab.add_host(), lab.add_host()):
+        assert lab.ask(wire.HOST_QUESTION, host=asker) == [wire.HOST_ANSWER]
+
+
+def test_packet_from_the_own_address_is_ignored(lab, router, daemon):
+    before = daemon.texts()
+    since, lines = lab.capture.mark(), daemon.mark()
+    with router.network.entered(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as own:
+        own.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(router.address))
+        own.sendto(wire.HOST_QUESTION, ("224.0.0.251", 5353))
+    assert lab.answers(since, lines) == []
+    assert len(daemon.texts()) == len(before) + 1
+
+
+@pytest.mark.parametrize("length", [0, 1, 2, 11, 12, 13, 36, 44])
+def test_question_cut_short_does_no_harm(lab, daemon, host, length):
+    host.send(wire.HOST_QUESTION[:length])
+    assert lab.ask(wire.HOST_QUESTION)[-1] == wire.HOST_ANSWER
+
+
+@pytest.mark.parametrize("length", [64, 65, 128, 255])
+def test_first_label_beyond_any_name_does_no_harm(lab, daemon, length):
+    label = bytes([length]) + b"T5140_00-11-22-AA-BB-CC" + bytes(length)
+    assert lab.ask(bytes(12) + label[:200]) == []
+
+
+def test_datagram_of_the_greatest_size_does_no_harm(lab, daemon, host):
+    host.send(b"\x00" * 12 + b"\xff" * 1460)
+    assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]

@@ -1,0 +1,193 @@
+"""The printer status file in every state: missing, unreadable, broken, too long."""
+
+import pytest
+import wire
+from lab.packets import hexbytes
+from lab.printers import Printer
+
+BROWSE_IPP = hexbytes(f"{wire.QUERY_1} {wire.IPP} 000C 0001")
+CANNOT_OPEN = '[Bonjour] Can not open "/proc/printer_status"'
+SENTINEL = Printer(9, "Acme", "Sentinel", "").record()
+
+
+def presence(daemon, since=0):
+    return [
+        text.removeprefix("[Bonjour] device ")
+        for text in daemon.texts(since=since)
+        if text.startswith("[Bonjour] device ")
+    ]
+
+
+@pytest.fixture
+def presence_in(router, daemon):
+    """Shows the daemon a status file and says which printers it saw: those that it inserts now
+    and removes when the file gives way to one with a single other printer."""
+
+    def show(content):
+        since = daemon.mark()
+        router.status_file.replace(content)
+        router.status_file.wait_until_read()
+        router.status_file.replace(SENTINEL)
+        daemon.wait_for_line("[Bonjour] device insert lp9", since=since)
+        seen = [text.split() for text in presence(daemon, since) if not text.endswith("lp9")]
+        inserted = [printer for action, printer in seen if action == "insert"]
+        assert [printer for action, printer in seen if action == "remove"] == inserted
+        return inserted
+
+    return show
+
+
+def test_complete_record_is_a_printer(presence_in):
+    assert presence_in("usblp0\nAcme\nJet\nPCL\n\n") == ["lp0"]
+
+
+@pytest.mark.parametrize(
+    "content, printers",
+    [
+        ("", []),
+        ("\n", []),
+        ("\n\n\n\n\n\n", []),
+        ("usblp", []),
+        ("usblp0", []),
+        ("usblp0\nAcme\n", []),
+        ("usblp0\nAcme\nJet", []),
+        ("usblp0\nAcme\nJet\n", ["lp0"]),
+        ("usblp0\nAcme\nJet\nPCL", ["lp0"]),
+        ("usblp0\nAcme\nJet\nPCL\n", ["lp0"]),
+        ("usblp0\nAcme\nJet\nPCL\nlast", ["lp0"]),
+        ("usblp0\n\n\n\n\n", ["lp0"]),
+        ("the printer usblp4 is here\nAcme\nJet\nPCL\n\n", ["lp4"]),
+        ("usblp12\nAcme\nJet\nPCL\n\n", ["lp1"]),
+        ("usblp0\nAcme\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n", ["lp0", "lp1"]),
+        ("usblp5\nAcme\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n", ["lp1", "lp5"]),
+        ("usblp0\nAcme\nJet\nPCL\nusblp1\nAcme\nJet\nPCL\n\n", ["lp0"]),
+        ("usblp0\nAcme\nJet\nPCL\n\nusblp1\nAcme\n", ["lp0"]),
+        ("usblp0\nAcme\nJet\nPCL\n\nusblp0\nAcme\nJet\nPCL\n\n", ["lp0"]),
+        ("usblpx\nAcme\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n", ["lp1"]),
+        ("usblp\nAcme\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n", ["lp1"]),
+        ("usblp/\nAcme\nJet\nPCL\n\nusblp:\nAcme\nJet\nPCL\n\nusblp2\na\nb\nc\n\n", ["lp2"]),
+        ("USBLP0\nAcme\nJet\nPCL\n\n", []),
+        ("usblp0\r\nAcme\r\nJet\r\nPCL\r\n\r\n", ["lp0"]),
+    ],
+    ids=[
+        "empty file",
+        "a line feed",
+        "empty lines",
+        "no digit and no line end",
+        "no line end",
+        "two lines",
+        "third line without its end",
+        "three lines",
+        "fourth line without its end",
+        "four lines",
+        "fifth line without its end",
+        "empty lines behind the first",
+        "words around the port",
+        "a second digit",
+        "two records",
+        "two records in another order",
+        "a record of four lines swallows the next one's first line",
+        "second record cut short",
+        "same port twice",
+        "letter for a port",
+        "nothing for a port",
+        "neighbours of the digits for a port",
+        "upper case",
+        "carriage returns",
+    ],
+)
+def test_file_shows_the_printers(presence_in, content, printers):
+    assert presence_in(content) == printers
+
+
+def test_lines_are_counted_from_the_end_of_the_record_before(presence_in):
+    # The first record's own first line names no port; a later line does, and the lines are still
+    # counted from the record's start.
+    assert presence_in("somewhere\nusblp3\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n") == ["lp1", "lp3"]
+
+
+def test_text_beyond_40960_bytes_is_not_read(presence_in):
+    first = "usblp0\nAcme\nJet\nPCL\n"
+    second = "usblp1\nAcme\nJet\n"
+    filler = "x" * (40960 - len(first) - 1 - len(second)) + "\n"
+    assert presence_in(first + filler + second + "PCL\n\n") == ["lp0", "lp1"]
+    assert presence_in(first + "x" + filler + second + "PCL\n\n") == ["lp0"]
+
+
+def test_binary_garbage_does_no_harm(presence_in):
+    assert presence_in(bytes(range(256)) * 300) == []
+    assert presence_in(b"usblp0\n\xff\xfe\n\x80\n\n\n") == ["lp0"]
+
+
+def test_zero_byte_ends_the_text(presence_in):
+    assert presence_in(b"\0usblp0\nAcme\nJet\nPCL\n\n") == []
+
+
+def test_later_record_of_a_port_gives_the_name_and_the_first_the_text(lab, router):
+    router.status_file.replace("usblp0\nAcme\nJet\nPCL\n\nusblp0\nOther\nInk\nPJL\n\n")
+    router.start()
+    answers = lab.wait_for_packet(
+        lambda packet: not packet.is_query and len(packet.message.answers) == 5
+    )[0].message.answers
+    assert answers[1].data == "Other Ink (aa:bb:cc) 0._ipp._tcp.local"
+    assert "usb_MFG=Acme" in answers[3].data
+
+
+@pytest.mark.parametrize("content", ["usblp0\nAcme\nJet\n", "usblp0\nAcme\nJet\nPCL"])
+def test_printer_without_a_whole_fourth_line_is_there_but_not_published(lab, router, content):
+    router.status_file.replace(content)
+    daemon = router.start()
+    daemon.wait_for_line("[Bonjour] GetTXTData error", count=2)
+    assert daemon.texts("stderr") == []
+    assert [packet for packet in lab.sent() if not packet.is_query] == []
+
+
+def test_emptied_file_withdraws_the_printer(lab, router, office):
+    router.status_file.rewrite("")
+    office.wait_for_line("[Bonjour] device remove lp0")
+    lab.wait_for_transmissions(wire.PDL_GOODBYE)
+    lab.wait_for_transmissions(wire.IPP_GOODBYE)
+
+
+def test_record_that_breaks_withdraws_the_printers_from_there_on(lab, router, daemon):
+    router.plug_in_all(Printer(port, "Acme", "Jet", "PCL") for port in (0, 1, 2))
+    daemon.wait_for_line("[Bonjour] device insert lp2")
+    since = daemon.mark()
+    whole = Printer(0, "Acme", "Jet", "PCL").record()
+    router.status_file.replace(f"{whole}usblp1\nAcme")
+    daemon.wait_for_line("[Bonjour] device remove lp2", since=since)
+    assert presence(daemon, since) == ["remove lp1", "remove lp2"]
+
+
+@pytest.mark.parametrize("make_unreadable", ["make_unreadable", "remove"])
+def test_file_that_cannot_be_opened_keeps_the_printer(lab, router, office, make_unreadable):
+    getattr(router.status_file, make_unreadable)()
+    office.wait_for_line(CANNOT_OPEN, count=2)
+    since = lab.capture.mark()
+    assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
+    router.status_file.replace(Printer(0).record())
+    router.status_file.wait_until_read()
+    router.plug_in(1, "Acme", "Jet", "PCL")
+    office.wait_for_line("[Bonjour] device insert lp1")
+    assert presence(office) == ["insert lp0", "insert lp1"]
+    assert wire.PDL_GOODBYE not in {packet.payload for packet in lab.sent(since)}
+
+
+def test_missing_file_is_waited_for(lab, router):
+    router.status_file.remove()
+    daemon = router.start()
+    line = daemon.wait_for_line(CANNOT_OPEN)
+    assert line.stream == "stdout"
+    router.plug_in(0)
+    daemon.wait_for_line("[Bonjour] device insert lp0")
+    lab.wait_for_transmissions(wire.IPP_RECORDS)
+
+
+def test_file_is_looked_at_once_a_second(router):
+    router.status_file.remove()
+    daemon = router.start()
+    daemon.wait_for_line(CANNOT_OPEN, count=3)
+    times = [line.time for line in daemon.lines.items() if line.text == CANNOT_OPEN]
+    gaps = [later - earlier for earlier, later in zip(times, times[1:])]
+    # The lines come through a pipe, each with a delay of its own.
+    assert all(0.9 <= gap for gap in gaps), gaps
