@@ -12,6 +12,7 @@ find_package(Threads REQUIRED)
 set(BONJOUR_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or empty")
 option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" OFF)
 option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
+option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
 
 # The same sources give the same bytes wherever the checkout lies.
 add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." -fno-ident)
@@ -38,6 +39,12 @@ if(BONJOUR_SANITIZE)
   add_compile_options(-fsanitize=${BONJOUR_SANITIZE} -fno-sanitize-recover=all
     -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${BONJOUR_SANITIZE})
+endif()
+
+# Threads count at the same time.
+if(BONJOUR_COVERAGE)
+  target_compile_options(bonjour_settings INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(bonjour_settings INTERFACE --coverage)
 endif()
 
 # The daemon needs libc at run time and nothing else: it is linked by the C compiler, with the
