@@ -1,4 +1,4 @@
-"""Writes the list of the system tests in the form that ctest includes."""
+"""Writes the list of a group's lab tests in the form that ctest includes."""
 
 import argparse
 import pathlib
@@ -25,27 +25,28 @@ def quoted(words):
     return " ".join(f"[==[{word}]==]" for word in words)
 
 
-def test_name(item):
+def test_name(group, item):
     """For instance "system/probing: a conflict gives the name a suffix"."""
     module = item.module.__name__.removeprefix("test_")
-    return f"system/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
+    return f"{group}/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
 
 
 def entries(items, options):
-    captures = options.build / "lab-captures"
-    fixture = f"captures-{options.build.name}"
+    group = options.group
+    captures = options.build / "lab-captures" / group
+    fixture = f"captures-{options.build.name}-{group}"
     environment = [
         f"BONJOUR={options.bonjour}",
         f"BONJOUR_USBLP_DEVICE={options.device}",
         f"BONJOUR_LAB_CAPTURES={captures}",
         f"BONJOUR_LAB_FAILURES={options.build / 'lab-failures'}",
-        f"PYTHONPATH={HERE.parent.parent}",
+        f"PYTHONPATH={HERE.parent}",
         "PYTEST_DISABLE_PLUGIN_AUTOLOAD=1",
         "PYTHONDONTWRITEBYTECODE=1",
     ]
 
     def entry(name, command, *properties):
-        common = ["LABELS", "system", "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
+        common = ["LABELS", group, "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
         words = [*common, *properties, "ENVIRONMENT", ";".join(environment)]
         return (
             f"add_test({quoted([name, *command])})\n"
@@ -53,19 +54,22 @@ def entries(items, options):
         )
 
     yield entry(
-        "system/captures: start afresh",
+        f"{group}/captures: start afresh",
         ["cmake", "-E", "rm", "-rf", captures],
         *("FIXTURES_SETUP", fixture),
     )
     for item in items:
+        if item.get_closest_marker("release") and options.build.name != "release":
+            continue
         mark = item.get_closest_marker("seconds")
         yield entry(
-            test_name(item),
+            test_name(group, item),
             [*PYTEST, item.nodeid],
             *("FIXTURES_REQUIRED", fixture, "COST", mark.args[0] if mark else 3),
+            *("RUN_SERIAL", item.get_closest_marker("alone") is not None),
         )
     yield entry(
-        "system/captures: are well-formed to a second dissector",
+        f"{group}/captures: are well-formed to a second dissector",
         [sys.executable, "-m", "lab.dissect", captures],
         *("FIXTURES_CLEANUP", fixture),
     )
@@ -73,14 +77,16 @@ def entries(items, options):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--group", required=True)
     for option in ("output", "bonjour", "device", "build"):
         parser.add_argument(f"--{option}", type=pathlib.Path, required=True)
     options = parser.parse_args()
     collector = Collector()
-    arguments = ["--collect-only", "-qq", "-p", "no:cacheprovider", "--no-header", str(HERE)]
+    arguments = ["--collect-only", "-qq", "-p", "no:cacheprovider", "--no-header"]
+    arguments.append(str(HERE / options.group))
     status = pytest.main(arguments, plugins=[collector])
     if status != 0 or not collector.items:
-        sys.exit("the system tests could not be listed")
+        sys.exit(f"the {options.group} tests could not be listed")
     options.output.write_text("".join(entries(collector.items, options)))
 
 

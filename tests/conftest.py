@@ -1,4 +1,4 @@
-"""What every system test starts from: a lab of its own, checked and cleaned when the test ends."""
+"""What every test in the lab starts from: a lab of its own, checked and cleaned when the test ends."""
 
 import os
 import pathlib
@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT))
 
 import wire  # noqa: E402
