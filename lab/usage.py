@@ -1,0 +1,85 @@
+"""What a running process holds: threads, private memory, descriptors."""
+
+import dataclasses
+import os
+import threading
+import time
+
+from lab.waiting import PATIENCE, TimedOut
+
+
+@dataclasses.dataclass(frozen=True)
+class Usage:
+    """Memory is in KiB: what is the process's own and can't be dropped."""
+
+    threads: int
+    memory: int
+    descriptors: int
+
+
+def _field(text, name):
+    return next(int(line.split()[1]) for line in text.splitlines() if line.startswith(name))
+
+
+def usage(pid):
+    with open(f"/proc/{pid}/status") as file:
+        status = file.read()
+    return Usage(
+        _field(status, "Threads:"), _field(status, "RssAnon:"), len(os.listdir(f"/proc/{pid}/fd"))
+    )
+
+
+# The daemon's threads that live as long as it does: initial, responder, answering, monitor.
+LASTING_THREADS = 4
+
+
+def usage_once_senders_ended(pid, bound=10.0):
+    """The daemon's usage as soon as only its lasting threads are left; raises TimedOut."""
+    deadline = time.monotonic() + bound * PATIENCE
+    while (now := usage(pid)).threads > LASTING_THREADS:
+        if time.monotonic() > deadline:
+            raise TimedOut(f"still {now.threads} threads")
+        time.sleep(0.01)
+    return now
+
+
+def dropped_datagrams(pid, port=5353):
+    """How many datagrams the kernel dropped because the process's socket had no room for them."""
+    with open(f"/proc/{pid}/net/udp") as file:
+        rows = [line.split() for line in file.readlines()[1:]]
+    return sum(int(row[-1]) for row in rows if int(row[1].partition(":")[2], 16) == port)
+
+
+def private_memory(pid):
+    """Private pages in KiB, those of mapped files included; slow with thousands of threads."""
+    with open(f"/proc/{pid}/smaps_rollup") as file:
+        text = file.read()
+    return _field(text, "Private_Clean:") + _field(text, "Private_Dirty:")
+
+
+class PeakUsage:
+    """Context in which a process's threads and memory are looked at twenty times a second."""
+
+    _PERIOD = 0.05
+
+    def __init__(self, pid):
+        self._pid = pid
+        self._done = threading.Event()
+        self.threads = 0
+        self.memory = 0
+
+    def _run(self):
+        while not self._done.is_set():
+            now = usage(self._pid)
+            self.threads = max(self.threads, now.threads)
+            self.memory = max(self.memory, now.memory)
+            self._done.wait(self._PERIOD)
+
+    def __enter__(self):
+        self._thread = threading.Thread(target=self._run)
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._done.set()
+        self._thread.join()
