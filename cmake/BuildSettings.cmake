@@ -13,6 +13,7 @@ set(BONJOUR_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or 
 option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" OFF)
 option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
 option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
+option(BONJOUR_FUZZ "Instrument for libFuzzer and build the fuzzers (clang)" OFF)
 
 # The same sources give the same bytes wherever the checkout lies.
 add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." -fno-ident)
