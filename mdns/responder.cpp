@@ -49,7 +49,7 @@ void InitInterfaceTable() {
     responderState.connected[slot].Set(0);
     responderState.interfaceAddress[slot].Set(INADDR_NONE);
   }
-  SetDeviceName({});
+  SetDeviceName("");
 }
 
 void InitDestination() {
