@@ -14,7 +14,8 @@
 #endif
 
 #ifdef BONJOUR_SANITIZER_HEAP
-#include <sanitizer/allocator_interface.h>
+// Of the sanitizers' run-time library; not every compiler installs the header that declares it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 /// Bytes that the process holds of the heap. For a process with one thread.

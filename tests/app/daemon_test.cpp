@@ -1,0 +1,224 @@
+// The daemon's own decisions. Its threads are only noted, never run, and its pauses take no time.
+#include "app/daemon.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mdns/responder.h"
+#include "mdns/state.h"
+#include "printer/monitor.h"
+#include "tests/support/fake_sleep.h"
+#include "tests/support/fake_thread.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/own_namespace.h"
+
+namespace {
+
+constexpr char kNoThread[] = "[Bonjour] pthread_create error: Resource temporarily unavailable\n";
+
+class Daemon : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
+    ASSERT_TRUE(AddBridge({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC})) << strerror(errno);
+    fakeThread.onStart = [this](ThreadBody body, void* argument) {
+      if (body != BonjourServiceInit) {
+        monitorArgument = argument;
+        return;
+      }
+      start = *static_cast<ResponderStartRecord*>(argument);
+      macAtStart.assign(hw_addr, hw_addr + 6);
+      if (isUpAtOnce) responderState.initStatus.Set(1);
+    };
+  }
+
+  Log Run(std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.begin(), "bonjour");
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    return LogOf([&] { status = RunDaemon(static_cast<int>(arguments.size()), argv.data()); });
+  }
+
+  bool isUpAtOnce = true;
+  int status = -1;
+  ResponderStartRecord start = {};
+  std::vector<uint8_t> macAtStart;
+  void* monitorArgument = this;
+};
+
+// The build date reads like "Nov 21 2026" or "Nov  1 2026".
+void ExpectBanner(const std::string& line, const std::string& model) {
+  EXPECT_THAT(line,
+              testing::MatchesRegex("\\[QX\\] " + model +
+                                    " Bonjour v2\\.1 Start \\([A-Z][a-z][a-z] [ 0-9][0-9] [0-9]{4} "
+                                    "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\)\n"));
+}
+
+TEST_F(Daemon, StartsResponderThenMonitorAndJoinsThemInThatOrder) {
+  const Log log = Run();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(fakeThread.started, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
+  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
+  EXPECT_EQ(monitorArgument, nullptr);
+  EXPECT_EQ(bTerminate.Get(), 0u);
+  EXPECT_EQ(log.err, "");
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, HandsNameAndProbeRequestToTheResponder) {
+  Run();
+  EXPECT_STREQ(start.deviceName, "T5140_00-11-22-AA-BB-CC");
+  EXPECT_EQ(start.probeRequest, 1u);
+  EXPECT_EQ(macAtStart, (std::vector<uint8_t>{0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC}));
+}
+
+TEST_F(Daemon, TakesTheModelFromItsOneArgument) {
+  const Log log = Run({"T5100b3"});
+  EXPECT_STREQ(start.deviceName, "T5100b3_00-11-22-AA-BB-CC");
+  ExpectBanner(log.out, "T5100b3");
+}
+
+TEST_F(Daemon, FallsBackToTheDefaultModel) {
+  const Log log = Run({"t5100b3"});
+  EXPECT_STREQ(start.deviceName, "T5140_00-11-22-AA-BB-CC");
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, NameIsFilledWithZerosToTheEndOfItsField) {
+  Run();
+  EXPECT_EQ(std::string(start.deviceName + 23, 42), std::string(42, '\0'));
+}
+
+TEST_F(Daemon, ForgetsAnEarlierAddressWhenTheBridgeIsMissing) {
+  ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
+  memset(hw_addr, 0x77, 6);
+  const Log log = Run();
+  EXPECT_EQ(log.err, "[Bonjour] ioctl HWADDR error: No such device\n");
+  EXPECT_STREQ(start.deviceName, "T5140_00-00-00-00-00-00");
+  EXPECT_EQ(macAtStart, std::vector<uint8_t>(6, 0));
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUp) {
+  isUpAtOnce = false;
+  std::vector<unsigned> pauses;
+  std::vector<size_t> threadsAtPause;
+  fakeSleep.hook = [&](unsigned seconds) {
+    pauses.push_back(seconds);
+    threadsAtPause.push_back(fakeThread.started.size());
+    if (pauses.size() == 5) responderState.initStatus.Set(1);
+  };
+  Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, std::vector<unsigned>(5, 1));
+  EXPECT_EQ(threadsAtPause, std::vector<size_t>(5, 1));
+  EXPECT_EQ(fakeThread.started.size(), 2u);
+}
+
+TEST_F(Daemon, DoesNotPauseWhenTheResponderIsUpAtOnce) {
+  int pauses = 0;
+  fakeSleep.hook = [&](unsigned) { ++pauses; };
+  Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, 0);
+}
+
+TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
+  isUpAtOnce = false;
+  int pauses = 0;
+  fakeSleep.hook = [&](unsigned) {
+    ++pauses;
+    if (pauses == 2) raise(SIGTERM);
+    if (pauses == 6) responderState.initStatus.Set(1);
+  };
+  const Log log = Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, 6);
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_EQ(fakeThread.started.size(), 2u);
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, BannerComesBeforeTheJoinsAndBehindTheMonitorsStart) {
+  std::string outputAtMonitorStart = "not started";
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body != CheckUsbDevice) return;
+    fflush(stdout);
+    outputAtMonitorStart = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+  };
+  const Log log = Run();
+  EXPECT_EQ(outputAtMonitorStart, "");
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, ResponderThatCanNotBeStartedEndsItAtOnce) {
+  fakeThread.failsFor = BonjourServiceInit;
+  const Log log = Run();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(log.err, kNoThread);
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_TRUE(fakeThread.started.empty());
+  EXPECT_TRUE(fakeThread.joined.empty());
+}
+
+TEST_F(Daemon, MonitorThatCanNotBeStartedStopsTheResponder) {
+  fakeThread.failsFor = CheckUsbDevice;
+  const Log log = Run();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(log.err, kNoThread);
+  ExpectBanner(log.out, "T5140");
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
+}
+
+TEST_F(Daemon, UnknownStatusStartsNoMonitor) {
+  isUpAtOnce = false;
+  fakeSleep.hook = [](unsigned) { responderState.initStatus.Set(2); };
+  const Log log = Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(log.err, "");
+  ExpectBanner(log.out, "T5140");
+  EXPECT_EQ(bTerminate.Get(), 0u);
+  EXPECT_EQ(fakeThread.started, std::vector<ThreadBody>{BonjourServiceInit});
+  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
+}
+
+TEST_F(Daemon, SigintAndSigtermOnlySetTheStopFlag) {
+  Run();
+  for (const int signalNumber : {SIGINT, SIGTERM}) {
+    bTerminate.Set(0);
+    const Log log = LogOf([&] { raise(signalNumber); });
+    EXPECT_EQ(bTerminate.Get(), 1u);
+    EXPECT_EQ(log.out, "");
+    EXPECT_EQ(log.err, "");
+  }
+}
+
+TEST_F(Daemon, SigpipeIsIgnored) {
+  Run();
+  struct sigaction action = {};
+  ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
+  EXPECT_EQ(action.sa_handler, SIG_IGN);
+  raise(SIGPIPE);
+  EXPECT_EQ(bTerminate.Get(), 0u);
+}
+
+TEST_F(Daemon, SignalsAreInPlaceBeforeTheResponderStarts) {
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body == BonjourServiceInit) raise(SIGTERM);
+  };
+  Run();
+  EXPECT_EQ(bTerminate.Get(), 1u);
+}
+
+}  // namespace
