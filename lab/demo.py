@@ -36,7 +36,7 @@ def _table(head, rows):
     widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
 
     def line(row):
-        return "              " + "   ".join(map(str.ljust, row, widths)).rstrip()
+        return "    " + "   ".join(map(str.ljust, row, widths)).rstrip()
 
     print(f"\n{_styled('1', line(head))}")
     print(line(["─" * width for width in widths]))
@@ -203,7 +203,7 @@ def _stand(demo):
 def _story(lab, keep):
     demo = Demo(lab)
     demo.start_router()
-    demo.plug_in(0, "Hewlett-Packard", "LaserJet 1018", "ZJS,PJL")
+    demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
     demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
     demo.list_printers(2)
     demo.ask_for_router()

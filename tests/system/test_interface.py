@@ -1,7 +1,9 @@
 """The bridge: late, without an address, changed, gone."""
 
 import re
+import signal
 import socket
+import time
 
 import pytest
 import wire
@@ -46,17 +48,15 @@ def test_bridge_that_comes_late_is_used_without_probing(lab, router):
 @pytest.mark.seconds(10)
 @pytest.mark.lab(bridge=False)
 def test_missing_bridge_is_reported_at_each_try_until_more_than_five_seconds_passed(router):
+    start = time.time()
     daemon = router.start(ready=False)
-    daemon.wait_for_line(GAVE_UP, bound=20)
-    # The responder then looks at the interface once more, to supervise it.
+    assert daemon.wait_for_line(GAVE_UP, bound=20).time - start > 5
     daemon.wait_for_line(PERROR_HWADDR)
     daemon.wait_for_line("[Bonjour] default device name = T5140_00-00-00-00-00-00")
     texts = daemon.texts("stdout")
     tries = texts.index(GAVE_UP) // 2
     assert texts[: 2 * tries] == [NO_FLAGS, SETUP_FAILED] * tries
-    assert 6 <= tries <= 8
-    lines = [line for line in daemon.lines.items() if line.stream == "stdout"]
-    assert lines[2 * tries].time - lines[0].time >= 4.9
+    assert 5 <= tries <= 8
     daemon.wait_for_line(PERROR_FLAGS, count=tries)
     daemon.kill()
 
@@ -104,10 +104,10 @@ def test_bridge_that_comes_within_five_seconds_is_probed_under_the_name_of_no_ad
 def test_stop_before_the_bridge_is_there_ends_the_responder_but_not_the_process(router):
     daemon = router.start(ready=False)
     daemon.wait_for_line(SETUP_FAILED)
-    assert daemon.threads() == 2
-    daemon.signal(15)
+    threads = daemon.threads()
+    daemon.signal(signal.SIGTERM)
     daemon.wait_for_line("[Bonjour] default device name = T5140_00-00-00-00-00-00")
-    daemon.wait_until(lambda: daemon.threads() == 1, "the responder thread ends")
+    daemon.wait_until(lambda: daemon.threads() == threads - 1, "the responder thread ends")
     assert daemon.running
     assert GAVE_UP not in daemon.texts()
     daemon.kill()
