@@ -11,6 +11,7 @@ find_package(Threads REQUIRED)
 
 set(BONJOUR_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or empty")
 option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" OFF)
+option(BONJOUR_STATIC "Link the daemon without any shared library" OFF)
 option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
 option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
 option(BONJOUR_FUZZ "Instrument for libFuzzer and build the fuzzers (clang)" OFF)
@@ -48,6 +49,18 @@ if(BONJOUR_COVERAGE)
   target_link_options(bonjour_settings INTERFACE --coverage)
 endif()
 
+# How a static daemon is linked. Position-independent where the C library can start such a program;
+# a toolchain file that knows better says so before.
+if(BONJOUR_STATIC AND NOT DEFINED BONJOUR_STATIC_LINK_OPTIONS)
+  execute_process(COMMAND ${CMAKE_C_COMPILER} -print-file-name=rcrt1.o
+    OUTPUT_VARIABLE static_pie_start OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(IS_ABSOLUTE "${static_pie_start}")
+    set(BONJOUR_STATIC_LINK_OPTIONS -static-pie)
+  else()
+    set(BONJOUR_STATIC_LINK_OPTIONS -static -no-pie)
+  endif()
+endif()
+
 # The daemon needs libc at run time and nothing else: it is linked by the C compiler, with the
 # compiler's own helper routines taken from their static library. A sanitizer brings its C++
 # runtime along and is linked as the C++ compiler does.
@@ -57,7 +70,12 @@ function(bonjour_link_with_libc_only target)
   endif()
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
   target_link_options(${target} PRIVATE -static-libgcc -Wl,--gc-sections -Wl,--as-needed)
+  if(BONJOUR_STATIC)
+    target_link_options(${target} PRIVATE ${BONJOUR_STATIC_LINK_OPTIONS})
+  elseif(BONJOUR_HARDEN)
+    target_link_options(${target} PRIVATE -pie)
+  endif()
   if(BONJOUR_HARDEN)
-    target_link_options(${target} PRIVATE -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+    target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
   endif()
 endfunction()

@@ -1,0 +1,11 @@
+# GoogleTest with its module for CMake: the machine's own, or for another machine built from the same
+# package's sources.
+if(CMAKE_CROSSCOMPILING)
+  set(BONJOUR_GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Sources of GoogleTest")
+  set(INSTALL_GTEST OFF)
+  add_subdirectory(${BONJOUR_GOOGLETEST_SOURCES} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL
+    SYSTEM)
+else()
+  find_package(GTest REQUIRED)
+endif()
+include(GoogleTest)

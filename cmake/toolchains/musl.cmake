@@ -1,0 +1,23 @@
+# x86-64 with musl, as Debian's musl-tools brings it: a stand-in for the small C libraries of
+# firmware. It comes without C++, but the daemon needs no more of C++ than headers, and those of the
+# machine's own compiler serve, except for the one that describes the C library.
+set(CMAKE_C_COMPILER musl-gcc)
+set(CMAKE_CXX_COMPILER musl-gcc)
+# The archive holds code for link-time optimisation, which only the compiler's own tools list.
+set(CMAKE_C_COMPILER_AR gcc-ar)
+set(CMAKE_C_COMPILER_RANLIB gcc-ranlib)
+set(CMAKE_CXX_COMPILER_AR gcc-ar)
+set(CMAKE_CXX_COMPILER_RANLIB gcc-ranlib)
+
+execute_process(COMMAND g++ -dumpversion OUTPUT_VARIABLE cxx_version
+  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+execute_process(COMMAND g++ -dumpmachine OUTPUT_VARIABLE cxx_machine
+  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+string(JOIN " " CMAKE_CXX_FLAGS_INIT
+  -isystem ${CMAKE_CURRENT_LIST_DIR}/musl
+  -isystem /usr/include/c++/${cxx_version}
+  -isystem /usr/include/${cxx_machine}/c++/${cxx_version})
+
+# The compiler's wrapper does not know position-independent static executables; the linker does.
+set(BONJOUR_STATIC_LINK_OPTIONS -static -nostartfiles /usr/lib/x86_64-linux-musl/rcrt1.o
+  -Wl,-pie,--no-dynamic-linker,-z,text)
