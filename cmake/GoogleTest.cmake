@@ -2,9 +2,12 @@
 # package's sources.
 if(CMAKE_CROSSCOMPILING)
   set(BONJOUR_GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Sources of GoogleTest")
-  set(INSTALL_GTEST OFF)
-  add_subdirectory(${BONJOUR_GOOGLETEST_SOURCES} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL
-    SYSTEM)
+  block()
+    set(INSTALL_GTEST OFF)
+    set(CMAKE_INTERPROCEDURAL_OPTIMIZATION OFF)
+    add_subdirectory(${BONJOUR_GOOGLETEST_SOURCES} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL
+      SYSTEM)
+  endblock()
 else()
   find_package(GTest REQUIRED)
 endif()
