@@ -1,0 +1,16 @@
+# Adds to the tree that CPack packs what Debian asks of every package.
+set(share "${CPACK_TEMPORARY_DIRECTORY}/usr/share")
+function(add from directory name)
+  file(MAKE_DIRECTORY "${share}/${directory}")
+  configure_file("${CPACK_BONJOUR_DEBIAN}/${from}" "${share}/${directory}/${name}" COPYONLY
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+endfunction()
+add(copyright doc/bonjour copyright)
+add(lintian-overrides lintian/overrides bonjour)
+function(compress from to)
+  execute_process(COMMAND gzip -9nc "${from}" OUTPUT_FILE "${to}" COMMAND_ERROR_IS_FATAL ANY)
+  file(CHMOD "${to}" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+endfunction()
+compress("${CPACK_BONJOUR_DEBIAN}/changelog" "${share}/doc/bonjour/changelog.gz")
+compress("${share}/man/man8/bonjour.8" "${share}/man/man8/bonjour.8.gz")
+file(REMOVE "${share}/man/man8/bonjour.8")
