@@ -69,7 +69,7 @@ bool IsReadable(int descriptor, int milliseconds) {
 
 void EnterOwnNetwork() {
   Require(unshare(CLONE_NEWNET) == 0, "unshare(CLONE_NEWNET)");
-  SetUp("lo", true);
+  SetInterfaceUp("lo", true);
 }
 
 void AddBridge(const char* name) {
@@ -95,7 +95,7 @@ void SetAddress(const char* name, const char* address) {
   Control(SIOCSIFNETMASK, &request, "SIOCSIFNETMASK");
 }
 
-void SetUp(const char* name, bool up) {
+void SetInterfaceUp(const char* name, bool up) {
   ifreq request = Request(name);
   Control(SIOCGIFFLAGS, &request, "SIOCGIFFLAGS");
   request.ifr_flags =
@@ -155,7 +155,7 @@ OtherHost::OtherHost(const char* bridge) : tap(open("/dev/net/tun", O_RDWR | O_C
   ifreq port = Request(bridge);
   port.ifr_ifindex = static_cast<int>(if_nametoindex(request.ifr_name));
   Control(SIOCBRADDIF, &port, "SIOCBRADDIF");
-  SetUp(request.ifr_name, true);
+  SetInterfaceUp(request.ifr_name, true);
 }
 
 void OtherHost::SendMulticast(const char* source, std::span<const uint8_t> payload) const {

@@ -28,7 +28,7 @@ void RemoveBridge(const char* name);
 /// Gives the interface an IPv4 address in dotted form, with a netmask of 24 bits.
 void SetAddress(const char* name, const char* address);
 /// Sets the interface up or down.
-void SetUp(const char* name, bool up);
+void SetInterfaceUp(const char* name, bool up);
 
 /// The IPv4 socket address of a dotted address and a port.
 sockaddr_in Address(const char* dotted, uint16_t port);

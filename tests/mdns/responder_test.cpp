@@ -1,0 +1,309 @@
+#include "mdns/responder.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "mdns/socket.h"
+#include "records/registration.h"
+#include "records/registry.h"
+#include "tests/support/bytes.h"
+#include "tests/support/fake_responder_threads.h"
+#include "tests/support/fake_sender.h"
+#include "tests/support/fake_socket.h"
+#include "tests/support/fault.h"
+#include "tests/support/output.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+// What happened, in its order.
+std::mutex eventMutex;
+std::vector<std::string> events;
+
+void Note(const std::string& event) {
+  const std::lock_guard lock(eventMutex);
+  events.push_back(event);
+}
+
+// A stop is asked for at the nth sleep of a length; 0: never.
+unsigned stopAtSleep = 0;
+unsigned sleeps = 0;
+
+// One run of the responder a process: it ends the registry.
+class ResponderTest : public testing::Test {
+ protected:
+  ResponderTest() {
+    monotonicSeconds = 1000;
+    onSleep = [](unsigned seconds) {
+      Note("sleep " + std::to_string(seconds));
+      monotonicSeconds += seconds;
+      if (++sleeps == stopAtSleep) bTerminate.Set(1);
+    };
+    onUsleep = [](unsigned) { Note("poll"); };
+    onSendPacket = [] { Note("send"); };
+    fakeSocketRoom.updateHostIP = [this](uint32_t slot) -> uint32_t {
+      Note("address " + std::to_string(slot));
+      return hasAddress ? 1 : 0;
+    };
+    fakeSocketRoom.setup = [this]() -> uint32_t {
+      Note("setup");
+      if (!canSetUp) return 0;
+      responderState.interfaceAddress[0].Set(inet_addr("192.168.1.1"));
+      responderState.connected[0].Set(1);
+      multicastSocket.Set(17);
+      return 1;
+    };
+    fakeSocketRoom.close = [] {
+      Note("close " + std::to_string(responderState.connected[0].Get()));
+      multicastSocket.Set(-1);
+    };
+    onCheckName = [this](ProbeRecord& record) {
+      Note(std::string("probe ") + record.name + " retry " + std::to_string(record.retry) +
+           " socket " + std::to_string(record.socket) + " slot " + std::to_string(record.slot));
+      if (conflicts > 0) {
+        --conflicts;
+        record.name[strlen(record.name)] = 'x';
+        record.retry = 1;
+      }
+      if (stopWhileProbing) bTerminate.Set(1);
+    };
+    onAnswer = [this](const AnswerStartRecord& given) {
+      while (GetBonjourInitStatus() == 0) sched_yield();
+      Note("answer socket " + std::to_string(given.socket) + " slot " + std::to_string(given.slot));
+      if (whileAnswering) whileAnswering();
+      bTerminate.Set(1);
+    };
+    strcpy(start.deviceName, "router");
+    start.probeRequest = 1;
+  }
+
+  void Run() {
+    CapturedOutput output;
+    EXPECT_EQ(BonjourServiceInit(&start), nullptr);
+    out = output.Stdout();
+    err = output.Stderr();
+  }
+
+  static std::string DeviceName() {
+    char name[kDeviceNameSize] = {};
+    return GetDeviceName(name, 64);
+  }
+  static long Count(const std::string& event) {
+    return std::count(events.begin(), events.end(), event);
+  }
+
+  ResponderStartRecord start{};
+  bool hasAddress = true;
+  bool canSetUp = true;
+  int conflicts = 0;
+  bool stopWhileProbing = false;
+  std::function<void()> whileAnswering;
+  std::string out;
+  std::string err;
+};
+
+TEST_F(ResponderTest, StartsProbesAnswersAndCloses) {
+  Run();
+  EXPECT_EQ(out,
+            "[Bonjour] default device name = router\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(err, "");
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ(events[0], "setup");
+  EXPECT_EQ(events[1], "probe router retry 0 socket 17 slot 0");
+  EXPECT_EQ(Count("answer socket 17 slot 0"), 1);
+  EXPECT_EQ(events.back(), "close 0");
+  EXPECT_EQ(Count("setup"), 1);
+  EXPECT_EQ(GetBonjourInitStatus(), 1u);
+  EXPECT_EQ(DeviceName(), "router");
+}
+
+TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
+  strcpy(responderState.interfaceName[0], "old");
+  responderState.connected[1].Set(1);
+  responderState.interfaceAddress[1].Set(inet_addr("10.0.0.1"));
+  Run();
+  EXPECT_STREQ(responderState.interfaceName[0], "br0");
+  EXPECT_STREQ(responderState.interfaceName[1], "qxSkipDevName");
+  EXPECT_EQ(responderState.connected[1].Get(), 0u);
+  EXPECT_STREQ(GetInterfaceAddress(1).text, "");
+  EXPECT_EQ(responderState.mdnsDestination.sin_family, AF_INET);
+  EXPECT_EQ(ntohs(responderState.mdnsDestination.sin_port), 5353);
+  EXPECT_STREQ(inet_ntoa(responderState.mdnsDestination.sin_addr), "224.0.0.251");
+}
+
+TEST_F(ResponderTest, WithoutARequestTheNameIsNotProbed) {
+  start.probeRequest = 0;
+  Run();
+  EXPECT_EQ(out, "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(events[0], "setup");
+  EXPECT_EQ(Count("probe router retry 0 socket 17 slot 0"), 0);
+  EXPECT_EQ(DeviceName(), "router");
+}
+
+TEST_F(ResponderTest, ProbesAgainUntilAPassWithoutConflict) {
+  conflicts = 2;
+  Run();
+  EXPECT_THAT(std::vector<std::string>(events.begin(), events.begin() + 6),
+              ElementsAre("setup", "probe router retry 0 socket 17 slot 0", "sleep 1",
+                          "probe routerx retry 0 socket 17 slot 0", "sleep 1",
+                          "probe routerxx retry 0 socket 17 slot 0"));
+  EXPECT_EQ(out,
+            "[Bonjour] default device name = routerxx\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(DeviceName(), "routerxx");
+}
+
+TEST_F(ResponderTest, NameIsCutAt64Characters) {
+  memset(start.deviceName, 'n', sizeof(start.deviceName));
+  Run();
+  EXPECT_EQ(DeviceName(), std::string(64, 'n'));
+  EXPECT_EQ(events[1], "probe " + std::string(64, 'n') + " retry 0 socket 17 slot 0");
+}
+
+TEST_F(ResponderTest, StopWhileProbingTakesTheProbedName) {
+  conflicts = 5;
+  stopWhileProbing = true;
+  Run();
+  EXPECT_EQ(DeviceName(), "routerx");
+  EXPECT_EQ(Count("probe routerx retry 0 socket 17 slot 0"), 0);
+}
+
+TEST_F(ResponderTest, StoppedBeforeTheStartOnlyNamesAndEnds) {
+  bTerminate.Set(1);
+  Run();
+  EXPECT_EQ(out, "[Bonjour] default device name = router\n");
+  EXPECT_THAT(events, ElementsAre());
+  EXPECT_EQ(GetBonjourInitStatus(), 0u);
+  EXPECT_EQ(DeviceName(), "router");
+  EXPECT_EQ(responderState.mdnsDestination.sin_port, 0);
+  EXPECT_FALSE(RegistryLock().IsOpen());
+}
+
+TEST_F(ResponderTest, SetupIsTriedForMoreThanFiveSecondsThenSupervised) {
+  canSetUp = false;
+  hasAddress = false;
+  stopAtSleep = 8;
+  Run();
+  EXPECT_EQ(out,
+            "MDNS_SocketSetup() MDNS_SELF_BIND1 error\n"
+            "[Bonjour] default device name = router\n");
+  EXPECT_THAT(events, ElementsAre("setup", "sleep 1", "setup", "sleep 1", "setup", "sleep 1",
+                                  "setup", "sleep 1", "setup", "sleep 1", "setup", "sleep 1",
+                                  "setup", "address 0", "sleep 10", "address 0", "sleep 10"));
+  EXPECT_EQ(GetBonjourInitStatus(), 0u);
+}
+
+TEST_F(ResponderTest, StopDuringTheSetupSkipsTheMessage) {
+  canSetUp = false;
+  stopAtSleep = 2;
+  Run();
+  EXPECT_EQ(out, "[Bonjour] default device name = router\n");
+  EXPECT_THAT(events, ElementsAre("setup", "sleep 1", "setup", "sleep 1"));
+}
+
+TEST_F(ResponderTest, LateInterfaceIsAnsweredWithoutProbing) {
+  canSetUp = false;
+  hasAddress = false;
+  onSleep = [](unsigned seconds) {
+    Note("sleep " + std::to_string(seconds));
+    monotonicSeconds += seconds;
+    ++sleeps;
+  };
+  fakeSocketRoom.updateHostIP = [this](uint32_t) -> uint32_t {
+    if (sleeps > 7) canSetUp = true;
+    Note("address");
+    return sleeps > 6 ? 1 : 0;
+  };
+  Run();
+  EXPECT_EQ(out,
+            "MDNS_SocketSetup() MDNS_SELF_BIND1 error\n"
+            "[Bonjour] default device name = router\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  // An address without a usable socket is not enough.
+  EXPECT_THAT(std::vector<std::string>(events.begin() + 13, events.end()),
+              ElementsAre("address", "sleep 10", "address", "setup", "sleep 10", "address", "setup",
+                          "answer socket 17 slot 0", "close 0"));
+  EXPECT_EQ(GetBonjourInitStatus(), 1u);
+}
+
+TEST_F(ResponderTest, WithoutAProbingThreadTheNameIsTaken) {
+  threadFault.FailCall(1);
+  Run();
+  EXPECT_TRUE(threadFault.HasStruck());
+  EXPECT_EQ(err, "[Bonjour] pthread_create: Resource temporarily unavailable\n");
+  EXPECT_EQ(out,
+            "[Bonjour] default device name = router\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(GetBonjourInitStatus(), 1u);
+}
+
+TEST_F(ResponderTest, WithoutAnAnsweringThreadTheStopIsWaitedFor) {
+  threadFault.FailCall(2);
+  stopAtSleep = 3;
+  Run();
+  EXPECT_TRUE(threadFault.HasStruck());
+  EXPECT_EQ(err, "[Bonjour] pthread_create error: Resource temporarily unavailable\n");
+  EXPECT_EQ(out,
+            "[Bonjour] default device name = router\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(Count("sleep 1"), 3);
+  EXPECT_EQ(GetBonjourInitStatus(), 1u);
+  EXPECT_EQ(events.back(), "close 0");
+}
+
+TEST_F(ResponderTest, StopWithdrawsEveryServiceInItsOrderBeforeTheClose) {
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    RegisterOneService("B", "_pdl-datastream._tcp", ".local", nullptr, 0, 9100);
+    RegisterOneService("C", "_ipp._tcp", ".local", "c", 1, 631);
+    ForgetSentPackets();
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+  };
+  Run();
+  const std::vector<SentPacket> sent = SentPackets();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[0].bytes[7], 2);
+  EXPECT_NE(Hex(sent[0].bytes).find(WireHex("01 'A' 04 '_ipp'")), std::string::npos);
+  EXPECT_EQ(sent[1].bytes[7], 1);
+  EXPECT_NE(Hex(sent[1].bytes).find(WireHex("01 'B' 0F '_pdl-'")), std::string::npos);
+  EXPECT_NE(Hex(sent[2].bytes).find(WireHex("01 'C' 04 '_ipp'")), std::string::npos);
+  std::vector<std::string> end(events.end() - 5, events.end());
+  EXPECT_THAT(end, ElementsAre("send", "send", "send", "sleep 1", "close 0"));
+  EXPECT_FALSE(RegistryLock().IsOpen());
+}
+
+TEST_F(ResponderTest, ServicesAreWithdrawnWithoutAnInterfaceToo) {
+  RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+  bTerminate.Set(1);
+  Run();
+  EXPECT_EQ(SentPackets().size(), 0u);
+  EXPECT_THAT(events, ElementsAre());
+  EXPECT_FALSE(RegistryLock().IsOpen());
+}
+
+TEST_F(ResponderTest, SocketIsClosedOnceNobodySends) {
+  static int pending;
+  pending = 3;
+  pendingTransmissions = [] { return static_cast<uint32_t>(pending > 0 ? pending-- : 0); };
+  Run();
+  EXPECT_EQ(Count("poll"), 3);
+  EXPECT_EQ(events.back(), "close 0");
+}
+
+TEST_F(ResponderTest, SenderThatHangsIsNotWaitedFor) {
+  pendingTransmissions = [] { return 1u; };
+  Run();
+  EXPECT_EQ(Count("poll"), 100);
+  EXPECT_EQ(events.back(), "close 0");
+}
+
+}  // namespace
