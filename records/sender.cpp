@@ -37,6 +37,14 @@ void* RunSender(void* argument) {
   return nullptr;
 }
 
+// What the C library demands of a stack may be more than a sender needs, and a smaller one it
+// refuses.
+size_t SenderStackSize() {
+  const long least = sysconf(_SC_THREAD_STACK_MIN);
+  return least > static_cast<long>(kSenderStackSize) ? static_cast<size_t>(least)
+                                                     : kSenderStackSize;
+}
+
 }  // namespace
 
 void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t socket,
@@ -64,7 +72,7 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_attr_setstacksize(&attributes, kSenderStackSize);
+  pthread_attr_setstacksize(&attributes, SenderStackSize());
   pthread_t thread;
   pendingTransmissions.fetch_add(1, std::memory_order_relaxed);
   const int error = pthread_create(&thread, &attributes, RunSender, job.get());

@@ -14,7 +14,8 @@ constexpr unsigned kTransmissionPauseMicroseconds = 250000;
 constexpr int32_t kJobDataSize = 1520;
 constexpr int32_t kJobCopyMax = 1518;
 
-/// Stack that a sender thread asks for, in bytes. A burst of answers keeps thousands of senders
+/// Stack that a sender thread asks for, in bytes, unless the C library demands more (128 KiB with
+/// glibc on MIPS and 64-bit ARM). A burst of answers keeps thousands of senders
 /// alive at once, which default stacks would not leave room for in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
