@@ -133,6 +133,14 @@ def test_model_comes_from_the_one_variable(lab, init, root):
     init.run("stop")
 
 
+def test_daemon_is_started_without_a_cache_of_stacks(lab, init, root):
+    init.start()
+    started = lab.router.sandbox.path("/proc/" + (root / "var/run/bonjour.pid").read_text().strip())
+    environment = (started / "environ").read_bytes().split(b"\0")
+    assert b"GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0" in environment
+    init.run("stop")
+
+
 def test_second_start_leaves_the_running_daemon_alone(lab, init, root):
     init.start()
     pid = (root / "var/run/bonjour.pid").read_text()
