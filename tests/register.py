@@ -25,10 +25,12 @@ def quoted(words):
     return " ".join(f"[==[{word}]==]" for word in words)
 
 
-def test_name(group, item):
-    """For instance "system/probing: a conflict gives the name a suffix"."""
-    module = item.module.__name__.removeprefix("test_")
-    return f"{group}/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
+def test_name(options, module, name):
+    """For instance "system/probing (release): conflict gives the name a suffix".
+
+    ctest tells tests apart by name, also those of different builds in one run.
+    """
+    return f"{options.group}/{module} ({options.build.name}): {name.replace('_', ' ')}"
 
 
 def entries(items, options):
@@ -54,7 +56,7 @@ def entries(items, options):
         )
 
     yield entry(
-        f"{group}/captures: start afresh",
+        test_name(options, "captures", "start afresh"),
         ["cmake", "-E", "rm", "-rf", captures],
         *("FIXTURES_SETUP", fixture),
     )
@@ -62,14 +64,15 @@ def entries(items, options):
         if item.get_closest_marker("release") and options.build.name != "release":
             continue
         mark = item.get_closest_marker("seconds")
+        module = item.module.__name__.removeprefix("test_")
         yield entry(
-            test_name(group, item),
+            test_name(options, module, item.name.removeprefix("test_")),
             [*PYTEST, item.nodeid],
             *("FIXTURES_REQUIRED", fixture, "COST", mark.args[0] if mark else 3),
             *("RUN_SERIAL", item.get_closest_marker("alone") is not None),
         )
     yield entry(
-        f"{group}/captures: are well-formed to a second dissector",
+        test_name(options, "captures", "are well-formed to a second dissector"),
         [sys.executable, "-m", "lab.dissect", captures],
         *("FIXTURES_CLEANUP", fixture),
     )
