@@ -173,9 +173,8 @@ def test_failed_sending_is_reported_once_a_packet_and_not_repeated(router, daemo
     daemon.wait_for_line("[Bonjour] device insert lp0")
     failed = re.compile(r"\[Bonjour\] send packet error: .*")
     daemon.wait_for_line(failed, count=4)
-    # One more pass of the printer monitor takes longer than three transmissions would.
+    # The next printer comes at least a pass of the monitor later, when repeated transmissions would
+    # long be over: they would have made twelve lines. Its own four may be here already.
     router.plug_in(1)
     daemon.wait_for_line("[Bonjour] device insert lp1")
-    texts = daemon.texts()
-    before = texts[: texts.index("[Bonjour] device insert lp1")]
-    assert sum(1 for text in before if failed.fullmatch(text)) == 4
+    assert sum(1 for text in daemon.texts() if failed.fullmatch(text)) <= 8
