@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 namespace {
 
 constexpr size_t kMaxPasses = 12;
+// Longer than what is read of a file.
+constexpr size_t kLongFile = 50000;
+constexpr size_t kShortFile = 2000;
+constexpr size_t kLongFileBytes = 60000;
 constexpr int kPorts = 10;
 constexpr int32_t kPdl = 1;
 constexpr int32_t kIpp = 2;
@@ -49,6 +54,7 @@ std::vector<Pass> ReadPasses(Input& script) {
   std::vector<Pass> passes;
   std::string content;
   std::string deviceId;
+  size_t read = 0;
   while (!script.IsEmpty() && passes.size() < kMaxPasses) {
     const uint8_t what = script.Byte();
     Pass pass = {};
@@ -62,7 +68,9 @@ std::vector<Pass> ReadPasses(Input& script) {
       content = script.Block();
     }
     if ((what & 8) != 0) content = Repeat(content, script.Byte());
-    content = content.substr(0, 50000);
+    // A few whole files a run, then short ones: longer runs show nothing else.
+    content = content.substr(0, read < kLongFileBytes ? kLongFile : kShortFile);
+    read += content.size();
     if ((what & 16) != 0) deviceId = script.Block();
     pass.isDeaf = (what & 32) != 0;
     pass.seen = content;
@@ -105,6 +113,7 @@ class Run {
   void ApplyPass(const Pass& pass);
   void Insert(const Pass& pass, int port, int32_t kind, const PrinterTxt* txt);
   int32_t BuildTxt(const Pass& pass, int32_t port, int32_t kind, std::string& txt);
+  bool IsUsed(const void* txt) const;
   void RequireState() const;
 
   std::vector<Pass> passes;
@@ -123,6 +132,8 @@ class Run {
 
 Run* run = nullptr;
 thread_local bool isMonitor = false;
+// The TXT buffers that the monitor took and has not given back.
+std::set<const void*> liveTexts;
 
 Run::Run(Input& script) {
   for (int i = 3; i < 6; ++i) hw_addr[i] = script.Byte();
@@ -170,6 +181,7 @@ void Run::Play() {
   isMonitor = false;
   REQUIRE(current == passes.size(), "the monitor goes on until it is stopped");
   REQUIRE(registry.entries.empty(), "printers that have gone are not published");
+  REQUIRE(liveTexts.empty(), "the texts of printers that have gone are given back");
 }
 
 // The scan alone, over a block that ends with the text.
@@ -260,6 +272,16 @@ void Run::Insert(const Pass& pass, int port, int32_t kind, const PrinterTxt* txt
                     kind == kPdl ? static_cast<uint32_t>(9100 + port) : 631);
 }
 
+bool Run::IsUsed(const void* txt) const {
+  for (size_t port = 0; port < kPorts; ++port) {
+    if (txt == printerTxtPdl[port] || txt == printerTxtIpp[port]) return true;
+  }
+  for (const ModelEntry& entry : registry.entries) {
+    if (txt == entry.txt) return true;
+  }
+  return false;
+}
+
 void Run::RequireState() const {
   registry.RequireSame();
   for (size_t port = 0; port < kPorts; ++port) {
@@ -269,6 +291,9 @@ void Run::RequireState() const {
     REQUIRE(std::string(printerServiceNames[port], 129) == names[port],
             "a port is named after the printer that was there last");
   }
+  // What the run's own emptying of the registry leaves over goes with the next printer.
+  for (const void* txt : liveTexts)
+    REQUIRE(current >= purgeAt || IsUsed(txt), "an unused text is given back");
 }
 
 }  // namespace
@@ -284,6 +309,25 @@ extern "C" unsigned sleep(unsigned seconds) {
   const timespec pause = {static_cast<time_t>(seconds), 0};
   nanosleep(&pause, nullptr);
   return 0;
+}
+
+// The linker leads the code under test through these: the monitor's own blocks are followed.
+extern "C" {
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size);
+void __real_free(void* block);
+void __wrap_free(void* block);
+
+void* __wrap_calloc(size_t count, size_t size) {
+  void* block = __real_calloc(count, size);
+  if (isMonitor && size == sizeof(PrinterTxt)) liveTexts.insert(block);
+  return block;
+}
+
+void __wrap_free(void* block) {
+  liveTexts.erase(block);
+  __real_free(block);
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

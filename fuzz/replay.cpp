@@ -1,5 +1,6 @@
 // Runs a fuzz target over inputs without a fuzzer: every file of the given directories, and every
-// beginning of each that is not long, since each cut form of a valid input is an input, too.
+// beginning of each that is not long, since each cut form of a valid input is an input, too. With
+// --whole as the first argument it leaves out the beginnings.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -34,8 +35,9 @@ void RunOne(const std::string& input, size_t size) {
 
 int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
+  const bool onlyWhole = argc > 1 && std::string(argv[1]) == "--whole";
   std::vector<std::filesystem::path> paths;
-  for (int i = 1; i < argc; ++i) {
+  for (int i = onlyWhole ? 2 : 1; i < argc; ++i) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       if (entry.is_regular_file()) paths.push_back(entry.path());
     }
@@ -49,7 +51,7 @@ int main(int argc, char** argv) {
   for (const auto& path : paths) {
     fprintf(stderr, "%s\n", path.c_str());
     const std::string input = ReadFile(path);
-    if (input.size() <= kPrefixLimit) {
+    if (!onlyWhole && input.size() <= kPrefixLimit) {
       for (size_t size = 0; size < input.size(); ++size) RunOne(input, size);
       runs += input.size();
     }
