@@ -60,7 +60,7 @@ std::string PriorityLine(int32_t kind, bool isHp) {
 }  // namespace
 
 ModelPrinters ModelScan(const std::string& text, const std::string& suffix) {
-  ModelPrinters printers;
+  std::array<std::optional<std::string>, 10> last;  // manufacturer and model by port
   size_t start = 0;
   for (;;) {
     const size_t token = text.find("usblp", start);
@@ -68,11 +68,14 @@ ModelPrinters ModelScan(const std::string& text, const std::string& suffix) {
     if (token == std::string::npos || lines.size() < 3) break;
     const char digit = token + 5 < text.size() ? text[token + 5] : '\0';
     if (digit >= '0' && digit <= '9') {
-      const auto port = static_cast<size_t>(digit - '0');
-      printers[port] = InstanceNameField(lines[1] + " " + lines[2], suffix, port);
+      last[static_cast<size_t>(digit - '0')] = lines[1] + " " + lines[2];
     }
     if (lines.size() < 5) break;
     for (const std::string& line : lines) start += line.size() + 1;
+  }
+  ModelPrinters printers;
+  for (size_t port = 0; port < last.size(); ++port) {
+    if (last[port]) printers[port] = InstanceNameField(*last[port], suffix, port);
   }
   return printers;
 }
