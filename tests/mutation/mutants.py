@@ -1,6 +1,7 @@
 """What can be changed in a source file: each constant, comparison, operator, offset, order of two
 calls, call, string and table row, one at a time."""
 
+import collections
 import dataclasses
 import random
 import re
@@ -69,10 +70,12 @@ class Mutant:
     line: int
     original: str  # the lines it is in, as they are, on one line
     mutated: str  # and as they become
+    occurrence: int  # how many like it come before it in the file
 
     @property
     def id(self):
-        return f"{self.path}:{self.start}-{self.end}:{self.replacement}"
+        """Stays the same when other lines change."""
+        return f"{self.path} {self.occurrence}: {self.original} -> {self.mutated}"
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.original}  ->  {self.mutated}"
@@ -116,8 +119,8 @@ class _Reader:
         original = _one_line(self.source[first:last])
         mutated = _one_line(changed)
         line = self.source.count(b"\n", 0, start) + 1
-        mutant = Mutant(self.path, start, end, replacement, kind, line, original, mutated)
-        self.found.setdefault((start, end, replacement), mutant)
+        change = (start, end, replacement)
+        self.found.setdefault(change, (kind, line, original, mutated))
 
     def read(self):
         for cursor in self.unit.cursor.get_children():
@@ -125,7 +128,12 @@ class _Reader:
             if file is not None and file.name.endswith("/" + self.path):
                 self.visit(cursor)
         self.read_tokens()
-        return sorted(self.found.values())
+        like = collections.Counter()
+        mutants = []
+        for change, place in sorted(self.found.items()):
+            mutants.append(Mutant(self.path, *change, *place, like[place[2:]]))
+            like[place[2:]] += 1
+        return mutants
 
     def visit(self, cursor):
         if cursor.kind == Kind.STATIC_ASSERT:

@@ -133,7 +133,7 @@ class Scratch:
         self._plain = Build(self._source, directory / "plain", _PLAIN)
         self._optimised = Build(self._source, directory / "optimised", _OPTIMISED)
         self._sanitized = Build(self._source, directory / "sanitized", _SANITIZED)
-        self._sanitized_ready = False
+        self._sanitized_rooms = None
         self._objects = None
         self._unit_bound = None
         self.lab_bound = None
@@ -186,43 +186,59 @@ class Scratch:
         finally:
             path.write_bytes(original)
 
-    def _units(self, build, mutant):
-        """The unit test that notices, or None: the room's own are asked first, then its wing's."""
+    def _rooms(self, mutant):
+        """The rooms that have tests: the mutant's own, as a list of one or none, and its wing's."""
         wing, room = pathlib.PurePath(mutant.path).with_suffix("").parts
-        tests = self._source / "tests"
-        tested = [f"{wing}/{path.name[:-9]}" for path in sorted((tests / wing).glob("*_test.cpp"))]
-        for rooms in ([name for name in tested if name == f"{wing}/{room}"], tested):
-            if not rooms:
-                continue
-            if not build.make(*[f"{name.replace('/', '_')}_test" for name in rooms]):
-                return "the build of its test"
-            failed = build.test(
-                _UNIT_CPU, self._unit_bound, "-L", "^unit$", "-R", f"^({'|'.join(rooms)}):"
-            )
+        paths = sorted((self._source / "tests" / wing).glob("*_test.cpp"))
+        tested = [f"{wing}/{path.name.removesuffix('_test.cpp')}" for path in paths]
+        return [name for name in tested if name == f"{wing}/{room}"], tested
+
+    def _test_rooms(self, build, rooms):
+        """The test of these rooms that fails, or None."""
+        if not build.make(*[f"{room.replace('/', '_')}_test" for room in rooms]):
+            return "the build of its test"
+        selection = f"^({'|'.join(rooms)}):"
+        return build.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$", "-R", selection)
+
+    def _test_units(self, mutant):
+        """The room's own tests are asked first, then its wing's, then all."""
+        own, wing = self._rooms(mutant)
+        for rooms in (own, wing):
+            failed = self._test_rooms(self._plain, rooms) if rooms else None
             if failed:
                 return failed
-        if not build.make():
+        if not self._plain.make():
             return "the build of the tests"
-        return build.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$")
+        return self._plain.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$")
+
+    def _test_sanitized(self, mutant):
+        """A read or a write beyond an object is an error also when it changes no result."""
+        own, wing = self._rooms(mutant)
+        rooms = own or wing
+        if not rooms:
+            return None
+        if rooms != self._sanitized_rooms:
+            failed = self._test_rooms(self._sanitized, rooms)
+            if failed:
+                raise Failure(f"fails without a mutant: {failed}\n{self._sanitized.output}")
+            self._sanitized_rooms = rooms
+        with self.mutated(mutant):
+            failed = self._test_rooms(self._sanitized, rooms)
+        return failed and f"{failed} (sanitized)"
 
     def judge_by_units(self, mutant):
         """The verdict and, for a mutant that is killed, what noticed it."""
         with self.mutated(mutant):
             if not self._plain.make("bonjour"):
                 return "invalid", ""
-            noticed = self._units(self._plain, mutant)
+            noticed = self._test_units(mutant)
             if noticed:
                 return "killed", noticed
             self._make_all(self._optimised)
             if self._optimised.objects() == self._objects:
                 return "equivalent", ""
-        # A read or a write beyond an object that changes no result is an error all the same.
-        if not self._sanitized_ready:
-            self._make_all(self._sanitized)
-            self._sanitized_ready = True
-        with self.mutated(mutant):
-            noticed = self._units(self._sanitized, mutant)
-            return ("killed", f"{noticed} (sanitized)") if noticed else ("survived", "")
+        noticed = self._test_sanitized(mutant)
+        return ("killed", noticed) if noticed else ("survived", "")
 
     def judge_in_lab(self, mutant):
         """The same by the tests that run the daemon whole."""
