@@ -200,13 +200,11 @@ class Scratch:
         selection = f"^({'|'.join(rooms)}):"
         return build.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$", "-R", selection)
 
-    def _test_units(self, mutant):
-        """The room's own tests are asked first, then its wing's, then all."""
-        own, wing = self._rooms(mutant)
-        for rooms in (own, wing):
-            failed = self._test_rooms(self._plain, rooms) if rooms else None
-            if failed:
-                return failed
+    def _test_others(self, rooms):
+        """The unit test that fails, or None: those of `rooms` are asked first, then all."""
+        failed = self._test_rooms(self._plain, rooms) if rooms else None
+        if failed:
+            return failed
         if not self._plain.make():
             return "the build of the tests"
         return self._plain.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$")
@@ -231,12 +229,16 @@ class Scratch:
         with self.mutated(mutant):
             if not self._plain.make("bonjour"):
                 return "invalid", ""
-            noticed = self._test_units(mutant)
+            own, wing = self._rooms(mutant)
+            noticed = self._test_rooms(self._plain, own) if own else None
             if noticed:
                 return "killed", noticed
             self._make_all(self._optimised)
             if self._optimised.objects() == self._objects:
                 return "equivalent", ""
+            noticed = self._test_others(wing)
+            if noticed:
+                return "killed", noticed
         noticed = self._test_sanitized(mutant)
         return ("killed", noticed) if noticed else ("survived", "")
 
