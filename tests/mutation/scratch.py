@@ -187,11 +187,12 @@ class Scratch:
             path.write_bytes(original)
 
     def _rooms(self, mutant):
-        """The rooms that have tests: the mutant's own, as a list of one or none, and its wing's."""
+        """The rooms that have tests: the mutant's own, if it has any, and its wing's."""
         wing, room = pathlib.PurePath(mutant.path).with_suffix("").parts
         paths = sorted((self._source / "tests" / wing).glob("*_test.cpp"))
         tested = [f"{wing}/{path.name.removesuffix('_test.cpp')}" for path in paths]
-        return [name for name in tested if name == f"{wing}/{room}"], tested
+        own = re.compile(f"{wing}/{room}(_.*)?")
+        return [name for name in tested if own.fullmatch(name)], tested
 
     def _test_rooms(self, build, rooms):
         """The test of these rooms that fails, or None."""

@@ -139,6 +139,18 @@ TEST_F(SendingTest, EachTransmissionComesBeforeItsPause) {
   EXPECT_THAT(waiting, ElementsAre(1, 1, 1));
 }
 
+TEST_F(SendingTest, PacketIsPendingUntilItsSenderHasEnded) {
+  static std::vector<uint32_t> pending;
+  pending.clear();
+  onUsleep = [](unsigned) { pending.push_back(PendingTransmissions()); };
+  EXPECT_EQ(PendingTransmissions(), 0u);
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  EXPECT_THAT(pending, ElementsAre(1, 1, 1));
+  EXPECT_EQ(PendingTransmissions(), 0u);
+}
+
 TEST_F(SendingTest, SenderIsDetachedAndHasASmallStack) {
   const Bytes packet = Wire("01");
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
@@ -205,6 +217,7 @@ TEST_F(SendingTest, FailedTransmissionEndsTheJobWithOneLine) {
   EXPECT_EQ(output.Stderr(), "[Bonjour] send packet error: Bad file descriptor\n");
   EXPECT_EQ(output.Stdout(), "");
   EXPECT_THAT(Pauses(), ElementsAre());
+  EXPECT_EQ(PendingTransmissions(), 0u);
 }
 
 TEST_F(SendingTest, FailureAfterTheFirstTransmissionDropsTheRest) {
@@ -247,6 +260,7 @@ TEST_F(SendingTest, WithoutAThreadThePacketIsDroppedWithALine) {
   EXPECT_TRUE(threadFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] pthread_create: Resource temporarily unavailable\n");
   EXPECT_EQ(output.Stdout(), "");
+  EXPECT_EQ(PendingTransmissions(), 0u);
   EXPECT_TRUE(sink.IsDry());
 }
 
