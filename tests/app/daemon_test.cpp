@@ -24,6 +24,9 @@ constexpr char kNoThread[] = "[Bonjour] pthread_create error: Resource temporari
 class Daemon : public testing::Test {
  protected:
   void SetUp() override {
+    fakeThread = {};
+    bTerminate.Set(0);
+    responderState.initStatus.Set(0);
     ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
     ASSERT_TRUE(AddBridge({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC})) << strerror(errno);
     fakeThread.onStart = [this](ThreadBody body, void* argument) {

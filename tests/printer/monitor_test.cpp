@@ -14,6 +14,7 @@
 #include "tests/support/fake_services.h"
 #include "tests/support/fake_sleep.h"
 #include "tests/support/fake_status_file.h"
+#include "tests/support/fault.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -30,7 +31,10 @@ struct ScanCase {
   std::array<std::string, 10> names;
 };
 
-class ScanPrintersTest : public testing::TestWithParam<ScanCase> {};
+class ScanPrintersTest : public testing::TestWithParam<ScanCase> {
+ protected:
+  void SetUp() override { memset(printerServiceNames, 0, sizeof(printerServiceNames)); }
+};
 
 TEST_P(ScanPrintersTest, FindsPortsAndNames) {
   memcpy(hw_addr, kMac, 6);
@@ -211,6 +215,8 @@ PrinterPresence Ports(std::string_view digits) {
 class ApplyPresenceTest : public testing::Test {
  protected:
   void SetUp() override {
+    fakeServices = {};
+    memset(printerServiceNames, 0, sizeof(printerServiceNames));
     for (int32_t port = 0; port < 10; ++port) {
       printerServiceNames[port][0] = 'p';
       printerServiceNames[port][1] = static_cast<char>('0' + port);
@@ -311,6 +317,24 @@ TEST_F(ApplyPresenceTest, ServiceWithoutBufferIsNotUnregistered) {
   free(lost);
 }
 
+TEST_F(ApplyPresenceTest, ServiceWithoutMemoryForItsTextIsLeftOutAndTheOtherOneIsNot) {
+  struct {
+    int failedCall;
+    const char* story;
+  } const cases[] = {{1, "+7 ipp p7\n-7 ipp p7\n"}, {2, "+7 pdl p7\n-7 pdl p7\n"}};
+  for (const auto& row : cases) {
+    callocFault.FailCall(row.failedCall);
+    const Log log = Apply("7");
+    EXPECT_TRUE(callocFault.HasStruck());
+    EXPECT_EQ(log.out, "[Bonjour] device insert lp7\n");
+    EXPECT_EQ(log.err, "[Bonjour] malloc error: Cannot allocate memory\n");
+    EXPECT_EQ(printerTxtPdl[7] == nullptr, row.failedCall == 1);
+    EXPECT_EQ(printerTxtIpp[7] == nullptr, row.failedCall == 2);
+    EXPECT_EQ(Apply("").out, "[Bonjour] device remove lp7\n");
+    EXPECT_EQ(Story(), row.story);
+  }
+}
+
 // Runs the monitor over a story of passes, each with the file as it is then, without waiting.
 class Monitor : public testing::Test {
  protected:
@@ -319,7 +343,12 @@ class Monitor : public testing::Test {
     std::string text;
   };
 
-  void SetUp() override { memcpy(hw_addr, kMac, 6); }
+  void SetUp() override {
+    fakeServices = {};
+    fakeStatusFile = {};
+    bTerminate.Set(0);
+    memcpy(hw_addr, kMac, 6);
+  }
 
   Log Run(const std::vector<Pass>& passes) {
     size_t pass = 0;
@@ -467,6 +496,15 @@ TEST_F(Monitor, StopLeavesPrintersRegisteredAndTheirTextsAlive) {
   ASSERT_NE(printerTxtIpp[0], nullptr);
   EXPECT_STREQ(printerTxtPdl[0]->text, "x");
   EXPECT_STREQ(printerTxtIpp[0]->text, "x");
+}
+
+TEST_F(Monitor, LackOfMemoryAtTheStartEndsItAtOnce) {
+  callocFault.FailCall(1);
+  const Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
+  EXPECT_TRUE(callocFault.HasStruck());
+  EXPECT_EQ(log.err, "[Bonjour] malloc error: Cannot allocate memory\n");
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(fakeStatusFile.reads, 0);
 }
 
 TEST_F(Monitor, StartsWithEmptyTables) {

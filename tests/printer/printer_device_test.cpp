@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 
+#include "tests/support/fault.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/own_namespace.h"
 
@@ -133,6 +134,21 @@ TEST_F(PrinterDevice, RefusalIsLoggedWithTheDriversOwnError) {
   };
   EXPECT_EQ(Read(0).err, "[Bonjour] ioctl printer failed: Input/output error\n");
   EXPECT_EQ(id, nullptr);
+}
+
+TEST_F(PrinterDevice, LackOfMemoryIsLoggedAndTheDriverNotAsked) {
+  ASSERT_TRUE(WriteFile("/dev/usblp0", ""));
+  int asked = 0;
+  driver = [&](int, unsigned long, char*) {
+    ++asked;
+    return 0;
+  };
+  callocFault.FailCall(1);
+  const Log log = Read(0);
+  EXPECT_TRUE(callocFault.HasStruck());
+  EXPECT_EQ(id, nullptr);
+  EXPECT_EQ(log.err, "[Bonjour] malloc error: Cannot allocate memory\n");
+  EXPECT_EQ(asked, 0);
 }
 
 }  // namespace

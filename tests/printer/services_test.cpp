@@ -30,6 +30,8 @@ constexpr char kPort3Other[] =
 class PrinterServices : public testing::Test {
  protected:
   void SetUp() override {
+    fakeRegistration = {};
+    fakeStatusFile = {};
     SetDeviceName("router");
     fakeStatusFile.text = "usblp3\nACME\nLaser\nPCL\n\n";
     CopyText(printerServiceNames[3], "ACME Laser (aa:bb:cc) 3");

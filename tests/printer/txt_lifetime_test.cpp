@@ -97,7 +97,10 @@ class Silence {
 
 class TxtLifetime : public testing::Test {
  protected:
-  void SetUp() override { SetDeviceName("router"); }
+  void SetUp() override {
+    SetDeviceName("router");
+    memset(hw_addr, 0, 6);
+  }
 
   // The next passes, each with what it reads; what the monitor knows stays between two calls.
   void Pass(const char* text) {

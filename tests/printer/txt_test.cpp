@@ -11,6 +11,7 @@
 #include "tests/support/case_name.h"
 #include "tests/support/fake_printer_device.h"
 #include "tests/support/fake_status_file.h"
+#include "tests/support/fault.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -327,7 +328,11 @@ TEST(BuildTxtText, WritesNoTerminator) {
 
 class GetTxtData : public testing::Test {
  protected:
-  void SetUp() override { SetDeviceName(kRouter); }
+  void SetUp() override {
+    fakeStatusFile = {};
+    fakePrinterDevice = {};
+    SetDeviceName(kRouter);
+  }
 
   Log Get(const std::string& status, int32_t port = 0, int32_t kind = PRINTER_KIND_PDL) {
     fakeStatusFile.text = status;
@@ -377,6 +382,17 @@ TEST_F(GetTxtData, MissingFileIsLogged) {
   EXPECT_EQ(log.out, "");
   EXPECT_EQ(log.err,
             "[Bonjour] Can not open \"/proc/printer_status\": No such file or directory\n");
+}
+
+TEST_F(GetTxtData, LackOfMemoryIsLoggedAndTheFileNotRead) {
+  callocFault.FailCall(1);
+  const Log log = Get("usblp0\nA\nM\nX\n\n");
+  EXPECT_TRUE(callocFault.HasStruck());
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(txt.Text(), "");
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(log.err, "[Bonjour] calloc error: Cannot allocate memory\n");
+  EXPECT_EQ(fakeStatusFile.reads, 0);
 }
 
 TEST_F(GetTxtData, LongestDeviceNameGoesWholeIntoTheNote) {
