@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "app/daemon.h"
+#include "tests/support/command_line.h"
 #include "tests/support/own_namespace.h"
 
 namespace {
@@ -88,18 +89,16 @@ class RunningDaemon {
   const std::string& Output() const { return output; }
 
  private:
-  [[noreturn]] static void RunChild(std::vector<std::string> arguments, const std::string& status) {
+  [[noreturn]] static void RunChild(const std::vector<std::string>& arguments,
+                                    const std::string& status) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (!EnterOwnMounts() || !MountOwnProc() || !WriteFile("/proc/printer_status", status)) {
       perror("set-up of the test");
       _exit(kSetupFailed);
     }
-    arguments.insert(arguments.begin(), "bonjour");
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    const CommandLine line(arguments);
     // As a process ends that returns from main: a sanitizer then looks for leaks.
-    exit(RunDaemon(static_cast<int>(arguments.size()), argv.data()));
+    exit(RunDaemon(line.Count(), line.Values()));
   }
 
   // Waits for more output. False at the end of the process or of the time.

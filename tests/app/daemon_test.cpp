@@ -12,6 +12,7 @@
 #include "mdns/responder.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"
+#include "tests/support/command_line.h"
 #include "tests/support/fake_sleep.h"
 #include "tests/support/fake_thread.h"
 #include "tests/support/log_capture.h"
@@ -40,12 +41,9 @@ class Daemon : public testing::Test {
     };
   }
 
-  Log Run(std::vector<std::string> arguments = {}) {
-    arguments.insert(arguments.begin(), "bonjour");
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    return LogOf([&] { status = RunDaemon(static_cast<int>(arguments.size()), argv.data()); });
+  Log Run(const std::vector<std::string>& arguments = {}) {
+    const CommandLine line(arguments);
+    return LogOf([&] { status = RunDaemon(line.Count(), line.Values()); });
   }
 
   bool isUpAtOnce = true;

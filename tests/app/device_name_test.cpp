@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/case_name.h"
+#include "tests/support/command_line.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/own_namespace.h"
 
@@ -23,14 +24,10 @@ struct ModelCase {
 class ChooseModelTest : public testing::TestWithParam<ModelCase> {};
 
 TEST_P(ChooseModelTest, ChoosesTheModel) {
-  std::vector<std::string> texts = GetParam().arguments;
-  texts.insert(texts.begin(), "bonjour");
-  std::vector<char*> argv;
-  for (std::string& text : texts) argv.push_back(text.data());
-  argv.push_back(nullptr);
+  const CommandLine line(GetParam().arguments);
   char model[43];
   memset(model, '#', sizeof(model));
-  ChooseModel(model, static_cast<int>(texts.size()), argv.data());
+  ChooseModel(model, line.Count(), line.Values());
   // The field is zeros to its end.
   std::string field = GetParam().model;
   field.resize(43);

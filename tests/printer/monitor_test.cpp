@@ -366,7 +366,7 @@ class Monitor : public testing::Test {
       }
     };
     show();
-    const Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
+    Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
     fakeSleep.hook = nullptr;
     return log;
   }
