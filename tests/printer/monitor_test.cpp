@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -348,6 +349,15 @@ class Monitor : public testing::Test {
     fakeStatusFile = {};
     bTerminate.Set(0);
     memcpy(hw_addr, kMac, 6);
+  }
+  // A stopped monitor leaves its texts to the services that are still registered.
+  void TearDown() override {
+    for (int32_t port = 0; port < 10; ++port) {
+      free(printerTxtPdl[port]);
+      free(printerTxtIpp[port]);
+      printerTxtPdl[port] = nullptr;
+      printerTxtIpp[port] = nullptr;
+    }
   }
 
   Log Run(const std::vector<Pass>& passes) {
