@@ -9,8 +9,10 @@ import pytest
 HERE = pathlib.Path(__file__).resolve().parent
 PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-header"]
 
-# Seconds before ctest gives a test up: far beyond any bound in the tests, even under a sanitizer.
 TIMEOUT = 240
+
+
+SANITIZED = ("debug", "tsan")
 
 
 class Collector:
@@ -62,6 +64,8 @@ def entries(items, options):
     )
     for item in items:
         if item.get_closest_marker("release") and options.build.name != "release":
+            continue
+        if item.get_closest_marker("unsanitized") and options.build.name in SANITIZED:
             continue
         mark = item.get_closest_marker("seconds")
         module = item.module.__name__.removeprefix("test_")

@@ -1,0 +1,198 @@
+"""What the preloaded library shim.c is told, and what it reports: both sides map one file."""
+
+import errno
+import mmap
+import os
+import struct
+import time
+
+from lab.printers import device_tool
+from lab.waiting import PATIENCE, TimedOut
+
+# Threads by the order in which the daemon starts them, with one probing pass.
+ANY_THREAD = -1
+SENDER = -2
+INITIAL, RESPONDER, PROBER, ANSWERING, MONITOR = range(5)
+
+JOINABLE, DETACHED = 0, 1
+
+SIOCGIFHWADDR = 0x8927
+SIOCGIFFLAGS = 0x8913
+SIOCGIFADDR = 0x8915
+LPIOC_GET_DEVICE_ID = 0x82005001
+
+_SHIM = "libfault_shim.so"
+_FUNCTIONS = (
+    "malloc calloc pthread_create socket setsockopt bind ioctl open read recvfrom sendto".split()
+)
+_OBSERVE, _FAIL, _HOLD, _LIMIT = range(4)
+
+_HEADER = struct.Struct("<iiq")
+_RULES = 32
+_RULE = struct.Struct("<iiiiqqqq64siiqqqq")
+_BLOCKS_OFFSET = 8
+_RELEASED_OFFSET = 112
+_POLL_SECONDS = 0.002
+
+
+def option(level, name):
+    """The selector of a setsockopt."""
+    return level * 65536 + name
+
+
+class Rule:
+    """One kind of call that is watched, and what the library did about it."""
+
+    def __init__(self, board, number, text):
+        self._board = board
+        self._offset = _HEADER.size + number * _RULE.size
+        self._text = text
+
+    def _fields(self):
+        return _RULE.unpack_from(self._board, self._offset)
+
+    @property
+    def seen(self):
+        """Calls that matched."""
+        return self._fields()[11]
+
+    @property
+    def hits(self):
+        """Calls that were dealt with."""
+        return self._fields()[12]
+
+    @property
+    def bytes(self):
+        """Asked for by all calls that matched."""
+        return self._fields()[13]
+
+    @property
+    def most_bytes(self):
+        """Asked for by the greediest of them."""
+        return self._fields()[14]
+
+    @property
+    def overdue(self):
+        """Whether a call was held until the library lost its patience."""
+        return self._fields()[10] != 0
+
+    def wait(self, hits=1, bound=10.0):
+        """Waits until so many calls were dealt with."""
+        _wait(lambda: self.hits >= hits, bound, lambda: f"{self}: {self.hits} of {hits} hits")
+
+    def release(self):
+        """Lets held calls go on, those to come too."""
+        struct.pack_into("<i", self._board, self._offset + _RELEASED_OFFSET, 1)
+
+    def lift(self):
+        """The library looks at the rule no more."""
+        struct.pack_into("<i", self._board, self._offset, 0)
+
+    def __str__(self):
+        return self._text
+
+
+class Board:
+    """The faults of one program. Rules count from the moment on that they are made."""
+
+    def __init__(self, path):
+        self._path = path
+        with open(path, "w+b") as file:
+            file.truncate(_HEADER.size + _RULES * _RULE.size)
+            self._board = mmap.mmap(file.fileno(), 0)
+        self.rules = []
+
+    def environment(self):
+        """What the program's environment says."""
+        return {"FAULTS": str(self._path), "LD_PRELOAD": str(device_tool().with_name(_SHIM))}
+
+    @property
+    def attached(self):
+        """Whether the library has found its way into the program."""
+        return _HEADER.unpack_from(self._board)[0] == 1
+
+    @property
+    def blocks(self):
+        """Heap blocks that the program took and has not given back."""
+        return _HEADER.unpack_from(self._board)[2]
+
+    def fail(self, function, error, **where):
+        """Lets calls fail with this errno; see _add for which."""
+        return self._add(_FAIL, function, getattr(errno, error), **where)
+
+    def hold(self, function, **where):
+        """Lets calls wait until the rule is released."""
+        return self._add(_HOLD, function, 0, **where)
+
+    def limit(self, function, most, **where):
+        """Lets reads return no more than `most` bytes."""
+        return self._add(_LIMIT, function, most, **where)
+
+    def observe(self, function, **where):
+        """Only counts calls."""
+        return self._add(_OBSERVE, function, 0, **where)
+
+    def _add(
+        self, action, function, argument, *, thread=ANY_THREAD, about=-1, path="", skip=0, times=1
+    ):
+        """A rule for calls of `function` by `thread` that are about `about`: the size of an
+        allocation, the request of an ioctl, option() of a setsockopt, JOINABLE or DETACHED of a
+        pthread_create; or about `path`, for open. `skip` of them are let through, then `times`
+        of them are dealt with, or all if that is None."""
+        text = f"{function} thread={thread} about={about} path={path} skip={skip} times={times}"
+        rule = Rule(self._board, len(self.rules), text)
+        fields = (
+            *(0, _FUNCTIONS.index(function), thread, action),
+            *(about, skip, -1 if times is None else times, argument),
+            *(path.encode(), 0, 0, 0, 0, 0, 0),
+        )
+        _RULE.pack_into(self._board, rule._offset, *fields)
+        struct.pack_into("<i", self._board, rule._offset, 1)
+        self.rules.append(rule)
+        return rule
+
+    def wait_for_blocks(self, wanted, bound=10.0):
+        _wait(
+            lambda: self.blocks == wanted,
+            bound,
+            lambda: f"{self.blocks} heap blocks are held instead of {wanted}",
+        )
+
+    def check(self):
+        """Raises if a rule was never reached or a held call was never released."""
+        assert self.attached, "the library was not loaded"
+        never = [str(rule) for rule in self.rules if rule.hits == 0]
+        assert not never, f"faults that were never reached: {never}"
+        overdue = [str(rule) for rule in self.rules if rule.overdue]
+        assert not overdue, f"calls that were held too long: {overdue}"
+
+    def close(self):
+        self._board.close()
+
+
+def _wait(holds, bound, what):
+    deadline = time.monotonic() + bound * PATIENCE
+    while not holds():
+        if time.monotonic() > deadline:
+            raise TimedOut(what())
+        time.sleep(_POLL_SECONDS)
+
+
+def descriptors(pid):
+    """What the process's descriptors from 3 on refer to, sockets without their numbers, sorted."""
+    links = []
+    for number in os.listdir(f"/proc/{pid}/fd"):
+        if int(number) > 2:
+            try:
+                links.append(os.readlink(f"/proc/{pid}/fd/{number}").split(":")[0])
+            except FileNotFoundError:
+                pass
+    return sorted(links)
+
+
+def wait_for_descriptors(pid, wanted, bound=10.0):
+    _wait(
+        lambda: descriptors(pid) == wanted,
+        bound,
+        lambda: f"{descriptors(pid)} are open instead of {wanted}",
+    )

@@ -1,0 +1,43 @@
+"""What fault tests start from: a board of faults, and a daemon under it."""
+
+import pytest
+from board import Board, descriptors
+
+
+@pytest.fixture
+def board(tmp_path):
+    """The faults of the test's daemon. Each must have been reached when the test ends."""
+    made = Board(tmp_path / "board")
+    try:
+        yield made
+        made.check()
+    finally:
+        made.close()
+
+
+@pytest.fixture
+def start(router, board):
+    """Starts the daemon under the board; as router.start()."""
+    return lambda *arguments, **how: router.start(
+        *arguments, environment=board.environment(), **how
+    )
+
+
+class Holdings:
+    """What the daemon held at a quiet moment, to be compared with later ones."""
+
+    def __init__(self, board, daemon):
+        self._board = board
+        self._daemon = daemon
+        self._blocks = board.blocks
+        self._descriptors = descriptors(daemon.pid)
+
+    def check(self, more_blocks=0):
+        """Waits until as much is held as before, and so many heap blocks more."""
+        self._board.wait_for_blocks(self._blocks + more_blocks)
+        assert descriptors(self._daemon.pid) == self._descriptors
+
+
+@pytest.fixture
+def holdings(board):
+    return lambda daemon: Holdings(board, daemon)
