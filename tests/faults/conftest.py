@@ -2,6 +2,7 @@
 
 import pytest
 from board import Board, descriptors
+from lab.usage import usage_once_senders_ended
 
 
 @pytest.fixture
@@ -27,6 +28,8 @@ class Holdings:
     """What the daemon held at a quiet moment, to be compared with later ones."""
 
     def __init__(self, board, daemon):
+        board.wait_until_the_monitor_runs()
+        usage_once_senders_ended(daemon.pid)
         self._board = board
         self._daemon = daemon
         self._blocks = board.blocks
@@ -34,6 +37,7 @@ class Holdings:
 
     def check(self, more_blocks=0):
         """Waits until as much is held as before, and so many heap blocks more."""
+        usage_once_senders_ended(self._daemon.pid)
         self._board.wait_for_blocks(self._blocks + more_blocks)
         assert descriptors(self._daemon.pid) == self._descriptors
 
