@@ -28,7 +28,7 @@ _ENVIRONMENT = {
     "CTEST_OUTPUT_ON_FAILURE": "1",
 }
 _BUILD_SECONDS = 900
-_LAB = "^(system|fault)$"
+_LAB = "^(system|faults)$"
 _FAILED = re.compile(r"tests FAILED:\n\s*\d+ - (.*) \(.*\)\n")
 
 
@@ -179,7 +179,7 @@ class Scratch:
     @contextlib.contextmanager
     def mutated(self, mutant):
         path = self._source / mutant.path
-        original = (self._root / mutant.path).read_bytes()
+        original = path.read_bytes()
         path.write_bytes(mutant.apply(original))
         try:
             yield
