@@ -17,9 +17,9 @@ namespace {
 
 // One question that is being answered.
 struct Query {
-  size_t received;     // bytes of the message
-  AddressText sender;  // who asked
-  int32_t socket;      // where the answer leaves
+  size_t received;   // bytes of the message
+  in_addr_t sender;  // who asked
+  int32_t socket;    // where the answer leaves
 };
 
 // The texts of one service's answer, copied from its entry; they free themselves.
@@ -31,7 +31,7 @@ struct ServiceTexts {
 
 void LogQuery(const AnsweringState& state, const Query& query, const char* asked) {
   printf("[Bonjour] answer(%s) query %s from %s (%d)\n", GetInterfaceAddress(state.slot).text,
-         asked, query.sender.text, static_cast<int>(query.received));
+         asked, FormatAddress(query.sender).text, static_cast<int>(query.received));
 }
 
 bool RefreshAddress(uint32_t slot) {
@@ -132,7 +132,7 @@ void AnswerMessage(AnsweringState& state, size_t received, const sockaddr_in& se
   const MessageReader buffer(state.receiveBuffer, sizeof(state.receiveBuffer));
   if (buffer.Byte(kFlagsOffset) != kFlagsQuery) return;
 
-  const Query query = {received, FormatAddress(sender.sin_addr.s_addr), socket};
+  const Query query = {received, sender.sin_addr.s_addr, socket};
   if (AsksForHostName(buffer, FieldText(state.deviceName))) {
     if (HostQuestionType(buffer) == kTypeA) AnswerHostName(state, query);
   } else {
