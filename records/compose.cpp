@@ -10,14 +10,19 @@ namespace {
 constexpr uint8_t kServiceAnswers = 4;
 constexpr uint8_t kServiceAnswersWithSubtype = 5;
 
+// The record is zero-filled, so the text's terminator is there.
+void SetText(char* field, size_t limit, std::string_view text) {
+  CopyCharacters(field, {text.data(), text.size() < limit ? text.size() : limit});
+}
+
 void BeginRecord(Packet& packet, std::string_view owner, int32_t type) {
   packet.record = MdnsRecord{};
-  CopyText(packet.record.name, kRecordNameSize, kRecordNameMax, owner);
+  SetText(packet.record.name, kRecordNameMax, owner);
   packet.record.type = type;
 }
 
 void SetData(Packet& packet, std::string_view text) {
-  CopyText(packet.record.rdata, kRecordDataSize, kRecordDataMax, text);
+  SetText(packet.record.rdata, kRecordDataMax, text);
 }
 
 void EndRecord(Packet& packet, bool questionOnly) {
