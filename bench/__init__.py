@@ -1,0 +1,1 @@
+"""The benchmarks; ./bench/run does all of them."""
