@@ -134,7 +134,8 @@ class Lab:
         whole = collections.Counter()
 
         def completes_all(packet):
-            if self.from_router(packet):
+            # A probe may still be under way.
+            if self.from_router(packet) and not packet.is_query:
                 whole[packet.payload] += 1
             return whole.total() == answered * TRANSMISSIONS and all(
                 count % TRANSMISSIONS == 0 for count in whole.values()
