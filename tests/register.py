@@ -35,6 +35,13 @@ def test_name(options, module, name):
     return f"{options.group}/{module} ({options.build.name}): {name.replace('_', ' ')}"
 
 
+def is_for(item, build):
+    """Whether a test is run on the build of that name."""
+    if item.get_closest_marker("release") and build != "release":
+        return False
+    return not (item.get_closest_marker("unsanitized") and build in SANITIZED)
+
+
 def entries(items, options):
     group = options.group
     captures = options.build / "lab-captures" / group
@@ -63,10 +70,6 @@ def entries(items, options):
         *("FIXTURES_SETUP", fixture),
     )
     for item in items:
-        if item.get_closest_marker("release") and options.build.name != "release":
-            continue
-        if item.get_closest_marker("unsanitized") and options.build.name in SANITIZED:
-            continue
         mark = item.get_closest_marker("seconds")
         module = item.module.__name__.removeprefix("test_")
         yield entry(
@@ -94,7 +97,8 @@ def main():
     status = pytest.main(arguments, plugins=[collector])
     if status != 0 or not collector.items:
         sys.exit(f"the {options.group} tests could not be listed")
-    options.output.write_text("".join(entries(collector.items, options)))
+    items = [item for item in collector.items if is_for(item, options.build.name)]
+    options.output.write_text("".join(entries(items, options)) if items else "")
 
 
 if __name__ == "__main__":
