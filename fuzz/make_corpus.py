@@ -344,6 +344,18 @@ def status_seeds():
         fresh(printer(6, b"M" * 60, b"N" * 60, b"C" * 119), build=(6, 1)),
         device=b"d" * 64,
     )
+    # Texts of 512 and 513 characters, key lines of 127 and 128.
+    yield "text_at_limit", monitored(
+        fresh(printer(8, b"M" * 10, b"N" * 40, b"C" * 100), build=(8, 2)),
+        fresh(printer(8, b"M" * 12, b"N" * 39, b"C" * 100), build=(8, 2)),
+        device=b"d" * 49,
+    )
+    yield "key_line_at_limit", monitored(
+        fresh(printer(8, b"M", b"N", b"C" * 118), build=(8, 2)),
+        fresh(printer(8, b"M", b"N", b"C" * 119), build=(8, 2)),
+        device=b"d",
+    )
+    yield "token_at_end", monitored(fresh(b"a\nb\nc\nusblp"), fresh(one + b"a\nb\nc\nd\ne\nusblp"))
     yield "many_commands", monitored(
         fresh(printer(7, commands=b",A," * 37), build=(7, 3)),
         fresh(printer(7, commands=b",".join([b"PCL"] * 128)), build=(7, 3)),
