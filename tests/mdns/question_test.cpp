@@ -156,6 +156,10 @@ const ServiceRow kServiceRows[] = {
     {"LongLengthIsALength", "00 01 6*00 C1 193*'x' 04 '_ipp' 00 00 0C 00 01", "_ipp", false},
     {"LongLengthThenInstance",
      "00 02 6*00 40 64*'x' 00 00 0C 00 01 06 'Office' 04 '_ipp' 00 00 0C 00 01", "_ipp", true},
+    {"LongestLengthsAreSteppedOver",
+     "00 02 6*00 01 'a' C1 193*'x' FF 255*'x' BF 191*'x' 00 00 0C 00 01"
+     " 04 '_ipp' 04 '_tcp' 05 'local' 00 00 0C 00 01",
+     "_ipp", true},
     {"LabelThatLeavesTheMessage", "00 01 6*00 05 '_ipp'", "_ipp", false},
     {"LabelThatEndsTheMessage", "00 01 6*00 04 '_ipp'", "_ipp", true},
     {"HeaderAndOneByte", "00 01 6*00 00", "_ipp", false},

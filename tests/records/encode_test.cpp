@@ -186,6 +186,10 @@ const RecordRow kRecordRows[] = {
      "01 'h' 00 00 01 00 01 00 00 00 78 00 04 FF FF FF FF"},
     {"EmptyOwnerIsTheRoot", Record("", 1, 0, 120, "10.0.0.9"), 0,
      "00 00 01 00 01 00 00 00 78 00 04 0A 00 00 09"},
+    {"OwnerLabelOf64Characters", Record(Repeat(64, 'a') + ".b", 1, 0, 120, "10.0.0.9"), 0,
+     "40 64*'a' 01 'b' 00 00 01 00 01 00 00 00 78 00 04 0A 00 00 09"},
+    {"TargetLabelOf64Characters", Record("h", 12, 0, 120, Repeat(64, 'a') + ".b"), 0,
+     "01 'h' 00 00 0C 00 01 00 00 00 78 00 44 40 64*'a' 01 'b' 00"},
     {"PointerCarriesItsTarget", Record("_ipp._tcp.local", 12, 0, 4500, "Office._ipp._tcp.local"), 0,
      "04 '_ipp' 04 '_tcp' 05 'local' 00 00 0C 00 01 00 00 11 94 00 18"
      " 06 'Office' 04 '_ipp' 04 '_tcp' 05 'local' 00"},

@@ -202,6 +202,17 @@ TEST_F(RegistryTest, RemovingAnUnknownServiceIsReported) {
   EXPECT_THAT(Names(), ElementsAre("a"));
 }
 
+TEST_F(RegistryTest, ServiceThatGoesBeforeItsRemovalIsNotRemovedTwice) {
+  Add("Office");
+  Add("keep");
+  onNextLock = [] {
+    // The look for the entry is over when the removal comes to this lock.
+    onNextLock = [] { EXPECT_EQ(Remove("Office"), 1u); };
+  };
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("Office"), 0u); }), "");
+  EXPECT_THAT(Names(), ElementsAre("keep"));
+}
+
 TEST_F(RegistryTest, UnknownOperationsDoNothingAndSucceed) {
   Add("a");
   for (const uint32_t operation : {2u, 3u, 0xFFFFFFFFu}) {

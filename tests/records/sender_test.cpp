@@ -264,6 +264,33 @@ TEST_F(SendingTest, WithoutAThreadThePacketIsDroppedWithALine) {
   EXPECT_TRUE(sink.IsDry());
 }
 
+TEST_F(SendingTest, TransmissionsArePendingUntilTheSenderEnds) {
+  static std::vector<uint32_t> pending;
+  pending.clear();
+  onUsleep = [](unsigned) { pending.push_back(PendingTransmissions()); };
+  EXPECT_EQ(PendingTransmissions(), 0u);
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  EXPECT_THAT(pending, ElementsAre(1, 1, 1));
+  EXPECT_EQ(PendingTransmissions(), 0u);
+}
+
+TEST_F(SendingTest, NothingIsPendingBehindAFailure) {
+  StdoutOf([this] {
+    const Bytes packet = Wire("01");
+    SendPacket(packet.data(), 1, -1, sink.Name());
+    ASSERT_TRUE(WaitForEndedThreads(1));
+    EXPECT_EQ(PendingTransmissions(), 0u);
+    threadFault.FailCall(1);
+    __lsan_disable();
+    SendPacket(packet.data(), 1, source.Get(), sink.Name());
+    __lsan_enable();
+  });
+  EXPECT_TRUE(threadFault.HasStruck());
+  EXPECT_EQ(PendingTransmissions(), 0u);
+}
+
 TEST_F(SendingTest, ManySendersShareOneSocket) {
   constexpr int kCallers = 4;
   constexpr int kPacketsEach = 8;

@@ -125,7 +125,7 @@ sockaddr_in UdpSocket::Name() const {
 }
 
 void UdpSocket::SetReceiveTimeout(int milliseconds) const {
-  const timeval timeout = {milliseconds / 1000, milliseconds % 1000 * 1000};
+  const timeval timeout = {milliseconds / 1000, milliseconds % 1000 * 1000L};
   Require(setsockopt(Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) == 0,
           "SO_RCVTIMEO");
 }
