@@ -41,7 +41,7 @@ void CheckBlock(const std::string& id) {
 
 void CheckTxt(const std::string& id, int32_t kind, const std::string& manufacturer,
               const std::string& commandSet) {
-  const std::string file = "usblp4\n" + manufacturer + "\n\n" + commandSet + "\n\n";
+  std::string file = "usblp4\n" + manufacturer + "\n\n" + commandSet + "\n\n";
   SetDeviceName("T5140_00-11-22-AA-BB-CC");
   fakePrinters.statusFile = [&] { return file; };
   fakePrinters.deviceId = [&](int32_t port) {
