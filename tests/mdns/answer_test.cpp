@@ -471,6 +471,18 @@ TEST_F(LoopTest, EmptyDatagramsAreSkipped) {
   EXPECT_EQ(SentPackets().size(), 2u);
 }
 
+TEST_F(LoopTest, OneByteInFrontOfAQuestionLeftOverIsAnswered) {
+  Run();
+  client.Send(Wire(std::string(kHeader) + kHostQuestion), first.Name());
+  ASSERT_TRUE(WaitForSentPackets(1));
+  client.Send(Wire("00"), first.Name());
+  ASSERT_TRUE(WaitForSentPackets(2));
+  Stop();
+  EXPECT_EQ(output.Stdout(),
+            "[Bonjour] answer(127.0.0.1) query target from 127.0.0.2 (32)\n"
+            "[Bonjour] answer(192.168.1.2) query target from 127.0.0.2 (1)\n");
+}
+
 TEST_F(LoopTest, LongDatagramIsCutAtTheBuffer) {
   Bytes message = Wire(std::string(kHeader) + kHostQuestion);
   message.resize(3000, 0xFF);

@@ -86,6 +86,13 @@ TEST(Status, IsTheStatesWord) {
   responderState.initStatus.Set(0);
 }
 
+TEST(Flags, AreClearAtFirst) {
+  EXPECT_EQ(bTerminate.Get(), 0u);
+  EXPECT_EQ(GetBonjourInitStatus(), 0u);
+  EXPECT_EQ(responderState.notifyFlag.Get(), 0u);
+  EXPECT_EQ(responderState.waitFlag.Get(), 0u);
+}
+
 TEST(Flags, AreSetAndReleased) {
   SetNotifyFlag();
   EXPECT_EQ(responderState.notifyFlag.Get(), 1u);

@@ -198,7 +198,7 @@ class Scratch:
         """The test of these rooms that fails, or None."""
         if not build.make(*[f"{room.replace('/', '_')}_test" for room in rooms]):
             return "the build of its test"
-        selection = f"^({'|'.join(rooms)}):"
+        selection = f"^({'|'.join(rooms)}) "
         return build.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$", "-R", selection)
 
     def _test_others(self, rooms):
