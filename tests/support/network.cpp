@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/ethtool.h>
 #include <linux/if_tun.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -58,6 +59,16 @@ uint16_t Checksum(std::span<const uint8_t> bytes) {
   for (size_t i = 0; i + 1 < bytes.size(); i += 2) sum += Word(bytes, i);
   while (sum >> 16 != 0) sum = (sum & 0xFFFF) + (sum >> 16);
   return static_cast<uint16_t>(~sum);
+}
+
+// The kernel notices a carrier by itself within a second, and what an interface sends before is
+// lost in silence; the question for its link state makes it look at once.
+bool HasLink(const char* name) {
+  ethtool_value link = {ETHTOOL_GLINK, 0};
+  ifreq request = Request(name);
+  request.ifr_data = reinterpret_cast<char*>(&link);
+  Control(SIOCETHTOOL, &request, "ETHTOOL_GLINK");
+  return link.data == 1;
 }
 
 bool IsReadable(int descriptor, int milliseconds) {
@@ -156,6 +167,8 @@ OtherHost::OtherHost(const char* bridge) : tap(open("/dev/net/tun", O_RDWR | O_C
   port.ifr_ifindex = static_cast<int>(if_nametoindex(request.ifr_name));
   Control(SIOCBRADDIF, &port, "SIOCBRADDIF");
   SetInterfaceUp(request.ifr_name, true);
+  Require(HasLink(request.ifr_name), "a link at the wire");
+  Require(HasLink(bridge), "a link at the bridge");
 }
 
 void OtherHost::SendMulticast(const char* source, std::span<const uint8_t> payload) const {

@@ -55,7 +55,7 @@ class UdpSocket {
 /// The far end of a wire that is plugged into a bridge.
 class OtherHost {
  public:
-  /// Makes a port on the bridge.
+  /// Makes a port on the bridge, which is up; packets pass from then on.
   explicit OtherHost(const char* bridge);
   /// Puts a UDP datagram to the multicast DNS group and port on the wire, as another host would.
   void SendMulticast(const char* source, std::span<const uint8_t> payload) const;
