@@ -183,10 +183,14 @@ TEST_F(PrinterServices, PortBelowZeroHasNoName) {
   EXPECT_EQ(fakeRegistration.calls[0].name, "");
 }
 
-TEST_F(PrinterServices, NameIsThePortsEntry) {
-  Update(4, 0, 2);
-  ASSERT_EQ(fakeRegistration.calls.size(), 1u);
-  EXPECT_EQ(fakeRegistration.calls[0].name, "Another printer");
+TEST_F(PrinterServices, NameIsThePortsEntryFromTheFirstPortToTheLast) {
+  CopyText(printerServiceNames[0], "First printer");
+  CopyText(printerServiceNames[9], "Last printer");
+  for (const int32_t port : {0, 4, 9}) Update(port, 0, 2);
+  ASSERT_EQ(fakeRegistration.calls.size(), 3u);
+  EXPECT_EQ(fakeRegistration.calls[0].name, "First printer");
+  EXPECT_EQ(fakeRegistration.calls[1].name, "Another printer");
+  EXPECT_EQ(fakeRegistration.calls[2].name, "Last printer");
 }
 
 TEST(PrinterTcpPort, OfTheRawPortCountsUpFromNinetyOneHundred) {
