@@ -2,10 +2,12 @@
 
 import dataclasses
 import functools
+import math
 import select
 import socket
 import struct
 import threading
+import time
 
 from lab import packets
 from lab.waiting import Journal
@@ -80,6 +82,7 @@ class Capture:
     def __init__(self, network, interface):
         self.packets = Journal()
         self._frames = []
+        self._taking = threading.Lock()
         with network.entered():
             self._socket = socket.socket(
                 socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL)
@@ -104,28 +107,40 @@ class Capture:
         while True:
             ready = dict(poll.poll())
             if self._socket.fileno() in ready:
-                self._take_frame()
+                self._take_frames()
             elif ready:
                 return
 
+    def _take_frames(self):
+        """Takes what the kernel holds by now. What a process has reacted to is among it, so a
+        caller who knows of a packet by other means finds it behind this."""
+        with self._taking:
+            now = time.time()
+            while self._take_frame() < now:
+                pass
+
     def _take_frame(self):
+        """Takes one frame and returns when it passed, or infinity if there is none."""
         try:
-            frame, ancillary, _, _ = self._socket.recvmsg(65536, 256)
-        except OSError:  # the interface went down
-            return
+            frame, ancillary, _, _ = self._socket.recvmsg(65536, 256, socket.MSG_DONTWAIT)
+        except OSError:  # no more, or the interface went down
+            return math.inf
         seconds, nanoseconds = struct.unpack("qq", ancillary[0][2][:16])
-        time = seconds + nanoseconds / 1e9
+        passed = seconds + nanoseconds / 1e9
         self._frames.append((seconds, nanoseconds, frame))
-        packet = _udp_datagram(time, frame)
+        packet = _udp_datagram(passed, frame)
         if packet is not None:
             self.packets.append(packet)
+        return passed
 
     def mark(self):
-        """The position behind the packets seen so far."""
+        """The position behind the packets so far."""
+        self._take_frames()
         return len(self.packets)
 
     def seen(self, wanted=lambda packet: True, since=0):
         """The packets so far for which `wanted(packet)` holds."""
+        self._take_frames()
         return [packet for packet in self.packets.items(since) if wanted(packet)]
 
     def wait_for(self, wanted, count=1, since=0, bound=10.0, what="a packet"):

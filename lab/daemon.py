@@ -4,6 +4,7 @@ import dataclasses
 import os
 import pathlib
 import re
+import select
 import signal
 import subprocess
 import threading
@@ -14,6 +15,7 @@ from lab.waiting import PATIENCE, Journal, TimedOut
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
+_PIPE_CAPACITY = 65536
 _POLL = 0.01
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 
@@ -31,6 +33,30 @@ class Line:
     time: float
     stream: str
     text: str
+
+
+class _Stream:
+    """One of a process's outputs, taken without waiting for more."""
+
+    def __init__(self, name, pipe):
+        self.name = name
+        self.pipe = pipe
+        self._begun = b""
+        os.set_blocking(pipe.fileno(), False)
+
+    def take(self):
+        """The lines that came since the last time, or None once the output has ended."""
+        try:
+            taken = os.read(self.pipe.fileno(), _PIPE_CAPACITY)
+        except BlockingIOError:
+            return []
+        if taken:
+            *lines, self._begun = (self._begun + taken).split(b"\n")
+        elif self._begun:
+            lines, self._begun = [self._begun], b""
+        else:
+            return None
+        return [line.decode(errors="backslashreplace") for line in lines]
 
 
 class Daemon:
@@ -51,33 +77,51 @@ class Daemon:
             stderr=subprocess.PIPE,
         )
         self.pid = self._process.pid
-        self._readers = []
-        for stream in ("stdout", "stderr"):
-            reader = threading.Thread(target=self._read, args=(stream,), daemon=True)
-            reader.start()
-            self._readers.append(reader)
-        self._waiter = threading.Thread(target=self._end_journal, daemon=True)
-        self._waiter.start()
+        self._streams = [
+            _Stream("stdout", self._process.stdout),
+            _Stream("stderr", self._process.stderr),
+        ]
+        self._taking = threading.Lock()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
 
-    def _read(self, stream):
-        with getattr(self._process, stream) as pipe:
-            for line in pipe:
-                text = line.decode(errors="backslashreplace").rstrip("\n")
-                self.lines.append(Line(time.time(), stream, text))
-
-    def _end_journal(self):
-        for reader in self._readers:
-            reader.join()
+    def _read(self):
+        poll = select.poll()
+        for stream in self._streams:
+            poll.register(stream.pipe, select.POLLIN)
+        while self._streams:
+            poll.poll()
+            for stream in self._take_lines():
+                poll.unregister(stream.pipe)
+                with self._taking:
+                    self._streams.remove(stream)
+                    stream.pipe.close()
         self.lines.close()
+
+    def _take_lines(self):
+        """Takes what has been printed by now, so that a caller who knows of a line by other means
+        finds it behind this. Returns the streams that have ended."""
+        ended = []
+        with self._taking:
+            for stream in self._streams:
+                lines = stream.take()
+                if lines is None:
+                    ended.append(stream)
+                    continue
+                for line in lines:
+                    self.lines.append(Line(time.time(), stream.name, line))
+        return ended
 
     # Lines
 
     def mark(self):
-        """The position behind the lines seen so far."""
+        """The position behind the lines so far."""
+        self._take_lines()
         return len(self.lines)
 
     def texts(self, stream=None, since=0):
         """The lines so far as text, of one stream or of both."""
+        self._take_lines()
         return [
             line.text for line in self.lines.items(since) if stream in (None, line.stream)
         ]
@@ -138,7 +182,7 @@ class Daemon:
             except subprocess.TimeoutExpired:
                 if time.monotonic() >= deadline:
                     raise TimedOut(f"the daemon still runs after {bound * PATIENCE} s") from None
-        self._waiter.join()
+        self._reader.join()
         return self._process.returncode
 
     def check_clean(self):
@@ -155,4 +199,4 @@ class Daemon:
         if self.running:
             self.signal(signal.SIGKILL)
         self._process.wait()
-        self._waiter.join()
+        self._reader.join()

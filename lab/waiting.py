@@ -14,7 +14,7 @@ class TimedOut(AssertionError):
 
 
 class Journal:
-    """A list that one thread appends to and others wait on. Items are never removed."""
+    """A list that is appended to and waited on by threads. Items are never removed."""
 
     def __init__(self):
         self._items = []

@@ -70,10 +70,10 @@ def test_pass_with_a_conflict_is_followed_by_a_fresh_pass_a_second_later(
     host.send(SAME)
     lab.wait_for_transmissions(PROBE_1)
     router.end_probe()
+    ending = lab.capture.wait_for(lambda packet: packet.payload == HARMLESS)[0].time
     probing.wait_for_line(LIMIT)
-    ended = lab.capture.seen(lambda packet: packet.payload == HARMLESS)[-1].time
-    fresh = lab.wait_for_packet(lambda packet: packet.payload == PROBE_1 and packet.time > ended)
-    assert fresh[0].time - ended >= 0.999
+    fresh = lab.wait_for_packet(lambda packet: packet.payload == PROBE_1 and packet.time > ending)
+    assert fresh[0].time - ending >= 0.999
     router.end_probe()
     router.wait_for_banner()
 
