@@ -1,6 +1,7 @@
 """What a running process holds: threads, private memory, descriptors."""
 
 import dataclasses
+import functools
 import os
 import threading
 import time
@@ -10,7 +11,8 @@ from lab.waiting import PATIENCE, TimedOut
 
 @dataclasses.dataclass(frozen=True)
 class Usage:
-    """Memory is in KiB: what is the process's own and can't be dropped."""
+    """Threads are the program's own. Memory is in KiB: what is the process's own and can't be
+    dropped."""
 
     threads: int
     memory: int
@@ -21,11 +23,20 @@ def _field(text, name):
     return next(int(line.split()[1]) for line in text.splitlines() if line.startswith(name))
 
 
+@functools.lru_cache(maxsize=None)
+def _runtime_threads(pid):
+    """Threads that the thread sanitizer keeps for itself."""
+    with open(f"/proc/{pid}/maps") as file:
+        return 1 if "/libtsan.so" in file.read() else 0
+
+
 def usage(pid):
     with open(f"/proc/{pid}/status") as file:
         status = file.read()
     return Usage(
-        _field(status, "Threads:"), _field(status, "RssAnon:"), len(os.listdir(f"/proc/{pid}/fd"))
+        _field(status, "Threads:") - _runtime_threads(pid),
+        _field(status, "RssAnon:"),
+        len(os.listdir(f"/proc/{pid}/fd")),
     )
 
 

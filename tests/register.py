@@ -12,9 +12,6 @@ PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-
 TIMEOUT = 240
 
 
-SANITIZED = ("debug", "tsan")
-
-
 class Collector:
     def __init__(self):
         self.items = []
@@ -37,9 +34,7 @@ def test_name(options, module, name):
 
 def is_for(item, build):
     """Whether a test is run on the build of that name."""
-    if item.get_closest_marker("release") and build != "release":
-        return False
-    return not (item.get_closest_marker("unsanitized") and build in SANITIZED)
+    return build == "release" or not item.get_closest_marker("release")
 
 
 def entries(items, options):

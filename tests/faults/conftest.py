@@ -18,10 +18,12 @@ def board(tmp_path):
 
 @pytest.fixture
 def start(router, board):
-    """Starts the daemon under the board; as router.start()."""
-    return lambda *arguments, **how: router.start(
-        *arguments, environment=board.environment(), **how
-    )
+    """Starts the daemon under the board; as router.start(). `keeps_blocks` as the board's."""
+
+    def run(*arguments, keeps_blocks=False, **how):
+        return router.start(*arguments, environment=board.environment(keeps_blocks), **how)
+
+    return run
 
 
 class Holdings:

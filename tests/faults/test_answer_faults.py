@@ -8,8 +8,6 @@ from board import ANSWERING, DETACHED, SENDER, SIOCGIFADDR, SIOCGIFFLAGS
 from lab import packets
 from lab.usage import usage_once_senders_ended
 
-pytestmark = pytest.mark.unsanitized
-
 NO_MEMORY = "[Bonjour] malloc error: Cannot allocate memory"
 NO_ANSWER = "[MDNS_Answer] UpdateHostIP error"
 IPP_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
@@ -161,7 +159,7 @@ def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, board, start, h
 
 
 def test_no_sender_thread_is_reported_and_its_job_stays(lab, board, start, holdings):
-    daemon = start()
+    daemon = start(keeps_blocks=True)
     before = holdings(daemon)
     board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED)
     since = lab.capture.mark()
@@ -176,7 +174,7 @@ def test_no_sender_thread_is_reported_and_its_job_stays(lab, board, start, holdi
 
 
 def test_stop_does_not_wait_for_a_sender_that_was_never_started(lab, router, board, start):
-    daemon = start()
+    daemon = start(keeps_blocks=True)
     board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED)
     lab.host.send(wire.HOST_QUESTION)
     daemon.wait_for_line("[Bonjour] pthread_create: Resource temporarily unavailable")

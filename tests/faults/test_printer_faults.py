@@ -6,8 +6,6 @@ from board import ANSWERING, LPIOC_GET_DEVICE_ID, MONITOR, RESPONDER, SIOCGIFADD
 from lab import packets
 from lab.usage import usage, usage_once_senders_ended
 
-pytestmark = pytest.mark.unsanitized
-
 STATUS_FILE = "/proc/printer_status"
 INSERTED = "[Bonjour] device insert lp0"
 REMOVED = "[Bonjour] device remove lp0"

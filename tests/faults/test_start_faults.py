@@ -8,8 +8,6 @@ import wire
 from board import ANSWERING, INITIAL, JOINABLE, PROBER, RESPONDER, SIOCGIFADDR, SIOCGIFFLAGS
 from board import SIOCGIFHWADDR, option
 
-pytestmark = pytest.mark.unsanitized
-
 CONNECTED = "[Bonjour] Interface: br0 is connected"
 NAME = "[Bonjour] default device name = T5140_00-11-22-AA-BB-CC"
 ANSWERS = "[Bonjour] Answer Name Start (192.168.77.1)"
