@@ -5,6 +5,7 @@ import pathlib
 import re
 import signal
 import sys
+import zlib
 
 import pytest
 
@@ -33,7 +34,10 @@ def pytest_runtest_makereport(item, call):
 
 
 def _file_name(request):
-    return re.sub(r"[^\w.-]+", "_", f"{request.module.__name__}.{request.node.name}")
+    name = f"{request.module.__name__}.{request.node.name}"
+    # Names that differ in other characters alone stay apart, else two tests would write one file.
+    slug = re.sub(r"[^\w.-]+", "_", name)
+    return f"{slug}-{zlib.crc32(name.encode()):08x}"
 
 
 def _finish(lab, request):
