@@ -29,7 +29,7 @@ _OBSERVE, _FAIL, _HOLD, _LIMIT = range(4)
 
 _HEADER = struct.Struct("<iiq")
 _RULES = 32
-_RULE = struct.Struct("<iiiiqqqq64siiqqqq")
+_RULE = struct.Struct("<iiiiqqqq64siiqqqqq")
 _BLOCKS_OFFSET = 8
 _RELEASED_OFFSET = 112
 _POLL_SECONDS = 0.002
@@ -71,6 +71,11 @@ class Rule:
     def most_bytes(self):
         """Asked for by the greediest of them."""
         return self._fields()[14]
+
+    @property
+    def latest(self):
+        """When a call was last dealt with, in seconds of wall-clock time."""
+        return self._fields()[15] / 1e9
 
     @property
     def overdue(self):
@@ -152,7 +157,7 @@ class Board:
         fields = (
             *(0, _FUNCTIONS.index(function), thread, action),
             *(about, skip, -1 if times is None else times, argument),
-            *(path.encode(), 0, 0, 0, 0, 0, 0),
+            *(path.encode(), 0, 0, 0, 0, 0, 0, 0),
         )
         _RULE.pack_into(self._board, rule._offset, *fields)
         struct.pack_into("<i", self._board, rule._offset, 1)

@@ -59,6 +59,7 @@ struct Rule {
   int64_t hits;         /* calls that were dealt with */
   int64_t bytes;        /* asked for by the calls that matched */
   int64_t mostBytes;    /* asked for by one of them */
+  int64_t latest;       /* when a call was last dealt with: wall-clock time in nanoseconds */
 };
 
 struct Board {
@@ -126,6 +127,12 @@ static void Count(struct Rule* rule, int64_t bytes) {
   }
 }
 
+static int64_t Now(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
+}
+
 static void WaitForRelease(struct Rule* rule) {
   const struct timespec pause = {0, 1000000};
   for (int i = 0; i < kHoldMilliseconds; ++i) {
@@ -157,6 +164,7 @@ static int Judge(const struct Call* call, int64_t* limit) {
     Count(rule, call->bytes);
     if (number < rule->skip) continue;
     if (rule->times >= 0 && number >= rule->skip + rule->times) continue;
+    __atomic_store_n(&rule->latest, Now(), __ATOMIC_RELEASE);
     __atomic_fetch_add(&rule->hits, 1, __ATOMIC_ACQ_REL);
     if (rule->action == kHold) WaitForRelease(rule);
     if (rule->action == kFail) failure = (int)rule->argument;

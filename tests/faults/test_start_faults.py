@@ -92,7 +92,7 @@ def test_refused_socket_option_is_reported_and_set_up_again_after_a_second(
     connected = daemon.wait_for_line(CONNECTED)
     failed = daemon.wait_for_line(f"[Bonjour] setsockopt {name}: Protocol not available")
     assert failed.stream == "stderr"
-    assert connected.time - failed.time >= 0.99
+    assert connected.time - refused.latest >= 0.99
     assert refused.hits == 1
     assert daemon.texts("stderr") == [failed.text]
 
@@ -153,14 +153,14 @@ def test_set_up_is_given_up_after_five_seconds_and_tried_again_by_the_supervisio
     gave_up = daemon.wait_for_line(GAVE_UP)
     assert gave_up.time - first.time > 5
     assert 6 <= refused.hits <= 9
-    named = daemon.wait_for_line(NAME)
+    daemon.wait_for_line(NAME)
     # The supervision's own first try follows at once, the next ten seconds later.
     second = daemon.wait_for_line(
         "[Bonjour] discovery bind: Address already in use", count=refused.hits
     )
     refused.lift()
     connected = daemon.wait_for_line(CONNECTED, bound=15)
-    assert connected.time - named.time >= 9.99
+    assert connected.time - refused.latest >= 9.99
     assert second.time < connected.time
     daemon.wait_for_line(ANSWERS)
     daemon.wait_for_line(BANNER)
