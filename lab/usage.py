@@ -1,7 +1,6 @@
 """What a running process holds: threads, private memory, descriptors."""
 
 import dataclasses
-import functools
 import os
 import threading
 import time
@@ -23,18 +22,17 @@ def _field(text, name):
     return next(int(line.split()[1]) for line in text.splitlines() if line.startswith(name))
 
 
-@functools.lru_cache(maxsize=None)
-def _runtime_threads(pid):
-    """Threads that the thread sanitizer keeps for itself."""
+def _maps(pid, library):
     with open(f"/proc/{pid}/maps") as file:
-        return 1 if "/libtsan.so" in file.read() else 0
+        return library in file.read()
 
 
 def usage(pid):
     with open(f"/proc/{pid}/status") as file:
         status = file.read()
     return Usage(
-        _field(status, "Threads:") - _runtime_threads(pid),
+        # The thread sanitizer has a thread of its own.
+        _field(status, "Threads:") - _maps(pid, "libtsan"),
         _field(status, "RssAnon:"),
         len(os.listdir(f"/proc/{pid}/fd")),
     )
@@ -42,11 +40,6 @@ def usage(pid):
 
 # The daemon's threads that live as long as it does: initial, responder, answering, monitor.
 LASTING_THREADS = 4
-
-
-def _maps(pid, library):
-    with open(f"/proc/{pid}/maps") as file:
-        return library in file.read()
 
 
 def tells_memory(pid):
@@ -57,9 +50,7 @@ def tells_memory(pid):
 def usage_once_senders_ended(pid, bound=10.0):
     """The daemon's usage as soon as only its lasting threads are left; raises TimedOut."""
     deadline = time.monotonic() + bound * PATIENCE
-    # The thread sanitizer has a thread of its own.
-    lasting = LASTING_THREADS + _maps(pid, "libtsan")
-    while (now := usage(pid)).threads > lasting:
+    while (now := usage(pid)).threads > LASTING_THREADS:
         if time.monotonic() > deadline:
             raise TimedOut(f"still {now.threads} threads")
         time.sleep(0.01)
