@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -129,6 +130,7 @@ TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
   strcpy(responderState.interfaceName[0], "old");
   responderState.connected[1].Set(1);
   responderState.interfaceAddress[1].Set(inet_addr("10.0.0.1"));
+  memset(&responderState.mdnsDestination, 0xEE, sizeof(responderState.mdnsDestination));
   Run();
   EXPECT_STREQ(responderState.interfaceName[0], "br0");
   EXPECT_STREQ(responderState.interfaceName[1], "qxSkipDevName");
@@ -137,6 +139,7 @@ TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
   EXPECT_EQ(responderState.mdnsDestination.sin_family, AF_INET);
   EXPECT_EQ(ntohs(responderState.mdnsDestination.sin_port), 5353);
   EXPECT_STREQ(inet_ntoa(responderState.mdnsDestination.sin_addr), "224.0.0.251");
+  EXPECT_THAT(responderState.mdnsDestination.sin_zero, testing::Each(0));
 }
 
 TEST_F(ResponderTest, WithoutARequestTheNameIsNotProbed) {

@@ -158,6 +158,18 @@ TEST_F(BridgeTest, SocketIsBoundToTheMdnsPortAndTheBridge) {
   EXPECT_STREQ(device, "br0");
 }
 
+TEST_F(BridgeTest, SocketMayBeTheFirstDescriptor) {
+  const int input = dup(0);
+  StdoutOf([] {
+    close(0);
+    EXPECT_EQ(SocketSetup_For_Interface_N(), 1u);
+  });
+  EXPECT_EQ(multicastSocket.Get(), 0);
+  CloseMulticastSocket();
+  dup2(input, 0);
+  close(input);
+}
+
 TEST_F(BridgeTest, SocketHasItsOptions) {
   SetUpSocket();
   EXPECT_EQ(Option<int>(SOL_SOCKET, SO_REUSEADDR), 1);

@@ -103,6 +103,7 @@ INSTANTIATE_TEST_SUITE_P(, KindTest,
 
 TEST_F(PrinterServices, UnknownKindBuildsItsTextAndRegistersNothing) {
   const Log log = Update(3, 1, 4);
+  EXPECT_EQ(result, 0u);
   EXPECT_STREQ(txt, kPort3Other);
   EXPECT_TRUE(fakeRegistration.calls.empty());
   EXPECT_EQ(log.out, "");
@@ -112,6 +113,7 @@ TEST_F(PrinterServices, UnknownKindBuildsItsTextAndRegistersNothing) {
 TEST_F(PrinterServices, UnknownKindUnregistersNothing) {
   for (const int32_t kind : {0, 4, -1}) {
     const Log log = Update(3, 0, kind);
+    EXPECT_EQ(result, 0u);
     EXPECT_EQ(log.out, "");
   }
   EXPECT_TRUE(fakeRegistration.calls.empty());
