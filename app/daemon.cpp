@@ -47,9 +47,8 @@ int RunDaemon(int argc, char* const* argv) {
   InstallSignals();
   char model[kModelNameSize];
   ChooseModel(model, argc, argv);
-  ResponderStartRecord start = {};
-  start.probeRequest = 1;
   ReadBridgeMac(hw_addr);
+  ResponderStartRecord start = {"", 1};
   FormatDeviceName(start.deviceName, model, hw_addr);
 
   JoinableThread responder;

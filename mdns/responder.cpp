@@ -45,10 +45,8 @@ int64_t SecondsNow() {
 void InitInterfaceTable() {
   CopyText(responderState.interfaceName[kBridgeSlot], kBridgeName);
   CopyText(responderState.interfaceName[kReservedSlot], kReservedName);
-  for (uint32_t slot = 0; slot < kInterfaceSlots; ++slot) {
-    responderState.connected[slot].Set(0);
-    responderState.interfaceAddress[slot].Set(INADDR_NONE);
-  }
+  for (SharedFlag& connected : responderState.connected) connected.Set(0);
+  for (SharedWord<in_addr_t>& address : responderState.interfaceAddress) address.Set(INADDR_NONE);
   SetDeviceName("");
 }
 

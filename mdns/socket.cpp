@@ -51,9 +51,8 @@ bool BindToBridge(int socket) {
 }
 
 bool JoinGroup(int socket) {
-  ip_mreq membership{};
-  membership.imr_multiaddr = responderState.mdnsDestination.sin_addr;
-  membership.imr_interface.s_addr = responderState.interfaceAddress[kBridgeSlot].Get();
+  const ip_mreq membership = {responderState.mdnsDestination.sin_addr,
+                              {responderState.interfaceAddress[kBridgeSlot].Get()}};
   return setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof(membership)) == 0;
 }
 

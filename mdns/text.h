@@ -24,9 +24,8 @@ inline void CopyCharacters(char* target, std::string_view text) {
 /// Copies `text` into the `capacity` bytes of `field`, cut to `limit` characters, and fills the
 /// rest of the field with zeros. `limit` is below `capacity`, so that the field ends in a zero.
 inline void CopyText(char* field, size_t capacity, size_t limit, std::string_view text) {
-  const size_t length = text.size() < limit ? text.size() : limit;
-  CopyCharacters(field, {text.data(), length});
-  memset(field + length, 0, capacity - length);
+  memset(field, 0, capacity);
+  CopyCharacters(field, {text.data(), text.size() < limit ? text.size() : limit});
 }
 
 /// Copies `text` into a whole array, cut to what fits before the terminator; the rest is zeros.

@@ -21,7 +21,8 @@ void BeginRecord(Packet& packet, std::string_view owner, int32_t type) {
   packet.record.type = type;
 }
 
-void SetData(Packet& packet, std::string_view text) {
+void SetData(Packet& packet, uint32_t ttl, std::string_view text) {
+  packet.record.ttl = ttl;
   SetText(packet.record.rdata, kRecordDataMax, text);
 }
 
@@ -43,40 +44,36 @@ void BeginPacket(Packet& packet, const PacketHeader& header) {
 
 void AddQuestion(Packet& packet, std::string_view owner, int32_t type, bool unicastResponse) {
   BeginRecord(packet, owner, type);
-  packet.record.cacheFlush = unicastResponse ? 1 : 0;
+  packet.record.cacheFlush = unicastResponse;
   EndRecord(packet, true);
 }
 
 void AddAddress(Packet& packet, std::string_view owner, bool cacheFlush, std::string_view address) {
   BeginRecord(packet, owner, kTypeA);
-  packet.record.cacheFlush = cacheFlush ? 1 : 0;
-  packet.record.ttl = kHostTtl;
-  SetData(packet, address);
+  packet.record.cacheFlush = cacheFlush;
+  SetData(packet, kHostTtl, address);
   EndRecord(packet, false);
 }
 
 void AddPointer(Packet& packet, std::string_view owner, uint32_t ttl, std::string_view target) {
   BeginRecord(packet, owner, kTypePtr);
-  packet.record.ttl = ttl;
-  SetData(packet, target);
+  SetData(packet, ttl, target);
   EndRecord(packet, false);
 }
 
 void AddServer(Packet& packet, std::string_view owner, bool cacheFlush, uint32_t port,
                std::string_view target) {
   BeginRecord(packet, owner, kTypeSrv);
-  packet.record.cacheFlush = cacheFlush ? 1 : 0;
-  packet.record.ttl = kHostTtl;
+  packet.record.cacheFlush = cacheFlush;
   packet.record.port = static_cast<int32_t>(port);
-  SetData(packet, target);
+  SetData(packet, kHostTtl, target);
   EndRecord(packet, false);
 }
 
 void AddText(Packet& packet, std::string_view owner, std::string_view text) {
   BeginRecord(packet, owner, kTypeTxt);
-  packet.record.cacheFlush = 1;
-  packet.record.ttl = kServiceTtl;
-  SetData(packet, text);
+  packet.record.cacheFlush = true;
+  SetData(packet, kServiceTtl, text);
   EndRecord(packet, false);
 }
 

@@ -58,23 +58,23 @@ struct Output {
 // the last. A label whose length byte finds no room advances by its characters only.
 int32_t WriteLabels(const Output& out, int32_t position, char separator, std::string_view text,
                     int32_t maxLabel) {
-  const char* next = text.data();
-  const char* const end = next + text.size();
-  while (next < end) {
-    const auto left = static_cast<size_t>(end - next);
+  size_t offset = 0;
+  while (offset < text.size()) {
+    const char* const label = text.data() + offset;
+    const size_t left = text.size() - offset;
     const size_t limit =
         left < static_cast<size_t>(maxLabel) ? left : static_cast<size_t>(maxLabel);
-    const void* stop = memchr(next, separator, limit);
+    const void* stop = memchr(label, separator, limit);
     const size_t length =
-        stop == nullptr ? limit : static_cast<size_t>(static_cast<const char*>(stop) - next);
+        stop == nullptr ? limit : static_cast<size_t>(static_cast<const char*>(stop) - label);
     if (length > 0) {
       const auto count = static_cast<int32_t>(length);
       if (out.Fits(position)) out.Byte(position++, static_cast<uint8_t>(count));
-      out.Bytes(position, next, count);
+      out.Bytes(position, label, count);
       position += count;
     }
     // One character further: the separator, or the one that a cut label swallows.
-    next += length < left ? length + 1 : length;
+    offset += length + 1;
   }
   return position;
 }

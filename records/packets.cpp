@@ -76,10 +76,8 @@ uint32_t PacketsComposeRemove(const char* serviceName, const char* serviceType,
     return 0;
   }
 
-  ServiceRecords service = {};
-  service.typeName = typeName.get();
-  service.instanceName = instanceName.get();
-  service.hasSubtype = strcmp(serviceType, kIppType) == 0;
+  const ServiceRecords service = {
+      "", "", typeName.get(), instanceName.get(), "", 0, strcmp(serviceType, kIppType) == 0};
   uint8_t bytes[kPacketSize];
   Packet packet = {bytes, kPacketSize, 0, {}};
   ComposeServiceGoodbye(packet, service);
