@@ -101,7 +101,6 @@ void ScanServices(AnsweringState& state, const Query& query) {
       LogNoMemory();
       return;
     }
-    if (!message.Has(kHeaderSize, 1)) continue;
     if (!AsksForService(message, shortLabel.get(), FieldText(entry->serviceName))) continue;
 
     LogQuery(state, query, shortLabel.get());

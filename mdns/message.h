@@ -17,16 +17,18 @@ class MessageReader {
   /// Number of bytes that may be seen.
   size_t Length() const { return size; }
   /// True when `count` bytes from `offset` on may be seen.
-  bool Has(size_t offset, size_t count) const { return offset <= size && count <= size - offset; }
+  bool Has(size_t offset, size_t count = 1) const {
+    return offset <= size && count <= size - offset;
+  }
   /// The byte at `offset`, or 0 when it lies outside.
-  uint8_t Byte(size_t offset) const { return Has(offset, 1) ? data[offset] : uint8_t{0}; }
+  uint8_t Byte(size_t offset) const { return Has(offset) ? data[offset] : uint8_t{0}; }
   /// The big-endian word at `offset`; bytes that lie outside count as 0.
   uint16_t Word(size_t offset) const {
     return static_cast<uint16_t>((Byte(offset) << 8) | Byte(offset + 1));
   }
   /// The bytes from `offset` on, `count` of them or as many as may be seen.
   std::string_view Text(size_t offset, size_t count) const {
-    if (offset >= size) return {};
+    if (!Has(offset)) return {};
     const size_t room = size - offset;
     return {reinterpret_cast<const char*>(data + offset), count < room ? count : room};
   }

@@ -69,7 +69,7 @@ void ComposeHostProbe(Packet& packet, std::string_view name) {
 // A label length beyond the name's field can't be compared with it and is no conflict; a label that
 // the message cuts short isn't one either.
 bool IsNameConflict(const MessageReader& message, const char (&name)[kDeviceNameSize]) {
-  if (!message.Has(kHeaderSize, 1)) return false;
+  if (!message.Has(kHeaderSize)) return false;
   const size_t nameLength = FieldText(name).size();
   const size_t labelLength = message.Byte(kHeaderSize);
   const size_t compared = nameLength > labelLength ? nameLength : labelLength;

@@ -49,7 +49,7 @@ bool AsksForService(const MessageReader& message, std::string_view shortLabel,
   std::string_view firstLabel;
   bool isFirstLabel = true;
 
-  while (message.Has(offset, 1)) {
+  while (message.Has(offset)) {
     const uint8_t length = message.Byte(offset);
     if (length != kRootLabel && length != kPointerMark) {
       if (!message.Has(offset + 1, length)) return false;

@@ -252,6 +252,14 @@ TEST_F(AnswerTest, EachNamedServiceGetsItsAnswerInTheOrderOfRegistration) {
   EXPECT_EQ(Answer(1), WireHex(kIppAnswer));
 }
 
+TEST_F(AnswerTest, ServiceThatIsNotAskedForDoesNotEndTheScan) {
+  Register("Lab", "_pdl-datastream._tcp", nullptr, 0, 9100);
+  Register("Office", "_ipp._tcp");
+  Handle(std::string(kHeader) + kIppQuestion);
+  ASSERT_EQ(SentPackets().size(), 1u);
+  EXPECT_EQ(SentPackets()[0].bytes[7], 5);
+}
+
 TEST_F(AnswerTest, ShorterAnswerHoldsNothingOfALongerOne) {
   Register("Office", "_ipp._tcp");
   Handle(std::string(kHeader) + kIppQuestion);

@@ -131,7 +131,14 @@ TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
   responderState.connected[1].Set(1);
   responderState.interfaceAddress[1].Set(inet_addr("10.0.0.1"));
   memset(&responderState.mdnsDestination, 0xEE, sizeof(responderState.mdnsDestination));
+  SetDeviceName("old");
+  fakeSocketRoom.setup = []() -> uint32_t {
+    Note("name at the setup: " + DeviceName());
+    bTerminate.Set(1);
+    return 0;
+  };
   Run();
+  EXPECT_EQ(Count("name at the setup: "), 1);
   EXPECT_STREQ(responderState.interfaceName[0], "br0");
   EXPECT_STREQ(responderState.interfaceName[1], "qxSkipDevName");
   EXPECT_EQ(responderState.connected[1].Get(), 0u);
