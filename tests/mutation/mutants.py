@@ -95,6 +95,7 @@ class _Reader:
         self.path = path
         self.source = (root / path).read_bytes()
         self.found = {}
+        self.bounds = []
         language = "c++-header" if path.endswith(".h") else "c++"
         self.unit = clang.cindex.Index.create().parse(
             str(root / path), args=["-x", language, "-std=c++17", f"-I{root}", "-w"]
@@ -123,6 +124,7 @@ class _Reader:
         self.found.setdefault(change, (kind, line, original, mutated))
 
     def read(self):
+        self.bounds = list(self.array_bounds())
         for cursor in self.unit.cursor.get_children():
             file = cursor.location.file
             if file is not None and file.name.endswith("/" + self.path):
@@ -134,6 +136,23 @@ class _Reader:
             mutants.append(Mutant(self.path, *change, *place, like[place[2:]]))
             like[place[2:]] += 1
         return mutants
+
+    def array_bounds(self):
+        """Where an array's size is given. What only makes it larger changes nothing, so there a
+        mutant makes it smaller."""
+        for cursor in self.unit.cursor.walk_preorder():
+            file = cursor.location.file
+            if file is None or not file.name.endswith("/" + self.path):
+                continue
+            if cursor.kind in (Kind.VAR_DECL, Kind.FIELD_DECL):
+                start, end = self.span(cursor)
+                name = cursor.location.offset + len(cursor.spelling)
+                match = re.match(rb"(\[[^\]{]+\])+", self.source[name:end])
+                if cursor.type.kind == TypeKind.CONSTANTARRAY and match:
+                    yield name, name + match.end()
+
+    def is_bound(self, start):
+        return any(first <= start < last for first, last in self.bounds)
 
     def visit(self, cursor):
         if cursor.kind == Kind.STATIC_ASSERT:
@@ -173,7 +192,7 @@ class _Reader:
         prefix, digits, suffix = (group.decode() if group else "" for group in literal.groups())
         value = int(digits, 16 if prefix else 10)
         for changed in (value + 1, value - 1):
-            if changed >= 0:
+            if changed >= 0 and not (changed > value and self.is_bound(start)):
                 number = f"{prefix}{changed:0{len(digits)}X}" if prefix else str(changed)
                 self.add("constant", start, end, number + suffix)
 
@@ -207,7 +226,8 @@ class _Reader:
             return
         start, end = self.span(cursor)
         if self.text(start, end) == cursor.spelling:
-            self.add("offset", start, end, f"({cursor.spelling} + 1)")
+            sign = "-" if self.is_bound(start) else "+"
+            self.add("offset", start, end, f"({cursor.spelling} {sign} 1)")
 
     # Operators
 
@@ -226,7 +246,8 @@ class _Reader:
         operator, start, end = self.operator_between(operands[0], operands[-1])
         for kind, table in (("operator", _OPERATORS), ("comparison", _COMPARISONS)):
             for other in table.get(operator, []):
-                self.add(kind, start, end, other)
+                if operator != "-" or not self.is_bound(start):
+                    self.add(kind, start, end, other)
 
     read_compound_assignment_operator = read_binary_operator
 

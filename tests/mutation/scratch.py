@@ -20,6 +20,7 @@ _COMMON = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=", "-DBONJOUR_FUZZ=OFF", "-DBONJOU
 _LIMITS = ["prlimit", f"--fsize={1 << 28}", "--core=0"]
 _BUILD_CPU = _LAB_CPU = 120
 _UNIT_CPU = 5
+_UNITS = ["-L", "^unit$", "-j", "4"]  # they wait a lot
 # The same __DATE__ and __TIME__ in every build.
 _ENVIRONMENT = {
     **os.environ,
@@ -145,7 +146,7 @@ class Scratch:
         self._make_all(self._optimised)
         self._objects = self._optimised.objects()
         start = time.monotonic()
-        self._check(self._plain.test(_UNIT_CPU, 600, "-L", "^unit$"))
+        self._check(self._plain.test(_UNIT_CPU, 600, *_UNITS))
         self._unit_bound = 15 + 5 * (time.monotonic() - start)
 
     def _copy(self):
@@ -199,7 +200,7 @@ class Scratch:
         if not build.make(*[f"{room.replace('/', '_')}_test" for room in rooms]):
             return "the build of its test"
         selection = f"^({'|'.join(rooms)}) "
-        return build.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$", "-R", selection)
+        return build.test(_UNIT_CPU, self._unit_bound, *_UNITS, "-R", selection)
 
     def _test_others(self, rooms):
         """The unit test that fails, or None: those of `rooms` are asked first, then all."""
@@ -208,7 +209,7 @@ class Scratch:
             return failed
         if not self._plain.make():
             return "the build of the tests"
-        return self._plain.test(_UNIT_CPU, self._unit_bound, "-L", "^unit$")
+        return self._plain.test(_UNIT_CPU, self._unit_bound, *_UNITS)
 
     def _test_sanitized(self, mutant):
         """A read or a write beyond an object is an error also when it changes no result."""
