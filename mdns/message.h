@@ -16,10 +16,10 @@ class MessageReader {
 
   /// Number of bytes that may be seen.
   size_t Length() const { return size; }
+  /// True when the byte at `offset` may be seen.
+  bool Has(size_t offset) const { return offset < size; }
   /// True when `count` bytes from `offset` on may be seen.
-  bool Has(size_t offset, size_t count = 1) const {
-    return offset <= size && count <= size - offset;
-  }
+  bool Has(size_t offset, size_t count) const { return offset <= size && count <= size - offset; }
   /// The byte at `offset`, or 0 when it lies outside.
   uint8_t Byte(size_t offset) const { return Has(offset) ? data[offset] : uint8_t{0}; }
   /// The big-endian word at `offset`; bytes that lie outside count as 0.
