@@ -324,6 +324,15 @@ TEST_P(MemoryTest, WithoutACopyTheScanGoesOnWithTheNextEntry) {
   EXPECT_EQ(Answer(0), WireHex(kIppAnswer));
 }
 
+TEST_F(AnswerTest, TextOfNoLengthTakesNoMemory) {
+  Register("Lab", "_ipp._tcp", nullptr, 0);
+  callocFault.FailCall(4);
+  Handle(std::string(kHeader) + kIppQuestion);
+  EXPECT_FALSE(callocFault.HasStruck());
+  callocFault.FailCall(0);
+  EXPECT_EQ(SentPackets().size(), 1u);
+}
+
 TEST_F(AnswerTest, WithoutAShortLabelTheMessageIsDropped) {
   Register("Lab", "_ipp._tcp");
   Register("Office", "_ipp._tcp");

@@ -252,6 +252,7 @@ TEST_F(ResponderTest, WithoutAProbingThreadTheNameIsTaken) {
   EXPECT_EQ(out,
             "[Bonjour] default device name = router\n"
             "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(Count("probe router retry 0 socket 17 slot 0"), 0);
   EXPECT_EQ(GetBonjourInitStatus(), 1u);
 }
 

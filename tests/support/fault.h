@@ -12,7 +12,7 @@
 /// A call that fails once when its turn comes.
 class Fault {
  public:
-  /// The `n`th call from here on fails; 1 is the next.
+  /// The `n`th call from here on fails; 1 is the next, 0 is none.
   void FailCall(int n) {
     struck = false;
     left = n;
