@@ -7,7 +7,7 @@
 
 void SharedText::Set(std::string_view text) {
   char bytes[kWords * sizeof(uint32_t)];
-  CopyText(bytes, sizeof(bytes), kMaxLength, text);
+  CopyText(bytes, sizeof(bytes), sizeof(bytes), text);
 
   const uint32_t before = version.load(std::memory_order_relaxed);
   version.store(before + 1, std::memory_order_relaxed);
@@ -31,7 +31,7 @@ size_t SharedText::Copy(char* buffer, size_t size) const {
     }
   } while ((before & 1) != 0 || version.load(std::memory_order_relaxed) != before);
 
-  const size_t length = strnlen(bytes, kMaxLength);
+  const size_t length = strnlen(bytes, sizeof(bytes));
   const size_t count = size < length ? size : length;
   memcpy(buffer, bytes, count);
   return count;

@@ -49,7 +49,7 @@ class SharedText {
   size_t Copy(char* buffer, size_t size) const;
 
  private:
-  static constexpr size_t kWords = kMaxLength / sizeof(uint32_t) + 1;
+  static constexpr size_t kWords = kMaxLength / sizeof(uint32_t);
 
   // Odd while a Set is under way; a copy counts only if this was even and did not move.
   std::atomic<uint32_t> version{0};

@@ -22,7 +22,8 @@ inline void CopyCharacters(char* target, std::string_view text) {
 }
 
 /// Copies `text` into the `capacity` bytes of `field`, cut to `limit` characters, and fills the
-/// rest of the field with zeros. `limit` is below `capacity`, so that the field ends in a zero.
+/// rest of the field with zeros. `limit` is at most `capacity`; a field that is to end in a zero
+/// has a limit below.
 inline void CopyText(char* field, size_t capacity, size_t limit, std::string_view text) {
   memset(field, 0, capacity);
   CopyCharacters(field, {text.data(), text.size() < limit ? text.size() : limit});

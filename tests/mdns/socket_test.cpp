@@ -6,13 +6,16 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "mdns/state.h"
+#include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
@@ -181,6 +184,29 @@ TEST_F(BridgeTest, SocketHasItsOptions) {
   EXPECT_EQ(timeout.tv_usec, 0);
 }
 
+TEST_F(BridgeTest, OptionsAreHandedOverInTheirOrderAndToTheByte) {
+  SetUpSocket();
+  const std::vector<SocketOption> options = SetOptions();
+  ASSERT_EQ(options.size(), 6u);
+  const auto expect = [&](size_t i, int level, int option, const Bytes& value) {
+    EXPECT_EQ(options[i].level, level) << i;
+    EXPECT_EQ(options[i].option, option) << i;
+    EXPECT_EQ(Hex(options[i].value), Hex(value)) << i;
+  };
+  const int on = 1;
+  Bytes one(sizeof(on));
+  memcpy(one.data(), &on, sizeof(on));
+  const timeval fiveSeconds = {5, 0};
+  Bytes timeout(sizeof(fiveSeconds));
+  memcpy(timeout.data(), &fiveSeconds, sizeof(fiveSeconds));
+  expect(0, SOL_SOCKET, SO_REUSEADDR, one);
+  expect(1, SOL_SOCKET, SO_BINDTODEVICE, Wire("'br0' 29*00"));
+  expect(2, IPPROTO_IP, IP_ADD_MEMBERSHIP, Wire("E0 00 00 FB C0 A8 01 01"));
+  expect(3, IPPROTO_IP, IP_MULTICAST_IF, Wire("00 00 00 00"));
+  expect(4, IPPROTO_IP, IP_MULTICAST_LOOP, Wire("00"));
+  expect(5, SOL_SOCKET, SO_RCVTIMEO, timeout);
+}
+
 TEST_F(BridgeTest, SocketJoinsTheGroupOnTheBridge) {
   SetUpSocket();
   std::ifstream file("/proc/thread-self/net/igmp");
@@ -221,6 +247,17 @@ TEST_F(BridgeTest, ClosingForgetsTheSocket) {
   CloseMulticastSocket();
   ExpectNothingOpen();
   EXPECT_EQ(close(descriptor), -1);
+}
+
+TEST_F(BridgeTest, BridgeCountsAsNotConnectedBeforeItsSocketIsClosed) {
+  SetUpSocket();
+  onClose = [](int descriptor) {
+    EXPECT_EQ(descriptor, multicastSocket.Get());
+    EXPECT_EQ(responderState.connected[0].Get(), 0u);
+    onClose = nullptr;
+  };
+  CloseMulticastSocket();
+  EXPECT_EQ(onClose.load(), nullptr);
 }
 
 TEST_F(BridgeTest, SetupWorksAgainBehindAClose) {
@@ -273,7 +310,10 @@ TEST_P(OptionTest, FailureIsReportedAndClosesTheSocket) {
   {
     CapturedOutput output;
     setsockoptFault.FailCall(GetParam().call);
+    // A close that succeeds may leave any errno behind; reported is the failed call's.
+    onClose = [](int) { errno = EIO; };
     EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+    onClose = nullptr;
     EXPECT_TRUE(setsockoptFault.HasStruck());
     EXPECT_EQ(output.Stderr(), std::string(GetParam().message) + ": Operation not permitted\n");
     EXPECT_EQ(output.Stdout(), "");

@@ -275,6 +275,30 @@ TEST(RegistryEndTest, ClosingWhileAnAdderWaitsForTheMutexTurnsItAway) {
   DestroyRegistry();
 }
 
+TEST(RegistryEndTest, MutexIsDestroyedWhenTheAdderThatWaitedForItHasGone) {
+  static std::atomic<bool> waits{false};
+  static std::atomic<bool> mayGo{false};
+  onNextLock = [] {
+    onNextLock = [] {
+      ServiceEntry copy;
+      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+      waits = true;
+      while (!mayGo) std::this_thread::yield();
+    };
+  };
+  std::thread adder([] { EXPECT_EQ(Add("late"), 0u); });
+  while (!waits) std::this_thread::yield();
+  onUsleep = [](unsigned microseconds) {
+    EXPECT_EQ(microseconds, 1000u);
+    mayGo = true;
+    std::this_thread::yield();
+  };
+  DestroyRegistry();
+  EXPECT_TRUE(mayGo);
+  onUsleep = nullptr;
+  adder.join();
+}
+
 TEST(RegistryEndTest, LateUsersLeaveADestroyedMutexAlone) {
   constexpr int kUsers = 3;
   std::atomic<bool> stop{false};

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <vector>
 
@@ -41,6 +42,18 @@ extern Fault threadFault;
 extern Fault socketFault;
 /// WRAPS setsockopt: the call returns -1 with EPERM.
 extern Fault setsockoptFault;
+
+/// WRAPS setsockopt: an option as it was handed over.
+struct SocketOption {
+  int level;
+  int option;
+  std::vector<uint8_t> value;
+};
+/// The options of the whole process, in the order of the calls; set by one thread.
+std::vector<SocketOption> SetOptions();
+
+/// WRAPS close: called with the descriptor, behind the real call; null means nothing.
+extern std::atomic<void (*)(int descriptor)> onClose;
 
 /// WRAPS pthread_create: the threads that were started through it.
 struct ThreadAttributes {
