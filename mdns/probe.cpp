@@ -73,8 +73,8 @@ bool IsNameConflict(const MessageReader& message, const char (&name)[kDeviceName
   const size_t nameLength = FieldText(name).size();
   const size_t labelLength = message.Byte(kHeaderSize);
   const size_t compared = nameLength > labelLength ? nameLength : labelLength;
-  if (compared > sizeof(name) || !message.Has(kHeaderSize + 1, compared)) return false;
-  return message.Text(kHeaderSize + 1, compared) == std::string_view(name, compared);
+  return compared <= sizeof(name) &&
+         message.Text(kHeaderSize + 1, compared) == std::string_view(name, compared);
 }
 
 void SetNumberedName(char (&name)[kDeviceNameSize], std::string_view deviceName, int32_t number) {

@@ -28,6 +28,11 @@ TEST(State, NamesTheInterfacesAndTheGroup) {
   EXPECT_STREQ(kLocalDomain, ".local");
 }
 
+TEST(State, InterfaceNamesHaveFieldsOf15Bytes) {
+  EXPECT_EQ(sizeof(responderState.interfaceName), 30u);
+  EXPECT_EQ(sizeof(responderState.interfaceName[0]), 15u);
+}
+
 TEST(State, HardwareAddressIsTheStatesField) {
   hw_addr[5] = 0xCC;
   EXPECT_EQ(responderState.hw_addr[5], 0xCC);

@@ -32,6 +32,8 @@ struct ScanCase {
   std::array<std::string, 10> names;
 };
 
+static_assert(sizeof(PrinterTxt::text) == 513, "a text takes 512 characters and its terminator");
+
 class ScanPrintersTest : public testing::TestWithParam<ScanCase> {
  protected:
   void SetUp() override { memset(printerServiceNames, 0, sizeof(printerServiceNames)); }

@@ -122,6 +122,7 @@ TEST_F(PrinterServices, UnknownKindUnregistersNothing) {
 TEST_F(PrinterServices, AnyOtherActionDoesNothing) {
   for (const uint32_t action : {2u, 3u, 0xffffffffu}) {
     const Log log = Update(3, action, 1);
+    EXPECT_EQ(result, 0u);
     EXPECT_EQ(log.out, "");
     EXPECT_EQ(log.err, "");
   }
@@ -132,6 +133,7 @@ TEST_F(PrinterServices, AnyOtherActionDoesNothing) {
 
 TEST_F(PrinterServices, PortWithoutRecordIsNotRegistered) {
   const Log log = Update(4, 1, 1);
+  EXPECT_EQ(result, 0u);
   EXPECT_EQ(log.out, "[Bonjour] GetTXTData error\n");
   EXPECT_TRUE(fakeRegistration.calls.empty());
 }

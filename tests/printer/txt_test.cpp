@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -372,6 +373,15 @@ TEST_F(GetTxtData, BuildsTheTextOfThePortsRecord) {
             "priority=20");
   EXPECT_EQ(fakeStatusFile.reads, 1);
   EXPECT_TRUE(fakePrinterDevice.askedForPort.empty());
+}
+
+TEST_F(GetTxtData, LongestPortNumberIsWholeInTheTokenAndInTheQueue) {
+  Get("usblp-214748364\nACME\nOther\nPS\n\n"
+      "usblp-2147483648\nACME\nLaser\nPS\n\n",
+      INT32_MIN, PRINTER_KIND_IPP);
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(Value("ty"), "Laser");
+  EXPECT_EQ(Value("rp"), "USB-2147483647_LQ");
 }
 
 TEST_F(GetTxtData, MissingFileIsLogged) {
