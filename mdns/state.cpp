@@ -1,7 +1,8 @@
 // The one process-wide responder state.
 #include "mdns/state.h"
 
-#include <arpa/inet.h>
+#include <charconv>
+#include <cstring>
 
 ResponderState responderState{};
 SharedFlag bTerminate{0};
@@ -19,8 +20,13 @@ void SetDeviceName(std::string_view name) { responderState.deviceName.Set(name);
 AddressText FormatAddress(in_addr_t address) {
   AddressText dotted{};
   if (address == INADDR_NONE) return dotted;
-  const in_addr word = {address};
-  inet_ntop(AF_INET, &word, dotted.text, sizeof(dotted.text));
+  uint8_t bytes[sizeof(address)];
+  memcpy(bytes, &address, sizeof(address));
+  char* end = dotted.text;
+  for (const uint8_t byte : bytes) {
+    if (end != dotted.text) *end++ = '.';
+    end = std::to_chars(end, dotted.text + sizeof(dotted.text), byte).ptr;
+  }
   return dotted;
 }
 
