@@ -6,6 +6,8 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/fault.h"
+
 namespace {
 
 TEST(State, IsAsAtLoad) {
@@ -120,6 +122,7 @@ TEST(Flags, ReleaseWakesEveryWaiterBehindTheClearing) {
     }
     pthread_mutex_unlock(&mutex);
   };
+  onNextBroadcast = [] { EXPECT_EQ(responderState.waitFlag.Get(), 0u); };
   std::thread first(wait);
   std::thread second(wait);
   for (bool both = false; !both;) {
@@ -130,6 +133,7 @@ TEST(Flags, ReleaseWakesEveryWaiterBehindTheClearing) {
   }
   first.join();
   second.join();
+  EXPECT_EQ(onNextBroadcast.load(), nullptr);
 }
 
 }  // namespace

@@ -75,5 +75,8 @@ extern std::atomic<void (*)(unsigned seconds)> onSleep;
 /// WRAPS pthread_mutex_lock: called once, before the next lock is waited for.
 extern std::atomic<void (*)()> onNextLock;
 
+/// WRAPS pthread_cond_broadcast: called once, before the next waiters are woken.
+extern std::atomic<void (*)()> onNextBroadcast;
+
 /// WRAPS clock_gettime: the seconds that CLOCK_MONOTONIC shows, below 0 for the real ones.
 extern std::atomic<time_t> monotonicSeconds;
