@@ -8,10 +8,10 @@
 #include <cstring>
 
 #include "app/device_name.h"
-#include "mdns/log.h"
+#include "base/log.h"
+#include "base/thread.h"
 #include "mdns/responder.h"
 #include "mdns/state.h"
-#include "mdns/thread.h"
 #include "printer/monitor.h"
 
 namespace {

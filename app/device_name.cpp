@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mdns/descriptor.h"
-#include "mdns/text.h"
+#include "base/descriptor.h"
+#include "base/text.h"
 
 namespace {
 

@@ -204,7 +204,7 @@ extern "C" ssize_t recvfrom(int socket, void* buffer, size_t size, int flags, so
           "the probe listens only after it has sent");
   REQUIRE(socket == kSocket && size == kReceiveMax && flags == 0,
           "one receive asks for 1518 bytes");
-  REQUIRE(*senderSize == sizeof(sockaddr_in), "there is room for the sender's address");
+  REQUIRE(*senderSize == sizeof(sockaddr_in), "the sender's address fits");
   played->RequireName();
   played->CountCall();
   uint32_t address = 0;

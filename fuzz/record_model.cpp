@@ -181,7 +181,7 @@ int32_t ModelBuffer::Strings(int32_t position, const ::Labels& strings) {
   return position;
 }
 
-// As many as find their room.
+// As many as fit.
 int32_t ModelBuffer::Characters(int32_t position, const std::string& characters) {
   const size_t start = std::min(static_cast<size_t>(position), bytes.size());
   const std::string fitting = characters.substr(0, bytes.size() - start);

@@ -64,7 +64,7 @@ class ModelBuffer {
   int32_t Packet(const ModelPacket& packet);
   /// The buffer.
   const std::string& Bytes() const { return bytes; }
-  /// True when everything that was written found its room.
+  /// True when everything that was written fitted.
   bool IsWhole() const { return !isCut; }
 
  private:

@@ -58,7 +58,7 @@ def usage_once_senders_ended(pid, bound=10.0):
 
 
 def dropped_datagrams(pid, port=5353):
-    """How many datagrams the kernel dropped because the process's socket had no room for them."""
+    """How many datagrams the kernel dropped because the process's socket had no space for them."""
     with open(f"/proc/{pid}/net/udp") as file:
         rows = [line.split() for line in file.readlines()[1:]]
     return sum(int(row[-1]) for row in rows if int(row[1].partition(":")[2], 16) == port)

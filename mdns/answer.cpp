@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mdns/log.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "mdns/question.h"
 #include "mdns/socket.h"
-#include "mdns/text.h"
 #include "records/registry.h"
 #include "records/sender.h"
 

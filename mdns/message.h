@@ -29,8 +29,8 @@ class MessageReader {
   /// The bytes from `offset` on, `count` of them or as many as may be seen.
   std::string_view Text(size_t offset, size_t count) const {
     if (!Has(offset)) return {};
-    const size_t room = size - offset;
-    return {reinterpret_cast<const char*>(data + offset), count < room ? count : room};
+    const size_t left = size - offset;
+    return {reinterpret_cast<const char*>(data + offset), count < left ? count : left};
   }
 
  private:

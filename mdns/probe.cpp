@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mdns/text.h"
+#include "base/text.h"
 #include "records/sender.h"
 
 namespace {

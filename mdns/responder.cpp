@@ -8,12 +8,12 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/log.h"
+#include "base/text.h"
+#include "base/thread.h"
 #include "mdns/answer.h"
-#include "mdns/log.h"
 #include "mdns/probe.h"
 #include "mdns/socket.h"
-#include "mdns/text.h"
-#include "mdns/thread.h"
 #include "records/registration.h"
 #include "records/registry.h"
 #include "records/sender.h"

@@ -12,10 +12,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mdns/descriptor.h"
-#include "mdns/log.h"
+#include "base/descriptor.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "mdns/state.h"
-#include "mdns/text.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-// The ground floor: the one process-wide responder state, the stop flag and the multicast socket's
-// descriptor, with the operations that only read or set them.
+// The state that all layers share: the one process-wide responder state, the stop flag and the
+// multicast socket's descriptor, with the operations that only read or set them.
 #pragma once
 
 #include <netinet/in.h>
@@ -8,8 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "mdns/annotations.h"
-#include "mdns/shared.h"
+#include "base/annotations.h"
+#include "base/mutex.h"
+#include "base/shared.h"
 
 struct ServiceEntry;
 
@@ -31,23 +32,6 @@ constexpr size_t kInterfaceNameSize = 15;
 /// Multicast DNS group and port (RFC 6762, section 3).
 constexpr char kMdnsGroup[] = "224.0.0.251";
 constexpr uint16_t kMdnsPort = 5353;
-
-/// The pthread mutex in a form whose use clang can check. Static storage only.
-class CAPABILITY("mutex") Mutex {
- public:
-  constexpr Mutex() = default;
-  Mutex(const Mutex&) = delete;
-  Mutex& operator=(const Mutex&) = delete;
-  /// Waits for the lock and takes it.
-  void Lock() ACQUIRE() { pthread_mutex_lock(&mutex); }
-  /// Gives the lock back. Called by the thread that holds it.
-  void Unlock() RELEASE() { pthread_mutex_unlock(&mutex); }
-  /// Ends the mutex. Nobody holds it or takes it from here on.
-  void Destroy() { pthread_mutex_destroy(&mutex); }
-
- private:
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-};
 
 /// Everything that the threads of the process share; the one instance is `responderState`. Unless
 /// said otherwise the responder thread writes a field and any thread reads it.

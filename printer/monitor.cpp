@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mdns/log.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "mdns/state.h"
-#include "mdns/text.h"
 #include "records/registry.h"
 
 PrinterTxt* printerTxtPdl[kPrinterPorts];

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "mdns/descriptor.h"
-#include "mdns/log.h"
+#include "base/descriptor.h"
+#include "base/log.h"
 #include "printer/device_id.h"
 
 namespace {

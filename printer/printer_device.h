@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "mdns/text.h"
+#include "base/text.h"
 
 /// Reads the device id of the printer on `port` (0 to 9) into a new block of kDeviceIdSize bytes,
 /// zero-filled behind the id, length field first. Null with a message when the device can't be

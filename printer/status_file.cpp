@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "mdns/descriptor.h"
+#include "base/descriptor.h"
 
 int32_t ReadPrinterStatus(char* buffer) {
   const Descriptor file(open(kStatusFilePath, O_RDONLY));
@@ -12,9 +12,9 @@ int32_t ReadPrinterStatus(char* buffer) {
 
   size_t held = 0;
   while (held < kStatusFileMax) {
-    const size_t room = kStatusFileMax - held;
+    const size_t left = kStatusFileMax - held;
     const ssize_t count =
-        read(file.Get(), buffer + held, room < kStatusReadMax ? room : kStatusReadMax);
+        read(file.Get(), buffer + held, left < kStatusReadMax ? left : kStatusReadMax);
     if (count <= 0) break;
     held += static_cast<size_t>(count);
   }

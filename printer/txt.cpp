@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "mdns/log.h"
-#include "mdns/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "printer/printer_device.h"
 #include "printer/status_file.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 // A key line of this length or more fails the build.
 constexpr size_t kKeyLineSize = 128;
-// The pdl line's own buffer, and the length at which it leaves no room in the text.
+// The pdl line's own buffer, and the length at which it leaves no space in the text.
 constexpr size_t kPdlLineSize = 1024;
 constexpr size_t kPdlLineLimit = 494;
 constexpr size_t kQueueLineSize = 22;

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "mdns/text.h"
+#include "base/text.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "mdns/text.h"
+#include "base/text.h"
 
 namespace {
 
@@ -49,13 +49,13 @@ struct Output {
   // Copies as many of the bytes as fit.
   void Bytes(int32_t position, const void* source, int32_t count) const {
     if (!Fits(position)) return;
-    const int32_t room = capacity - position;
-    memcpy(bytes + position, source, static_cast<size_t>(count < room ? count : room));
+    const int32_t left = capacity - position;
+    memcpy(bytes + position, source, static_cast<size_t>(count < left ? count : left));
   }
 };
 
 // Writes the labels of a text without the zero byte that ends a name; returns the position behind
-// the last. A label whose length byte finds no room advances by its characters only.
+// the last. A label whose length byte does not fit advances by its characters only.
 int32_t WriteLabels(const Output& out, int32_t position, char separator, std::string_view text,
                     int32_t maxLabel) {
   size_t offset = 0;
@@ -100,7 +100,7 @@ int32_t WritePointerData(const Output& out, int32_t dataLength, int32_t data,
 
 // The strings of a TXT record stand without a zero byte behind them, so the next record begins
 // where the label encoder would put one. The length is that of the strings also where the buffer's
-// end left no room for that byte: a record that just fits is whole.
+// end left no space for that byte: a record that just fits is whole.
 int32_t WriteTextData(const Output& out, int32_t dataLength, int32_t data,
                       const MdnsRecord& record) {
   const int32_t end = WriteLabels(out, data, kTxtSeparator, FieldText(record.rdata), kTxtStringMax);

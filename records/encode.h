@@ -59,7 +59,7 @@ struct MdnsRecord {
 /// empty labels vanish. A label that is cut at `maxLabel` swallows the character behind it. No byte
 /// at or beyond `capacity` is written. Returns the position behind the zero byte; when the buffer
 /// is too small it runs on as if everything had been written, but for the length bytes and the zero
-/// byte that found no room. `position` is 0 or more and at least 8 KiB below the type's limit.
+/// byte that did not fit. `position` is 0 or more and at least 8 KiB below the type's limit.
 int32_t EncodeLabels(uint8_t* buffer, int32_t capacity, int32_t position, char separator,
                      std::string_view text, int32_t maxLabel);
 

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "mdns/log.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "mdns/state.h"
-#include "mdns/text.h"
 #include "records/sender.h"
 
 namespace {

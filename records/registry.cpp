@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mdns/log.h"
-#include "mdns/text.h"
+#include "base/log.h"
+#include "base/text.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <memory>
 
-#include "mdns/log.h"
-#include "mdns/text.h"
+#include "base/log.h"
+#include "base/text.h"
 
 namespace {
 

@@ -219,7 +219,7 @@ uint64_t ReceivedPackets(const Target& target) {
 }
 
 // The router writes one line for every question that it answers, so the log tells when the next
-// question may be asked: the router never waits for one, and none is lost for want of room.
+// question may be asked: the router never waits for one, and none is lost for want of space.
 void MeasureRate(const Target& target, size_t number, nanoseconds duration, const Bytes& question) {
   TakeLogLines(target);
   const uint64_t before = ReceivedPackets(target);

@@ -1,4 +1,4 @@
-// Stands in for the rooms that talk to the kernel, so that what is measured is the work on bytes
+// Stands in for the modules that talk to the kernel, so that what is measured is the work on bytes
 // alone: packets go nowhere and the address is always there.
 #pragma once
 

@@ -64,7 +64,7 @@ def wait_until_all_is_seen(lab, daemon):
             )
             return
         except TimedOut:
-            # The question itself may have found no room in the daemon's socket.
+            # The question itself may have found no space in the daemon's socket.
             assert time.monotonic() < deadline
 
 

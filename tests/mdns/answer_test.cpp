@@ -51,7 +51,7 @@ class AnswerTest : public testing::Test {
     responderState.interfaceAddress[0].Set(inet_addr("192.168.1.1"));
     responderState.mdnsDestination = Address("224.0.0.251", 5353);
     // The address has changed by the time that an answer is made.
-    fakeSocketRoom.updateHostIP = [this](uint32_t slot) -> uint32_t {
+    fakeSocketModule.updateHostIP = [this](uint32_t slot) -> uint32_t {
       ++updates;
       if (!hasAddress) return 0;
       responderState.interfaceAddress[slot].Set(inet_addr("192.168.1.2"));

@@ -49,11 +49,11 @@ class ResponderTest : public testing::Test {
     };
     onUsleep = [](unsigned) { Note("poll"); };
     onSendPacket = [] { Note("send"); };
-    fakeSocketRoom.updateHostIP = [this](uint32_t slot) -> uint32_t {
+    fakeSocketModule.updateHostIP = [this](uint32_t slot) -> uint32_t {
       Note("address " + std::to_string(slot));
       return hasAddress ? 1 : 0;
     };
-    fakeSocketRoom.setup = [this]() -> uint32_t {
+    fakeSocketModule.setup = [this]() -> uint32_t {
       Note("setup");
       if (!canSetUp) return 0;
       responderState.interfaceAddress[0].Set(inet_addr("192.168.1.1"));
@@ -61,7 +61,7 @@ class ResponderTest : public testing::Test {
       multicastSocket.Set(17);
       return 1;
     };
-    fakeSocketRoom.close = [] {
+    fakeSocketModule.close = [] {
       Note("close " + std::to_string(responderState.connected[0].Get()));
       multicastSocket.Set(-1);
     };
@@ -132,7 +132,7 @@ TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
   responderState.interfaceAddress[1].Set(inet_addr("10.0.0.1"));
   memset(&responderState.mdnsDestination, 0xEE, sizeof(responderState.mdnsDestination));
   SetDeviceName("old");
-  fakeSocketRoom.setup = []() -> uint32_t {
+  fakeSocketModule.setup = []() -> uint32_t {
     Note("name at the setup: " + DeviceName());
     bTerminate.Set(1);
     return 0;
@@ -227,7 +227,7 @@ TEST_F(ResponderTest, LateInterfaceIsAnsweredWithoutProbing) {
     monotonicSeconds += seconds;
     ++sleeps;
   };
-  fakeSocketRoom.updateHostIP = [this](uint32_t) -> uint32_t {
+  fakeSocketModule.updateHostIP = [this](uint32_t) -> uint32_t {
     if (sleeps > 7) canSetUp = true;
     Note("address");
     return sleeps > 6 ? 1 : 0;

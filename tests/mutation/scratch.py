@@ -134,7 +134,7 @@ class Scratch:
         self._plain = Build(self._source, directory / "plain", _PLAIN)
         self._optimised = Build(self._source, directory / "optimised", _OPTIMISED)
         self._sanitized = Build(self._source, directory / "sanitized", _SANITIZED)
-        self._sanitized_rooms = None
+        self._sanitized_modules = None
         self._objects = None
         self._unit_bound = None
         self.lab_bound = None
@@ -188,24 +188,24 @@ class Scratch:
         finally:
             path.write_bytes(original)
 
-    def _rooms(self, mutant):
-        """The rooms that have tests: the mutant's own, if it has any, and its wing's."""
-        wing, room = pathlib.PurePath(mutant.path).with_suffix("").parts
-        paths = sorted((self._source / "tests" / wing).glob("*_test.cpp"))
-        tested = [f"{wing}/{path.name.removesuffix('_test.cpp')}" for path in paths]
-        own = re.compile(f"{wing}/{room}(_.*)?")
+    def _modules_of(self, mutant):
+        """The modules that have tests: the mutant's own, if it has any, and its folder's."""
+        folder, module = pathlib.PurePath(mutant.path).with_suffix("").parts
+        paths = sorted((self._source / "tests" / folder).glob("*_test.cpp"))
+        tested = [f"{folder}/{path.name.removesuffix('_test.cpp')}" for path in paths]
+        own = re.compile(f"{folder}/{module}(_.*)?")
         return [name for name in tested if own.fullmatch(name)], tested
 
-    def _test_rooms(self, build, rooms):
-        """The test of these rooms that fails, or None."""
-        if not build.make(*[f"{room.replace('/', '_')}_test" for room in rooms]):
+    def _test_modules(self, build, modules):
+        """The test of these modules that fails, or None."""
+        if not build.make(*[f"{module.replace('/', '_')}_test" for module in modules]):
             return "the build of its test"
-        selection = f"^({'|'.join(rooms)}) "
+        selection = f"^({'|'.join(modules)}) "
         return build.test(_UNIT_CPU, self._unit_bound, *_UNITS, "-R", selection)
 
-    def _test_others(self, rooms):
-        """The unit test that fails, or None: those of `rooms` are asked first, then all."""
-        failed = self._test_rooms(self._plain, rooms) if rooms else None
+    def _test_others(self, modules):
+        """The unit test that fails, or None: those of `modules` are asked first, then all."""
+        failed = self._test_modules(self._plain, modules) if modules else None
         if failed:
             return failed
         if not self._plain.make():
@@ -214,17 +214,17 @@ class Scratch:
 
     def _test_sanitized(self, mutant):
         """A read or a write beyond an object is an error also when it changes no result."""
-        own, wing = self._rooms(mutant)
-        rooms = own or wing
-        if not rooms:
+        own, folder = self._modules_of(mutant)
+        modules = own or folder
+        if not modules:
             return None
-        if rooms != self._sanitized_rooms:
-            failed = self._test_rooms(self._sanitized, rooms)
+        if modules != self._sanitized_modules:
+            failed = self._test_modules(self._sanitized, modules)
             if failed:
                 raise Failure(f"fails without a mutant: {failed}\n{self._sanitized.output}")
-            self._sanitized_rooms = rooms
+            self._sanitized_modules = modules
         with self.mutated(mutant):
-            failed = self._test_rooms(self._sanitized, rooms)
+            failed = self._test_modules(self._sanitized, modules)
         return failed and f"{failed} (sanitized)"
 
     def judge_by_units(self, mutant):
@@ -232,14 +232,14 @@ class Scratch:
         with self.mutated(mutant):
             if not self._plain.make("bonjour"):
                 return "invalid", ""
-            own, wing = self._rooms(mutant)
-            noticed = self._test_rooms(self._plain, own) if own else None
+            own, folder = self._modules_of(mutant)
+            noticed = self._test_modules(self._plain, own) if own else None
             if noticed:
                 return "killed", noticed
             self._make_all(self._optimised)
             if self._optimised.objects() == self._objects:
                 return "equivalent", ""
-            noticed = self._test_others(wing)
+            noticed = self._test_others(folder)
             if noticed:
                 return "killed", noticed
         noticed = self._test_sanitized(mutant)

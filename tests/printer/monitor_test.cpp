@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/text.h"
 #include "mdns/state.h"
-#include "mdns/text.h"
 #include "tests/support/case_name.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/fake_sleep.h"
@@ -225,7 +225,7 @@ class ApplyPresenceTest : public testing::Test {
       printerServiceNames[port][1] = static_cast<char>('0' + port);
     }
   }
-  // Gives the buffers back, so that a leak of the room under test stands out.
+  // Gives the buffers back, so that a leak of the module under test stands out.
   void TearDown() override { Apply(""); }
 
   Log Apply(std::string_view ports) {

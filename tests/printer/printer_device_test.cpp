@@ -153,7 +153,7 @@ TEST_F(PrinterDevice, LackOfMemoryIsLoggedAndTheDriverNotAsked) {
 
 }  // namespace
 
-// Every ioctl(2) of the room under test passes here.
+// Every ioctl(2) of the module under test passes here.
 extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
   va_list arguments;
   va_start(arguments, request);

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "base/text.h"
 #include "mdns/state.h"
-#include "mdns/text.h"
 #include "tests/support/case_name.h"
 #include "tests/support/fake_printer_device.h"
 #include "tests/support/fake_registration.h"

@@ -47,7 +47,7 @@ class StatusFile : public testing::Test {
     return held;
   }
 
-  // Exactly as large as the room asks for: a sanitizer sees one byte too far.
+  // Exactly as large as the module asks for: a sanitizer sees one byte too far.
   std::unique_ptr<char[]> buffer{new char[40961]};
   Reads reads;
 };
@@ -165,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 }  // namespace
 
-// Every read(2) of the room under test passes here.
+// Every read(2) of the module under test passes here.
 extern "C" ssize_t read(int descriptor, void* bytes, size_t size) {
   if (watchedReads == nullptr) return syscall(SYS_read, descriptor, bytes, size);
   const size_t done = watchedReads->sizes.size();

@@ -98,7 +98,7 @@ struct CapacityRow {
 
 class LabelsWithoutRoomTest : public testing::TestWithParam<CapacityRow> {};
 
-// "ab.c": a length byte without room is not counted, nor is the root; characters always are.
+// "ab.c": a length byte that does not fit is not counted, nor is the root; characters always are.
 INSTANTIATE_TEST_SUITE_P(Capacities, LabelsWithoutRoomTest,
                          testing::ValuesIn(std::initializer_list<CapacityRow>{
                              {7, "02 'ab' 01 'c' 00 EE", 6},

@@ -1,4 +1,4 @@
-// Stands for the room that asks a printer for its device id.
+// Takes the place of the module that asks a printer for its device id.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Stands for the room that registers and unregisters one service.
+// Takes the place of the module that registers and unregisters one service.
 #pragma once
 
 #include <cstdint>

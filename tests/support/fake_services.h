@@ -1,4 +1,4 @@
-// Stands for the room that turns a port and a kind into a registration.
+// Takes the place of the module that turns a port and a kind into a registration.
 #pragma once
 
 #include <cstdint>

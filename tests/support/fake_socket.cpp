@@ -2,14 +2,16 @@
 
 #include "mdns/socket.h"
 
-FakeSocketRoom fakeSocketRoom;
+FakeSocketModule fakeSocketModule;
 
 uint32_t UpdateHostIP(uint32_t slot) {
-  return fakeSocketRoom.updateHostIP ? fakeSocketRoom.updateHostIP(slot) : 1;
+  return fakeSocketModule.updateHostIP ? fakeSocketModule.updateHostIP(slot) : 1;
 }
 
-uint32_t SocketSetup_For_Interface_N() { return fakeSocketRoom.setup ? fakeSocketRoom.setup() : 1; }
+uint32_t SocketSetup_For_Interface_N() {
+  return fakeSocketModule.setup ? fakeSocketModule.setup() : 1;
+}
 
 void CloseMulticastSocket() {
-  if (fakeSocketRoom.close) fakeSocketRoom.close();
+  if (fakeSocketModule.close) fakeSocketModule.close();
 }

@@ -1,4 +1,4 @@
-// Stands for the room that reads the kernel's printer status file.
+// Takes the place of the module that reads the kernel's printer status file.
 #pragma once
 
 #include <string>

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "mdns/thread.h"
+#include "base/thread.h"
 
 FakeThread fakeThread;
 

@@ -1,4 +1,4 @@
-// Stands for the room that starts and joins threads: nothing runs, everything is noted.
+// Takes the place of the module that starts and joins threads: nothing runs, everything is noted.
 #pragma once
 
 #include <functional>

@@ -9,7 +9,7 @@
 #include <span>
 #include <string>
 
-#include "mdns/descriptor.h"
+#include "base/descriptor.h"
 #include "tests/support/bytes.h"
 
 /// Moves the calling thread, and the threads it starts, into a new network namespace whose loopback

@@ -19,8 +19,8 @@
 #include <fstream>
 #include <string>
 
-#include "mdns/descriptor.h"
-#include "mdns/text.h"
+#include "base/descriptor.h"
+#include "base/text.h"
 
 /// Enters a mount namespace whose changes stay inside it.
 [[nodiscard]] inline bool EnterOwnMounts() {

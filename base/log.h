@@ -1,4 +1,4 @@
-// The log lines that more than one room writes. A line of a single room stands in that room.
+// The log lines that more than one module writes. A line of a single module stands in that module.
 #pragma once
 
 /// Start-up and supervision could not create a thread.

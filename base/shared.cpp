@@ -1,9 +1,9 @@
 // The text that one thread replaces while others copy it: a sequence lock over 32-bit words.
-#include "mdns/shared.h"
+#include "base/shared.h"
 
 #include <cstring>
 
-#include "mdns/text.h"
+#include "base/text.h"
 
 void SharedText::Set(std::string_view text) {
   char bytes[kWords * sizeof(uint32_t)];

@@ -1,4 +1,4 @@
-#include "mdns/log.h"
+#include "base/log.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The log lines that more than one room writes.
-#include "mdns/log.h"
+// The log lines that more than one module writes.
+#include "base/log.h"
 
 #include <cerrno>
 #include <cstdio>

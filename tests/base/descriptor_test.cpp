@@ -1,4 +1,4 @@
-#include "mdns/descriptor.h"
+#include "base/descriptor.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

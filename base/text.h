@@ -46,7 +46,7 @@ inline bool BeginsWith(std::string_view text, std::string_view start) {
   return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
 }
 
-/// A zero-filled heap text with room for `length` characters; null when there is no memory.
+/// A zero-filled heap text for `length` characters; null when there is no memory.
 HeapText NewText(size_t length);
 
 /// The parts, one behind the other, as a new heap text; null when there is no memory.

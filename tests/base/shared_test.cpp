@@ -1,4 +1,4 @@
-#include "mdns/shared.h"
+#include "base/shared.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>

@@ -1,4 +1,4 @@
-#include "mdns/thread.h"
+#include "base/thread.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "mdns/text.h"
+#include "base/text.h"
 
 #include <gtest/gtest.h>
 

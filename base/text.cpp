@@ -1,5 +1,5 @@
 // Texts on the heap.
-#include "mdns/text.h"
+#include "base/text.h"
 
 HeapText NewText(size_t length) { return HeapText(static_cast<char*>(calloc(1, length + 1))); }
 

@@ -1,5 +1,5 @@
 // Threads that are joined.
-#include "mdns/thread.h"
+#include "base/thread.h"
 
 int StartThread(JoinableThread& thread, void* (*body)(void*), void* argument) {
   const int error = pthread_create(&thread.handle, nullptr, body, argument);
