@@ -9,8 +9,10 @@
 
 #include "app/device_name.h"
 #include "base/log.h"
+#include "base/stop_signals.h"
 #include "base/thread.h"
 #include "mdns/responder.h"
+#include "mdns/socket.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"
 
@@ -25,6 +27,19 @@ void InstallSignals() {
   signal(SIGPIPE, SIG_IGN);
   signal(SIGINT, StopHandler);
   signal(SIGTERM, StopHandler);
+  // Whoever started the process may have left them blocked.
+  const sigset_t stop = StopSignals();
+  pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
+}
+
+// Returns once a stop was asked for. The signals are let in by sigsuspend(2) alone, so none comes
+// between the look at the flag and the wait.
+void WaitForStop() {
+  const sigset_t stop = StopSignals();
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &stop, &before);
+  while (!IsTerminating()) sigsuspend(&before);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void PrintBanner(const char* model) {
@@ -66,6 +81,8 @@ int RunDaemon(int argc, char* const* argv) {
     if (error != 0) StopForThreadError(error);
   }
   PrintBanner(model);
+  WaitForStop();
+  EndReceive();
   JoinThread(responder);
   JoinThread(monitor);
   return 0;

@@ -9,7 +9,8 @@ struct JoinableThread {
   bool running;      ///< false: no thread was started, or it has been joined
 };
 
-/// Starts `body` with `argument` on a thread of default attributes. Returns 0, or the error of
+/// Starts `body` with `argument` on a thread of default attributes, which has the stop signals
+/// blocked from its start, and so have the threads that it starts. Returns 0, or the error of
 /// pthread_create(3); `thread` is then marked as none.
 ///
 /// A body ends its thread by returning, which POSIX defines as an implicit pthread_exit(3) with the

@@ -166,22 +166,12 @@ class Daemon:
     def running(self):
         return self._process.poll() is None
 
-    def wait_for_exit(self, bound=15.0, nudge=None):
-        """The exit status (negative for a signal) once it has ended and all its lines are in.
-
-        `nudge`, if given, is called over and over until then.
-        """
-        deadline = time.monotonic() + bound * PATIENCE
-        while True:
-            if nudge is not None:
-                nudge()
-            try:
-                left = max(0.0, deadline - time.monotonic())
-                self._process.wait(min(left, 0.1) if nudge else left)
-                break
-            except subprocess.TimeoutExpired:
-                if time.monotonic() >= deadline:
-                    raise TimedOut(f"the daemon still runs after {bound * PATIENCE} s") from None
+    def wait_for_exit(self, bound=15.0):
+        """The exit status (negative for a signal) once it has ended and all its lines are in."""
+        try:
+            self._process.wait(bound * PATIENCE)
+        except subprocess.TimeoutExpired:
+            raise TimedOut(f"the daemon still runs after {bound * PATIENCE} s") from None
         self._reader.join()
         return self._process.returncode
 

@@ -125,7 +125,7 @@ class Demo:
     def stop_router(self):
         _title("The router stops")
         start, mark = time.time(), self.lab.capture.mark()
-        self.router.stop(fast=False)
+        self.router.stop()
         ended = time.time()
         goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
         _told(goodbyes[0].time - start, "it says goodbye for every printer left")

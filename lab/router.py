@@ -1,6 +1,7 @@
 """A router: a network with the bridge br0 on the link, its printers, and the daemon running on it."""
 
 import signal
+import time
 
 from lab import packets
 from lab.daemon import Daemon
@@ -70,6 +71,11 @@ class Router:
 
     # Printers
 
+    @property
+    def ports(self):
+        """The ports at which printers are plugged in."""
+        return sorted(self._printers)
+
     def printer(self, port):
         """The Printer that is plugged in at `port`."""
         return self._printers[port]
@@ -134,17 +140,20 @@ class Router:
             lambda line: line.text.startswith(_BANNER_START), 1, 0, bound, "the start banner"
         )
 
-    def stop(self, number=signal.SIGTERM, fast=True, bound=15.0):
-        """Stops the daemon, waits for its end and checks that it was a clean one.
-
-        With `fast`, packets wake its receive loop, which otherwise notices the signal only when
-        its five silent seconds are over.
-        """
+    def stop(self, number=signal.SIGTERM, bound=15.0):
+        """Stops the daemon, waits for its end and checks that it was a clean one. Returns the
+        seconds from the signal to the end."""
         daemon = self.daemon
+        is_up = any(text.startswith(_BANNER_START) for text in daemon.texts("stdout"))
+        begun = time.monotonic()
         daemon.signal(number)
-        nudge = (lambda: self._bystander.send(packets.HARMLESS)) if fast else None
-        daemon.wait_for_exit(bound, nudge)
+        if not is_up:
+            # A probe that is under way goes on to its next packet, or for five silent seconds.
+            self.end_probe()
+        daemon.wait_for_exit(bound)
+        ended = time.monotonic()
         daemon.check_clean()
+        return ended - begun
 
     def close(self):
         for daemon in self.daemons:

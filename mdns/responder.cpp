@@ -22,10 +22,11 @@ namespace {
 
 constexpr unsigned kRetrySeconds = 1;
 constexpr unsigned kStopPollSeconds = 1;
-// Longer than the sender takes for three transmissions.
-constexpr unsigned kGoodbyeSeconds = 1;
-constexpr unsigned kSenderPollMicroseconds = 10000;
-constexpr int kSenderPollsMax = 100;
+// At the stop: the time for which anything under way is waited for, twice what a sender takes, in
+// steps; and the pause before a service that could not be withdrawn is tried again.
+constexpr unsigned kEndPollMicroseconds = 10000;
+constexpr unsigned kEndPollsMax = 2 * kSendingMicroseconds / kEndPollMicroseconds;
+constexpr unsigned kWithdrawalPauseMicroseconds = 100000;
 
 // The answering thread and its argument, in the responder thread's frame.
 struct Answering {
@@ -124,37 +125,37 @@ void WaitForAnsweringEnd(Answering& answering) {
   JoinThread(answering.thread);
 }
 
-// Works on a copy: the monitor may remove the entry itself at the same moment. Returns whether
-// anything was withdrawn.
-bool WithdrawServices() {
-  bool withdrawn = false;
+// Waits until nothing of a kind is under way any more. What hangs is not waited for.
+template <typename Condition>
+void WaitWhile(Condition isUnderWay) {
+  for (unsigned i = 0; isUnderWay() && i < kEndPollsMax; ++i) usleep(kEndPollMicroseconds);
+}
+
+bool IsAnyoneSending() { return !multicastSocketUsers.IsEmpty(); }
+
+// Works on a copy: the monitor may remove the entry itself at the same moment.
+void WithdrawServices() {
   ServiceEntry first;
   while (!CloseRegistryIfEmpty(first)) {
-    UnRegisterOneService(first.serviceName, first.serviceType, first.serviceDomain, first.txt,
-                         first.txtLength, first.port);
-    withdrawn = true;
+    if (UnRegisterOneService(first.serviceName, first.serviceType, first.serviceDomain, first.txt,
+                             first.txtLength, first.port) == 0) {
+      usleep(kWithdrawalPauseMicroseconds);
+    }
   }
-  return withdrawn;
 }
 
-// From the moment on that the bridge counts as not connected no further packet is handed to a
-// sender; those already handed over get the time for all their transmissions. An answer or a
-// monitor's goodbye may be under way without a withdrawal here, so what counts in the end is that
-// nobody sends any more; a sender that hangs is not waited for.
-void ReleaseSocket(bool withdrawn) {
-  responderState.connected[kBridgeSlot].Set(0);
-  if (withdrawn) sleep(kGoodbyeSeconds);
-  for (int i = 0; PendingTransmissions() != 0 && i < kSenderPollsMax; ++i) {
-    usleep(kSenderPollMicroseconds);
-  }
-  CloseMulticastSocket();
-}
-
+// A host believes the packet that it heard last. So the goodbyes are handed over when nothing is
+// answered or announced any more and every packet handed over before has been sent three times.
 void Teardown(Answering& answering) {
   const bool connected = IsBridgeConnected();
   if (connected) WaitForAnsweringEnd(answering);
-  const bool withdrawn = WithdrawServices();
-  if (connected) ReleaseSocket(withdrawn);
+  CloseRegistration();
+  WaitWhile(IsRegistrationUnderWay);
+  WaitWhile(IsAnyoneSending);
+  WithdrawServices();
+  multicastSocketUsers.Close();
+  WaitWhile(IsAnyoneSending);
+  if (connected) CloseMulticastSocket();
   DestroyRegistry();
   pthread_cond_destroy(&responderState.stateCond);
 }

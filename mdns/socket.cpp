@@ -132,8 +132,15 @@ uint32_t SocketSetup_For_Interface_N() {
   return 1;
 }
 
+void EndReceive() {
+  const GatePass use(multicastSocketUsers);
+  // The kernel wakes the receiver of an unconnected socket too, though it calls that an error.
+  if (use.IsInside()) shutdown(multicastSocket.Get(), SHUT_RD);
+}
+
 void CloseMulticastSocket() {
+  const int32_t socketDescriptor = multicastSocket.Get();
   responderState.connected[kBridgeSlot].Set(0);
-  close(multicastSocket.Get());
   multicastSocket.Set(-1);
+  close(socketDescriptor);
 }

@@ -7,6 +7,7 @@
 ResponderState responderState{};
 SharedFlag bTerminate{0};
 SharedWord<int32_t> multicastSocket{-1};
+Gate multicastSocketUsers;
 
 uint32_t GetBonjourInitStatus() { return responderState.initStatus.Get(); }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "base/annotations.h"
+#include "base/gate.h"
 #include "base/mutex.h"
 #include "base/shared.h"
 
@@ -75,6 +76,11 @@ extern SharedFlag bTerminate;
 
 /// The socket that sends and receives multicast DNS; -1 while none is open.
 extern SharedWord<int32_t> multicastSocket;
+
+/// Whoever uses the descriptor of `multicastSocket` beside the thread that receives on it is
+/// inside: every sender from the moment on that its packet is handed over. The responder thread
+/// closes the gate at the stop and the descriptor when nobody is inside any more.
+extern Gate multicastSocketUsers;
 
 /// 1 once the responder is up, else 0. Any thread.
 uint32_t GetBonjourInitStatus();

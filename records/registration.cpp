@@ -3,11 +3,16 @@
 
 #include <cstdio>
 
+#include "base/gate.h"
 #include "mdns/state.h"
 #include "records/packets.h"
 #include "records/registry.h"
 
 namespace {
+
+// The registrations under way are inside. At the stop a service's goodbye must come behind its
+// announcement, and no service may come behind the goodbyes.
+Gate registrations;
 
 bool AreParamsValid(const char* name, const char* type, const char* domain, const char* txt,
                     int32_t txtLength, uint32_t port) {
@@ -22,8 +27,9 @@ uint32_t RegisterOneService(const char* serviceName, const char* serviceType,
                             const char* serviceDomain, const char* txt, int32_t txtLength,
                             uint32_t port) {
   if (!AreParamsValid(serviceName, serviceType, serviceDomain, txt, txtLength, port)) return 0;
-  if (ServiceRegistryUpdate(SERVICE_ADD, serviceName, serviceType, serviceDomain, txt, txtLength,
-                            port) == 0) {
+  const GatePass registration(registrations);
+  if (!registration.IsInside() || ServiceRegistryUpdate(SERVICE_ADD, serviceName, serviceType,
+                                                        serviceDomain, txt, txtLength, port) == 0) {
     puts("[Bonjour] SERVICE_ADD error");
     return 0;
   }
@@ -36,6 +42,10 @@ uint32_t RegisterOneService(const char* serviceName, const char* serviceType,
   }
   return 1;
 }
+
+void CloseRegistration() { registrations.Close(); }
+
+bool IsRegistrationUnderWay() { return !registrations.IsEmpty(); }
 
 uint32_t UnRegisterOneService(const char* serviceName, const char* serviceType,
                               const char* serviceDomain, const char* txt, int32_t txtLength,

@@ -3,21 +3,18 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/gate.h"
 #include "base/log.h"
 #include "base/text.h"
 
 namespace {
 
-// Threads that hold the mutex or are about to take it, and whether that is still allowed.
-// Sequential consistency makes them a pair: a thread that was not counted has seen the registry
-// closed.
-std::atomic<uint32_t> registryUsers{0};
-std::atomic<uint32_t> registryClosed{0};
+// Threads that hold the mutex or are about to take it are inside.
+Gate registryUsers;
 constexpr unsigned kDrainPauseMicroseconds = 1000;
 
 bool Matches(const ServiceEntry& entry, const char* name, const char* type, const char* domain) {
@@ -101,20 +98,21 @@ bool IsServiceType(std::string_view type) {
 
 // The mutex is taken on one branch only, which the analysis can't express. On the other the
 // registry is closed: empty for good, with nothing left to guard.
-RegistryLock::RegistryLock() NO_LOCK_ANALYSIS {
-  registryUsers.fetch_add(1);
-  open = registryClosed.load() == 0;
+RegistryLock::RegistryLock() NO_LOCK_ANALYSIS : open(registryUsers.Enter()) {
   if (!open) return;
   responderState.registryMutex.Lock();
   // It may have been closed while this thread waited for the mutex.
-  open = registryClosed.load() == 0;
-  if (!open) responderState.registryMutex.Unlock();
+  if (!registryUsers.IsClosed()) return;
+  open = false;
+  responderState.registryMutex.Unlock();
+  registryUsers.Leave();
 }
 
 // As above.
 RegistryLock::~RegistryLock() NO_LOCK_ANALYSIS {
-  if (open) responderState.registryMutex.Unlock();
-  registryUsers.fetch_sub(1);
+  if (!open) return;
+  responderState.registryMutex.Unlock();
+  registryUsers.Leave();
 }
 
 uint32_t ServiceLookup(const char* name, const char* type, const char* domain) {
@@ -172,11 +170,11 @@ bool CloseRegistryIfEmpty(ServiceEntry& copy) {
     copy = *responderState.registryHead;
     return false;
   }
-  registryClosed.store(1);
+  registryUsers.Close();
   return true;
 }
 
 void DestroyRegistry() {
-  while (registryUsers.load() != 0) usleep(kDrainPauseMicroseconds);
+  while (!registryUsers.IsEmpty()) usleep(kDrainPauseMicroseconds);
   responderState.registryMutex.Destroy();
 }

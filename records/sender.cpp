@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,11 +12,9 @@
 
 #include "base/log.h"
 #include "base/text.h"
+#include "mdns/state.h"
 
 namespace {
-
-// Only the stop looks at this: a socket is not closed under a thread that sends on it.
-std::atomic<uint32_t> pendingTransmissions{0};
 
 void TransmitThreeTimes(const SendJob& job) {
   for (int i = 0; i < kTransmissions; ++i) {
@@ -31,9 +28,9 @@ void TransmitThreeTimes(const SendJob& job) {
 }
 
 void* RunSender(void* argument) {
-  const std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(argument));
-  TransmitThreeTimes(*job);
-  pendingTransmissions.fetch_sub(1, std::memory_order_release);
+  TransmitThreeTimes(*static_cast<SendJob*>(argument));
+  free(argument);
+  multicastSocketUsers.Leave();
   return nullptr;
 }
 
@@ -43,6 +40,26 @@ size_t SenderStackSize() {
   const long least = sysconf(_SC_THREAD_STACK_MIN);
   return least > static_cast<long>(kSenderStackSize) ? static_cast<size_t>(least)
                                                      : kSenderStackSize;
+}
+
+// Hands the packet to a new sender. False when none could be started.
+bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,
+                 const sockaddr_in& destination) {
+  std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(malloc(sizeof(SendJob))));
+  if (job == nullptr) return false;
+  FillSendJob(*job, packet, length, socket, destination);
+
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, SenderStackSize());
+  pthread_t thread;
+  const int error = pthread_create(&thread, &attributes, RunSender, job.get());
+  pthread_attr_destroy(&attributes);
+  // The sender frees the job. When none could be started the job is left behind all the same.
+  static_cast<void>(job.release());
+  if (error != 0) LogError(kShortThreadCreateError, error);
+  return error == 0;
 }
 
 }  // namespace
@@ -57,30 +74,12 @@ void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t so
   job.destination = destination;
 }
 
-uint32_t PendingTransmissions() { return pendingTransmissions.load(std::memory_order_acquire); }
-
 size_t BytesToSend(const SendJob& job) {
   return static_cast<size_t>(job.length < kJobDataSize ? job.length : kJobDataSize);
 }
 
 void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination) {
-  if (length <= 0) return;
-  std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(malloc(sizeof(SendJob))));
-  if (job == nullptr) return;
-  FillSendJob(*job, packet, length, socket, destination);
-
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_attr_setstacksize(&attributes, SenderStackSize());
-  pthread_t thread;
-  pendingTransmissions.fetch_add(1, std::memory_order_relaxed);
-  const int error = pthread_create(&thread, &attributes, RunSender, job.get());
-  pthread_attr_destroy(&attributes);
-  // The sender frees the job. When none could be started the job is left behind all the same.
-  static_cast<void>(job.release());
-  if (error != 0) {
-    pendingTransmissions.fetch_sub(1, std::memory_order_release);
-    LogError(kShortThreadCreateError, error);
-  }
+  if (length <= 0 || !multicastSocketUsers.Enter()) return;
+  // A sender that was started leaves the gate itself when it ends.
+  if (!StartSender(packet, length, socket, destination)) multicastSocketUsers.Leave();
 }

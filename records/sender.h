@@ -9,6 +9,8 @@
 /// Each packet is sent this often, with this pause behind each transmission.
 constexpr int kTransmissions = 3;
 constexpr unsigned kTransmissionPauseMicroseconds = 250000;
+/// What all of that takes, the time of the transmissions themselves not counted.
+constexpr unsigned kSendingMicroseconds = kTransmissions * kTransmissionPauseMicroseconds;
 
 /// Packet bytes that a job can hold, and the most that are copied into it.
 constexpr int32_t kJobDataSize = 1520;
@@ -37,12 +39,8 @@ void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t so
 /// the job holds.
 size_t BytesToSend(const SendJob& job);
 
-/// Sender threads that have not ended yet. What ended senders did has happened before the call.
-/// Responder thread, which closes the socket only when there are none.
-uint32_t PendingTransmissions();
-
 /// Copies the packet and starts a detached thread that sends it three times, the first time at
 /// once, 250 ms apart. Returns at once; the caller may reuse `packet`, of which min(`length`, 1518)
-/// bytes are read. A length of 0 or less, or a lack of memory, sends nothing without a message. Any
-/// thread.
+/// bytes are read. A length of 0 or less, a lack of memory, or the closed gate multicastSocketUsers
+/// sends nothing without a message. Any thread.
 void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination);

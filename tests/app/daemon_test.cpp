@@ -14,6 +14,8 @@
 #include "printer/monitor.h"
 #include "tests/support/command_line.h"
 #include "tests/support/fake_sleep.h"
+#include "tests/support/fake_socket.h"
+#include "tests/support/fake_stop.h"
 #include "tests/support/fake_thread.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/own_namespace.h"
@@ -26,6 +28,7 @@ class Daemon : public testing::Test {
  protected:
   void SetUp() override {
     fakeThread = {};
+    fakeStop = {};
     bTerminate.Set(0);
     responderState.initStatus.Set(0);
     ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
@@ -67,7 +70,6 @@ TEST_F(Daemon, StartsResponderThenMonitorAndJoinsThemInThatOrder) {
   EXPECT_EQ(fakeThread.started, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
   EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
   EXPECT_EQ(monitorArgument, nullptr);
-  EXPECT_EQ(bTerminate.Get(), 0u);
   EXPECT_EQ(log.err, "");
   ExpectBanner(log.out, "T5140");
 }
@@ -181,6 +183,77 @@ TEST_F(Daemon, MonitorThatCanNotBeStartedStopsTheResponder) {
   EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
 }
 
+TEST_F(Daemon, WaitsForTheStopBehindItsBannerAndThenEndsTheReceiveBeforeItJoins) {
+  std::vector<std::string> events;
+  std::string outputAtWait;
+  fakeStop.onWait = [&](const sigset_t&) {
+    events.emplace_back("wait");
+    fflush(stdout);
+    outputAtWait += testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    if (events.size() == 3) bTerminate.Set(1);
+  };
+  fakeSocketModule.endReceive = [&] {
+    events.push_back("end receive, joined " + std::to_string(fakeThread.joined.size()));
+  };
+  const Log log = Run();
+  // A signal that is no stop, or comes before the flag is seen, is waited on.
+  EXPECT_THAT(events, testing::ElementsAre("wait", "wait", "wait", "end receive, joined 0"));
+  ExpectBanner(outputAtWait, "T5140");
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(fakeThread.joined.size(), 2u);
+}
+
+TEST_F(Daemon, StopThatCameBeforeTheWaitIsNotWaitedFor) {
+  int waits = 0;
+  fakeStop.onWait = [&](const sigset_t&) {
+    ++waits;
+    bTerminate.Set(1);
+  };
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body == CheckUsbDevice) raise(SIGTERM);
+  };
+  Run();
+  EXPECT_EQ(waits, 0);
+}
+
+TEST_F(Daemon, StopSignalsAreLetInByTheWaitAlone) {
+  bool blockedAround = false;
+  bool blockedMeanwhile = true;
+  fakeStop.onWait = [&](const sigset_t& blocked) {
+    sigset_t around;
+    pthread_sigmask(SIG_BLOCK, nullptr, &around);
+    blockedAround = sigismember(&around, SIGTERM) == 1 && sigismember(&around, SIGINT) == 1;
+    blockedMeanwhile = sigismember(&blocked, SIGTERM) == 1 || sigismember(&blocked, SIGINT) == 1;
+    bTerminate.Set(1);
+  };
+  Run();
+  EXPECT_TRUE(blockedAround);
+  EXPECT_FALSE(blockedMeanwhile);
+  bTerminate.Set(0);
+  raise(SIGTERM);
+  EXPECT_EQ(bTerminate.Get(), 1u);
+}
+
+TEST_F(Daemon, StopSignalsThatItsStarterBlockedAreLetIn) {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stop, nullptr), 0);
+  bool taken[2] = {};
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    bTerminate.Set(0);
+    raise(body == CheckUsbDevice ? SIGTERM : SIGINT);
+    taken[body == CheckUsbDevice] = bTerminate.Get() == 1;
+  };
+  Run();
+  EXPECT_TRUE(taken[0]);
+  EXPECT_TRUE(taken[1]);
+}
+
 TEST_F(Daemon, UnknownStatusStartsNoMonitor) {
   isUpAtOnce = false;
   fakeSleep.hook = [](unsigned) { responderState.initStatus.Set(2); };
@@ -188,7 +261,6 @@ TEST_F(Daemon, UnknownStatusStartsNoMonitor) {
   fakeSleep.hook = nullptr;
   EXPECT_EQ(log.err, "");
   ExpectBanner(log.out, "T5140");
-  EXPECT_EQ(bTerminate.Get(), 0u);
   EXPECT_EQ(fakeThread.started, std::vector<ThreadBody>{BonjourServiceInit});
   EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
 }
@@ -209,6 +281,7 @@ TEST_F(Daemon, SigpipeIsIgnored) {
   struct sigaction action = {};
   ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
   EXPECT_EQ(action.sa_handler, SIG_IGN);
+  bTerminate.Set(0);
   raise(SIGPIPE);
   EXPECT_EQ(bTerminate.Get(), 0u);
 }

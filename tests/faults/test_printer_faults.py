@@ -265,8 +265,7 @@ def test_printer_removed_while_the_stop_withdraws_it_is_withdrawn_once(
     router.pull_out(0)
     held.wait()
     daemon.signal(15)
-    while not withdrawn.hits:
-        lab.bystander.send(packets.HARMLESS)
+    withdrawn.wait()
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
     held.release()
     router.stop()
@@ -282,9 +281,8 @@ def test_printer_that_comes_when_the_stop_has_withdrawn_all_is_not_published(
     held.wait()
     since = lab.capture.mark()
     daemon.signal(15)
-    # The registry is empty: the responder's thread is gone as soon as it notices the signal.
-    while usage(daemon.pid).threads > 2:
-        lab.bystander.send(packets.HARMLESS)
+    # The registration is not waited for in all eternity: the responder's thread ends.
+    daemon.wait_until(lambda: usage(daemon.pid).threads == 2, "the responder has ended")
     held.release()
     router.stop()
     assert lab.sent(since) == []
@@ -309,3 +307,40 @@ def test_printer_that_goes_during_an_answer_is_answered_first(lab, router, board
     usage_once_senders_ended(daemon.pid)
     assert lab.ask(IPP_QUESTION) == []
     assert daemon.texts("stderr") == []
+
+
+def test_registration_under_way_at_the_stop_is_announced_and_then_withdrawn(
+    lab, router, board, daemon
+):
+    held = board.hold("calloc", thread=MONITOR, about=PDL_HOST)
+    router.plug_in(0)
+    held.wait()
+    since = lab.capture.mark()
+    daemon.signal(15)
+    # The answering thread ends at once, and the responder's waits.
+    daemon.wait_until(lambda: usage(daemon.pid).threads == 3, "the answering thread has ended")
+    held.release()
+    router.stop()
+    assert [packet.payload for packet in lab.sent(since)][-3:] == [wire.PDL_GOODBYE] * 3
+    assert sum(packet.payload == wire.PDL_RECORDS for packet in lab.sent(since)) == 3
+    # The printer's second service begins behind the stop.
+    assert daemon.texts("stdout")[-2:] == ["[Bonjour] SERVICE_ADD error", NOT_REGISTERED]
+    assert wire.IPP_RECORDS not in payloads(lab, since)
+
+
+def test_answer_under_way_at_the_stop_is_sent_three_times_before_the_goodbyes(
+    lab, router, board, daemon
+):
+    router.plug_in(0)
+    lab.wait_for_transmissions(wire.IPP_RECORDS)
+    usage_once_senders_ended(daemon.pid)
+    since = lab.capture.mark()
+    held = board.hold("ioctl", thread=ANSWERING, about=SIOCGIFADDR)
+    lab.host.send(IPP_QUESTION)
+    held.wait()
+    daemon.signal(15)
+    held.release()
+    router.stop()
+    sent = [packet.payload for packet in lab.sent(since)]
+    assert sent[:3] == [wire.IPP_RECORDS] * 3
+    assert sorted(sent[3:]) == sorted([wire.PDL_GOODBYE] * 3 + [wire.IPP_GOODBYE] * 3)

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mdns/socket.h"
@@ -120,7 +122,7 @@ TEST_F(ResponderTest, StartsProbesAnswersAndCloses) {
   EXPECT_EQ(events[0], "setup");
   EXPECT_EQ(events[1], "probe router retry 0 socket 17 slot 0");
   EXPECT_EQ(Count("answer socket 17 slot 0"), 1);
-  EXPECT_EQ(events.back(), "close 0");
+  EXPECT_EQ(events.back(), "close 1");
   EXPECT_EQ(Count("setup"), 1);
   EXPECT_EQ(GetBonjourInitStatus(), 1u);
   EXPECT_EQ(DeviceName(), "router");
@@ -240,7 +242,7 @@ TEST_F(ResponderTest, LateInterfaceIsAnsweredWithoutProbing) {
   // An address without a usable socket is not enough.
   EXPECT_THAT(std::vector<std::string>(events.begin() + 13, events.end()),
               ElementsAre("address", "sleep 10", "address", "setup", "sleep 10", "address", "setup",
-                          "answer socket 17 slot 0", "close 0"));
+                          "answer socket 17 slot 0", "close 1"));
   EXPECT_EQ(GetBonjourInitStatus(), 1u);
 }
 
@@ -267,7 +269,7 @@ TEST_F(ResponderTest, WithoutAnAnsweringThreadTheStopIsWaitedFor) {
             "[Bonjour] Answer Name Start (192.168.1.1)\n");
   EXPECT_EQ(Count("sleep 1"), 3);
   EXPECT_EQ(GetBonjourInitStatus(), 1u);
-  EXPECT_EQ(events.back(), "close 0");
+  EXPECT_EQ(events.back(), "close 1");
 }
 
 TEST_F(ResponderTest, StopWithdrawsEveryServiceInItsOrderBeforeTheClose) {
@@ -287,8 +289,8 @@ TEST_F(ResponderTest, StopWithdrawsEveryServiceInItsOrderBeforeTheClose) {
   EXPECT_EQ(sent[1].bytes[7], 1);
   EXPECT_NE(Hex(sent[1].bytes).find(WireHex("01 'B' 0F '_pdl-'")), std::string::npos);
   EXPECT_NE(Hex(sent[2].bytes).find(WireHex("01 'C' 04 '_ipp'")), std::string::npos);
-  std::vector<std::string> end(events.end() - 5, events.end());
-  EXPECT_THAT(end, ElementsAre("send", "send", "send", "sleep 1", "close 0"));
+  std::vector<std::string> end(events.end() - 4, events.end());
+  EXPECT_THAT(end, ElementsAre("send", "send", "send", "close 1"));
   EXPECT_FALSE(RegistryLock().IsOpen());
 }
 
@@ -301,20 +303,118 @@ TEST_F(ResponderTest, ServicesAreWithdrawnWithoutAnInterfaceToo) {
   EXPECT_FALSE(RegistryLock().IsOpen());
 }
 
-TEST_F(ResponderTest, SocketIsClosedOnceNobodySends) {
-  static int pending;
-  pending = 3;
-  pendingTransmissions = [] { return static_cast<uint32_t>(pending > 0 ? pending-- : 0); };
-  Run();
-  EXPECT_EQ(Count("poll"), 3);
-  EXPECT_EQ(events.back(), "close 0");
+// Lets the `count`th poll from here on find that nobody sends any more.
+void StopSendingAtPoll(int count) {
+  static std::atomic<int> left;
+  left = count;
+  EXPECT_TRUE(multicastSocketUsers.Enter());
+  onUsleep = [](unsigned microseconds) {
+    Note("poll " + std::to_string(microseconds));
+    if (--left == 0) multicastSocketUsers.Leave();
+  };
 }
 
-TEST_F(ResponderTest, SenderThatHangsIsNotWaitedFor) {
-  pendingTransmissions = [] { return 1u; };
+TEST_F(ResponderTest, GoodbyesWaitUntilEveryPacketHandedOverBeforeIsSent) {
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+    StopSendingAtPoll(3);
+  };
   Run();
-  EXPECT_EQ(Count("poll"), 100);
-  EXPECT_EQ(events.back(), "close 0");
+  EXPECT_THAT(events, ElementsAre("poll 10000", "poll 10000", "poll 10000", "send", "close 1"));
+}
+
+TEST_F(ResponderTest, SocketIsClosedOnceTheGoodbyesAreSent) {
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+    onSendPacket = [] {
+      Note("send");
+      StopSendingAtPoll(2);
+    };
+  };
+  Run();
+  EXPECT_THAT(events, ElementsAre("send", "poll 10000", "poll 10000", "close 1"));
+}
+
+TEST_F(ResponderTest, GoodbyesWaitForARegistrationThatIsUnderWay) {
+  static std::atomic<bool> isHeld;
+  static std::atomic<int> polls;
+  static std::thread registering;
+  isHeld = true;
+  polls = 0;
+  whileAnswering = [] {
+    onSendPacket = [] {
+      Note("announce");
+      while (isHeld) sched_yield();
+      onSendPacket = [] { Note("send"); };
+    };
+    registering = std::thread([] { RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631); });
+    while (Count("announce") == 0) sched_yield();
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+  };
+  onUsleep = [](unsigned) {
+    if (++polls == 3) {
+      Note("third poll");
+      isHeld = false;
+      registering.join();
+    }
+  };
+  Run();
+  // The announcement, then the goodbye.
+  EXPECT_THAT(events, ElementsAre("third poll", "send", "send", "close 1"));
+  EXPECT_FALSE(RegistryLock().IsOpen());
+}
+
+TEST_F(ResponderTest, NothingIsRegisteredAnyMoreOnceAnsweringHasEnded) {
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+    StopSendingAtPoll(1);
+    onUsleep = [](unsigned) {
+      Note("refused " +
+           std::to_string(1 - RegisterOneService("B", "_ipp._tcp", ".local", "b", 1, 631)));
+      multicastSocketUsers.Leave();
+    };
+  };
+  Run();
+  EXPECT_THAT(events, ElementsAre("refused 1", "send", "close 1"));
+}
+
+TEST_F(ResponderTest, NothingIsSentAnyMoreOnceTheGoodbyesAreHandedOver) {
+  fakeSocketModule.close = [] { Note(multicastSocketUsers.IsClosed() ? "closed" : "open"); };
+  Run();
+  EXPECT_EQ(events.back(), "closed");
+}
+
+TEST_F(ResponderTest, ServiceThatCanNotBeWithdrawnIsTriedAgainBehindAPause) {
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    ForgetSentPackets();
+    const std::lock_guard lock(eventMutex);
+    events.clear();
+    callocFault.FailCall(1);
+  };
+  onUsleep = [](unsigned microseconds) {
+    Note("pause " + std::to_string(microseconds));
+    callocFault.FailCall(events.size() < 3 ? 1 : 0);
+  };
+  Run();
+  EXPECT_THAT(events,
+              ElementsAre("pause 100000", "pause 100000", "pause 100000", "send", "close 1"));
+  EXPECT_EQ(SentPackets().size(), 1u);
+}
+
+TEST_F(ResponderTest, SenderThatHangsIsNotWaitedForMuchLonger) {
+  EXPECT_TRUE(multicastSocketUsers.Enter());
+  Run();
+  // Twice 1.5 seconds: before the goodbyes and behind them.
+  EXPECT_EQ(Count("poll"), 300);
+  EXPECT_EQ(events.back(), "close 1");
 }
 
 }  // namespace

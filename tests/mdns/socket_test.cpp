@@ -249,15 +249,56 @@ TEST_F(BridgeTest, ClosingForgetsTheSocket) {
   EXPECT_EQ(close(descriptor), -1);
 }
 
-TEST_F(BridgeTest, BridgeCountsAsNotConnectedBeforeItsSocketIsClosed) {
+TEST_F(BridgeTest, BridgeIsNotConnectedAndItsSocketForgottenBeforeTheClose) {
   SetUpSocket();
+  static int closed;
+  closed = -1;
   onClose = [](int descriptor) {
-    EXPECT_EQ(descriptor, multicastSocket.Get());
+    closed = descriptor;
     EXPECT_EQ(responderState.connected[0].Get(), 0u);
+    EXPECT_EQ(multicastSocket.Get(), -1);
     onClose = nullptr;
   };
+  const int descriptor = multicastSocket.Get();
   CloseMulticastSocket();
-  EXPECT_EQ(onClose.load(), nullptr);
+  EXPECT_EQ(closed, descriptor);
+}
+
+TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
+  SetUpSocket();
+  const OtherHost host("br0");
+  uint8_t byte;
+  // Without the end both would take the socket's five seconds, and return -1.
+  std::thread receiving([&] { EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0); });
+  EndReceive();
+  receiving.join();
+  EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0);
+  const Bytes packet = Wire("01 02");
+  const sockaddr_in group = Address("224.0.0.251", 5353);
+  EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
+            2);
+  EXPECT_EQ(host.ReceiveMulticast(), packet);
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+}
+
+TEST_F(BridgeTest, ReceiveIsNotEndedOnASocketThatIsToBeClosed) {
+  SetUpSocket();
+  const UdpSocket other("127.0.0.1");
+  other.SetReceiveTimeout(10);
+  multicastSocketUsers.Close();
+  // The descriptor may stand for another socket by now.
+  CloseMulticastSocket();
+  multicastSocket.Set(other.Get());
+  EndReceive();
+  uint8_t byte;
+  EXPECT_EQ(recv(other.Get(), &byte, 1, 0), -1);
+  multicastSocket.Set(-1);
+}
+
+TEST_F(SocketTest, EndingTheReceiveWithoutASocketDoesNothing) {
+  EndReceive();
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
 }
 
 TEST_F(BridgeTest, SetupWorksAgainBehindAClose) {

@@ -138,6 +138,43 @@ constexpr char kOfficeGoodbye[] =
     " 0A '_universal' 04 '_sub' 04 '_ipp' 04 '_tcp' 05 'local' 00 00 0C 00 01 00 00 00 00 00 18"
     " 06 'Office' 04 '_ipp' 04 '_tcp' 05 'local' 00";
 
+TEST_F(RegistrationTest, NothingIsRegisteredOnceRegistrationIsClosed) {
+  CloseRegistration();
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Register(), 0u); }), "[Bonjour] SERVICE_ADD error\n");
+  EXPECT_FALSE(IsRegistered());
+  EXPECT_TRUE(SentPackets().empty());
+  EXPECT_FALSE(IsRegistrationUnderWay());
+}
+
+TEST_F(RegistrationTest, ParametersAreCheckedBeforeTheClosedRegistration) {
+  CloseRegistration();
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Register(".local", "a", 1, 65536), 0u); }),
+            "[Bonjour] Input parameter error\n");
+}
+
+TEST_F(RegistrationTest, RegistrationIsUnderWayUntilBothPacketsAreHandedOver) {
+  static std::vector<bool> underWay;
+  underWay.clear();
+  EXPECT_FALSE(IsRegistrationUnderWay());
+  onSendPacket = [] {
+    CloseRegistration();
+    underWay.push_back(IsRegistrationUnderWay());
+  };
+  EXPECT_EQ(Register(), 1u);
+  EXPECT_EQ(underWay, (std::vector<bool>{true, true}));
+  EXPECT_FALSE(IsRegistrationUnderWay());
+  EXPECT_TRUE(IsRegistered());
+}
+
+TEST_F(RegistrationTest, UnregisteringGoesOnOnceRegistrationIsClosed) {
+  Register();
+  ForgetSentPackets();
+  CloseRegistration();
+  EXPECT_EQ(UnRegister(), 1u);
+  EXPECT_EQ(SentPackets().size(), 1u);
+  EXPECT_FALSE(IsRegistered());
+}
+
 TEST_F(RegistrationTest, UnregisteringSendsTheGoodbyeAndRemoves) {
   Register();
   ForgetSentPackets();

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "mdns/state.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
@@ -139,16 +140,37 @@ TEST_F(SendingTest, EachTransmissionComesBeforeItsPause) {
   EXPECT_THAT(waiting, ElementsAre(1, 1, 1));
 }
 
-TEST_F(SendingTest, PacketIsPendingUntilItsSenderHasEnded) {
-  static std::vector<uint32_t> pending;
-  pending.clear();
-  onUsleep = [](unsigned) { pending.push_back(PendingTransmissions()); };
-  EXPECT_EQ(PendingTransmissions(), 0u);
+TEST_F(SendingTest, SocketIsInUseUntilTheSenderHasEnded) {
+  static std::vector<bool> inUse;
+  inUse.clear();
+  onUsleep = [](unsigned) { inUse.push_back(!multicastSocketUsers.IsEmpty()); };
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
   const Bytes packet = Wire("01");
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
   ASSERT_TRUE(WaitForEndedThreads(1));
-  EXPECT_THAT(pending, ElementsAre(1, 1, 1));
-  EXPECT_EQ(PendingTransmissions(), 0u);
+  EXPECT_THAT(inUse, ElementsAre(true, true, true));
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+}
+
+TEST_F(SendingTest, SocketIsInUseBeforeTheSenderIsStarted) {
+  static std::vector<bool> inUse;
+  inUse.clear();
+  onCreateThread = [] { inUse.push_back(!multicastSocketUsers.IsEmpty()); };
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  onCreateThread = nullptr;
+  EXPECT_THAT(inUse, ElementsAre(true));
+}
+
+TEST_F(SendingTest, NothingIsSentOrSaidOnceTheSocketIsToBeClosed) {
+  CapturedOutput output;
+  multicastSocketUsers.Close();
+  const Bytes packet = Wire("01");
+  SendPacket(packet.data(), 1, source.Get(), sink.Name());
+  EXPECT_EQ(StartedThreads().size(), 0u);
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_EQ(output.Stdout() + output.Stderr(), "");
+  EXPECT_TRUE(sink.IsDry());
 }
 
 TEST_F(SendingTest, SenderIsDetachedAndHasASmallStack) {
@@ -217,7 +239,7 @@ TEST_F(SendingTest, FailedTransmissionEndsTheJobWithOneLine) {
   EXPECT_EQ(output.Stderr(), "[Bonjour] send packet error: Bad file descriptor\n");
   EXPECT_EQ(output.Stdout(), "");
   EXPECT_THAT(Pauses(), ElementsAre());
-  EXPECT_EQ(PendingTransmissions(), 0u);
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
 }
 
 TEST_F(SendingTest, FailureAfterTheFirstTransmissionDropsTheRest) {
@@ -260,35 +282,23 @@ TEST_F(SendingTest, WithoutAThreadThePacketIsDroppedWithALine) {
   EXPECT_TRUE(threadFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] pthread_create: Resource temporarily unavailable\n");
   EXPECT_EQ(output.Stdout(), "");
-  EXPECT_EQ(PendingTransmissions(), 0u);
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
   EXPECT_TRUE(sink.IsDry());
 }
 
-TEST_F(SendingTest, TransmissionsArePendingUntilTheSenderEnds) {
-  static std::vector<uint32_t> pending;
-  pending.clear();
-  onUsleep = [](unsigned) { pending.push_back(PendingTransmissions()); };
-  EXPECT_EQ(PendingTransmissions(), 0u);
-  const Bytes packet = Wire("01");
-  SendPacket(packet.data(), 1, source.Get(), sink.Name());
-  ASSERT_TRUE(WaitForEndedThreads(1));
-  EXPECT_THAT(pending, ElementsAre(1, 1, 1));
-  EXPECT_EQ(PendingTransmissions(), 0u);
-}
-
-TEST_F(SendingTest, NothingIsPendingBehindAFailure) {
+TEST_F(SendingTest, SocketIsNotInUseBehindAFailure) {
   StdoutOf([this] {
     const Bytes packet = Wire("01");
     SendPacket(packet.data(), 1, -1, sink.Name());
     ASSERT_TRUE(WaitForEndedThreads(1));
-    EXPECT_EQ(PendingTransmissions(), 0u);
+    EXPECT_TRUE(multicastSocketUsers.IsEmpty());
     threadFault.FailCall(1);
     __lsan_disable();
     SendPacket(packet.data(), 1, source.Get(), sink.Name());
     __lsan_enable();
   });
   EXPECT_TRUE(threadFault.HasStruck());
-  EXPECT_EQ(PendingTransmissions(), 0u);
+  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
 }
 
 TEST_F(SendingTest, ManySendersShareOneSocket) {

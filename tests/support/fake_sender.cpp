@@ -8,7 +8,6 @@
 #include "records/sender.h"
 
 std::function<void()> onSendPacket;
-std::function<uint32_t()> pendingTransmissions;
 
 namespace {
 
@@ -42,5 +41,3 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
   }
   if (onSendPacket) onSendPacket();
 }
-
-uint32_t PendingTransmissions() { return pendingTransmissions ? pendingTransmissions() : 0; }

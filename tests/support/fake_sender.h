@@ -27,6 +27,3 @@ void ForgetSentPackets();
 
 /// Called on the sending thread for each packet, behind its recording. Set while nobody sends.
 extern std::function<void()> onSendPacket;
-
-/// What PendingTransmissions says; 0 without it. Set while nobody asks.
-extern std::function<uint32_t()> pendingTransmissions;

@@ -60,6 +60,8 @@ struct ThreadAttributes {
   int detachState;
   size_t stackSize;
 };
+/// Called on the creating thread before each creation, failing ones included; null means nothing.
+extern std::atomic<void (*)()> onCreateThread;
 /// The attributes of each, in the order of creation; taken while no thread is being created.
 std::vector<ThreadAttributes> StartedThreads();
 /// Starts counting anew. No thread is running.

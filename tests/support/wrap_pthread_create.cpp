@@ -9,6 +9,7 @@
 #include "tests/support/fault.h"
 
 Fault threadFault;
+std::atomic<void (*)()> onCreateThread{nullptr};
 
 namespace {
 
@@ -57,6 +58,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
+  if (void (*const hook)() = onCreateThread.load(); hook != nullptr) hook();
   if (threadFault.Strikes()) return EAGAIN;
   ThreadAttributes seen = {PTHREAD_CREATE_JOINABLE, 0};
   if (attributes != nullptr) {

@@ -4,10 +4,7 @@ import signal
 
 import pytest
 import wire
-from lab.packets import hexbytes
 from lab.printers import Printer
-
-BROWSE_IPP = hexbytes(f"{wire.QUERY_1} {wire.IPP} 000C 0001")
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])
@@ -16,11 +13,6 @@ def test_signal_ends_the_daemon_with_status_0_and_without_a_line(router, daemon,
     router.stop(number)
     assert daemon.wait_for_exit() == 0
     assert daemon.texts() == before
-
-
-@pytest.mark.seconds(8)
-def test_silent_link_delays_the_stop_by_no_more_than_the_receive_timeout(router, daemon):
-    router.stop(fast=False)
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])

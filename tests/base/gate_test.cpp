@@ -1,0 +1,88 @@
+#include "base/gate.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(Gate, IsEmptyUntilSomebodyEnters) {
+  Gate gate;
+  EXPECT_TRUE(gate.IsEmpty());
+  EXPECT_TRUE(gate.Enter());
+  EXPECT_FALSE(gate.IsEmpty());
+  EXPECT_TRUE(gate.Enter());
+  gate.Leave();
+  EXPECT_FALSE(gate.IsEmpty());
+  gate.Leave();
+  EXPECT_TRUE(gate.IsEmpty());
+}
+
+TEST(Gate, NobodyEntersAClosedGate) {
+  Gate gate;
+  EXPECT_FALSE(gate.IsClosed());
+  gate.Close();
+  EXPECT_TRUE(gate.IsClosed());
+  EXPECT_FALSE(gate.Enter());
+  EXPECT_TRUE(gate.IsEmpty());
+}
+
+TEST(Gate, WhoIsInsideAtTheCloseStaysUntilItLeaves) {
+  Gate gate;
+  EXPECT_TRUE(gate.Enter());
+  gate.Close();
+  EXPECT_FALSE(gate.IsEmpty());
+  gate.Leave();
+  EXPECT_TRUE(gate.IsEmpty());
+}
+
+TEST(Gate, NobodyIsInsideOnceItIsClosedAndEmpty) {
+  constexpr int kThreads = 4;
+  Gate gate;
+  std::atomic<bool> isOver{false};
+  std::atomic<int> seenInside{0};
+  int work = 0;  // changed inside only, by one thread at a time
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      while (gate.Enter()) {
+        if (isOver) ++seenInside;
+        if (i == 0) ++work;
+        gate.Leave();
+      }
+    });
+  }
+  while (gate.IsEmpty()) std::this_thread::yield();
+  gate.Close();
+  while (!gate.IsEmpty()) std::this_thread::yield();
+  isOver = true;
+  // The thread sanitizer sees a race here if leaving did not order the work before the look.
+  EXPECT_GE(work, 0);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(seenInside, 0);
+}
+
+TEST(GatePass, IsInsideForItsLifetime) {
+  Gate gate;
+  {
+    const GatePass pass(gate);
+    EXPECT_TRUE(pass.IsInside());
+    EXPECT_FALSE(gate.IsEmpty());
+  }
+  EXPECT_TRUE(gate.IsEmpty());
+}
+
+TEST(GatePass, IsNotInsideAClosedGate) {
+  Gate gate;
+  gate.Close();
+  {
+    const GatePass pass(gate);
+    EXPECT_FALSE(pass.IsInside());
+    EXPECT_TRUE(gate.IsEmpty());
+  }
+  EXPECT_TRUE(gate.IsEmpty());
+}
+
+}  // namespace

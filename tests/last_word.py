@@ -1,0 +1,146 @@
+"""What a stop must leave behind on the link, and the moments at which it is tried.
+
+A host believes the packet that it heard last. So, whatever goes on when the stop comes, the last
+packet of every service is its goodbye, and the goodbye is there three times.
+"""
+
+import collections
+import contextlib
+import dataclasses
+import functools
+import threading
+import time
+
+from lab import packets
+from lab.lab import TRANSMISSIONS
+from lab.printers import Printer
+
+SERVICE_TYPES = ("_pdl-datastream._tcp.local", "_ipp._tcp.local")
+BROWSE = packets.query((SERVICE_TYPES[1], "PTR"))
+
+# Seconds from the signal to the end of the process.
+WITHOUT_SERVICES = 1.5
+WITHOUT_PACKETS = 2.0
+AT_ANY_TIME = 3.0
+
+
+@functools.lru_cache(maxsize=4096)
+def _services_and_lifetime(payload):
+    """The instances that a packet is about, and whether it withdraws them."""
+    message = packets.parse(payload)
+    records = message.answers + message.authority
+    names = {record.data for record in records if record.type == "PTR"}
+    names |= {record.name for record in records if record.type == "SRV"}
+    is_goodbye = bool(message.answers) and all(record.ttl == 0 for record in message.answers)
+    return names, is_goodbye
+
+
+def check(sent, by_the_stop):
+    """Raises unless the packets of a router, in their order, withdraw each service that they tell
+    of: with three goodbyes, one of which is the service's last packet. Goodbyes that are sent
+    `by_the_stop` have no other packet of the service between them. Returns how many services there
+    were."""
+    of_service = collections.defaultdict(list)
+    for packet in sent:
+        names, is_goodbye = _services_and_lifetime(packet.payload)
+        for name in names:
+            of_service[name].append(is_goodbye)
+    for name, heard in of_service.items():
+        goodbyes = [index for index, is_goodbye in enumerate(heard) if is_goodbye]
+        assert heard[-1], f"the last packet of {name} is no goodbye"
+        assert len(goodbyes) == TRANSMISSIONS, f"{len(goodbyes)} goodbyes of {name}"
+        if by_the_stop:
+            assert goodbyes[0] == len(heard) - TRANSMISSIONS, f"a packet between goodbyes of {name}"
+    return len(of_service)
+
+
+@dataclasses.dataclass(frozen=True)
+class Moment:
+    """What goes on when the stop comes."""
+
+    printers: int = 1
+    rate: int = 0  # questions a second, for a second before the signal and until the end
+    before: float = None  # seconds from one question to the signal
+    behind: float = None  # seconds from the signal to one question
+    coming: bool = False  # the printers are plugged in at that moment
+    # They are pulled out at that moment. Not for a link with questions: the monitor's goodbye may meet
+    # an answer that is under way, as it may without a stop.
+    going: bool = False
+
+
+class _Asker:
+    """Asks so many questions a second until it is left."""
+
+    def __init__(self, host, rate):
+        self._host = host
+        self._pause = 1 / rate
+        self._done = threading.Event()
+        self._thread = threading.Thread(target=self._run)
+
+    def _run(self):
+        due = time.monotonic()
+        while not self._done.wait(max(0, due - time.monotonic())):
+            self._host.send(BROWSE)
+            due += self._pause
+
+    def __enter__(self):
+        self._thread.start()
+
+    def __exit__(self, *_):
+        self._done.set()
+        self._thread.join()
+
+
+def _printers(count):
+    return [Printer(port, "Maker", f"Jet {port}", "PCL") for port in range(count)]
+
+
+def _wait_until_announced(lab, since, count):
+    """Until the three transmissions of the last service's announcement have passed."""
+    instance = f"Maker Jet {count - 1} (aa:bb:cc) {count - 1}._ipp._tcp.local"
+    lab.wait_for_packet(
+        lambda packet: not packet.is_query
+        and instance in _services_and_lifetime(packet.payload)[0],
+        since,
+        TRANSMISSIONS,
+    )
+
+
+def _wait_for_answers(daemon, count):
+    daemon.lines.wait(
+        lambda line: line.text.startswith("[Bonjour] answer("), count, daemon.mark(), 10.0, "answers"
+    )
+
+
+def stop_at(lab, moment):
+    """Starts the daemon, brings about the moment, stops the daemon and checks what it sent. Returns
+    the seconds that the stop took."""
+    router = lab.router
+    since = lab.capture.mark()
+    router.pull_out(*list(router.ports))
+    daemon = router.start()
+    if moment.printers and not moment.coming:
+        router.plug_in_all(_printers(moment.printers))
+        _wait_until_announced(lab, since, moment.printers)
+    with contextlib.ExitStack() as asking:
+        if moment.rate:
+            asking.enter_context(_Asker(lab.host, moment.rate))
+        if moment.coming:
+            router.plug_in_all(_printers(moment.printers))
+            daemon.wait_for_line("[Bonjour] device insert lp0")
+        elif moment.rate:
+            _wait_for_answers(daemon, moment.rate)
+        if moment.going:
+            router.pull_out(*list(router.ports))
+            daemon.wait_for_line("[Bonjour] device remove lp0")
+        if moment.before is not None:
+            lab.host.send(BROWSE)
+            time.sleep(moment.before)  # the moment itself, not a wait for something
+        if moment.behind is not None:
+            late = threading.Timer(moment.behind, lab.host.send, [BROWSE])
+            late.start()
+            asking.callback(late.join)
+        took = router.stop()
+    count = check(lab.sent(since), not moment.going)
+    assert count >= (0 if moment.coming else len(SERVICE_TYPES) * moment.printers)
+    return took
