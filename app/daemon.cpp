@@ -1,10 +1,10 @@
 // The daemon: start-up, waiting, stop.
 #include "app/daemon.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include "app/device_name.h"
@@ -22,6 +22,15 @@ constexpr char kVersion[] = "v2.1";
 constexpr unsigned kStatusPollSeconds = 1;
 
 void StopHandler(int /*signal*/) { bTerminate.Set(1); }
+
+// A socket or a printer in the place of a closed standard descriptor would get the log lines.
+void OpenStandardDescriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) >= 0) continue;
+    // What is opened gets the lowest free number, which is this one.
+    if (open("/dev/null", O_RDWR) < 0) static_cast<void>(open("/", O_RDONLY));
+  }
+}
 
 void InstallSignals() {
   signal(SIGPIPE, SIG_IGN);
@@ -43,7 +52,7 @@ void WaitForStop() {
 }
 
 void PrintBanner(const char* model) {
-  printf("[QX] %s Bonjour %s Start (%s %s)\n", model, kVersion, __DATE__, __TIME__);
+  LogLine({"[QX] ", model, " Bonjour ", kVersion, " Start (", __DATE__, " ", __TIME__, ")"});
 }
 
 // A thread of the daemon could not be created: the others are told to end.
@@ -55,8 +64,8 @@ void StopForThreadError(int error) {
 }  // namespace
 
 int RunDaemon(int argc, char* const* argv) {
-  // A log reader sees each line when it is written, also through a pipe or in a file.
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  OpenStandardDescriptors();
+  InitLog();
 
   memset(hw_addr, 0, sizeof(hw_addr));
   InstallSignals();

@@ -5,10 +5,12 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/log.h"
 #include "base/text.h"
 
 namespace {
@@ -42,7 +44,7 @@ bool ReadBridgeMac(uint8_t (&mac)[6]) {
   ifreq request{};
   CopyText(request.ifr_name, kBridgeName);
   if (ioctl(control.Get(), SIOCGIFHWADDR, &request) < 0) {
-    perror("[Bonjour] ioctl HWADDR error");
+    LogError("[Bonjour] ioctl HWADDR error", errno);
     return false;
   }
   memcpy(mac, request.ifr_hwaddr.sa_data, sizeof(mac));

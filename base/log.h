@@ -1,13 +1,33 @@
-// The log lines that more than one module writes. A line of a single module stands in that module.
+// Log lines on standard output and standard error. A line is one system call, so it is neither torn
+// nor mixed with another thread's or program's; where it goes to a pipe or a socket that has no
+// space for it, it is dropped whole: a reader of the log that hangs never stops the daemon.
 #pragma once
+
+#include <cstddef>
+#include <initializer_list>
+#include <string_view>
+
+/// The longest line, its line feed included; longer ones are cut. No line that the daemon writes
+/// comes near it, and a pipe takes as much in one piece.
+constexpr size_t kLogLineSize = 512;
 
 /// Start-up and supervision could not create a thread.
 constexpr char kThreadCreateError[] = "[Bonjour] pthread_create error";
 /// A prober or a sender thread could not be created.
 constexpr char kShortThreadCreateError[] = "[Bonjour] pthread_create";
 
-/// Writes `text` and the system's text for `error` to standard error, as perror(3) does. For calls
-/// that return their error instead of setting errno. Any thread.
+/// Sees what standard output and standard error are and arranges that no line waits for a reader: a
+/// pipe is opened once more for this process alone, so that no other writer's view of it changes,
+/// or, where /proc does not show it, made non-blocking itself. Terminals and files stay as they
+/// are. Without it lines are written too, but may wait. Initial thread, before any other runs.
+void InitLog();
+
+/// Writes a line to standard output: a text, or several behind one another. Any thread.
+void LogLine(const char* text);
+void LogLine(std::initializer_list<std::string_view> parts);
+
+/// Writes `text` and the system's text for `error`, an errno value, to standard error, as perror(3)
+/// does. Any thread.
 void LogError(const char* text, int error);
 
 /// Writes "[Bonjour] malloc error" and the system's text for errno to standard error. Any thread.

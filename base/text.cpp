@@ -1,5 +1,13 @@
-// Texts on the heap.
+// Numbers as texts, and texts on the heap.
 #include "base/text.h"
+
+#include <charconv>
+
+NumberText FormatNumber(int32_t number) {
+  NumberText decimal{};
+  std::to_chars(decimal.text, decimal.text + sizeof(decimal.text), number);
+  return decimal;
+}
 
 HeapText NewText(size_t length) { return HeapText(static_cast<char*>(calloc(1, length + 1))); }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -45,6 +46,12 @@ std::string_view FieldText(const char (&field)[kCapacity]) {
 inline bool BeginsWith(std::string_view text, std::string_view start) {
   return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
 }
+
+/// A number in decimal form, zero-terminated.
+struct NumberText {
+  char text[12];
+};
+NumberText FormatNumber(int32_t number);
 
 /// A zero-filled heap text for `length` characters; null when there is no memory.
 HeapText NewText(size_t length);

@@ -30,8 +30,9 @@ struct ServiceTexts {
 };
 
 void LogQuery(const AnsweringState& state, const Query& query, const char* asked) {
-  printf("[Bonjour] answer(%s) query %s from %s (%d)\n", GetInterfaceAddress(state.slot).text,
-         asked, FormatAddress(query.sender).text, static_cast<int>(query.received));
+  LogLine({"[Bonjour] answer(", GetInterfaceAddress(state.slot).text, ") query ", asked, " from ",
+           FormatAddress(query.sender).text, " (",
+           FormatNumber(static_cast<int32_t>(query.received)).text, ")"});
 }
 
 bool RefreshAddress(uint32_t slot) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/log.h"
 #include "base/text.h"
 #include "records/sender.h"
 
@@ -32,7 +33,7 @@ Outcome Listen(const ProbeRecord& record, in_addr_t ownAddress) {
     const ssize_t received = recvfrom(record.socket, buffer, sizeof(buffer), 0,
                                       reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (received < 1) {
-      puts("[Bonjour] MDNS_CheckName: receive packet timeout");
+      LogLine("[Bonjour] MDNS_CheckName: receive packet timeout");
       return Outcome::kStands;
     }
     if (sender.sin_addr.s_addr != ownAddress &&
@@ -40,7 +41,7 @@ Outcome Listen(const ProbeRecord& record, in_addr_t ownAddress) {
       return Outcome::kConflict;
     }
     if (ignored == kIgnoredPacketsMax) {
-      puts("[Bonjour] MDNS_CheckName: ignorePackets limits.");
+      LogLine("[Bonjour] MDNS_CheckName: ignorePackets limits.");
       return Outcome::kStands;
     }
     if (IsTerminating()) return Outcome::kStopped;
@@ -49,7 +50,7 @@ Outcome Listen(const ProbeRecord& record, in_addr_t ownAddress) {
 
 // The base is the device name as it was when probing began: numbers replace one another.
 void TakeNextName(ProbeRecord& record, int32_t number) {
-  puts("[Bonjour] MDNS_CheckName: device name repeat");
+  LogLine("[Bonjour] MDNS_CheckName: device name repeat");
   char deviceName[kDeviceNameSize] = {};
   GetDeviceName(deviceName, kDeviceNameMax);
   SetNumberedName(record.name, deviceName, number);

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -63,7 +62,7 @@ void SetupSocketWithRetry() {
   while (!IsTerminating()) {
     if (SocketSetup_For_Interface_N() != 0) return;
     if (SecondsNow() - start > kSetupLimitSeconds) {
-      puts("MDNS_SocketSetup() MDNS_SELF_BIND1 error");
+      LogLine("MDNS_SocketSetup() MDNS_SELF_BIND1 error");
       return;
     }
     sleep(kRetrySeconds);
@@ -89,14 +88,14 @@ void ProbeDeviceName() {
     sleep(kRetrySeconds);
   }
   SetDeviceName(FieldText(record.name));
-  printf("[Bonjour] default device name = %s\n", record.name);
+  LogLine({"[Bonjour] default device name = ", record.name});
 }
 
 void StartAnsweringThread(Answering& answering) {
   answering.start = {multicastSocket.Get(), kBridgeSlot};
   const int error = StartThread(answering.thread, MDNS_Answer, &answering.start);
   if (error != 0) LogError(kThreadCreateError, error);
-  printf("[Bonjour] Answer Name Start (%s)\n", GetInterfaceAddress(kBridgeSlot).text);
+  LogLine({"[Bonjour] Answer Name Start (", GetInterfaceAddress(kBridgeSlot).text, ")"});
 }
 
 void ReportUpIfConnected() {

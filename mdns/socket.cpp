@@ -24,10 +24,10 @@ constexpr size_t kDeviceOptionSize = 32;
 std::string_view SlotName(uint32_t slot) { return FieldText(responderState.interfaceName[slot]); }
 
 void LogRequestFailure(const char* request, uint32_t slot) {
-  const int error = errno;  // printf may change it before perror reports it
-  printf("[Bonjour] ioctl %s failed:%s\n", request, responderState.interfaceName[slot]);
+  const int error = errno;  // as the request left it, before a line is written
   char message[64];
   snprintf(message, sizeof(message), "[Bonjour] ioctl %s failed", request);
+  LogLine({message, ":", responderState.interfaceName[slot]});
   LogError(message, error);
 }
 
@@ -122,13 +122,13 @@ uint32_t SocketSetup_For_Interface_N() {
 
   for (const SetupStep& step : kSetupSteps) {
     if (!step.apply(socketDescriptor)) {
-      perror(step.failure);
+      LogError(step.failure, errno);
       CloseMulticastSocket();
       return 0;
     }
   }
   responderState.connected[kBridgeSlot].Set(1);
-  printf("[Bonjour] Interface: %s is connected\n", responderState.interfaceName[kBridgeSlot]);
+  LogLine({"[Bonjour] Interface: ", responderState.interfaceName[kBridgeSlot], " is connected"});
   return 1;
 }
 

@@ -67,13 +67,13 @@ void RemoveService(int32_t port, int32_t kind, PrinterTxt*& txt) {
 }
 
 void InsertPrinter(int32_t port) {
-  printf("[Bonjour] device insert lp%d\n", static_cast<int>(port));
+  LogLine({"[Bonjour] device insert lp", FormatNumber(port).text});
   InsertService(port, PRINTER_KIND_PDL, printerTxtPdl[port]);
   InsertService(port, PRINTER_KIND_IPP, printerTxtIpp[port]);
 }
 
 void RemovePrinter(int32_t port) {
-  printf("[Bonjour] device remove lp%d\n", static_cast<int>(port));
+  LogLine({"[Bonjour] device remove lp", FormatNumber(port).text});
   RemoveService(port, PRINTER_KIND_PDL, printerTxtPdl[port]);
   RemoveService(port, PRINTER_KIND_IPP, printerTxtIpp[port]);
 }
@@ -82,7 +82,7 @@ void RemovePrinter(int32_t port) {
 void RunPass(char* buffer, PrinterPresence& previous) {
   const int32_t held = ReadPrinterStatus(buffer);
   if (held < 0) {
-    puts(kCannotOpenStatusFile);
+    LogLine(kCannotOpenStatusFile);
     return;
   }
   PrinterPresence current = {};

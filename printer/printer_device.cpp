@@ -31,7 +31,7 @@ HeapText ReadDeviceId(int32_t port) {
   snprintf(path, sizeof(path), "/dev/usblp%d", static_cast<int>(port));
   Descriptor device(open(path, O_RDWR));
   if (!device.IsOpen()) {
-    perror("[Bonjour] no usb device");
+    LogError("[Bonjour] no usb device", errno);
     return nullptr;
   }
   HeapText id = NewText(kDeviceIdSize);

@@ -1,9 +1,9 @@
 // The service set of a printer.
 #include "printer/services.h"
 
-#include <cstdio>
 #include <cstring>
 
+#include "base/log.h"
 #include "mdns/state.h"
 #include "records/compose.h"
 #include "records/registration.h"
@@ -23,7 +23,7 @@ const char* ServiceName(int32_t port) {
 
 uint32_t Register(int32_t port, int32_t kind, char* txt) {
   if (GetTXTData(txt, port, kind) < kTxtComplete) {
-    puts("[Bonjour] GetTXTData error");
+    LogLine("[Bonjour] GetTXTData error");
     return 0;
   }
   const char* type = PrinterServiceType(kind);
@@ -31,7 +31,7 @@ uint32_t Register(int32_t port, int32_t kind, char* txt) {
   const uint32_t result =
       RegisterOneService(ServiceName(port), type, kLocalDomain, txt,
                          static_cast<int32_t>(strlen(txt)), PrinterTcpPort(kind, port));
-  if (result == 0) puts("**********RegisterOneService error*************");
+  if (result == 0) LogLine("**********RegisterOneService error*************");
   return result;
 }
 
@@ -40,7 +40,7 @@ uint32_t Unregister(int32_t port, int32_t kind) {
   if (type == nullptr) return 0;
   const uint32_t result = UnRegisterOneService(ServiceName(port), type, kLocalDomain, nullptr, 0,
                                                PrinterTcpPort(kind, port));
-  if (result == 0) puts("**********UnRegisterOneService error*************");
+  if (result == 0) LogLine("**********UnRegisterOneService error*************");
   return result;
 }
 

@@ -1,6 +1,7 @@
 // The TXT text of a printer service.
 #include "printer/txt.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -48,7 +49,7 @@ struct Text {
 
 bool AppendOrLog(Text& text, Parts parts) {
   if (text.Append(parts)) return true;
-  puts("buf is too small!!!");
+  LogLine("buf is too small!!!");
   return false;
 }
 
@@ -74,7 +75,7 @@ bool AppendPdlLine(Text& text, std::string_view commandSet) {
   line.Append({"\n"});
 
   if (line.length >= kPdlLineLimit) {
-    puts("buf is too small!!!");
+    LogLine("buf is too small!!!");
     return false;
   }
   return AppendOrLog(text, {std::string_view(buffer, line.length)});
@@ -172,11 +173,11 @@ int32_t BuildTxtText(char* txt, int32_t port, int32_t kind, const PrinterIdentit
 int32_t GetTXTData(char* txt, int32_t port, int32_t kind) {
   const HeapText status = NewText(kStatusFileMax);
   if (status == nullptr) {
-    perror("[Bonjour] calloc error");
+    LogError("[Bonjour] calloc error", errno);
     return kTxtNoData;
   }
   const int32_t held = ReadPrinterStatus(status.get());
-  if (held < 0) perror(kCannotOpenStatusFile);
+  if (held < 0) LogError(kCannotOpenStatusFile, errno);
   if (held <= 0) return kTxtNoData;
 
   PrinterIdentity printer = {};

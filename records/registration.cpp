@@ -1,9 +1,8 @@
 // The exported operations that publish and withdraw one service.
 #include "records/registration.h"
 
-#include <cstdio>
-
 #include "base/gate.h"
+#include "base/log.h"
 #include "mdns/state.h"
 #include "records/packets.h"
 #include "records/registry.h"
@@ -17,7 +16,7 @@ Gate registrations;
 bool AreParamsValid(const char* name, const char* type, const char* domain, const char* txt,
                     int32_t txtLength, uint32_t port) {
   if (ValidateServiceParams(name, type, domain, txt, txtLength, port) != 0) return true;
-  puts("[Bonjour] Input parameter error");
+  LogLine("[Bonjour] Input parameter error");
   return false;
 }
 
@@ -30,14 +29,14 @@ uint32_t RegisterOneService(const char* serviceName, const char* serviceType,
   const GatePass registration(registrations);
   if (!registration.IsInside() || ServiceRegistryUpdate(SERVICE_ADD, serviceName, serviceType,
                                                         serviceDomain, txt, txtLength, port) == 0) {
-    puts("[Bonjour] SERVICE_ADD error");
+    LogLine("[Bonjour] SERVICE_ADD error");
     return 0;
   }
   char deviceName[kDeviceNameSize] = {};
   GetDeviceName(deviceName, kDeviceNameMax);
   if (PacketsComposeAdd(deviceName, serviceName, serviceType, serviceDomain, txt, txtLength,
                         port) == 0) {
-    puts("[Bonjour] PacketsComposeAdd error");
+    LogLine("[Bonjour] PacketsComposeAdd error");
     return 0;
   }
   return 1;
@@ -52,12 +51,12 @@ uint32_t UnRegisterOneService(const char* serviceName, const char* serviceType,
                               uint32_t port) {
   if (!AreParamsValid(serviceName, serviceType, serviceDomain, txt, txtLength, port)) return 0;
   if (PacketsComposeRemove(serviceName, serviceType, serviceDomain) == 0) {
-    puts("[Bonjour] PacketsComposeRemove error");
+    LogLine("[Bonjour] PacketsComposeRemove error");
     return 0;
   }
   if (ServiceRegistryUpdate(SERVICE_REMOVE, serviceName, serviceType, serviceDomain, txt, txtLength,
                             port) == 0) {
-    puts("[Bonjour] SERVICE_REMOVE error");
+    LogLine("[Bonjour] SERVICE_REMOVE error");
     return 0;
   }
   return 1;

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -51,7 +50,7 @@ void Unlink(ServiceEntry* entry) REQUIRES(responderState.registryMutex) {
 uint32_t AddService(const char* name, const char* type, const char* domain, const char* txt,
                     int32_t txtLength, uint32_t port) {
   if (ServiceLookup(name, type, domain) != 0) {
-    printf("[Bonjour] this service: %s %s %s is already registered\n", name, type, domain);
+    LogLine({"[Bonjour] this service: ", name, " ", type, " ", domain, " is already registered"});
     return 0;
   }
   std::unique_ptr<ServiceEntry, FreeBlock> entry(
@@ -75,7 +74,7 @@ uint32_t AddService(const char* name, const char* type, const char* domain, cons
 
 uint32_t RemoveService(const char* name, const char* type, const char* domain) {
   if (ServiceLookup(name, type, domain) == 0) {
-    printf("[Bonjour] this service: %s %s %s is not registered\n", name, type, domain);
+    LogLine({"[Bonjour] this service: ", name, " ", type, " ", domain, " is not registered"});
     return 0;
   }
   const RegistryLock lock;
@@ -137,20 +136,20 @@ uint32_t ValidateServiceParams(const char* name, const char* type, const char* d
                                const char* txt, int32_t txtLength, uint32_t port) {
   const size_t nameLength = strlen(name);
   if (nameLength == 0 || nameLength > kServiceNameMax) {
-    puts("[Bonjour] serviceName Length");
+    LogLine("[Bonjour] serviceName Length");
     return 0;
   }
   if (strlen(type) > kServiceTypeMax) {
-    puts("[Bonjour] SRVTYPE_NAME_MAX Length");
+    LogLine("[Bonjour] SRVTYPE_NAME_MAX Length");
     return 0;
   }
   if (strlen(domain) > kServiceDomainMax) {
-    puts("[Bonjour] SRVTYPE_DOMAIN_MAX Length");
+    LogLine("[Bonjour] SRVTYPE_DOMAIN_MAX Length");
     return 0;
   }
   if (!IsServiceType(type)) return 0;
   if (strcmp(domain, kLocalDomain) != 0) {
-    puts("[Bonjour] sorry, we now only support '.local' service domain");
+    LogLine("[Bonjour] sorry, we now only support '.local' service domain");
     return 0;
   }
   if (txtLength < 0 || (txtLength == 0 && txt != nullptr)) return 0;

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -20,7 +20,7 @@ void TransmitThreeTimes(const SendJob& job) {
   for (int i = 0; i < kTransmissions; ++i) {
     if (sendto(job.socket, job.data, BytesToSend(job), 0,
                reinterpret_cast<const sockaddr*>(&job.destination), sizeof(job.destination)) < 0) {
-      perror("[Bonjour] send packet error");
+      LogError("[Bonjour] send packet error", errno);
       return;
     }
     usleep(kTransmissionPauseMicroseconds);

@@ -1,8 +1,10 @@
 // The daemon's own decisions. Its threads are only noted, never run, and its pauses take no time.
 #include "app/daemon.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstring>
@@ -252,6 +254,55 @@ TEST_F(Daemon, StopSignalsThatItsStarterBlockedAreLetIn) {
   Run();
   EXPECT_TRUE(taken[0]);
   EXPECT_TRUE(taken[1]);
+}
+
+TEST_F(Daemon, ClosedStandardDescriptorsAreOpenBeforeAnythingElseIsOpened) {
+  for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+    EXPECT_EXIT(
+        {
+          fakeThread.onStart = [&](ThreadBody, void*) {
+            char target[16] = {};
+            const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+            if (readlink(path.c_str(), target, sizeof(target) - 1) < 0) _exit(1);
+            _exit(strcmp(target, "/dev/null") == 0 ? 0 : 2);
+          };
+          close(descriptor);
+          const CommandLine line({});
+          RunDaemon(line.Count(), line.Values());
+        },
+        testing::ExitedWithCode(0), "")
+        << descriptor;
+  }
+}
+
+TEST_F(Daemon, ClosedStandardDescriptorsAreOpenWithoutANullDeviceToo) {
+  EXPECT_EXIT(
+      {
+        if (!EnterOwnMounts() || !MountOwnDev()) _exit(1);
+        fakeThread.onStart = [&](ThreadBody, void*) {
+          _exit(fcntl(0, F_GETFD) >= 0 && fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0 ? 0 : 2);
+        };
+        for (int descriptor = 0; descriptor <= 2; ++descriptor) close(descriptor);
+        const CommandLine line({});
+        RunDaemon(line.Count(), line.Values());
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
+  std::string before;
+  std::string during;
+  const auto look = [] {
+    char target[256] = {};
+    return readlink("/proc/self/fd/0", target, sizeof(target) - 1) < 0 ? "" : std::string(target);
+  };
+  before = look();
+  fakeThread.onStart = [&](ThreadBody, void*) {
+    responderState.initStatus.Set(1);
+    during = look();
+  };
+  Run();
+  EXPECT_EQ(during, before);
 }
 
 TEST_F(Daemon, UnknownStatusStartsNoMonitor) {

@@ -8,6 +8,13 @@
 
 namespace {
 
+TEST(FormatNumber, WritesTheNumberInDecimal) {
+  EXPECT_STREQ(FormatNumber(0).text, "0");
+  EXPECT_STREQ(FormatNumber(1518).text, "1518");
+  EXPECT_STREQ(FormatNumber(-1).text, "-1");
+  EXPECT_STREQ(FormatNumber(INT32_MIN).text, "-2147483648");
+}
+
 TEST(CopyText, CutsAtTheLimitAndZerosTheRest) {
   char field[8];
   memset(field, 'x', sizeof(field));
