@@ -1,6 +1,7 @@
 """The daemon under test: its process, and each line it prints with the time it was seen."""
 
 import dataclasses
+import fcntl
 import os
 import pathlib
 import re
@@ -15,7 +16,8 @@ from lab.waiting import PATIENCE, Journal, TimedOut
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
-_PIPE_CAPACITY = 65536
+# A line that finds no space is lost, so there is more of it than a busy lab may leave unread.
+_PIPE_CAPACITY = 1 << 20
 _POLL = 0.01
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 
@@ -43,6 +45,7 @@ class _Stream:
         self.pipe = pipe
         self._begun = b""
         os.set_blocking(pipe.fileno(), False)
+        fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, _PIPE_CAPACITY)
 
     def take(self):
         """The lines that came since the last time, or None once the output has ended."""

@@ -5,13 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "base/log.h"
-#include "base/text.h"
 #include "mdns/state.h"
 
 namespace {
@@ -42,10 +41,22 @@ size_t SenderStackSize() {
                                                      : kSenderStackSize;
 }
 
+// The job of a sender that could not be started, or null. It is not given back: it carries the next
+// packet. So a lack of threads never adds to the heap, and at most one job is ever left over.
+std::atomic<SendJob*> leftJob{nullptr};
+
+SendJob* TakeJob() {
+  SendJob* const left = leftJob.exchange(nullptr);
+  return left != nullptr ? left : static_cast<SendJob*>(malloc(sizeof(SendJob)));
+}
+
+// Two senders that fail at the same time leave one job.
+void LeaveJob(SendJob* job) { free(leftJob.exchange(job)); }
+
 // Hands the packet to a new sender. False when none could be started.
 bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,
                  const sockaddr_in& destination) {
-  std::unique_ptr<SendJob, FreeBlock> job(static_cast<SendJob*>(malloc(sizeof(SendJob))));
+  SendJob* const job = TakeJob();
   if (job == nullptr) return false;
   FillSendJob(*job, packet, length, socket, destination);
 
@@ -54,12 +65,12 @@ bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&attributes, SenderStackSize());
   pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, RunSender, job.get());
+  const int error = pthread_create(&thread, &attributes, RunSender, job);
   pthread_attr_destroy(&attributes);
-  // The sender frees the job. When none could be started the job is left behind all the same.
-  static_cast<void>(job.release());
-  if (error != 0) LogError(kShortThreadCreateError, error);
-  return error == 0;
+  if (error == 0) return true;
+  LeaveJob(job);
+  LogError(kShortThreadCreateError, error);
+  return false;
 }
 
 }  // namespace

@@ -18,10 +18,10 @@ def board(tmp_path):
 
 @pytest.fixture
 def start(router, board):
-    """Starts the daemon under the board; as router.start(). `keeps_blocks` as the board's."""
+    """Starts the daemon under the board; as router.start()."""
 
-    def run(*arguments, keeps_blocks=False, **how):
-        return router.start(*arguments, environment=board.environment(keeps_blocks), **how)
+    def run(*arguments, **how):
+        return router.start(*arguments, environment=board.environment, **how)
 
     return run
 

@@ -158,23 +158,36 @@ def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, board, start, h
     before.check()
 
 
-def test_no_sender_thread_is_reported_and_its_job_stays(lab, board, start, holdings):
-    daemon = start(keeps_blocks=True)
+def test_no_sender_thread_is_reported_and_its_job_carries_the_next_packet(
+    lab, board, start, holdings
+):
+    daemon = start()
     before = holdings(daemon)
     board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED)
     since = lab.capture.mark()
     lab.host.send(wire.HOST_QUESTION)
     line = daemon.wait_for_line("[Bonjour] pthread_create: Resource temporarily unavailable")
     assert line.stream == "stderr"
+    before.check(more_blocks=1)
     lab.host.send(wire.HOST_QUESTION)
     lab.wait_for_transmissions(wire.HOST_ANSWER, since)
     usage_once_senders_ended(daemon.pid)
     assert len(lab.sent(since)) == 3
+    before.check()
+
+
+def test_a_thousand_senders_that_cannot_be_started_leave_one_job(lab, board, start, holdings):
+    daemon = start()
+    before = holdings(daemon)
+    failed = board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED, times=1000)
+    for number in range(1, 1001):
+        lab.host.send(wire.HOST_QUESTION)
+        failed.wait(number)
     before.check(more_blocks=1)
 
 
 def test_stop_does_not_wait_for_a_sender_that_was_never_started(lab, router, board, start):
-    daemon = start(keeps_blocks=True)
+    daemon = start()
     board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED)
     lab.host.send(wire.HOST_QUESTION)
     daemon.wait_for_line("[Bonjour] pthread_create: Resource temporarily unavailable")

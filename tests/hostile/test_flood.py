@@ -1,14 +1,8 @@
 """Floods: more questions than a link of people asks. Each is answered, nothing stays behind."""
 
-import json
-import os
-import pathlib
-import subprocess
-
 import pytest
-from lab import packets
-from lab.printers import Printer
-from lab.usage import PeakUsage, dropped_datagrams, usage, usage_once_senders_ended
+from flooding import BROWSE_QUESTION, HOST_QUESTION, flood, quiet_router
+from lab.usage import dropped_datagrams, usage, usage_once_senders_ended
 
 pytestmark = [pytest.mark.alone, pytest.mark.release]
 
@@ -21,39 +15,6 @@ MEMORY_PER_THREAD = 16
 # The libc keeps up to 40 MiB of the stacks of ended threads for the next ones, each with at most
 # 16 KiB of memory, and of heaps what lies below a block that is in use.
 MEMORY_KEPT = 640 * 16 + 16 * 1024
-
-
-def tool():
-    binary = pathlib.Path(os.environ["BONJOUR_USBLP_DEVICE"])
-    return binary.with_name("flood")
-
-
-def flood(lab, question, rate, seconds):
-    """Asks `question` `rate` times a second; returns what flood counted, and the peak usage."""
-    with lab.host.network.entered():
-        asking = subprocess.Popen(
-            [tool(), lab.host.address, question.hex(), str(rate), str(seconds)],
-            stdout=subprocess.PIPE,
-            text=True,
-        )
-    with PeakUsage(lab.router.daemon.pid) as peak:
-        counted = json.loads(asking.communicate(timeout=seconds + 60)[0])
-    return counted, peak
-
-
-def quiet_router(lab, printers=0):
-    """A daemon with so many printers whose announcements are over, and no capture in its way."""
-    daemon = lab.router.start()
-    if printers:
-        lab.router.plug_in_all([Printer(port) for port in range(printers)])
-        daemon.wait_for_line(f"[Bonjour] device insert lp{printers - 1}")
-    usage_once_senders_ended(daemon.pid)
-    lab.capture.close()
-    return daemon
-
-
-HOST_QUESTION = packets.query(("T5140_00-11-22-AA-BB-CC.local", "A"))
-BROWSE_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
 
 
 @pytest.mark.seconds(30)

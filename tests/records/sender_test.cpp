@@ -12,15 +12,9 @@
 #include "mdns/state.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
+#include "tests/support/heap_use.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#else
-#define __lsan_disable()
-#define __lsan_enable()
-#endif
 
 namespace {
 
@@ -275,15 +269,67 @@ TEST_F(SendingTest, WithoutAThreadThePacketIsDroppedWithALine) {
   CapturedOutput output;
   const Bytes packet = Wire("01");
   threadFault.FailCall(1);
-  // The job that no sender took over is left behind on purpose.
-  __lsan_disable();
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
-  __lsan_enable();
   EXPECT_TRUE(threadFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] pthread_create: Resource temporarily unavailable\n");
   EXPECT_EQ(output.Stdout(), "");
   EXPECT_TRUE(multicastSocketUsers.IsEmpty());
   EXPECT_TRUE(sink.IsDry());
+}
+
+TEST_F(SendingTest, JobOfASenderThatCouldNotBeStartedCarriesTheNextPacket) {
+  const CapturedOutput output;
+  const Bytes packet = Wire("01 02");
+  threadFault.FailCall(1);
+  SendPacket(packet.data(), 2, source.Get(), sink.Name());
+  ASSERT_TRUE(threadFault.HasStruck());
+  const sockaddr_in destination = sink.Name();
+  mallocFault.FailCall(1);
+  SendPacket(packet.data(), 1, source.Get(), destination);
+  EXPECT_FALSE(mallocFault.HasStruck());
+  ASSERT_TRUE(WaitForEndedThreads(1));
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(Wire("01")));
+  EXPECT_TRUE(sink.IsDry());
+  // It is given back with that packet: the next one needs a new job.
+  SendPacket(packet.data(), 1, source.Get(), destination);
+  EXPECT_TRUE(mallocFault.HasStruck());
+}
+
+TEST_F(SendingTest, AnyNumberOfSendersThatCouldNotBeStartedTakeNoMemory) {
+  const CapturedOutput output;
+  const Bytes packet = Wire("01");
+  const sockaddr_in destination = sink.Name();
+  const auto fail = [&] {
+    threadFault.FailCall(1);
+    SendPacket(packet.data(), 1, source.Get(), destination);
+  };
+  fail();
+  const size_t before = HeapBytesInUse();
+  for (int i = 0; i < 1000; ++i) fail();
+  EXPECT_EQ(HeapBytesInUse(), before);
+}
+
+TEST_F(SendingTest, TwoJobsThatFailAtTheSameTimeGiveOneBack) {
+  const CapturedOutput output;
+  static UdpSocket* from;
+  static sockaddr_in to;
+  UdpSocket own("127.0.0.1");
+  from = &own;
+  to = sink.Name();
+  const Bytes packet = Wire("01");
+  threadFault.FailCall(1);
+  SendPacket(packet.data(), 1, from->Get(), to);
+  const size_t withOneLeft = HeapBytesInUse();
+  // A second sender fails while the first is being started.
+  onCreateThread = [] {
+    onCreateThread = nullptr;
+    threadFault.FailCall(1);
+    const uint8_t other = 2;
+    SendPacket(&other, 1, from->Get(), to);
+    threadFault.FailCall(1);
+  };
+  SendPacket(packet.data(), 1, from->Get(), to);
+  EXPECT_EQ(HeapBytesInUse(), withOneLeft);
 }
 
 TEST_F(SendingTest, SocketIsNotInUseBehindAFailure) {
@@ -293,9 +339,7 @@ TEST_F(SendingTest, SocketIsNotInUseBehindAFailure) {
     ASSERT_TRUE(WaitForEndedThreads(1));
     EXPECT_TRUE(multicastSocketUsers.IsEmpty());
     threadFault.FailCall(1);
-    __lsan_disable();
     SendPacket(packet.data(), 1, source.Get(), sink.Name());
-    __lsan_enable();
   });
   EXPECT_TRUE(threadFault.HasStruck());
   EXPECT_TRUE(multicastSocketUsers.IsEmpty());

@@ -1,0 +1,43 @@
+"""Floods of questions, and the router that they are sent to."""
+
+import json
+import os
+import pathlib
+import subprocess
+
+from lab import packets
+from lab.printers import Printer
+from lab.usage import PeakUsage, usage_once_senders_ended
+
+HOST_QUESTION = packets.query(("T5140_00-11-22-AA-BB-CC.local", "A"))
+BROWSE_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
+
+
+def tool():
+    binary = pathlib.Path(os.environ["BONJOUR_USBLP_DEVICE"])
+    return binary.with_name("flood")
+
+
+def flood(lab, question, rate, seconds):
+    """Asks `question` `rate` times a second; returns what flood counted, and the peak usage."""
+    with lab.host.network.entered():
+        asking = subprocess.Popen(
+            [tool(), lab.host.address, question.hex(), str(rate), str(seconds)],
+            stdout=subprocess.PIPE,
+            text=True,
+        )
+    with PeakUsage(lab.router.daemon.pid) as peak:
+        counted = json.loads(asking.communicate(timeout=seconds + 60)[0])
+    return counted, peak
+
+
+def quiet_router(lab, printers=0, **how):
+    """A daemon with so many printers whose announcements are over, and no capture in its way. `how`
+    it is started, as for router.start()."""
+    daemon = lab.router.start(**how)
+    if printers:
+        lab.router.plug_in_all([Printer(port) for port in range(printers)])
+        daemon.wait_for_line(f"[Bonjour] device insert lp{printers - 1}")
+    usage_once_senders_ended(daemon.pid)
+    lab.capture.close()
+    return daemon
