@@ -57,7 +57,7 @@ void PrintBanner(const char* model) {
 
 // A thread of the daemon could not be created: the others are told to end.
 void StopForThreadError(int error) {
-  LogError(kThreadCreateError, error);
+  LogError(kNoLastingThread, error);
   bTerminate.Set(1);
 }
 

@@ -33,12 +33,13 @@ void ChooseModel(char (&model)[kModelNameSize], int argc, char* const* argv) {
   CopyText(model, KnownModel(FieldText(requested)));
 }
 
-void FormatDeviceName(char (&name)[kDeviceNameSize], const char* model, const uint8_t (&mac)[6]) {
+void FormatDeviceName(char (&name)[kDeviceNameSize], const char* model,
+                      const uint8_t (&mac)[kMacSize]) {
   snprintf(name, sizeof(name), "%s_%02X-%02X-%02X-%02X-%02X-%02X", model, mac[0], mac[1], mac[2],
            mac[3], mac[4], mac[5]);
 }
 
-bool ReadBridgeMac(uint8_t (&mac)[6]) {
+bool ReadBridgeMac(uint8_t (&mac)[kMacSize]) {
   const Descriptor control(socket(AF_INET, SOCK_DGRAM, 0));
   if (!control.IsOpen()) return false;
   ifreq request{};

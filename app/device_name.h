@@ -15,8 +15,9 @@ constexpr size_t kModelNameSize = 43;
 void ChooseModel(char (&model)[kModelNameSize], int argc, char* const* argv);
 
 /// Puts model and MAC address into `name`, for example T5140_00-11-22-AA-BB-CC.
-void FormatDeviceName(char (&name)[kDeviceNameSize], const char* model, const uint8_t (&mac)[6]);
+void FormatDeviceName(char (&name)[kDeviceNameSize], const char* model,
+                      const uint8_t (&mac)[kMacSize]);
 
 /// Reads the bridge's MAC address. Returns false, with `mac` unchanged, when it can't be had;
 /// logged, unless there was no socket to ask with.
-bool ReadBridgeMac(uint8_t (&mac)[6]);
+bool ReadBridgeMac(uint8_t (&mac)[kMacSize]);

@@ -11,10 +11,10 @@
 /// comes near it, and a pipe takes as much in one piece.
 constexpr size_t kLogLineSize = 512;
 
-/// Start-up and supervision could not create a thread.
-constexpr char kThreadCreateError[] = "[Bonjour] pthread_create error";
-/// A prober or a sender thread could not be created.
-constexpr char kShortThreadCreateError[] = "[Bonjour] pthread_create";
+/// A thread that lives as long as the daemon could not be created: responder, answering, monitor.
+constexpr char kNoLastingThread[] = "[Bonjour] pthread_create error";
+/// A thread that ends by itself could not be created: a prober, a sender.
+constexpr char kNoPassingThread[] = "[Bonjour] pthread_create";
 
 /// Sees what standard output and standard error are and arranges that no line waits for a reader: a
 /// pipe is opened once more for this process alone, so that no other writer's view of it changes,

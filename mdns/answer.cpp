@@ -12,6 +12,7 @@
 #include "mdns/socket.h"
 #include "records/registry.h"
 #include "records/sender.h"
+#include "records/service_kinds.h"
 
 namespace {
 
@@ -52,10 +53,6 @@ void AnswerHostName(AnsweringState& state, const Query& query) {
   // Without the cache-flush bit, unlike the A record of a service's answer: on purpose.
   AddAddress(state.packet, state.hostName, false, GetInterfaceAddress(state.slot).text);
   Send(state, query.socket);
-}
-
-bool IsPrinterLabel(std::string_view label) {
-  return label == kIppLabel || label == kLpdLabel || label == kPdlLabel;
 }
 
 bool CopyServiceTexts(const ServiceEntry& entry, ServiceTexts& texts) {
@@ -106,7 +103,7 @@ void ScanServices(AnsweringState& state, const Query& query) {
 
     LogQuery(state, query, shortLabel.get());
     const std::string_view label = shortLabel.get();
-    if (IsPrinterLabel(label)) AnswerService(state, query, *entry, label == kIppLabel);
+    if (IsPrinterLabel(label)) AnswerService(state, query, *entry, label == kIppService.Label());
   }
 }
 

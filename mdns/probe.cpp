@@ -16,8 +16,6 @@ namespace {
 constexpr unsigned kConflictPauseMicroseconds = 250000;
 constexpr size_t kNumberSize = 12;
 
-enum class Outcome { kStands, kConflict, kStopped };
-
 void SendProbe(const ProbeRecord& record) {
   uint8_t bytes[kPacketSize];
   Packet packet = {bytes, kPacketSize, 0, {}};
@@ -25,7 +23,8 @@ void SendProbe(const ProbeRecord& record) {
   SendPacket(packet.bytes, packet.length, record.socket, responderState.mdnsDestination);
 }
 
-Outcome Listen(const ProbeRecord& record, in_addr_t ownAddress) {
+// Listens until the name is settled or a stop is asked for. True when another host has it.
+bool HearConflict(const ProbeRecord& record, in_addr_t ownAddress) {
   uint8_t buffer[kReceiveSize];
   for (uint32_t ignored = 0;; ++ignored) {
     sockaddr_in sender{};
@@ -34,17 +33,17 @@ Outcome Listen(const ProbeRecord& record, in_addr_t ownAddress) {
                                       reinterpret_cast<sockaddr*>(&sender), &senderSize);
     if (received < 1) {
       LogLine("[Bonjour] MDNS_CheckName: receive packet timeout");
-      return Outcome::kStands;
+      return false;
     }
     if (sender.sin_addr.s_addr != ownAddress &&
         IsNameConflict(MessageReader(buffer, static_cast<size_t>(received)), record.name)) {
-      return Outcome::kConflict;
+      return true;
     }
     if (ignored == kIgnoredPacketsMax) {
       LogLine("[Bonjour] MDNS_CheckName: ignorePackets limits.");
-      return Outcome::kStands;
+      return false;
     }
-    if (IsTerminating()) return Outcome::kStopped;
+    if (IsTerminating()) return false;
   }
 }
 
@@ -95,7 +94,7 @@ void* MDNS_CheckName(void* argument) {
   while (!IsTerminating()) {
     SendProbe(record);
     if (IsTerminating()) break;
-    if (Listen(record, ownAddress) != Outcome::kConflict) break;
+    if (!HearConflict(record, ownAddress)) break;
     TakeNextName(record, ++conflicts);
     if (conflicts == kConflictNumberMax) conflicts = 0;
     usleep(kConflictPauseMicroseconds);

@@ -1,7 +1,8 @@
 // What a received message asks for.
 #include "mdns/question.h"
 
-#include "records/compose.h"
+#include "records/encode.h"
+#include "records/service_kinds.h"
 
 namespace {
 
@@ -57,7 +58,7 @@ bool AsksForService(const MessageReader& message, std::string_view shortLabel,
       if (isFirstLabel) firstLabel = label;
       if (label == shortLabel &&
           (isFirstLabel || firstLabel == serviceName ||
-           (firstLabel == kUniversalSubtypeLabel && shortLabel == kIppLabel))) {
+           (firstLabel == kUniversalSubtypeLabel && shortLabel == kIppService.Label()))) {
         return true;
       }
       isFirstLabel = false;

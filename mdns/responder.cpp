@@ -80,7 +80,7 @@ void ProbeDeviceName() {
     JoinableThread prober;
     const int error = StartThread(prober, MDNS_CheckName, &record);
     if (error != 0) {
-      LogError(kShortThreadCreateError, error);
+      LogError(kNoPassingThread, error);
       break;
     }
     JoinThread(prober);
@@ -94,7 +94,7 @@ void ProbeDeviceName() {
 void StartAnsweringThread(Answering& answering) {
   answering.start = {multicastSocket.Get(), kBridgeSlot};
   const int error = StartThread(answering.thread, MDNS_Answer, &answering.start);
-  if (error != 0) LogError(kThreadCreateError, error);
+  if (error != 0) LogError(kNoLastingThread, error);
   LogLine({"[Bonjour] Answer Name Start (", GetInterfaceAddress(kBridgeSlot).text, ")"});
 }
 

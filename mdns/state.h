@@ -30,6 +30,9 @@ constexpr char kBridgeName[] = "br0";
 constexpr char kReservedName[] = "qxSkipDevName";
 constexpr size_t kInterfaceNameSize = 15;
 
+/// Bytes of a MAC address.
+constexpr size_t kMacSize = 6;
+
 /// Multicast DNS group and port (RFC 6762, section 3).
 constexpr char kMdnsGroup[] = "224.0.0.251";
 constexpr uint16_t kMdnsPort = 5353;
@@ -38,7 +41,7 @@ constexpr uint16_t kMdnsPort = 5353;
 /// said otherwise the responder thread writes a field and any thread reads it.
 struct ResponderState {
   /// MAC address of the bridge; zeros when it has none. Written by `main` before any thread starts.
-  uint8_t hw_addr[6];
+  uint8_t hw_addr[kMacSize];
   /// 0 = responder not yet up, 1 = an interface is connected. Never goes back to 0.
   SharedFlag initStatus{0};
   /// The current host name without its domain. See GetDeviceName and SetDeviceName.
@@ -69,7 +72,7 @@ struct ResponderState {
 extern ResponderState responderState;
 
 /// MAC address of the bridge, the state's own field under the name that other code knows it by.
-inline constexpr uint8_t (&hw_addr)[6] = responderState.hw_addr;
+inline constexpr uint8_t (&hw_addr)[kMacSize] = responderState.hw_addr;
 
 /// Stop flag: 0 = run, 1 = stop. Written by the signal handler and by `main`; every loop polls it.
 extern SharedFlag bTerminate;

@@ -5,16 +5,12 @@
 
 #include "base/log.h"
 #include "mdns/state.h"
-#include "records/compose.h"
 #include "records/registration.h"
+#include "records/service_kinds.h"
 
 char printerServiceNames[kPrinterPorts][kServiceNameSize];
 
 namespace {
-
-constexpr uint32_t kPdlBasePort = 9100;
-constexpr uint32_t kIppPort = 631;
-constexpr uint32_t kLpdPort = 515;
 
 // A port outside the table has no name, and the registration refuses it.
 const char* ServiceName(int32_t port) {
@@ -47,29 +43,15 @@ uint32_t Unregister(int32_t port, int32_t kind) {
 }  // namespace
 
 const char* PrinterServiceType(int32_t kind) {
-  switch (kind) {
-    case PRINTER_KIND_PDL:
-      return "_pdl-datastream._tcp";
-    case PRINTER_KIND_IPP:
-      return kIppType;
-    case PRINTER_KIND_LPD:
-      return "_printer._tcp";
-    default:
-      return nullptr;
-  }
+  const ServiceKind* service = FindServiceKind(kind);
+  return service == nullptr ? nullptr : service->type;
 }
 
 uint32_t PrinterTcpPort(int32_t kind, int32_t port) {
-  switch (kind) {
-    case PRINTER_KIND_PDL:
-      return port >= 0 && port < kPrinterPorts ? kPdlBasePort + static_cast<uint32_t>(port) : 0;
-    case PRINTER_KIND_IPP:
-      return kIppPort;
-    case PRINTER_KIND_LPD:
-      return kLpdPort;
-    default:
-      return 0;
-  }
+  const ServiceKind* service = FindServiceKind(kind);
+  if (service == nullptr) return 0;
+  if (kind != PRINTER_KIND_PDL) return service->tcpPort;
+  return port >= 0 && port < kPrinterPorts ? service->tcpPort + static_cast<uint32_t>(port) : 0;
 }
 
 uint32_t UpdatePrinterService(int32_t port, uint32_t action, int32_t kind, char* txt) {

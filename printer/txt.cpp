@@ -47,11 +47,12 @@ struct Text {
   }
 };
 
-bool AppendOrLog(Text& text, Parts parts) {
-  if (text.Append(parts)) return true;
+bool LogTooLong() {
   LogLine("buf is too small!!!");
   return false;
 }
+
+bool AppendOrLog(Text& text, Parts parts) { return text.Append(parts) || LogTooLong(); }
 
 bool AppendKeyLine(Text& text, Parts parts) {
   return LengthOf(parts) < kKeyLineSize && AppendOrLog(text, parts);
@@ -74,10 +75,7 @@ bool AppendPdlLine(Text& text, std::string_view commandSet) {
   if (line.length > emptyLength) --line.length;
   line.Append({"\n"});
 
-  if (line.length >= kPdlLineLimit) {
-    LogLine("buf is too small!!!");
-    return false;
-  }
+  if (line.length >= kPdlLineLimit) return LogTooLong();
   return AppendOrLog(text, {std::string_view(buffer, line.length)});
 }
 
@@ -115,7 +113,7 @@ std::string_view LineText(std::string_view text, size_t start, size_t end) {
   return {text.data() + start, end - start};
 }
 
-bool ReadModel(int32_t port, PrinterIdentity& printer) {
+bool ReadModel(int32_t port, PrinterStatusRecord& printer) {
   const HeapText id = ReadDeviceId(port);
   if (id == nullptr) return false;
   std::string_view model;
@@ -126,7 +124,7 @@ bool ReadModel(int32_t port, PrinterIdentity& printer) {
 
 // Steps through the port's record as far as the TXT keys need it. The printer is asked for its
 // model as soon as that line turns out empty.
-bool ReadIdentity(std::string_view text, int32_t port, PrinterIdentity& printer) {
+bool ReadStatusRecord(std::string_view text, int32_t port, PrinterStatusRecord& printer) {
   char token[kTokenSize];
   snprintf(token, sizeof(token), "%s%d", kPortToken.data(), static_cast<int>(port));
   const size_t found = text.find(token);
@@ -149,7 +147,7 @@ bool ReadIdentity(std::string_view text, int32_t port, PrinterIdentity& printer)
 
 }  // namespace
 
-int32_t BuildTxtText(char* txt, int32_t port, int32_t kind, const PrinterIdentity& printer,
+int32_t BuildTxtText(char* txt, int32_t port, int32_t kind, const PrinterStatusRecord& printer,
                      std::string_view deviceName) {
   const std::string_view manufacturer = FieldText(printer.manufacturer);
   const std::string_view model = FieldText(printer.model);
@@ -180,8 +178,8 @@ int32_t GetTXTData(char* txt, int32_t port, int32_t kind) {
   if (held < 0) LogError(kCannotOpenStatusFile, errno);
   if (held <= 0) return kTxtNoData;
 
-  PrinterIdentity printer = {};
-  if (!ReadIdentity(status.get(), port, printer)) return kTxtNoData;
+  PrinterStatusRecord printer = {};
+  if (!ReadStatusRecord(status.get(), port, printer)) return kTxtNoData;
   char deviceName[kDeviceNameSize] = {};
   GetDeviceName(deviceName, kDeviceNameMax);
   return BuildTxtText(txt, port, kind, printer, deviceName);

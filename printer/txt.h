@@ -7,24 +7,20 @@
 
 #include "mdns/state.h"
 #include "printer/device_id.h"
+#include "records/service_kinds.h"
 
 /// The longest TXT text, and a buffer for it with a terminator.
 constexpr size_t kTxtMax = 512;
 constexpr size_t kTxtSize = kTxtMax + 1;
 
-/// Service kinds.
-constexpr int32_t PRINTER_KIND_PDL = 1;  ///< raw print data, "_pdl-datastream._tcp"
-constexpr int32_t PRINTER_KIND_IPP = 2;  ///< "_ipp._tcp"
-constexpr int32_t PRINTER_KIND_LPD = 3;  ///< "_printer._tcp"
-
 /// The longest manufacturer and command set that go into a TXT text; longer lines are cut.
 constexpr size_t kManufacturerMax = 15;
 constexpr size_t kCommandSetMax = 511;
 
-/// What a printer says of itself, as the status file has it.
-struct PrinterIdentity {
+/// What is used of a port's record in the status file: lines 2 to 4, cut and zero-terminated.
+struct PrinterStatusRecord {
   char manufacturer[kManufacturerMax + 1];
-  char model[kModelMax + 1];  ///< empty: to be had from the device id only
+  char model[kModelMax + 1];  ///< empty in the file: to be had from the device id only
   char commandSet[kCommandSetMax + 1];
 };
 
@@ -38,7 +34,7 @@ constexpr int32_t kTxtTooLong = -1;
 /// priority key. `deviceName` is the host's name. Returns kTxtComplete, or kTxtTooLong when a line
 /// reaches 128 characters (silent) or the text does not fit (with a message); `txt` may then hold a
 /// part.
-int32_t BuildTxtText(char* txt, int32_t port, int32_t kind, const PrinterIdentity& printer,
+int32_t BuildTxtText(char* txt, int32_t port, int32_t kind, const PrinterStatusRecord& printer,
                      std::string_view deviceName);
 
 /// Builds the TXT text of the service `kind` of the printer on `port` into `txt`, as above, from

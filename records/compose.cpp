@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/text.h"
+#include "records/service_kinds.h"
 
 namespace {
 

@@ -16,15 +16,6 @@ constexpr uint32_t kGoodbyeTtl = 0;
 /// Capacity of a probe, announcement or goodbye packet.
 constexpr int32_t kPacketSize = 1518;
 
-/// The printer service kinds' first labels, and the subtype of an IPP service that any client may
-/// browse for.
-constexpr char kIppLabel[] = "_ipp";
-constexpr char kPdlLabel[] = "_pdl-datastream";
-constexpr char kLpdLabel[] = "_printer";
-constexpr char kIppType[] = "_ipp._tcp";
-constexpr char kUniversalSubtypeLabel[] = "_universal";
-constexpr char kUniversalSubtype[] = "_universal._sub._ipp._tcp.local";
-
 /// A packet under construction.
 struct Packet {
   uint8_t* bytes;     ///< the caller's buffer

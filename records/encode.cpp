@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/text.h"
@@ -119,12 +120,13 @@ int32_t WriteServiceData(const Output& out, int32_t dataLength, int32_t data,
 int32_t WriteNextDomainData(const Output& out, int32_t dataLength, int32_t data,
                             const MdnsRecord& record) {
   const auto offset = static_cast<uint32_t>(record.nsecNextOffset);
-  const auto bitmapLength = static_cast<uint32_t>(record.bitmapLength);
-  out.Word(dataLength, kNsecBitmapOffset + bitmapLength);
+  const int32_t bitmapLength =
+      std::clamp(record.bitmapLength, 0, static_cast<int32_t>(kBitmapSize));
+  out.Word(dataLength, static_cast<uint32_t>(kNsecBitmapOffset + bitmapLength));
   out.Word(data, (uint32_t{kPointerMark} << 8) | offset);
-  out.Word(data + kNsecBitmapLengthOffset, bitmapLength);
-  out.Bytes(data + kNsecBitmapOffset, record.bitmap, record.bitmapLength);
-  return data + kNsecBitmapOffset + record.bitmapLength;
+  out.Word(data + kNsecBitmapLengthOffset, static_cast<uint32_t>(bitmapLength));
+  out.Bytes(data + kNsecBitmapOffset, record.bitmap, bitmapLength);
+  return data + kNsecBitmapOffset + bitmapLength;
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ struct MdnsRecord {
                                 ///< line feeds, A dotted quad
   int32_t nsecNextOffset;       ///< NSEC: offset of the next domain name in the packet
   int32_t port;                 ///< SRV: the port; its low 16 bits are written
-  int32_t bitmapLength;         ///< NSEC: bytes of `bitmap` to write, 0 to 32
+  int32_t bitmapLength;  ///< NSEC: bytes of `bitmap` to write; taken as 0 below it and as 32 above
   uint8_t bitmap[kBitmapSize];  ///< NSEC: type bitmap of window block 0
 };
 

@@ -1,12 +1,11 @@
 // The packets of a service's registration and withdrawal.
 #include "records/packets.h"
 
-#include <cstring>
-
 #include "base/log.h"
 #include "base/text.h"
 #include "mdns/state.h"
 #include "records/sender.h"
+#include "records/service_kinds.h"
 
 namespace {
 
@@ -57,7 +56,7 @@ uint32_t PacketsComposeAdd(const char* deviceName, const char* serviceName, cons
                                   instanceName.get(),
                                   txtLength != 0 && txt != nullptr ? txt : "",
                                   port,
-                                  strcmp(serviceType, kIppType) == 0};
+                                  HasUniversalSubtype(serviceType)};
   uint8_t bytes[kPacketSize];
   Packet packet = {bytes, kPacketSize, 0, {}};
   ComposeServiceProbe(packet, service);
@@ -77,7 +76,7 @@ uint32_t PacketsComposeRemove(const char* serviceName, const char* serviceType,
   }
 
   const ServiceRecords service = {
-      "", "", typeName.get(), instanceName.get(), "", 0, strcmp(serviceType, kIppType) == 0};
+      "", "", typeName.get(), instanceName.get(), "", 0, HasUniversalSubtype(serviceType)};
   uint8_t bytes[kPacketSize];
   Packet packet = {bytes, kPacketSize, 0, {}};
   ComposeServiceGoodbye(packet, service);

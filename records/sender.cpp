@@ -69,7 +69,7 @@ bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,
   pthread_attr_destroy(&attributes);
   if (error == 0) return true;
   LeaveJob(job);
-  LogError(kShortThreadCreateError, error);
+  LogError(kNoPassingThread, error);
   return false;
 }
 

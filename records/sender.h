@@ -17,8 +17,8 @@ constexpr int32_t kJobDataSize = 1520;
 constexpr int32_t kJobCopyMax = 1518;
 
 /// Stack that a sender thread asks for, in bytes, unless the C library demands more (128 KiB with
-/// glibc on MIPS and 64-bit ARM). A burst of answers keeps thousands of senders
-/// alive at once, for which default stacks would leave no space in a 32-bit address space.
+/// glibc on MIPS and 64-bit ARM). A burst of answers keeps hundreds of senders alive at once, for
+/// which default stacks would leave no space in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
 /// One pending transmission. Owned by the creating thread until the sender thread starts, by that

@@ -73,7 +73,8 @@ size_t RunEncodeQuestion() {
 
 // Composing whole packets.
 
-constexpr ServiceRecords kIppService = {kHost, kAddress, kIppTypeName, kInstance, kTxt, 631, true};
+constexpr ServiceRecords kOfficeService = {kHost, kAddress, kIppTypeName, kInstance,
+                                           kTxt,  631,      true};
 constexpr ServiceRecords kPdlService = {kHost, kAddress, kPdlTypeName, kPdlInstance,
                                         kTxt,  9100,     false};
 
@@ -88,7 +89,7 @@ size_t RunHostAnswer() {
 }
 
 size_t RunIppResponse() {
-  ComposeServiceResponse(packet, kIppService);
+  ComposeServiceResponse(packet, kOfficeService);
   return PacketLength();
 }
 
@@ -103,12 +104,12 @@ size_t RunHostProbe() {
 }
 
 size_t RunServiceProbe() {
-  ComposeServiceProbe(packet, kIppService);
+  ComposeServiceProbe(packet, kOfficeService);
   return PacketLength();
 }
 
 size_t RunGoodbye() {
-  ComposeServiceGoodbye(packet, kIppService);
+  ComposeServiceGoodbye(packet, kOfficeService);
   return PacketLength();
 }
 
@@ -149,7 +150,9 @@ const char* ServiceName(size_t index) {
   return name;
 }
 
-const char* ServiceType(size_t index) { return index % 2 == 0 ? "_pdl-datastream._tcp" : kIppType; }
+const char* ServiceType(size_t index) {
+  return index % 2 == 0 ? "_pdl-datastream._tcp" : kIppService.type;
+}
 
 void RegisterServices(size_t count) {
   for (size_t i = 0; i < count; ++i) {
@@ -273,7 +276,7 @@ size_t RunScan() {
   return statusLength;
 }
 
-PrinterIdentity printer;
+PrinterStatusRecord printer;
 char txtText[kTxtSize];
 
 void PreparePrinter(size_t) {

@@ -44,8 +44,8 @@ TEST(Log, LineOf512BytesIsWholeAndALongerOneIsCutBeforeItsLineFeed) {
 TEST(Log, ErrorsShowTheSystemsTextForTheGivenError) {
   CapturedOutput output;
   errno = ENOENT;
-  LogError(kThreadCreateError, EAGAIN);
-  LogError(kShortThreadCreateError, ENOMEM);
+  LogError(kNoLastingThread, EAGAIN);
+  LogError(kNoPassingThread, ENOMEM);
   EXPECT_EQ(output.Stderr(),
             "[Bonjour] pthread_create error: Resource temporarily unavailable\n"
             "[Bonjour] pthread_create: Cannot allocate memory\n");

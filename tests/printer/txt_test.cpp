@@ -47,7 +47,7 @@ class BuildTxtTextTest : public testing::TestWithParam<BuildCase> {};
 
 TEST_P(BuildTxtTextTest, WritesTheText) {
   const BuildCase& row = GetParam();
-  PrinterIdentity printer = {};
+  PrinterStatusRecord printer = {};
   CopyText(printer.manufacturer, row.manufacturer);
   CopyText(printer.model, row.model);
   CopyText(printer.commandSet, row.commandSet);
@@ -310,7 +310,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(BuildTxtText, ManyShortLanguagesOverflowThePdlLineWithTheMessage) {
   // 256 languages of one character would take 256 * 14 characters.
-  PrinterIdentity printer = {"A", "M", ""};
+  PrinterStatusRecord printer = {"A", "M", ""};
   for (size_t i = 0; i < 511; ++i) printer.commandSet[i] = i % 2 == 0 ? 'X' : ',';
   const TxtBuffer txt;
   int32_t result = 2;

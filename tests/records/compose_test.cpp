@@ -150,11 +150,6 @@ TEST(Compose, ResponseStaysInsideAPacketOfAnyCapacity) {
   }
 }
 
-TEST(Compose, NamesTheKindsAndTheSubtype) {
-  EXPECT_STREQ(kIppLabel, "_ipp");
-  EXPECT_STREQ(kPdlLabel, "_pdl-datastream");
-  EXPECT_STREQ(kLpdLabel, "_printer");
-  EXPECT_EQ(kPacketSize, 1518);
-}
+TEST(Compose, PacketsOfARegistrationHold1518Bytes) { EXPECT_EQ(kPacketSize, 1518); }
 
 }  // namespace

@@ -218,6 +218,12 @@ const RecordRow kRecordRows[] = {
      "01 'h' 00 00 2F 80 01 00 00 00 78 00 04 C0 0C 00 00"},
     {"NextSecureWithAFarName", NextSecure(0x1234, 1), 0,
      "01 'h' 00 00 2F 80 01 00 00 00 78 00 05 D2 34 00 01 A0"},
+    {"NextSecureWithANegativeLengthHasNoBitmap", NextSecure(12, -1), 0,
+     "01 'h' 00 00 2F 80 01 00 00 00 78 00 04 C0 0C 00 00"},
+    {"NextSecureBeyondTheLongestBitmapIsCut", NextSecure(12, 33), 0,
+     "01 'h' 00 00 2F 80 01 00 00 00 78 00 24 C0 0C 00 20"
+     " A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF B0 B1 B2 B3 B4 B5 B6 B7 B8 B9 BA BB BC BD "
+     "BE BF"},
     {"NextSecureWithTheLongestBitmap", NextSecure(12, 32), 0,
      "01 'h' 00 00 2F 80 01 00 00 00 78 00 24 C0 0C 00 20"
      " A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF"
