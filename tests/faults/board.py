@@ -1,5 +1,6 @@
 """What the preloaded library shim.c is told, and what it reports: both sides map one file."""
 
+import dataclasses
 import errno
 import mmap
 import os
@@ -22,17 +23,30 @@ SIOCGIFADDR = 0x8915
 LPIOC_GET_DEVICE_ID = 0x82005001
 
 _SHIM = "libfault_shim.so"
-_FUNCTIONS = (
-    "malloc calloc pthread_create socket setsockopt bind ioctl open read recvfrom sendto".split()
-)
+FUNCTIONS = (
+    "malloc calloc pthread_create socket setsockopt bind ioctl open read recvfrom sendto "
+    "write send close sleep usleep shutdown fcntl fstat dup2 sigsuspend sysconf clock_gettime "
+    "pthread_attr_setstacksize pthread_join"
+).split()
+# What is recorded when the body of a thread has returned.
+THREAD_END = "the end"
+_RECORDED = [*FUNCTIONS, THREAD_END]
 _OBSERVE, _FAIL, _HOLD, _LIMIT = range(4)
 
-_HEADER = struct.Struct("<iiq")
+# In records detached threads have numbers of their own.
+FIRST_DETACHED = 1000
+
+_HEADER = struct.Struct("<iiqiiiiq")
 _RULES = 32
-_RULE = struct.Struct("<iiiiqqqq64siiqqqqq")
-_BLOCKS_OFFSET = 8
-_RELEASED_OFFSET = 112
+_RULE = struct.Struct("<iiiiqqqq64sqiiqqqqq")
+_RECORD = struct.Struct("<iiiiqq120s")
+_RECORDS = 16384
+_RECORDS_OFFSET = _HEADER.size + _RULES * _RULE.size
+_RECORDING_OFFSET = 16
+_RELEASED_OFFSET = 120
+_FOR_GOOD = 2**31 - 1
 _POLL_SECONDS = 0.002
+_BEGUN, _DONE, _FAILED = 1, 2, 3
 
 
 def option(level, name):
@@ -55,40 +69,50 @@ class Rule:
     @property
     def seen(self):
         """Calls that matched."""
-        return self._fields()[11]
+        return self._fields()[12]
 
     @property
     def hits(self):
         """Calls that were dealt with."""
-        return self._fields()[12]
+        return self._fields()[13]
 
     @property
     def bytes(self):
         """Asked for by all calls that matched."""
-        return self._fields()[13]
+        return self._fields()[14]
 
     @property
     def most_bytes(self):
         """Asked for by the greediest of them."""
-        return self._fields()[14]
+        return self._fields()[15]
 
     @property
     def latest(self):
         """When a call was last dealt with, in seconds of wall-clock time."""
-        return self._fields()[15] / 1e9
+        return self._fields()[16] / 1e9
 
     @property
     def overdue(self):
         """Whether a call was held until the library lost its patience."""
-        return self._fields()[10] != 0
+        return self._fields()[11] != 0
+
+    @property
+    def lasts(self):
+        """Whether calls of the function fail because an earlier one did."""
+        duration = self._fields()[9] / 1e9
+        return self.hits > 0 and time.time() - self.latest < duration
 
     def wait(self, hits=1, bound=10.0):
         """Waits until so many calls were dealt with."""
         _wait(lambda: self.hits >= hits, bound, lambda: f"{self}: {self.hits} of {hits} hits")
 
-    def release(self):
-        """Lets held calls go on, those to come too."""
-        struct.pack_into("<i", self._board, self._offset + _RELEASED_OFFSET, 1)
+    def release(self, calls=_FOR_GOOD):
+        """Lets held calls go on: so many, counted from the first, or those to come, too."""
+        struct.pack_into("<i", self._board, self._offset + _RELEASED_OFFSET, calls)
+
+    def arm(self):
+        """The library looks at the rule from now on, if it did not before."""
+        struct.pack_into("<i", self._board, self._offset, 1)
 
     def lift(self):
         """The library looks at the rule no more."""
@@ -98,13 +122,38 @@ class Rule:
         return self._text
 
 
+@dataclasses.dataclass(frozen=True)
+class Record:
+    """One call of the program. `thread` is as in rules, but each detached thread has a number of
+    its own, from FIRST_DETACHED on in the order of their start. `is_done` tells whether the call
+    has returned, `is_fault` whether a rule made it fail. `result` of a pthread_create is the
+    thread; `text` is the path of an open and the line that a write or send was about."""
+
+    number: int
+    function: str
+    thread: int
+    about: int
+    is_done: bool
+    is_fault: bool
+    error: int
+    result: int
+    text: str
+
+    def __str__(self):
+        outcome = f"= {self.result}" if self.is_done else "..."
+        fault = f" FAULT {errno.errorcode[self.error]}" if self.is_fault else ""
+        return f"{self.number:5} thread {self.thread:4} {self.function}({self.about}) {outcome}" + (
+            f"{fault} {self.text}".rstrip()
+        )
+
+
 class Board:
-    """The faults of one program. Rules count from the moment on that they are made."""
+    """The faults of one program. Rules count from the moment on that they are armed."""
 
     def __init__(self, path):
         self._path = path
         with open(path, "w+b") as file:
-            file.truncate(_HEADER.size + _RULES * _RULE.size)
+            file.truncate(_RECORDS_OFFSET + _RECORDS * _RECORD.size)
             self._board = mmap.mmap(file.fileno(), 0)
         self.rules = []
 
@@ -128,8 +177,45 @@ class Board:
         """Heap blocks that the program took and has not given back."""
         return _HEADER.unpack_from(self._board)[2]
 
+    @property
+    def processor_seconds(self):
+        """The processor time that the program has used; 0 before its end."""
+        return _HEADER.unpack_from(self._board)[7] / 1e9
+
+    def record(self):
+        """Has every call recorded from now on."""
+        struct.pack_into("<i", self._board, _RECORDING_OFFSET, 1)
+
+    @property
+    def recorded(self):
+        """How many calls were recorded so far. Raises if some were not kept."""
+        count = _HEADER.unpack_from(self._board)[4]
+        assert count <= _RECORDS, f"{count} calls are more than are kept"
+        return count
+
+    def call(self, number):
+        """The recorded call of that number, or None for as long as it is being written."""
+        offset = _RECORDS_OFFSET + number * _RECORD.size
+        state, function, thread, error, about, result, text = _RECORD.unpack_from(
+            self._board, offset
+        )
+        if state == 0:
+            return None
+        return Record(
+            number,
+            _RECORDED[function],
+            thread,
+            about,
+            state != _BEGUN,
+            state == _FAILED,
+            error,
+            result,
+            text.partition(b"\0")[0].decode(errors="backslashreplace"),
+        )
+
     def fail(self, function, error, **where):
-        """Lets calls fail with this errno; see _add for which."""
+        """Lets calls fail with this errno; see _add for which. With `seconds` every call of the
+        function, on any thread, fails for so long from the first one on that did."""
         return self._add(_FAIL, function, getattr(errno, error), **where)
 
     def hold(self, function, **where):
@@ -145,21 +231,34 @@ class Board:
         return self._add(_OBSERVE, function, 0, **where)
 
     def _add(
-        self, action, function, argument, *, thread=ANY_THREAD, about=-1, path="", skip=0, times=1
+        self,
+        action,
+        function,
+        argument,
+        *,
+        thread=ANY_THREAD,
+        about=-1,
+        path="",
+        skip=0,
+        times=1,
+        seconds=0,
+        armed=True,
     ):
         """A rule for calls of `function` by `thread` that are about `about`: the size of an
         allocation, the request of an ioctl, option() of a setsockopt, JOINABLE or DETACHED of a
         pthread_create; or about `path`, for open. `skip` of them are let through, then `times`
-        of them are dealt with, or all if that is None."""
+        of them are dealt with, or all if that is None. Where two rules are about one call, the one
+        made first is looked at first."""
         text = f"{function} thread={thread} about={about} path={path} skip={skip} times={times}"
         rule = Rule(self._board, len(self.rules), text, action != _OBSERVE)
         fields = (
-            *(0, _FUNCTIONS.index(function), thread, action),
+            *(0, FUNCTIONS.index(function), thread, action),
             *(about, skip, -1 if times is None else times, argument),
-            *(path.encode(), 0, 0, 0, 0, 0, 0, 0),
+            *(path.encode(), round(seconds * 1e9), 0, 0, 0, 0, 0, 0, 0),
         )
         _RULE.pack_into(self._board, rule._offset, *fields)
-        struct.pack_into("<i", self._board, rule._offset, 1)
+        if armed:
+            rule.arm()
         self.rules.append(rule)
         return rule
 
