@@ -71,8 +71,16 @@ def private_memory(pid):
     return _field(text, "Private_Clean:") + _field(text, "Private_Dirty:")
 
 
+def kernel_memory():
+    """What the machine's kernel holds now in KiB: stacks of threads, and objects (slab)."""
+    with open("/proc/meminfo") as file:
+        text = file.read()
+    return _field(text, "KernelStack:"), _field(text, "Slab:")
+
+
 class PeakUsage:
-    """Context in which a process's threads and memory are looked at twenty times a second."""
+    """Context in which a process's threads and memory, and the memory that the kernel takes beyond
+    what it held at the beginning, are looked at twenty times a second."""
 
     _PERIOD = 0.05
 
@@ -81,12 +89,22 @@ class PeakUsage:
         self._done = threading.Event()
         self.threads = 0
         self.memory = 0
+        self.kernel_stacks = 0
+        self.slab = 0
+        # All of it at one and the same moment.
+        self.total = 0
 
     def _run(self):
+        stacks_before, slab_before = kernel_memory()
         while not self._done.is_set():
             now = usage(self._pid)
+            stacks, slab = kernel_memory()
+            stacks, slab = max(0, stacks - stacks_before), max(0, slab - slab_before)
             self.threads = max(self.threads, now.threads)
             self.memory = max(self.memory, now.memory)
+            self.kernel_stacks = max(self.kernel_stacks, stacks)
+            self.slab = max(self.slab, slab)
+            self.total = max(self.total, now.memory + stacks + slab)
             self._done.wait(self._PERIOD)
 
     def __enter__(self):

@@ -2,6 +2,7 @@
 #include "records/sender.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,9 +27,22 @@ void TransmitThreeTimes(const SendJob& job) {
   }
 }
 
+// A job is a mapping of its own: it comes and goes without a trace in the heap that the other
+// threads need, however many there are at a time.
+SendJob* NewJob() {
+  void* const job =
+      mmap(nullptr, sizeof(SendJob), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return job != MAP_FAILED ? static_cast<SendJob*>(job) : nullptr;
+}
+
+void ReleaseJob(SendJob* job) {
+  if (job != nullptr) munmap(job, sizeof(SendJob));
+}
+
 void* RunSender(void* argument) {
-  TransmitThreeTimes(*static_cast<SendJob*>(argument));
-  free(argument);
+  SendJob* const job = static_cast<SendJob*>(argument);
+  TransmitThreeTimes(*job);
+  ReleaseJob(job);
   multicastSocketUsers.Leave();
   return nullptr;
 }
@@ -47,11 +61,11 @@ std::atomic<SendJob*> leftJob{nullptr};
 
 SendJob* TakeJob() {
   SendJob* const left = leftJob.exchange(nullptr);
-  return left != nullptr ? left : static_cast<SendJob*>(malloc(sizeof(SendJob)));
+  return left != nullptr ? left : NewJob();
 }
 
 // Two senders that fail at the same time leave one job.
-void LeaveJob(SendJob* job) { free(leftJob.exchange(job)); }
+void LeaveJob(SendJob* job) { ReleaseJob(leftJob.exchange(job)); }
 
 // Hands the packet to a new sender. False when none could be started.
 bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,

@@ -21,8 +21,8 @@ constexpr int32_t kJobCopyMax = 1518;
 /// which default stacks would leave no space in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
-/// One pending transmission. Owned by the creating thread until the sender thread starts, by that
-/// thread alone afterwards.
+/// One pending transmission, a memory mapping of its own. Owned by the creating thread until the
+/// sender thread starts, by that thread alone afterwards.
 struct SendJob {
   uint8_t data[kJobDataSize];  ///< copy of the packet, zeros behind it
   int32_t length;              ///< bytes to send as the caller gave them, may exceed `data`

@@ -26,7 +26,7 @@ _SHIM = "libfault_shim.so"
 FUNCTIONS = (
     "malloc calloc pthread_create socket setsockopt bind ioctl open read recvfrom sendto "
     "write send close sleep usleep shutdown fcntl fstat dup2 sigsuspend sysconf clock_gettime "
-    "pthread_attr_setstacksize pthread_join"
+    "pthread_attr_setstacksize pthread_join mmap"
 ).split()
 # What is recorded when the body of a thread has returned.
 THREAD_END = "the end"
@@ -174,7 +174,7 @@ class Board:
 
     @property
     def blocks(self):
-        """Heap blocks that the program took and has not given back."""
+        """Heap blocks and mappings that the program took and has not given back."""
         return _HEADER.unpack_from(self._board)[2]
 
     @property

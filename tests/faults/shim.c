@@ -51,6 +51,7 @@ enum Function {
   kClockGettime,
   kSetStackSize,
   kPthreadJoin,
+  kMmap,
   kThreadEnd /* no call: a thread's body has returned */
 };
 
@@ -101,7 +102,7 @@ struct Record {
 struct Board {
   int32_t attached;  /* 1 once the library is in the program */
   int32_t joinable;  /* joinable threads that the program started */
-  int64_t blocks;    /* heap blocks that the program took and did not give back */
+  int64_t blocks;    /* heap blocks and mappings that the program took and did not give back */
   int32_t recording; /* set by the test */
   int32_t recorded;  /* calls since then; those beyond kRecords are not kept */
   int32_t detached;  /* detached threads that the program started */
@@ -356,6 +357,24 @@ void free(void* block) {
   if (block == NULL || IsLookupBlock(block) || !HasAllocator()) return;
   if (IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
   allocator.giveBack(block);
+}
+
+/* Selected by the size in bytes. */
+void* mmap(void* address, size_t size, int protection, int flags, int file, off_t offset) {
+  NEXT(mmap)
+  const struct Passage passage =
+      Begin(CALLER, (struct Call){kMmap, (int64_t)size, (int64_t)size, NULL, 0});
+  void* mapped =
+      passage.error != 0 ? MAP_FAILED : next(address, size, protection, flags, file, offset);
+  End(&passage, mapped == MAP_FAILED ? -1 : 0);
+  if (mapped != MAP_FAILED) CountBlock(CALLER, mapped);
+  return mapped;
+}
+
+int munmap(void* address, size_t size) {
+  NEXT(munmap)
+  if (IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
+  return next(address, size);
 }
 
 struct Start {

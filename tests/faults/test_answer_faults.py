@@ -21,7 +21,6 @@ IPP_LABEL = 5
 IPP_INSTANCE = 41
 IPP_TYPE = 16
 IPP_TXT = 201
-SEND_JOB = 1544
 
 
 @pytest.fixture
@@ -146,7 +145,7 @@ def test_no_memory_for_one_service_leaves_the_next_one_answered(lab, board, prin
 def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, board, start, holdings):
     daemon = start()
     before = holdings(daemon)
-    refused = board.fail("malloc", "ENOMEM", thread=ANSWERING, about=SEND_JOB)
+    refused = board.fail("mmap", "ENOMEM", thread=ANSWERING)
     since = lab.capture.mark()
     lab.host.send(wire.HOST_QUESTION)
     refused.wait()

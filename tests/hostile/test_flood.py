@@ -1,7 +1,7 @@
 """Floods: more questions than a link of people asks. Each is answered, nothing stays behind."""
 
 import pytest
-from flooding import BROWSE_QUESTION, HOST_QUESTION, flood, quiet_router
+from lab.flooding import BROWSE_QUESTION, HOST_QUESTION, flood, quiet_router
 from lab.usage import dropped_datagrams, usage, usage_once_senders_ended
 
 pytestmark = [pytest.mark.alone, pytest.mark.release]

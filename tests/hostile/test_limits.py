@@ -3,7 +3,7 @@
 import shutil
 
 import pytest
-from flooding import BROWSE_QUESTION, flood, quiet_router
+from lab.flooding import BROWSE_QUESTION, flood, quiet_router
 from lab.daemon import binary
 from lab.usage import usage_once_senders_ended
 

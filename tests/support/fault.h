@@ -34,8 +34,10 @@ class Fault {
 
 /// WRAPS calloc: the call returns null with ENOMEM.
 extern Fault callocFault;
-/// WRAPS malloc: likewise.
-extern Fault mallocFault;
+/// WRAPS mmap and munmap: mmap returns MAP_FAILED with ENOMEM.
+extern Fault mmapFault;
+/// WRAPS mmap and munmap: mappings made and not given back.
+extern std::atomic<int> mappedBlocks;
 /// WRAPS pthread_create: the call returns EAGAIN.
 extern Fault threadFault;
 /// WRAPS socket: the call returns -1 with EMFILE.

@@ -1,28 +1,25 @@
 """Floods of questions, and the router that they are sent to."""
 
 import json
-import os
-import pathlib
 import subprocess
 
 from lab import packets
-from lab.printers import Printer
+from lab.printers import Printer, device_tool
 from lab.usage import PeakUsage, usage_once_senders_ended
 
 HOST_QUESTION = packets.query(("T5140_00-11-22-AA-BB-CC.local", "A"))
 BROWSE_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
-
-
-def tool():
-    binary = pathlib.Path(os.environ["BONJOUR_USBLP_DEVICE"])
-    return binary.with_name("flood")
+# Names both services of every printer.
+EVERYTHING_QUESTION = packets.query(
+    ("_ipp._tcp.local", "PTR"), ("_pdl-datastream._tcp.local", "PTR")
+)
 
 
 def flood(lab, question, rate, seconds):
     """Asks `question` `rate` times a second; returns what flood counted, and the peak usage."""
     with lab.host.network.entered():
         asking = subprocess.Popen(
-            [tool(), lab.host.address, question.hex(), str(rate), str(seconds)],
+            [device_tool().with_name("flood"), lab.host.address, question.hex(), str(rate), str(seconds)],
             stdout=subprocess.PIPE,
             text=True,
         )
