@@ -27,22 +27,30 @@ void TransmitThreeTimes(const SendJob& job) {
   }
 }
 
-// A job is a mapping of its own: it comes and goes without a trace in the heap that the other
-// threads need, however many there are at a time.
-SendJob* NewJob() {
-  void* const job =
+// The job of the sender that ended last or could not be started; it carries the next packet. At
+// most one is ever left over, whatever the number of senders that end or fail.
+std::atomic<SendJob*> leftJob{nullptr};
+
+// A job is a mapping of its own, not a block in the heap: what the heap keeps of a flood of jobs
+// would never go back to the system, and where memory is limited the senders would take what the
+// texts of a new printer need.
+SendJob* TakeJob() {
+  SendJob* const left = leftJob.exchange(nullptr);
+  if (left != nullptr) return left;
+  void* const mapped =
       mmap(nullptr, sizeof(SendJob), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return job != MAP_FAILED ? static_cast<SendJob*>(job) : nullptr;
+  return mapped != MAP_FAILED ? static_cast<SendJob*>(mapped) : nullptr;
 }
 
-void ReleaseJob(SendJob* job) {
-  if (job != nullptr) munmap(job, sizeof(SendJob));
+void LeaveJob(SendJob* job) {
+  SendJob* const other = leftJob.exchange(job);
+  if (other != nullptr) munmap(other, sizeof(SendJob));
 }
 
 void* RunSender(void* argument) {
   SendJob* const job = static_cast<SendJob*>(argument);
   TransmitThreeTimes(*job);
-  ReleaseJob(job);
+  LeaveJob(job);
   multicastSocketUsers.Leave();
   return nullptr;
 }
@@ -54,18 +62,6 @@ size_t SenderStackSize() {
   return least > static_cast<long>(kSenderStackSize) ? static_cast<size_t>(least)
                                                      : kSenderStackSize;
 }
-
-// The job of a sender that could not be started, or null. It is not given back: it carries the next
-// packet. So a lack of threads never adds to the heap, and at most one job is ever left over.
-std::atomic<SendJob*> leftJob{nullptr};
-
-SendJob* TakeJob() {
-  SendJob* const left = leftJob.exchange(nullptr);
-  return left != nullptr ? left : NewJob();
-}
-
-// Two senders that fail at the same time leave one job.
-void LeaveJob(SendJob* job) { ReleaseJob(leftJob.exchange(job)); }
 
 // Hands the packet to a new sender. False when none could be started.
 bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,

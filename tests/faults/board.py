@@ -174,8 +174,13 @@ class Board:
 
     @property
     def blocks(self):
-        """Heap blocks and mappings that the program took and has not given back."""
+        """Heap blocks that the program took and has not given back."""
         return _HEADER.unpack_from(self._board)[2]
+
+    @property
+    def mappings(self):
+        """Memory mappings that the program made and has not given back: its senders' jobs."""
+        return _HEADER.unpack_from(self._board)[6]
 
     @property
     def processor_seconds(self):

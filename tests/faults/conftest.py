@@ -41,6 +41,8 @@ class Holdings:
         """Waits until as much is held as before, and so many heap blocks more."""
         usage_once_senders_ended(self._daemon.pid)
         self._board.wait_for_blocks(self._blocks + more_blocks)
+        # The job of the sender that ended last, for the next packet.
+        assert self._board.mappings <= 1
         assert descriptors(self._daemon.pid) == self._descriptors
 
 

@@ -102,11 +102,11 @@ struct Record {
 struct Board {
   int32_t attached;  /* 1 once the library is in the program */
   int32_t joinable;  /* joinable threads that the program started */
-  int64_t blocks;    /* heap blocks and mappings that the program took and did not give back */
+  int64_t blocks;    /* heap blocks that the program took and did not give back */
   int32_t recording; /* set by the test */
   int32_t recorded;  /* calls since then; those beyond kRecords are not kept */
   int32_t detached;  /* detached threads that the program started */
-  int32_t unused;
+  int32_t mappings;  /* memory mappings likewise */
   int64_t processorTime; /* in nanoseconds, written when the program ends */
   struct Rule rules[kRules];
   struct Record records[kRecords];
@@ -367,13 +367,15 @@ void* mmap(void* address, size_t size, int protection, int flags, int file, off_
   void* mapped =
       passage.error != 0 ? MAP_FAILED : next(address, size, protection, flags, file, offset);
   End(&passage, mapped == MAP_FAILED ? -1 : 0);
-  if (mapped != MAP_FAILED) CountBlock(CALLER, mapped);
+  if (mapped != MAP_FAILED && IsProgram(CALLER)) {
+    __atomic_fetch_add(&board->mappings, 1, __ATOMIC_ACQ_REL);
+  }
   return mapped;
 }
 
 int munmap(void* address, size_t size) {
   NEXT(munmap)
-  if (IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
+  if (IsProgram(CALLER)) __atomic_fetch_sub(&board->mappings, 1, __ATOMIC_ACQ_REL);
   return next(address, size);
 }
 

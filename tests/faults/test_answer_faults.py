@@ -147,9 +147,10 @@ def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, board, start, h
     before = holdings(daemon)
     refused = board.fail("mmap", "ENOMEM", thread=ANSWERING)
     since = lab.capture.mark()
+    # The first one has the job that an earlier sender left.
+    lab.host.send(wire.HOST_QUESTION)
     lab.host.send(wire.HOST_QUESTION)
     refused.wait()
-    lab.host.send(wire.HOST_QUESTION)
     lab.wait_for_transmissions(wire.HOST_ANSWER, since)
     usage_once_senders_ended(daemon.pid)
     assert len(lab.sent(since)) == 3
@@ -167,7 +168,7 @@ def test_no_sender_thread_is_reported_and_its_job_carries_the_next_packet(
     lab.host.send(wire.HOST_QUESTION)
     line = daemon.wait_for_line("[Bonjour] pthread_create: Resource temporarily unavailable")
     assert line.stream == "stderr"
-    before.check(more_blocks=1)
+    before.check()
     lab.host.send(wire.HOST_QUESTION)
     lab.wait_for_transmissions(wire.HOST_ANSWER, since)
     usage_once_senders_ended(daemon.pid)
@@ -175,14 +176,14 @@ def test_no_sender_thread_is_reported_and_its_job_carries_the_next_packet(
     before.check()
 
 
-def test_a_thousand_senders_that_cannot_be_started_leave_one_job(lab, board, start, holdings):
+def test_a_thousand_senders_that_cannot_be_started_leave_nothing_behind(lab, board, start, holdings):
     daemon = start()
     before = holdings(daemon)
     failed = board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED, times=1000)
     for number in range(1, 1001):
         lab.host.send(wire.HOST_QUESTION)
         failed.wait(number)
-    before.check(more_blocks=1)
+    before.check()
 
 
 def test_stop_does_not_wait_for_a_sender_that_was_never_started(lab, router, board, start):
