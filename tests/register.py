@@ -59,25 +59,29 @@ def entries(items, options):
             f"set_tests_properties([==[{name}]==] PROPERTIES {quoted(words)})\n"
         )
 
-    yield entry(
-        test_name(options, "captures", "start afresh"),
-        ["cmake", "-E", "rm", "-rf", captures],
-        *("FIXTURES_SETUP", fixture),
-    )
+    captured = [item for item in items if "lab" in item.fixturenames]
+    if captured:
+        yield entry(
+            test_name(options, "captures", "start afresh"),
+            ["cmake", "-E", "rm", "-rf", captures],
+            *("FIXTURES_SETUP", fixture),
+        )
     for item in items:
         mark = item.get_closest_marker("seconds")
         module = item.module.__name__.removeprefix("test_")
         yield entry(
             test_name(options, module, item.name.removeprefix("test_")),
             [*PYTEST, item.nodeid],
-            *("FIXTURES_REQUIRED", fixture, "COST", mark.args[0] if mark else 3),
+            *(("FIXTURES_REQUIRED", fixture) if item in captured else ()),
+            *("COST", mark.args[0] if mark else 3),
             *("RUN_SERIAL", item.get_closest_marker("alone") is not None),
         )
-    yield entry(
-        test_name(options, "captures", "are well-formed to a second dissector"),
-        [sys.executable, "-m", "lab.dissect", captures],
-        *("FIXTURES_CLEANUP", fixture),
-    )
+    if captured:
+        yield entry(
+            test_name(options, "captures", "are well-formed to a second dissector"),
+            [sys.executable, "-m", "lab.dissect", captures],
+            *("FIXTURES_CLEANUP", fixture),
+        )
 
 
 def main():
