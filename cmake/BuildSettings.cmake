@@ -10,19 +10,28 @@ set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 
 set(BONJOUR_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or empty")
-option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" OFF)
+option(BONJOUR_HARDEN "Stack protector, fortify and full RELRO" ON)
 option(BONJOUR_STATIC "Link the daemon without any shared library" OFF)
+option(BONJOUR_STRIP "Install the daemon without its symbols" OFF)
 option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
 option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
 option(BONJOUR_FUZZ "Instrument for libFuzzer and build the fuzzers (clang)" OFF)
 
+# Optimise across files where the compiler can, unless somebody has decided about it.
+if(BONJOUR_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INTERPROCEDURAL_OPTIMIZATION
+    AND CMAKE_BUILD_TYPE MATCHES "^(MinSizeRel|Release|RelWithDebInfo)$")
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT lto_works OUTPUT lto_output)
+  set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ${lto_works} CACHE BOOL "Optimise across files")
+endif()
+
 # The same sources give the same bytes wherever the checkout lies.
-add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." -fno-ident)
+add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}=." -fno-ident)
 
 # What the daemon's own code is compiled with; tests, fuzzers and benches take the warnings too.
 add_library(bonjour_warnings INTERFACE)
 target_compile_options(bonjour_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(BONJOUR_THREAD_SAFETY)
   target_compile_options(bonjour_warnings INTERFACE -Wthread-safety)
 endif()
@@ -34,7 +43,16 @@ target_compile_options(bonjour_settings INTERFACE
   -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fvisibility=hidden)
 
 if(BONJOUR_HARDEN)
-  target_compile_options(bonjour_settings INTERFACE -fstack-protector-strong -D_FORTIFY_SOURCE=2)
+  target_compile_options(bonjour_settings INTERFACE -fstack-protector-strong)
+  # A level in the flags from outside stands; one that the compiler sets by itself gives way.
+  # Without optimisation the C library warns about any.
+  string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" flags_of_type)
+  set(flags "${CMAKE_CXX_FLAGS} ${${flags_of_type}}")
+  if((CMAKE_CONFIGURATION_TYPES OR flags MATCHES "-O[1-3sgz]")
+      AND NOT flags MATCHES "_FORTIFY_SOURCE")
+    target_compile_options(bonjour_settings INTERFACE
+      "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  endif()
 endif()
 
 if(BONJOUR_SANITIZE)

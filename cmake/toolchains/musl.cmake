@@ -10,9 +10,12 @@ set(CMAKE_CXX_COMPILER_AR gcc-ar)
 set(CMAKE_CXX_COMPILER_RANLIB gcc-ranlib)
 
 execute_process(COMMAND g++ -dumpversion OUTPUT_VARIABLE cxx_version
-  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND g++ -dumpmachine OUTPUT_VARIABLE cxx_machine
-  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT cxx_machine)
+  message(FATAL_ERROR "g++ is missing, whose C++ headers serve")
+endif()
 string(JOIN " " CMAKE_CXX_FLAGS_INIT
   -isystem ${CMAKE_CURRENT_LIST_DIR}/musl
   -isystem /usr/include/c++/${cxx_version}

@@ -10,11 +10,12 @@ import subprocess
 import time
 
 # Quick to compile and to link. A mutant may well deserve a warning: that is not what is asked.
-_PLAIN = ["-DCMAKE_CXX_FLAGS=-O1 -w"]
-_SANITIZED = ["-DCMAKE_CXX_FLAGS=-O1 -w", "-DBONJOUR_SANITIZE=address,undefined"]
+_TESTS = ["-DBONJOUR_TESTS=ON", "-DBONJOUR_LAB=ON"]
+_PLAIN = ["-DCMAKE_CXX_FLAGS=-O1 -w", *_TESTS]
+_SANITIZED = ["-DCMAKE_CXX_FLAGS=-O1 -w", "-DBONJOUR_SANITIZE=address,undefined", *_TESTS]
 # As the firmware's, as far as the code that comes out of a source file goes.
-_OPTIMISED = ["-DCMAKE_CXX_FLAGS=-O2 -w", "-DBONJOUR_TESTS=OFF", "-DBONJOUR_LAB=OFF"]
-_COMMON = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=", "-DBONJOUR_FUZZ=OFF", "-DBONJOUR_BENCH=OFF"]
+_OPTIMISED = ["-DCMAKE_CXX_FLAGS=-O2 -w"]
+_COMMON = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=", "-DBONJOUR_HARDEN=OFF"]
 
 # A mutant may print without end, or compute: the seconds of a process.
 _LIMITS = ["prlimit", f"--fsize={1 << 28}", "--core=0"]

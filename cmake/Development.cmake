@@ -1,0 +1,36 @@
+# What is built beside the daemon: tests, fuzzers, the lab, benchmarks.
+cmake_minimum_required(VERSION 3.25)
+
+enable_testing()
+set(BONJOUR_PYTHON /usr/bin/python3 CACHE FILEPATH
+  "Python with pytest and dnspython, for the lab and the system tests")
+
+option(BONJOUR_TIDY_TESTS "clang-tidy looks at tests and fuzzers too, which takes minutes" OFF)
+if(NOT BONJOUR_TIDY_TESTS)
+  set(CMAKE_CXX_CLANG_TIDY "")
+endif()
+if(BONJOUR_TESTS OR BONJOUR_FUZZ)
+  add_subdirectory(fuzz)
+endif()
+if(BONJOUR_TESTS)
+  add_subdirectory(tests)
+endif()
+
+if(BONJOUR_LAB)
+  add_subdirectory(lab)
+  include(tests/LabTests.cmake)
+  bonjour_add_lab_tests(system)
+  bonjour_add_lab_tests(hostile)
+  bonjour_add_lab_tests(faults)
+  # A sanitizer's runtime needs more files and system calls than the daemon. How it is built by
+  # others has nothing to do with this build.
+  if(NOT BONJOUR_SANITIZE)
+    bonjour_add_lab_tests(package)
+    bonjour_add_lab_tests(builds)
+  endif()
+endif()
+
+if(BONJOUR_BENCH)
+  find_package(benchmark REQUIRED)
+  add_subdirectory(bench)
+endif()

@@ -1,0 +1,87 @@
+"""What README and integration notes tell to type, typed in a checkout with a blank in its path."""
+
+import pathlib
+import re
+import shutil
+
+import building
+import pytest
+
+# All that a small machine has: CMake, make, a compiler with its binutils, a shell.
+TOOLS = ["cmake", "make", "sh", "uname", "cc", "c++", "gcc", "g++", "gcc-ar", "gcc-nm"]
+TOOLS += ["gcc-ranlib", "as", "ld", "ar", "nm", "ranlib", "objcopy", "objdump", "readelf", "strip"]
+
+
+@pytest.fixture
+def checkout(tmp_path):
+    return building.copy_of_sources(tmp_path / "a checkout")
+
+
+@pytest.fixture
+def image(tmp_path):
+    return tmp_path / "image"
+
+
+def blocks(document, heading, language):
+    """What stands in this language under the heading."""
+    text = (building.ROOT / document).read_text()
+    (section,) = re.findall(rf"^## {heading}\n(.*?)(?=^## |\Z)", text, re.M | re.S)
+    return re.findall(rf"^```{language}\n(.*?)^```$", section, re.M | re.S)
+
+
+def follow(commands, checkout, path=None, **replaced):
+    """Types the commands, with our own paths in place of those of the examples."""
+    for example, ours in replaced.items():
+        assert f"/path/to/{example}" in commands
+        commands = commands.replace(f"/path/to/{example}", str(ours))
+    environment = {"PATH": str(path)} if path else {}
+    return building.run("sh", "-eu", "-c", commands, directory=checkout, **environment)
+
+
+def sections(program):
+    return re.findall(r"^ +\[ *\d+\] (\S+)", building.run("readelf", "-SW", program), re.M)
+
+
+@pytest.mark.seconds(10)
+def test_readme_gives_an_image_with_a_stripped_daemon_and_keeps_the_symbols(checkout, image):
+    (commands,) = blocks("README.md", "On a router", "sh")
+    follow(commands, checkout, image=image)
+    assert ".symtab" not in sections(image / "usr/sbin/bonjour")
+    assert ".symtab" in sections(checkout / "build/router/bonjour")
+    assert (image / "etc/init.d/bonjour").exists()
+
+
+def test_router_preset_touches_no_other_build(checkout):
+    building.run("cmake", "--preset", "router", building.UNOPTIMISED, directory=checkout)
+    assert [path.name for path in (checkout / "build").iterdir()] == ["router"]
+
+
+@pytest.mark.seconds(10)
+def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkout, image, tmp_path):
+    tools = tmp_path / "tools"
+    tools.mkdir()
+    for tool in TOOLS:
+        (tools / tool).symlink_to(shutil.which(tool))
+    native, _ = blocks("docs/integration.md", "Build", "sh")
+    follow(native, checkout, path=tools, image=image)
+    program = image / "usr/sbin/bonjour"
+    assert building.needs(program) == ["libc.so.6"]
+    for words in building.compiled_with(checkout / "build/router").values():
+        assert {"-Os", "-flto=auto", "-D_FORTIFY_SOURCE=2"} <= set(words)
+    shown = building.run("readelf", "-hldsW", program)
+    pie = "Position-Independent Executable file"
+    for trace in (pie, "GNU_RELRO", "BIND_NOW", "GNU_STACK .* RW ", "__stack_chk_fail"):
+        assert re.search(trace, shown), trace
+
+
+@pytest.mark.seconds(10)
+def test_notes_give_the_daemon_for_another_cpu(checkout, image, tmp_path):
+    (lines,) = blocks("docs/integration.md", "Build", "cmake")
+    sdk = "/opt/sdk/bin/mips-openwrt-linux-"
+    assert sdk in lines
+    toolchain = tmp_path / "router.cmake"
+    toolchain.write_text(lines.replace(sdk, f"{pathlib.Path(shutil.which('gcc')).parent}/"))
+    _, other = blocks("docs/integration.md", "Build", "sh")
+    follow(other, checkout, **{"image": image, "router.cmake": toolchain})
+    assert building.cached(checkout / "build/mips")["CMAKE_TOOLCHAIN_FILE"] == str(toolchain)
+    assert building.needs(image / "usr/sbin/bonjour") == ["libc.so.6"]
