@@ -52,7 +52,7 @@ void WaitForStop() {
 }
 
 void PrintBanner(const char* model) {
-  LogLine({"[QX] ", model, " Bonjour ", kVersion, " Start (", __DATE__, " ", __TIME__, ")"});
+  LogLine({"[QX] ", model, " Bonjour ", kVersion, " Start (", BONJOUR_BUILD_TIME, ")"});
 }
 
 // A thread of the daemon could not be created: the others are told to end.

@@ -25,8 +25,12 @@ if(BONJOUR_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INTERPROCEDURAL_OPTIMIZATION
   set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ${lto_works} CACHE BOOL "Optimise across files")
 endif()
 
-# The same sources give the same bytes wherever the checkout lies.
-add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}=." -fno-ident)
+# The same sources give the same bytes wherever checkout and build lie, also with debugging
+# information, which comes into being when files are optimised together.
+set(same_paths
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=." "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
+add_compile_options(${same_paths} -fno-ident)
+add_link_options(${same_paths})
 
 # What the daemon's own code is compiled with; tests, fuzzers and benches take the warnings too.
 add_library(bonjour_warnings INTERFACE)

@@ -8,9 +8,9 @@ FORTIFY = "-D_FORTIFY_SOURCE="
 
 # What packages of firmware and of distributions are compiled and linked with.
 COMPILE = [
-    f"-Os -pipe -march=x86-64-v2 -fno-caller-saves -fno-plt -Wformat"
+    f"-Os -pipe -march=x86-64-v2 -fno-caller-saves -fno-plt -Wdate-time -Wformat"
     f" -Werror=format-security {FORTIFY}1 -fPIC",
-    f"-O2 -g3 -flto=auto -ffat-lto-objects -fstack-clash-protection -fcf-protection"
+    f"-O2 -g3 -flto=auto -ffat-lto-objects -fstack-clash-protection -fcf-protection -Wdate-time"
     f" {FORTIFY}3 -D_LARGEFILE64_SOURCE -D_FILE_OFFSET_BITS=64",
 ]
 LINK = ["-fPIC -znow -zrelro", "-flto=auto -Wl,-O1,--hash-style=gnu,--as-needed,-z,relro,-z,now"]

@@ -22,7 +22,7 @@ _LIMITS = ["prlimit", f"--fsize={1 << 28}", "--core=0"]
 _BUILD_CPU = _LAB_CPU = 120
 _UNIT_CPU = 5
 _UNITS = ["-L", "^unit$", "-j", "4"]  # they wait a lot
-# The same __DATE__ and __TIME__ in every build.
+# The same date and time in every build.
 _ENVIRONMENT = {
     **os.environ,
     "SOURCE_DATE_EPOCH": "1767225600",
