@@ -14,6 +14,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 LIBRARIES = {
     "mips": ("qemu-mips", "mips-linux-gnu"),
     "mipsel": ("qemu-mipsel", "mipsel-linux-gnu"),
+    "armel": ("qemu-arm -cpu arm926", "arm-linux-gnueabi"),
     "armhf": ("qemu-arm", "arm-linux-gnueabihf"),
     "aarch64": ("qemu-aarch64", "aarch64-linux-gnu"),
 }
@@ -29,7 +30,7 @@ def emulated(preset, directory, *options):
     compile_command = [f"{machine}-gcc", "-O2", "-shared", "-fPIC", "-Wall", "-Wextra", "-Werror"]
     subprocess.run([*compile_command, "-o", shim, HERE / "multicast_interface.c"], check=True)
     libraries = f"/usr/{machine}"
-    return [emulator, *options, "-L", libraries, "-E", f"LD_PRELOAD={shim}"]
+    return [*emulator.split(), *options, "-L", libraries, "-E", f"LD_PRELOAD={shim}"]
 
 
 def walk(preset, wrapper=()):
@@ -68,8 +69,8 @@ def test_main_path_with_another_c_library(preset):
 
 @pytest.mark.parametrize(
     "preset, request_number",
-    [("mips", "0x42005001"), ("mipsel", "0x42005001"), ("armhf", "0xffffffff82005001")]
-    + [("aarch64", "0xffffffff82005001")],
+    [("mips", "0x42005001"), ("mipsel", "0x42005001"), ("armel", "0xffffffff82005001")]
+    + [("armhf", "0xffffffff82005001"), ("aarch64", "0xffffffff82005001")],
 )
 def test_device_id_is_asked_for_with_the_request_of_this_cpu(
     preset, request_number, monkeypatch, tmp_path
