@@ -10,7 +10,7 @@ import pytest
 from lab.daemon import binary
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-UNIT = ROOT / "packaging/bonjour.service"
+UNIT = ROOT / "packaging/bonjour.service.in"
 NOTES = ROOT / "docs/least-privilege.md"
 CONFINE = pathlib.Path(__file__).with_name("confine.py")
 NOBODY = "65534"

@@ -1,0 +1,126 @@
+"""A router's small root file system: the shell, BusyBox, the C library, and what is installed."""
+
+import contextlib
+import pathlib
+import re
+import shutil
+import subprocess
+import time
+
+from lab.daemon import binary
+from lab.waiting import PATIENCE, TimedOut
+
+CHROOT = "/usr/sbin/chroot"
+SCRIPT = "/etc/init.d/bonjour"
+DAEMON = "usr/sbin/bonjour"
+DEFAULTS = "etc/default/bonjour"
+PIDFILE = "var/run/bonjour.pid"
+
+_APPLETS = "cat logger mkdir mkfifo readlink rm setsid sleep syslogd".split()
+_BOUND = 20.0
+_POLL_SECONDS = 0.01
+
+
+def install(target, *options, prefix="/usr"):
+    """`cmake --install` of the build that the daemon under test is of, into `target`."""
+    subprocess.run(
+        ["env", f"DESTDIR={target}", "cmake", "--install", binary().parent]
+        + ["--prefix", prefix, "--strip", *options],
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
+
+
+def copy_program(program, root, to):
+    """Copies a program, and the libraries that it is linked with, into `root`."""
+    (root / to).parent.mkdir(parents=True, exist_ok=True)
+    shutil.copy(program, root / to)
+    copy_libraries(program, root)
+
+
+def copy_libraries(program, root):
+    listed = subprocess.run(["ldd", program], capture_output=True, text=True, check=False)
+    for library in re.findall(r"(/\S+) \(0x", listed.stdout):
+        copy = root / library.lstrip("/")
+        copy.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(library, copy)
+
+
+def lay_out(root, shell="busybox"):
+    """Makes everything in `root` but the project's own files. BusyBox's shell finds all of its
+    applets by itself, the others those that are linked in bin."""
+    for directory in ("bin", "dev", "proc", "tmp", "var/run", "var/log"):
+        (root / directory).mkdir(parents=True, exist_ok=True)
+    copy_program("/bin/busybox", root, "bin/busybox")
+    for applet in _APPLETS:
+        (root / "bin" / applet).symlink_to("busybox")
+    if shell != "busybox":
+        copy_program(f"/bin/{shell}", root, f"bin/{shell}")
+    (root / "bin/sh").symlink_to(shell)
+
+
+class SmallSystem:
+    """A root in use, in a sandbox and a network."""
+
+    def __init__(self, root, sandbox, network=None):
+        self.root = root
+        self.sandbox = sandbox
+        self._network = network
+        mounts = f"mount --rbind /proc {root}/proc && mount --rbind /dev {root}/dev"
+        assert sandbox.spawn(["sh", "-c", mounts]).wait() == 0
+
+    def spawn(self, *command, **options):
+        return self.sandbox.spawn(
+            [CHROOT, self.root, *command], network=self._network, **options
+        )
+
+    def run(self, *command):
+        """Runs a command to its end, which no process that it leaves behind delays."""
+        started = self.spawn(
+            *command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE
+        )
+        out, err = started.communicate(timeout=_BOUND * PATIENCE)
+        return subprocess.CompletedProcess(command, started.returncode, out.decode(), err.decode())
+
+    def sh(self, line):
+        return self.run("/bin/sh", "-c", line)
+
+    def script(self, action, path=SCRIPT):
+        """The exit status of the init script, called with this action."""
+        return self.run(path, action).returncode
+
+    @property
+    def running(self):
+        return self.script("status") == 0
+
+    @property
+    def number(self):
+        """The daemon's, as the init script has noted it."""
+        return int((self.root / PIDFILE).read_text())
+
+    def processes(self):
+        """The command lines of what runs, by number, without what holds the sandbox."""
+        found = {}
+        for entry in self.sandbox.path("/proc/.kernel").iterdir():
+            if entry.name.isdigit() and entry.name != "1":
+                with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                    words = (entry / "cmdline").read_text().split("\0")[:-1]
+                    # One that has ended and was not waited for has none.
+                    if words:
+                        found[int(entry.name)] = words
+        return found
+
+    def programs(self):
+        """The names of what runs."""
+        return sorted(pathlib.Path(words[0]).name for words in self.processes().values())
+
+    def of_process(self, number, file):
+        """This file of a process's directory in /proc."""
+        return self.sandbox.path(f"/proc/.kernel/{number}/{file}")
+
+    def wait_until(self, holds, what):
+        deadline = time.monotonic() + _BOUND * PATIENCE
+        while not holds():
+            if time.monotonic() > deadline:
+                raise TimedOut(f"{_BOUND * PATIENCE} s passed without: {what}")
+            time.sleep(_POLL_SECONDS)
