@@ -63,6 +63,10 @@ def lab(lab, monkeypatch):
     return lab
 
 
+def test_unit_kills_a_daemon_only_when_its_goodbyes_are_out():
+    assert unit("TimeoutStopSec") == ["5"]
+
+
 def test_unit_keeps_one_capability():
     assert unit("CapabilityBoundingSet") == unit("AmbientCapabilities") == ["CAP_NET_RAW"]
     assert unit("SupplementaryGroups") == [PRINTERS]

@@ -11,7 +11,7 @@ import wire
 from lab.daemon import binary
 from small_system import CHROOT, DAEMON, DEFAULTS, SmallSystem, copy_libraries, lay_out
 
-STOP_SECONDS = 8
+STOP_SECONDS = 5
 
 
 @pytest.fixture(scope="session")
