@@ -63,8 +63,21 @@ def lab(lab, monkeypatch):
     return lab
 
 
+def test_unit_starts_the_daemon_anew_whatever_made_it_end():
+    """Its exit status is always 0."""
+    assert unit("Restart") == ["always"]
+    assert unit("RestartSec") == ["5"]
+
+
 def test_unit_kills_a_daemon_only_when_its_goodbyes_are_out():
     assert unit("TimeoutStopSec") == ["5"]
+
+
+def test_unit_is_bound_to_the_bridge():
+    bridge = "sys-subsystem-net-devices-br0.device"
+    assert unit("BindsTo") == unit("RequiredBy") == [bridge]
+    assert bridge in unit("After")
+    assert unit("WantedBy") == []
 
 
 def test_unit_keeps_one_capability():
