@@ -73,6 +73,10 @@ def test_unit_kills_a_daemon_only_when_its_goodbyes_are_out():
     assert unit("TimeoutStopSec") == ["5"]
 
 
+def test_unit_does_not_limit_the_number_of_threads():
+    assert unit("TasksMax") == ["infinity"]
+
+
 def test_unit_is_bound_to_the_bridge():
     bridge = "sys-subsystem-net-devices-br0.device"
     assert unit("BindsTo") == unit("RequiredBy") == [bridge]

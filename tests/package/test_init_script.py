@@ -358,6 +358,40 @@ def test_daemon_gets_the_settings_of_the_c_library(system):
     assert b"GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0" in environment
 
 
+def limits(system, number):
+    told = system.of_process(number, "limits").read_text()
+    return {
+        name: re.search(rf"^{name} +(\S+) +(\S+)", told, re.MULTILINE).groups()
+        for name in ("Max address space", "Max stack size")
+    }
+
+
+@every_shell
+def test_daemon_is_limited_as_its_settings_say(system):
+    settings(system, "MEMORY_LIMIT=40000\nSTACK_LIMIT=200\n")
+    system.script("start")
+    assert limits(system, system.number) == {
+        "Max address space": ("40960000", "40960000"),
+        "Max stack size": ("204800", "204800"),
+    }
+    wait_until_started(system)
+    (logger,) = system.processes().keys() - {system.number}
+    assert limits(system, logger)["Max address space"] == ("unlimited", "unlimited")
+
+
+def test_daemon_keeps_the_limits_of_its_caller_without_settings(system):
+    settings(system, "")
+    system.script("start")
+    assert limits(system, system.number) == limits(system, 1)
+
+
+@every_shell
+def test_limit_that_is_no_number_does_not_keep_the_daemon_from_starting(system):
+    settings(system, "MEMORY_LIMIT=much\nSTACK_LIMIT=200\n")
+    assert system.script("start") == 0
+    assert limits(system, system.number)["Max stack size"] == ("204800", "204800")
+
+
 # In the foreground
 
 

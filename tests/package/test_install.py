@@ -75,6 +75,20 @@ def test_init_script_starts_the_daemon_from_another_prefix(tmp_path, sandbox):
     assert system.processes()[system.number] == ["/usr/local/sbin/bonjour", "3600"]
 
 
+def test_limits_of_the_unit_are_those_of_the_init_script(tmp_path):
+    install(tmp_path)
+    settings = dict(
+        line.split("=", 1)
+        for line in (tmp_path / DEFAULTS).read_text().splitlines()
+        if not line.startswith("#") and line
+    )
+    unit = (tmp_path / "usr" / UNIT).read_text()
+    kibibytes = {"K": 1, "M": 1024}
+    for setting, limit in (("MEMORY_LIMIT", "LimitAS"), ("STACK_LIMIT", "LimitSTACK")):
+        number, unit_of_it = re.search(rf"^{limit}=(\d+)([KM])$", unit, re.MULTILINE).groups()
+        assert int(number) * kibibytes[unit_of_it] == int(settings[setting]), setting
+
+
 @pytest.mark.parametrize("prefix", ["/usr", "/usr/local"])
 def test_systemd_finds_no_fault_in_the_unit(prefix, tmp_path):
     install(tmp_path, prefix=prefix)

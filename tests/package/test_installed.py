@@ -93,6 +93,15 @@ def test_model_comes_from_the_one_variable(lab, system):
 
 
 @pytest.mark.lab(bridge=False)
+def test_model_and_limits_come_from_no_other_place(system):
+    (system.root / DEFAULTS).write_text("")
+    system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
+    assert system.processes()[system.number] == [f"/{DAEMON}"]
+    limits = system.of_process(system.number, "limits").read_text()
+    assert " 67108864 " not in limits and " 262144 " not in limits
+
+
+@pytest.mark.lab(bridge=False)
 def test_daemon_whose_bridge_never_came_up_is_killed_at_the_stop(system):
     start(system)
     begun = time.monotonic()
