@@ -1,0 +1,31 @@
+################################################################################
+#
+# bonjour: the tree that this external tree lies in
+#
+################################################################################
+
+BONJOUR_VERSION = 2.1
+BONJOUR_SITE = $(BR2_EXTERNAL_BONJOUR_PATH)/../..
+BONJOUR_SITE_METHOD = local
+BONJOUR_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude=/build
+BONJOUR_LICENSE = PROPRIETARY
+BONJOUR_LICENSE_FILES = packaging/debian/copyright
+BONJOUR_REDISTRIBUTE = NO
+
+define BONJOUR_INSTALL_TARGET_CMDS
+	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component runtime
+	$(SED) 's/^MODEL=.*/MODEL=$(call qstrip,$(BR2_PACKAGE_BONJOUR_MODEL))/' \
+		$(TARGET_DIR)/etc/default/bonjour
+endef
+
+# BusyBox init calls what is named S and a number.
+define BONJOUR_INSTALL_INIT_SYSV
+	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component sysvinit
+	ln -sf bonjour $(TARGET_DIR)/etc/init.d/S95bonjour
+endef
+
+define BONJOUR_INSTALL_INIT_SYSTEMD
+	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component systemd
+endef
+
+$(eval $(cmake-package))

@@ -1,0 +1,14 @@
+SUMMARY = "Publishes USB printers on the local link by multicast DNS"
+LICENSE = "CLOSED"
+
+inherit cmake systemd update-rc.d externalsrc
+
+# The tree that this layer lies in.
+EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
+
+EXTRA_OECMAKE = "-DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
+
+SYSTEMD_SERVICE:${PN} = "bonjour.service"
+INITSCRIPT_NAME = "bonjour"
+INITSCRIPT_PARAMS = "defaults 95 05"
+CONFFILES:${PN} = "${sysconfdir}/default/bonjour"

@@ -1,0 +1,391 @@
+"""The packages for OpenWrt, Buildroot and Yocto, as far as they can be tried without these: their
+Makefiles are evaluated by GNU make with the few macros that they use written down here, their shell
+parts run by BusyBox, and what they install is held against `cmake --install`."""
+
+import os
+import pathlib
+import re
+import stat
+import subprocess
+
+import pytest
+from lab.daemon import binary
+from small_system import SmallSystem, install, lay_out
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+OPENWRT = ROOT / "packaging/openwrt/bonjour"
+BUILDROOT = ROOT / "packaging/buildroot"
+RECIPES = ROOT / "packaging/yocto/recipes-connectivity/bonjour"
+
+
+def version():
+    cache = (binary().parent / "CMakeCache.txt").read_text()
+    return re.search(r"^CMAKE_PROJECT_VERSION:\w+=(.*)$", cache, re.MULTILINE)[1]
+
+
+def files(root):
+    """The modes of the files, and where the symbolic links lead, by name."""
+    found = {}
+    for path in root.rglob("*"):
+        name = str(path.relative_to(root))
+        if path.is_symlink():
+            found[name] = os.readlink(path)
+        elif path.is_file():
+            found[name] = stat.S_IMODE(path.stat().st_mode)
+    return found
+
+
+def run(*command, **options):
+    """What the command prints."""
+    ended = subprocess.run(
+        [str(word) for word in command],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        check=False,
+        **options,
+    )
+    assert ended.returncode == 0, ended.stdout
+    return ended.stdout
+
+
+# OpenWrt
+
+# A package whose CMake project is in PKG_BUILD_DIR, configured and installed with Ninja, with flags
+# as OpenWrt has them on devices.
+OPENWRT_RULES = r"""
+INCLUDE_DIR := $(TOPDIR)
+PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
+PKG_INSTALL_DIR = $(PKG_BUILD_DIR)/ipkg-install
+INSTALL_DIR := install -d -m0755
+INSTALL_BIN := install -m0755
+INSTALL_CONF := install -m0600
+TARGET_CFLAGS := -Os -pipe -march=native -fno-caller-saves -fno-plt -fstack-protector \
+  -D_FORTIFY_SOURCE=1 -Wl,-z,now -Wl,-z,relro
+"""
+OPENWRT_PACKAGE = r"""
+define BuildPackage
+$(call Package/$(1))
+prepare: ; $$(Build/Prepare)
+configure: ; $$(Build/Configure)
+compile: ; $$(Build/Compile)
+install: ; $$(Build/Install)
+package: ; $$(call Package/$(1)/install,$$(TOPDIR)/package)
+show: ; @: $$(info $$($$(SHOWN)))
+endef
+"""
+OPENWRT_CMAKE = r"""
+define Build/Configure
+	cd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
+	  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
+endef
+define Build/Compile
+	cmake --build $(PKG_BUILD_DIR)
+endef
+define Build/Install
+	$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
+endef
+"""
+
+
+class OpenWrt:
+    def __init__(self, top):
+        self.top = top
+        top.mkdir()
+        for name, text in (
+            ("rules", OPENWRT_RULES),
+            ("package", OPENWRT_PACKAGE),
+            ("cmake", OPENWRT_CMAKE),
+        ):
+            (top / f"{name}.mk").write_text(text)
+
+    def make(self, *words):
+        quiet = ["-s", "--no-print-directory"]
+        return run("make", *quiet, "-C", OPENWRT, f"TOPDIR={self.top}", *words)
+
+    def value(self, variable):
+        return self.make("show", f"SHOWN={variable}").strip()
+
+
+@pytest.fixture
+def openwrt(tmp_path):
+    return OpenWrt(tmp_path / "openwrt")
+
+
+def test_openwrt_package_says_what_it_is(openwrt):
+    assert openwrt.value("PKG_NAME") == "bonjour"
+    assert openwrt.value("PKG_VERSION") == version()
+    assert openwrt.value("CATEGORY") == "Network"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
+    assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
+    assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
+
+
+@pytest.mark.seconds(30)
+def test_openwrt_package_is_built_of_the_tree_and_holds_the_daemon(openwrt):
+    openwrt.make("prepare")
+    sources = openwrt.top / f"build_dir/bonjour-{version()}"
+    assert not (sources / "build").exists() and not (sources / ".git").exists()
+    assert "were not used" not in openwrt.make("configure")
+    openwrt.make("compile")
+    openwrt.make("install")
+    # Made for one prefix at install time, and gone again.
+    assert list((sources / "packaging").glob("with-path-*")) == []
+    openwrt.make("package")
+    package = openwrt.top / "package"
+    assert files(package) == {
+        "usr/sbin/bonjour": 0o755,
+        "etc/default/bonjour": 0o600,
+        "etc/init.d/bonjour": 0o755,
+    }
+    installed = sources / "ipkg-install"
+    for name in ("usr/sbin/bonjour", "etc/default/bonjour"):
+        assert (package / name).read_bytes() == (installed / name).read_bytes(), name
+    script = (package / "etc/init.d/bonjour").read_text()
+    assert script.startswith("#!/bin/sh /etc/rc.common\n")
+
+
+# procd's functions say how they are called; rc.common calls a function of the script.
+RC_COMMON = r"""#!/bin/sh
+said() { printf '%s' "$1"; shift; for word; do printf ' [%s]' "$word"; done; echo; }
+for name in open_instance set_param close_instance add_reload_interface_trigger; do
+  eval "procd_$name() { said $name \"\$@\"; }"
+done
+. "$1"
+echo "$USE_PROCD $START $STOP"
+"$2"
+"""
+
+
+@pytest.fixture
+def procd(tmp_path, sandbox):
+    """Calls a function of procd's script with these settings; the lines that say what it did."""
+    root = tmp_path / "root"
+    lay_out(root)
+    (root / "etc/init.d").mkdir(parents=True)
+    (root / "etc/default").mkdir()
+    (root / "etc/rc.common").write_text(RC_COMMON)
+    (root / "etc/rc.common").chmod(0o755)
+    script = root / "etc/init.d/bonjour"
+    script.write_bytes((OPENWRT / "files/bonjour.init").read_bytes())
+    script.chmod(0o755)
+    system = SmallSystem(root, sandbox)
+
+    def call(function, settings=None):
+        if settings is not None:
+            (root / "etc/default/bonjour").write_text(settings)
+        ended = system.run("/etc/init.d/bonjour", function)
+        assert (ended.returncode, ended.stderr) == (0, "")
+        return ended.stdout.splitlines()
+
+    return call
+
+
+def test_procd_starts_the_daemon_with_its_settings(procd):
+    settings = "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n"
+    assert procd("start_service", settings) == [
+        "1 95 05",
+        "open_instance",
+        "set_param [command] [/usr/sbin/bonjour] [GLXE4700]",
+        "set_param [env] [GLIBC_TUNABLES=a.b=0]",
+        "set_param [limits] [as=67108864 67108864] [stack=262144 262144]",
+        "set_param [respawn] [3600] [5] [0]",
+        "set_param [netdev] [br0]",
+        "set_param [stdout] [1]",
+        "set_param [stderr] [1]",
+        "set_param [term_timeout] [5]",
+        "close_instance",
+    ]
+
+
+def test_procd_starts_the_daemon_without_settings(procd):
+    assert procd("start_service") == [
+        "1 95 05",
+        "open_instance",
+        "set_param [command] [/usr/sbin/bonjour]",
+        "set_param [respawn] [3600] [5] [0]",
+        "set_param [netdev] [br0]",
+        "set_param [stdout] [1]",
+        "set_param [stderr] [1]",
+        "set_param [term_timeout] [5]",
+        "close_instance",
+    ]
+
+
+def test_procd_looks_at_the_bridge_when_the_lan_interface_changes(procd):
+    assert procd("service_triggers") == ["1 95 05", "add_reload_interface_trigger [lan]"]
+
+
+# Buildroot
+
+# A package is built in $(@D), and its macros are run with $(TARGET_DIR).
+BUILDROOT_MAKEFILE = r"""
+SED = sed -i -e
+qstrip = $(strip $(subst ",,$(1)))
+cmake-package = $(info cmake-package)
+BR2_CMAKE = cmake
+include $(BR2_EXTERNAL_BONJOUR_PATH)/external.mk
+$(D)/target: ; @$(BONJOUR_INSTALL_TARGET_CMDS)
+$(D)/sysv: ; @$(BONJOUR_INSTALL_INIT_SYSV)
+$(D)/systemd: ; @$(BONJOUR_INSTALL_INIT_SYSTEMD)
+show: ; @: $(info $($(SHOWN)))
+"""
+
+
+class Buildroot:
+    def __init__(self, directory):
+        self.target = directory / "target"
+        self._makefile = directory / "Makefile"
+        self._makefile.write_text(BUILDROOT_MAKEFILE)
+
+    def make(self, *words):
+        return run(
+            *("make", "-s", "-f", self._makefile, f"D={binary().parent}"),
+            *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", f"TARGET_DIR={self.target}"),
+            *('BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"', *words),
+        )
+
+    def value(self, variable):
+        kind, value = self.make("show", f"SHOWN={variable}").splitlines()
+        assert kind == "cmake-package"
+        return value
+
+    def install(self, *steps):
+        for step in steps:
+            self.make(binary().parent / step)
+
+
+@pytest.fixture
+def buildroot(tmp_path):
+    return Buildroot(tmp_path)
+
+
+def test_buildroot_package_says_what_it_is(buildroot):
+    assert buildroot.value("BONJOUR_VERSION") == version()
+    assert pathlib.Path(buildroot.value("BONJOUR_SITE")).resolve() == ROOT
+    assert buildroot.value("BONJOUR_SITE_METHOD") == "local"
+    assert (ROOT / buildroot.value("BONJOUR_LICENSE_FILES")).exists()
+
+
+def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_path):
+    buildroot.install("target", "sysv")
+    whole = tmp_path / "whole"
+    install(whole, "--component", "runtime")
+    install(whole, "--component", "sysvinit")
+    assert files(buildroot.target) == {**files(whole), "etc/init.d/S95bonjour": "bonjour"}
+
+
+def test_buildroot_package_for_systemd_holds_what_cmake_installs(buildroot, tmp_path):
+    buildroot.install("target", "systemd")
+    whole = tmp_path / "whole"
+    install(whole, "--component", "runtime")
+    install(whole, "--component", "systemd")
+    assert files(buildroot.target) == files(whole)
+
+
+def test_buildroot_sets_the_model_alone(buildroot):
+    buildroot.install("target")
+    ours = (ROOT / "packaging/bonjour.default").read_text()
+    set_up = (buildroot.target / "etc/default/bonjour").read_text()
+    assert set_up == ours.replace("MODEL=T5140\n", "MODEL=GLXE4700\n") != ours
+
+
+TOOLCHAIN = ["BR2_INSTALL_LIBSTDCPP", "BR2_TOOLCHAIN_GCC_AT_LEAST_8", "BR2_TOOLCHAIN_HAS_THREADS"]
+
+
+@pytest.fixture
+def menu(tmp_path, monkeypatch):
+    # Tests are listed where nothing but the build's packages is installed.
+    import kconfiglib
+
+    monkeypatch.setenv("BR2_EXTERNAL_BONJOUR_PATH", str(BUILDROOT))
+    above = tmp_path / "Config.in"
+    symbols = "".join(f'config {name}\n\tbool "{name}"\n' for name in TOOLCHAIN)
+    above.write_text(symbols + 'source "$BR2_EXTERNAL_BONJOUR_PATH/Config.in"\n')
+    made = kconfiglib.Kconfig(above, warn_to_stderr=False)
+    assert made.warnings == []
+    for name in TOOLCHAIN:
+        made.syms[name].set_value("y")
+    return made
+
+
+def says_what_is_missing(menu):
+    from kconfiglib import expr_value
+
+    (comment,) = menu.comments
+    return expr_value(comment.dep) != 0
+
+
+def test_buildroot_offers_the_package_and_its_model(menu):
+    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
+    assert menu.syms["BR2_PACKAGE_BONJOUR"].str_value == "y"
+    assert menu.syms["BR2_PACKAGE_BONJOUR_MODEL"].str_value == "T5140"
+    assert not says_what_is_missing(menu)
+
+
+@pytest.mark.parametrize("missing", TOOLCHAIN)
+def test_buildroot_says_what_the_toolchain_lacks(menu, missing):
+    menu.syms[missing].set_value("n")
+    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
+    assert menu.syms["BR2_PACKAGE_BONJOUR"].str_value == "n"
+    assert says_what_is_missing(menu)
+
+
+def test_buildroot_knows_the_external_tree_by_the_name_in_its_paths():
+    lines = (BUILDROOT / "external.desc").read_text().splitlines()
+    assert [line.split(":")[0] for line in lines] == ["name", "desc"]
+    assert lines[0] == "name: BONJOUR"
+
+
+# Yocto
+
+
+@pytest.fixture
+def recipe():
+    """The recipe's variables, and the classes that it inherits."""
+    (path,) = RECIPES.glob("*.bb")
+    assert path.name == f"bonjour_{version()}.bb"
+    text = path.read_text()
+    found = dict(re.findall(r'^([\w:${}]+) = "(.*)"$', text, re.MULTILINE))
+    found["inherit"] = re.search(r"^inherit (.*)$", text, re.MULTILINE)[1].split()
+    for line in text.splitlines():
+        assert re.match(r'#|inherit |[\w:${}]+ = ".*"$|$', line), line
+    return found
+
+
+def test_yocto_recipe_installs_what_it_names(recipe, tmp_path):
+    build = tmp_path / "build"
+    root = tmp_path / "root"
+    units = "/lib/systemd/system"
+    options = recipe["EXTRA_OECMAKE"].replace("${systemd_system_unitdir}", units).split()
+    # As the class cmake passes them.
+    options += ["-DCMAKE_INSTALL_PREFIX:PATH=/usr", "-DCMAKE_INSTALL_SBINDIR:PATH=sbin"]
+    said = run("cmake", "-G", "Ninja", "-S", ROOT, "-B", build, *options)
+    assert "were not used" not in said
+    for component in ("sysvinit", "systemd"):
+        run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", component)
+    assert files(root) == {
+        f"etc/init.d/{recipe['INITSCRIPT_NAME']}": 0o755,
+        f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}": 0o644,
+    }
+    install(tmp_path / "runtime", "--component", "runtime")
+    kept = recipe["CONFFILES:${PN}"].replace("${sysconfdir}", "etc")
+    assert kept in files(tmp_path / "runtime")
+
+
+def test_yocto_recipe_starts_the_daemon_late_and_stops_it_early(recipe):
+    assert recipe["INITSCRIPT_PARAMS"] == "defaults 95 05"
+
+
+def test_yocto_recipe_builds_the_tree_around_it(recipe):
+    assert sorted(recipe["inherit"]) == ["cmake", "externalsrc", "systemd", "update-rc.d"]
+    (up,) = re.findall(r"d\.getVar\('THISDIR'\) \+ '/([./]+)'", recipe["EXTERNALSRC"])
+    assert (RECIPES / up).resolve() == ROOT
+    assert recipe["LICENSE"] == "CLOSED"
+
+
+def test_yocto_layer_finds_the_recipe():
+    layer = ROOT / "packaging/yocto"
+    configuration = (layer / "conf/layer.conf").read_text()
+    (pattern,) = re.findall(r'^BBFILES \+= "\$\{LAYERDIR\}/(.*)"$', configuration, re.MULTILINE)
+    assert list(layer.glob(pattern)) == list(RECIPES.glob("*.bb"))
