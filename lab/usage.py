@@ -107,6 +107,12 @@ class PeakUsage:
             self.total = max(self.total, now.memory + stacks + slab)
             self._done.wait(self._PERIOD)
 
+    def __str__(self):
+        return (
+            f"{self.threads} threads, {self.memory} KiB, kernel: {self.kernel_stacks} KiB of stacks, "
+            f"{self.slab} KiB of slab; at one moment {self.total} KiB"
+        )
+
     def __enter__(self):
         self._thread = threading.Thread(target=self._run)
         self._thread.start()

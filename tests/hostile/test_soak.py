@@ -8,6 +8,7 @@ import time
 
 import pytest
 from lab import packets
+from lab.packaged import as_packaged
 from lab.printers import Printer
 from lab.usage import tells_memory, usage_once_senders_ended
 
@@ -16,9 +17,6 @@ SEED = int(os.environ.get("BONJOUR_SOAK_SEED", "1"))
 PORTS = range(10)
 DEVICE_LINE = re.compile(r"\[Bonjour\] device (insert|remove) lp(\d)")
 MEMORY_SLACK = 1024
-# Without the stacks that the C library would keep, what stays is the daemon's.
-AS_PACKAGED = {"GLIBC_TUNABLES": "glibc.pthread.stack_cache_size=0"}
-
 SERVICES = ("_ipp._tcp", "_pdl-datastream._tcp")
 QUESTIONS = [
     packets.query(("T5140_00-11-22-AA-BB-CC.local", "A")),
@@ -135,7 +133,7 @@ def ask_all_the_while(host, done):
 
 @pytest.mark.seconds(SECONDS + 10)
 def test_published_set_is_what_the_file_says_after_a_long_life(lab):
-    daemon = lab.router.start(environment=AS_PACKAGED)
+    daemon = lab.router.start(**as_packaged())
     life = Life(lab)
     life.crowd()
     before = usage_once_senders_ended(daemon.pid)
