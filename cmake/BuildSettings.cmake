@@ -83,6 +83,13 @@ if(BONJOUR_STATIC AND NOT DEFINED BONJOUR_STATIC_LINK_OPTIONS)
   endif()
 endif()
 
+# Code and constants lie in the same pages, as the linker has it by itself for every CPU but x86: kept
+# apart they take 8 KB more of zeros on flash, and the daemon's private memory with it.
+include(CheckCSourceCompiles)
+set(CMAKE_REQUIRED_LINK_OPTIONS -Wl,-z,noseparate-code)
+check_c_source_compiles("int main(void) { return 0; }" BONJOUR_LINKER_KNOWS_NOSEPARATE_CODE)
+unset(CMAKE_REQUIRED_LINK_OPTIONS)
+
 # The daemon needs libc at run time and nothing else: it is linked by the C compiler, with the
 # compiler's own helper routines taken from their static library. A sanitizer brings its C++
 # runtime along and is linked as the C++ compiler does.
@@ -92,6 +99,9 @@ function(bonjour_link_with_libc_only target)
   endif()
   set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
   target_link_options(${target} PRIVATE -static-libgcc -Wl,--gc-sections -Wl,--as-needed)
+  if(BONJOUR_LINKER_KNOWS_NOSEPARATE_CODE)
+    target_link_options(${target} PRIVATE -Wl,-z,noseparate-code)
+  endif()
   if(BONJOUR_STATIC)
     target_link_options(${target} PRIVATE ${BONJOUR_STATIC_LINK_OPTIONS})
   elseif(BONJOUR_HARDEN)
