@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr char kVersion[] = "v2.1";
 constexpr unsigned kStatusPollSeconds = 1;
 
 void StopHandler(int /*signal*/) { bTerminate.Set(1); }
@@ -52,7 +51,7 @@ void WaitForStop() {
 }
 
 void PrintBanner(const char* model) {
-  LogLine({"[QX] ", model, " Bonjour ", kVersion, " Start (", BONJOUR_BUILD_TIME, ")"});
+  LogLine({"[QX] ", model, " Bonjour v" BONJOUR_VERSION " Start (", BONJOUR_BUILD_TIME, ")"});
 }
 
 // A thread of the daemon could not be created: the others are told to end.
