@@ -51,7 +51,7 @@ void WaitForStop() {
 }
 
 void PrintBanner(const char* model) {
-  LogLine({"[QX] ", model, " Bonjour v" BONJOUR_VERSION " Start (", BONJOUR_BUILD_TIME, ")"});
+  LogLine({"[QX] ", model, " Bonjour v", BONJOUR_VERSION, " Start (", BONJOUR_BUILD_TIME, ")"});
 }
 
 // A thread of the daemon could not be created: the others are told to end.
