@@ -99,6 +99,7 @@ class ResponderTest : public testing::Test {
     return GetDeviceName(name, 64);
   }
   static long Count(const std::string& event) {
+    const std::lock_guard lock(eventMutex);
     return std::count(events.begin(), events.end(), event);
   }
 

@@ -3,6 +3,7 @@
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 
 import main_path
@@ -124,12 +125,44 @@ def test_device_id_is_read_under_the_filter_without_any_capability(lab):
     router.stop()
 
 
-def test_calls_of_the_main_path_are_all_documented_and_allowed(lab, tmp_path):
-    trace = tmp_path / "calls"
-    strace = ["strace", "-D", "-f", "-qq", "-e", "signal=none", "-o", str(trace)]
-    main_path.walk(lab, strace)
+@pytest.fixture
+def trace(tmp_path):
+    return tmp_path / "calls"
+
+
+def traced(trace):
+    return ["strace", "-D", "-f", "-qq", "-e", "signal=none", "-o", str(trace)]
+
+
+def calls(trace):
+    """The names of the calls in a trace, all of which are documented and allowed."""
     called = set(re.findall(r"^\d+ +(?:<\.\.\. )?([a-z]\w*)[( ]", trace.read_text(), re.MULTILINE))
-    assert {"recvfrom", "sendto", "ioctl"} <= called
-    documented = set(re.findall(r"`([a-z]\w+)`", NOTES.read_text()))
-    assert called - documented == set()
+    assert called - set(re.findall(r"`([a-z]\w+)`", NOTES.read_text())) == set()
     assert called - allowed_calls() == set()
+    return called
+
+
+def test_calls_of_the_main_path_are_all_documented_and_allowed(lab, trace):
+    main_path.walk(lab, traced(trace))
+    assert {"recvfrom", "sendto", "ioctl"} <= calls(trace)
+
+
+def test_calls_of_a_daemon_that_was_stopped_and_goes_on_are_documented_and_allowed(lab, trace):
+    """The kernel goes on with a pause that was interrupted so by a call of its own."""
+    daemon = lab.router.start(wrapper=traced(trace))
+    status = pathlib.Path(f"/proc/{daemon.pid}/status")
+
+    def stopped():
+        return re.search(r"^State:\s[Tt]", status.read_text(), re.MULTILINE)
+
+    def went_on_with_a_pause():
+        daemon.signal(signal.SIGSTOP)
+        daemon.wait_until(stopped, "the daemon is stopped")
+        daemon.signal(signal.SIGCONT)
+        daemon.wait_until(lambda: not stopped(), "the daemon goes on")
+        return "restart_syscall" in trace.read_text()
+
+    daemon.wait_until(went_on_with_a_pause, "a pause is interrupted")
+    main_path.plug_in(lab)
+    lab.router.stop()
+    assert "restart_syscall" in calls(trace)
