@@ -119,9 +119,7 @@ def answer_seeds():
     yield "browse_pdl", answering(datagram(message(question(b"_pdl-datastream._tcp.local", PTR))))
     yield "browse_both", answering(
         datagram(
-            message(
-                question(b"_ipp._tcp.local", PTR), question(b"_pdl-datastream._tcp.local", PTR)
-            )
+            message(question(b"_ipp._tcp.local", PTR), question(b"_pdl-datastream._tcp.local", PTR))
         )
     )
     yield "browse_any_domain", answering(datagram(message(question(b"_ipp._udp.example", ANY))))
@@ -147,7 +145,9 @@ def answer_seeds():
             )
         )
     )
-    yield "count_zero", answering(datagram(message(question(b"a.local", A), browse[12:], questions=0)))
+    yield "count_zero", answering(
+        datagram(message(question(b"a.local", A), browse[12:], questions=0))
+    )
     yield "count_too_large", answering(datagram(message(browse[12:], questions=65535)))
     yield "ignored_flags", answering(
         *(datagram(message(browse[12:], flags=flags)) for flags in (0x8400, 0x0100, 0x0200, 0x2800))
@@ -177,7 +177,10 @@ def answer_seeds():
         *(registered(b"S%d" % kind, kind=kind) for kind in range(8)), datagram(browse), printers=0
     )
     yield "service_texts", answering(
-        *(registered(b"T%d" % length, b"a=b\n\nc=" + b"d" * 130, length=length) for length in range(5)),
+        *(
+            registered(b"T%d" % length, b"a=b\n\nc=" + b"d" * 130, length=length)
+            for length in range(5)
+        ),
         datagram(browse),
         printers=0,
         connected=1,
@@ -188,7 +191,11 @@ def answer_seeds():
     yield "service_dots", answering(registered(b"..a..b.", b"\n\n"), datagram(browse), printers=0)
     yield "service_raw", answering(
         u8(6) + text(b"raw") + text(b"_ipp") + text(b".local") + u32(631),
-        u8(6) + text(b"r" * 140) + text(b"_ipp._tcp" + b"x" * 40) + text(b".example") + u32(1 << 31),
+        u8(6)
+        + text(b"r" * 140)
+        + text(b"_ipp._tcp" + b"x" * 40)
+        + text(b".example")
+        + u32(1 << 31),
         datagram(browse),
         printers=0,
     )
@@ -254,7 +261,9 @@ def probe_seeds():
     yield "other_case", probing(rule(DEVICE, claim.lower()), heard(claim.lower()))
     yield "eleven_others", probing(no_rule, heard_often(message(b"\1a\0"), 11))
     yield "twelve_others", probing(no_rule, heard_often(message(b"\1a\0"), 12))
-    yield "others_then_claim", probing(no_rule, heard_often(b"x", 11), echoed(), heard_often(b"x", 16))
+    yield "others_then_claim", probing(
+        no_rule, heard_often(b"x", 11), echoed(), heard_often(b"x", 16)
+    )
     yield "thousand_claims", probing(no_rule, echoed_often(1001))
     yield "no_room_for_number", probing(no_rule, echoed_often(3), device=b"a" * 64)
     yield "room_for_one_digit", probing(no_rule, echoed_often(12), device=b"a" * 62)
@@ -316,17 +325,25 @@ def status_seeds():
     two = printer(0) + printer(1, b"Canon", b"LBP 6", b"UFR,PCL")
     yield "one_printer", monitored(fresh(one), fresh(one), fresh(b""))
     yield "two_printers", monitored(fresh(one), fresh(two), fresh(printer(1)), connected=0)
-    yield "ten_printers", monitored(fresh(b"".join(printer(port) for port in range(10))), fresh(b""))
+    yield "ten_printers", monitored(
+        fresh(b"".join(printer(port) for port in range(10))), fresh(b"")
+    )
     yield "unreadable", monitored(fresh(one), looked(UNREADABLE), fresh(b""))
     yield "each_kind", monitored(*(fresh(one, build=(0, kind)) for kind in range(6)))
     yield "cut_file", monitored(
-        *(part for size in (8, 20, 19, 11, 10, 7, 5) for part in (fresh(two), looked(CUT, u16(size))))
+        *(
+            part
+            for size in (8, 20, 19, 11, 10, 7, 5)
+            for part in (fresh(two), looked(CUT, u16(size)))
+        )
     )
     yield "growing_file", monitored(
         fresh(one[:10]), looked(MORE, block(one[10:25])), looked(MORE, block(one[25:]))
     )
     yield "cut_under_builder", monitored(fresh(one, built_cut=16), fresh(one), fresh(b""))
-    yield "same_port_twice", monitored(fresh(printer(3) + printer(3, b"Brother", b"HL")), fresh(b""))
+    yield "same_port_twice", monitored(
+        fresh(printer(3) + printer(3, b"Brother", b"HL")), fresh(b"")
+    )
     yield "changed_while_there", monitored(
         fresh(printer(2)), fresh(printer(2, b"Epson")), fresh(b""), fresh(printer(2)), fresh(b"")
     )
@@ -369,7 +386,9 @@ def status_seeds():
         device=b"d" * 64,
     )
     yield "no_commands", monitored(fresh(printer(9, commands=b""), build=(9, 1)))
-    yield "full_file", monitored(fresh(printer(0) + printer(1), repeat=255), fresh(b"x" * 200, repeat=255))
+    yield "full_file", monitored(
+        fresh(printer(0) + printer(1), repeat=255), fresh(b"x" * 200, repeat=255)
+    )
     yield "full_file_last_record", monitored(fresh(b"y" * 160 + b"\n" * 5 + one, repeat=240))
     yield "zero_byte", monitored(fresh(one + b"\0" + printer(1)), fresh(b"\0" + one))
     yield "line_feeds", monitored(fresh(b"\n" * 250, repeat=200), fresh(b"usblp0" + b"\n" * 20))
@@ -416,7 +435,9 @@ QUESTION, ANSWER, AUTHORITY = 3, 0, 2
 KINDS = {A: 0, PTR: 1, TXT: 2, SRV: 3, NSEC: 4, ANY: 5, AAAA: 6, 257: 7}
 
 
-def put(kind, owner=b"host.local", data=b"", section=ANSWER, flush=0, repeat=None, ttl=120, port=631):
+def put(
+    kind, owner=b"host.local", data=b"", section=ANSWER, flush=0, repeat=None, ttl=120, port=631
+):
     what = flush << 7 | (0 if repeat is None else 64) | KINDS[kind]
     field = u8(section) + u8(what) + text(owner) + block(data)
     if repeat is not None:
@@ -465,7 +486,9 @@ def encode_seeds():
     yield "full_fields", encoded(
         plain, put(TXT, b"abcdefgh.", b"0123456789\n", repeat=250), put(PTR, b"x", b"y", repeat=250)
     )
-    yield "empty_texts", encoded(labels(b"..."), put(PTR, b"", b""), put(TXT, b"", b"\n"), put(SRV, b"", b""))
+    yield "empty_texts", encoded(
+        labels(b"..."), put(PTR, b"", b""), put(TXT, b"", b"\n"), put(SRV, b"", b"")
+    )
     yield "bad_address", encoded(plain, put(A, data=b"192.168.1.256"), put(A, data=b""))
 
 
@@ -502,7 +525,9 @@ def registry_seeds():
     yield "one_service", sequence(
         step(REGISTER, b"Office", txt=b"txtvers=1\nqtotal=1"), step(UNREGISTER, b"Office")
     )
-    yield "not_connected", sequence(step(REGISTER, b"Office"), step(UNREGISTER, b"Office"), connected=0)
+    yield "not_connected", sequence(
+        step(REGISTER, b"Office"), step(UNREGISTER, b"Office"), connected=0
+    )
     yield "each_type", sequence(
         *(step(REGISTER, b"Office", index=index, port=9100) for index in range(4)),
         step(FIRST),
@@ -531,11 +556,23 @@ def registry_seeds():
     yield "types", sequence(
         *(
             step(REGISTER, b"Office", kind)
-            for kind in (b"", b"ipp._tcp", b"_._tcp", b"_ipp.tcp", b"_ipp", b"_ipp.", b"_i._", b"_a.b_")
+            for kind in (
+                b"",
+                b"ipp._tcp",
+                b"_._tcp",
+                b"_ipp.tcp",
+                b"_ipp",
+                b"_ipp.",
+                b"_i._",
+                b"_a.b_",
+            )
         )
     )
     yield "domains", sequence(
-        *(step(REGISTER, b"Office", domain=domain) for domain in (b"local", b".LOCAL", b".local.", b""))
+        *(
+            step(REGISTER, b"Office", domain=domain)
+            for domain in (b"local", b".LOCAL", b".local.", b"")
+        )
     )
     yield "numbers", sequence(
         *(step(REGISTER, b"p%d" % port, port=port) for port in (0, 65535, 65536, 0xFFFFFFFF)),
@@ -565,7 +602,10 @@ def registry_seeds():
         step(UNREGISTER, b"b"),
     )
     yield "other_operations", sequence(
-        step(ADD, b"a"), step(OTHER, b"a") + u8(0), step(RENAME) + u8(0) + text(b"renamed"), step(REGISTER, b"b")
+        step(ADD, b"a"),
+        step(OTHER, b"a") + u8(0),
+        step(RENAME) + u8(0) + text(b"renamed"),
+        step(REGISTER, b"b"),
     )
 
 

@@ -4,6 +4,7 @@ import argparse
 import os
 import pathlib
 import re
+import shlex
 import signal
 import sys
 import textwrap
@@ -39,7 +40,7 @@ def _table(head, rows):
         return "    " + "   ".join(map(str.ljust, row, widths)).rstrip()
 
     print(f"\n{_styled('1', line(head))}")
-    print(line(["─" * width for width in widths]))
+    print(line(["-" * width for width in widths]))
     print("\n".join(map(line, rows)), end="\n\n", flush=True)
 
 
@@ -163,16 +164,21 @@ class Demo:
 
 def _how_to_look_in(demo):
     router, host = demo.router, demo.host
-    python = f"env PYTHONPATH={ROOT} /usr/bin/python3"
+    python = f"env PYTHONPATH={shlex.quote(str(ROOT))} /usr/bin/python3 -B"
+    sandbox = f"/proc/{router.sandbox.pid}/ns"
+    on_router = f"--mount={sandbox}/mnt --pid={sandbox}/pid_for_children"
     text = f"""
         The lab stands. From another terminal, as root:
 
         # what the router's kernel says of its printers; each change is noticed within a second
         cat {router.status_file.path}
-        : > {router.status_file.path}
+
+        # plug a printer in, and pull it out
+        {python} -m lab.plug {router.status_file.path} in Epson 'Stylus C62' ESCPL2,BDC
+        {python} -m lab.plug {router.status_file.path} out 'Stylus C62'
 
         # a shell on the router, and one on the host
-        nsenter --mount=/proc/{router.sandbox.pid}/ns/mnt --net={router.network.path} bash
+        nsenter {on_router} --net={router.network.path} bash
         nsenter --net={host.network.path} bash
 
         # questions from the host
@@ -191,13 +197,21 @@ def _how_to_look_in(demo):
 
 
 def _stand(demo):
-    print(_how_to_look_in(demo))
     daemon = demo.router.daemon
-    daemon.lines.follow(lambda line: print(f"  | {line.text}", flush=True))
+    standing = True
+
+    def tell_end():
+        status = daemon.wait_for_exit()
+        if standing:
+            print(f"The daemon has ended with status {status}. The lab still stands.", flush=True)
+
     try:
-        input()
-    except EOFError:  # nobody at the terminal: until a signal
-        signal.pause()
+        print(_how_to_look_in(demo))
+        daemon.lines.follow(lambda line: print(f"  | {line.text}", flush=True), tell_end)
+        if not sys.stdin or not sys.stdin.readline():  # nobody at the terminal: until a signal
+            signal.pause()
+    finally:
+        standing = False
 
 
 def _story(lab, keep):
@@ -224,6 +238,9 @@ def main():
         "--keep", action="store_true", help="leave the lab standing until Enter or Ctrl-C"
     )
     options = parser.parse_args()
+    # Whoever reads this may stop doing so. The lab goes with this process however it ends.
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+    sys.stdout.reconfigure(errors="backslashreplace")
     signal.signal(signal.SIGTERM, _end_on_signal)
     signal.signal(signal.SIGHUP, _end_on_signal)
     begun = time.monotonic()
@@ -234,7 +251,9 @@ def main():
         print()
         return 0 if options.keep else 130
     if not options.keep:
-        print(f"\nThat was all, in {time.monotonic() - begun:.1f} s. ./demo --keep stays to explore.")
+        print(
+            f"\nThat was all, in {time.monotonic() - begun:.1f} s. ./demo --keep stays to explore."
+        )
     return 0
 
 

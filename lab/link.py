@@ -16,7 +16,7 @@ class Link:
         )
 
     def plug_in(self, network, name, mac=None):
-        """Gives `network` an interface `name` at this link, up, with a hardware address if given."""
+        """Gives `network` an interface `name` at this link, up, with that hardware address."""
         port = f"port{self._ports}"
         self._ports += 1
         far_end = self.network.descriptor

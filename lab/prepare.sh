@@ -1,3 +1,4 @@
+# shellcheck shell=sh
 # For ./demo and ./test: what has to be on the machine, and the builds. Sourced at the tree's root.
 
 require_root() {
@@ -11,7 +12,8 @@ require_root() {
 require_packages() {
   missing=
   for group in "$@"; do
-    for package in $(sed -n "s/^$group //p" packages.txt); do
+    packages=$(sed -n "s/^$group //p" packages.txt)
+    for package in $packages; do
       case $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) in
         installed) ;;
         *) missing="$missing $package" ;;
@@ -29,23 +31,14 @@ require_packages() {
 
 # quietly COMMAND...: shows what it prints only if it fails.
 quietly() {
-  printed=$(mktemp)
-  if "$@" > "$printed" 2>&1 < /dev/null; then
-    rm -f "$printed"
-  else
+  printed=$("$@" 2>&1 < /dev/null) || {
     status=$?
-    cat "$printed" >&2
-    rm -f "$printed"
-    echo "failed: $*" >&2
+    printf '%s\nfailed: %s\n' "$printed" "$*" >&2
     return $status
-  fi
+  }
 }
 
 # build PRESET [TARGET...]
 build() {
-  preset=$1
-  shift
-  [ $# = 0 ] || set -- --target "$@"
-  quietly cmake --preset "$preset"
-  quietly cmake --build --preset "$preset" "$@"
+  /usr/bin/python3 -B lab/build.py "$@"
 }

@@ -9,6 +9,7 @@ import subprocess
 from lab.openwatch import OpenWatch
 
 STATUS_FILE = "/proc/printer_status"
+PORTS = range(10)
 _DEVICE_TOOL = "usblp_device"
 
 

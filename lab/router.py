@@ -1,4 +1,4 @@
-"""A router: a network with the bridge br0 on the link, its printers, and the daemon running on it."""
+"""A router: a network with the bridge br0 on the link, its printers, and the daemon on it."""
 
 import signal
 import time

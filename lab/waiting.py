@@ -39,9 +39,9 @@ class Journal:
         with self._changed:
             return self._items[since:]
 
-    def follow(self, take):
-        """Gives every item to `take`, those so far now and later ones as they come, until the
-        journal is closed. A thread of its own does so."""
+    def follow(self, take, at_end):
+        """Gives every item to `take`, those so far now and later ones as they come; once the
+        journal is closed calls `at_end`. A thread of its own does so."""
 
         def run():
             position = 0
@@ -53,6 +53,7 @@ class Journal:
                     take(item)
                 position += len(fresh)
                 if not fresh:
+                    at_end()
                     return
 
         threading.Thread(target=run, daemon=True).start()
