@@ -9,7 +9,9 @@ import pytest
 HERE = pathlib.Path(__file__).resolve().parent
 PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-header"]
 
+# Seconds before a test is given up, on a machine that is many times too busy.
 TIMEOUT = 240
+TIMEOUT_FACTOR = 15
 
 
 class Collector:
@@ -42,17 +44,20 @@ def entries(items, options):
     captures = options.build / "lab-captures" / group
     fixture = f"captures-{options.build.name}-{group}"
     environment = [
-        f"BONJOUR={options.bonjour}",
-        f"BONJOUR_USBLP_DEVICE={options.device}",
+        f"BONJOUR={options.build / 'bonjour'}",
+        f"BONJOUR_USBLP_DEVICE={options.build / 'lab/usblp_device'}",
         f"BONJOUR_LAB_CAPTURES={captures}",
         f"BONJOUR_LAB_FAILURES={options.build / 'lab-failures'}",
         f"PYTHONPATH={HERE.parent}",
         "PYTEST_DISABLE_PLUGIN_AUTOLOAD=1",
-        "PYTHONDONTWRITEBYTECODE=1",
+        # Each test is a process: what is compiled once serves all, of every build.
+        "PYTHONDONTWRITEBYTECODE=",
+        f"PYTHONPYCACHEPREFIX={options.build.parent / 'pycache'}",
     ]
 
-    def entry(name, command, *properties):
-        common = ["LABELS", group, "TIMEOUT", TIMEOUT, "WORKING_DIRECTORY", HERE]
+    def entry(name, command, *properties, seconds=3):
+        timeout = max(TIMEOUT, TIMEOUT_FACTOR * seconds)
+        common = ["LABELS", group, "TIMEOUT", timeout, "COST", seconds, "WORKING_DIRECTORY", HERE]
         words = [*common, *properties, "ENVIRONMENT", ";".join(environment)]
         return (
             f"add_test({quoted([name, *command])})\n"
@@ -73,8 +78,8 @@ def entries(items, options):
             test_name(options, module, item.name.removeprefix("test_")),
             [*PYTEST, item.nodeid],
             *(("FIXTURES_REQUIRED", fixture) if item in captured else ()),
-            *("COST", mark.args[0] if mark else 3),
             *("RUN_SERIAL", item.get_closest_marker("alone") is not None),
+            seconds=mark.args[0] if mark else 3,
         )
     if captured:
         yield entry(
@@ -87,7 +92,7 @@ def entries(items, options):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--group", required=True)
-    for option in ("output", "bonjour", "device", "build"):
+    for option in ("output", "build"):
         parser.add_argument(f"--{option}", type=pathlib.Path, required=True)
     options = parser.parse_args()
     collector = Collector()

@@ -1,0 +1,169 @@
+"""What ./test does, once Python is there."""
+
+import os
+import pathlib
+import shutil
+import signal
+import sys
+import time
+
+import builds
+import options as command_line
+import processes
+from builds import PYTHON
+from suite import Suite, listed
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+FOLDERS = ("app", "base", "mdns", "records", "printer")
+
+
+def need(what, *command):
+    """Runs a command that says itself why it fails; ends the process then."""
+    status = processes.run(command)
+    if status != 0:
+        sys.exit(status)
+
+
+def install(*groups):
+    """Installs the packages of these groups of packages.txt."""
+    script = '. lab/prepare.sh && require_root && require_packages "$@"'
+    need("packages", "sh", "-c", script, "./test", *groups)
+
+
+def prepare(*groups):
+    install(*groups)
+    need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+
+
+def selection(options):
+    """The arguments of ctest that choose the tests."""
+    chosen = []
+    if options.groups:
+        chosen += ["--label-regex", f"^({'|'.join(options.groups)})$"]
+    if options.name is not None:
+        chosen += ["--tests-regex", options.name]
+    return chosen
+
+
+def groups_in(preset, groups):
+    if preset == "release":
+        return list(groups)
+    return [group for group in groups if group not in command_line.RELEASE_GROUPS]
+
+
+def show_list(options):
+    """Names the tests; how far the builds are goes to standard error, apart from the names."""
+    for preset in options.presets:
+        groups = groups_in(preset, options.groups or command_line.GROUPS)
+        if builds.build(preset, [f"{group}_list" for group in groups], sys.stderr) != 0:
+            return 1
+        names = listed(preset, selection(options))
+        if not names:
+            sys.exit(f"./test: no test of {preset} is meant")
+        print("\n".join(names))
+    return 0
+
+
+def run_tests(options):
+    start = time.monotonic()
+    suite = Suite(options.jobs)
+    targets = {
+        preset: [f"{group}_tests" for group in groups_in(preset, options.groups)]
+        for preset in options.presets
+    }
+    # The build clang is the checks that its compiler made; its tests would be the release build's
+    # again.
+    tested = [preset for preset in options.presets if preset != "clang"] or options.presets
+    for preset in builds.Builds(targets):
+        if preset in tested:
+            suite.run(preset, selection(options))
+    status = suite.report()
+    print(f"Total time {time.monotonic() - start:.0f} s")
+    return status
+
+
+def cover(options):
+    suite = Suite(options.jobs)
+    (directory,) = options.presets
+    if builds.build(directory, [f"{group}_tests" for group in options.groups]) != 0:
+        return 1
+    # Nothing that ran before counts.
+    for counts in pathlib.Path("build", directory).rglob("*.gcda"):
+        counts.unlink()
+    suite.run(directory, selection(options))
+    if suite.report() != 0:
+        return 1
+    report = pathlib.Path("build", directory, "report")
+    report.mkdir(exist_ok=True)
+    counts = report / "counts.json"
+    filters = "|".join(f"{folder}/" for folder in FOLDERS)
+    need(
+        "gcovr", "gcovr", "--root", ".", "--filter", filters, "--json", counts, f"build/{directory}"
+    )
+    show = ["gcovr", "--add-tracefile", counts, "--txt", "-"]
+    need("gcovr", *show, "--html-details", report / "index.html")
+    print(f"Line by line: {report}/index.html", flush=True)
+    return processes.run(
+        [*show, "--branches", "--fail-under-line", "100", "--fail-under-branch", "95"]
+    )
+
+
+def soak(options):
+    prepare("build", "test")
+    if builds.build("release", ["hostile_tests"]) != 0:
+        return 1
+    own = {
+        "PYTHONPATH": str(ROOT),
+        "PYTHONDONTWRITEBYTECODE": "1",
+        "BONJOUR_SOAK_SECONDS": str(options.count),
+    }
+    pytest = [PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider"]
+    return processes.run([*pytest, "tests/hostile/test_soak.py"], env={**os.environ, **own})
+
+
+def mutate(options):
+    prepare("build", "test", "mutants")
+    return processes.run(["tests/mutate", "--mutants", options.count])
+
+
+def fuzz(options):
+    install("build", "fuzz")
+    return processes.run(["fuzz/run", options.count])
+
+
+def build_targets(_):
+    return processes.run(["tests/targets"])
+
+
+def main():
+    options = command_line.parse(sys.argv[1:])
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    # What is left over by tools and tests goes with it.
+    temporary = processes.temporary_directory()
+    os.chdir(ROOT)
+    long_runs = {"mutants": mutate, "soak": soak, "fuzz": fuzz, "targets": build_targets}
+    try:
+        if options.long_run in long_runs:
+            return long_runs[options.long_run](options)
+        if options.long_run == command_line.COVERAGE:
+            prepare("build", "test", "coverage")
+            return cover(options)
+        if options.list:
+            install("build", "test")
+            return show_list(options)
+        prepare("build", "test")
+        return run_tests(options)
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
+    except BrokenPipeError:
+        # What is still to be printed has no reader either.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 128 + signal.SIGPIPE
+    finally:
+        processes.end_all()
+        shutil.rmtree(temporary, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
