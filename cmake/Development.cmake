@@ -22,6 +22,8 @@ if(BONJOUR_LAB)
   bonjour_add_lab_tests(system)
   bonjour_add_lab_tests(hostile)
   bonjour_add_lab_tests(faults)
+  bonjour_add_lab_tests(runner)
+  bonjour_add_lab_tests(style)
   # A sanitizer's runtime needs more files and system calls than the daemon. How it is built by
   # others has nothing to do with this build.
   if(NOT BONJOUR_SANITIZE)

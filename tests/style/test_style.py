@@ -1,0 +1,56 @@
+"""The sources look alike, and the linters of their languages have nothing to say."""
+
+import pathlib
+import re
+import subprocess
+
+import pytest
+
+pytestmark = pytest.mark.release
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+# No sources of this project.
+NOT_LOOKED_AT = re.compile(r"(build|\..*)")
+SHELL = re.compile(rb"#!.*\b(ba|da|a)?sh\b")
+PYTHON = re.compile(rb"#!.*\bpython3\b")
+
+
+def files(directory=ROOT):
+    for path in sorted(directory.iterdir()):
+        if path.is_symlink():
+            continue
+        if path.is_file():
+            yield path
+        elif path.name == ".ci" or not NOT_LOOKED_AT.fullmatch(path.name):
+            yield from files(path)
+
+
+def sources(suffixes, first_line):
+    """The files of one language, by their names or by their first line."""
+
+    def is_meant(path):
+        if path.suffix in suffixes:
+            return True
+        with open(path, "rb") as file:
+            return bool(first_line and first_line.match(file.readline()))
+
+    found = [path.relative_to(ROOT) for path in files() if is_meant(path)]
+    assert found, "nothing to look at"
+    return found
+
+
+def check(linter, found):
+    done = subprocess.run([*linter, *found], cwd=ROOT, capture_output=True, text=True)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_c_and_cpp_are_formatted():
+    check(["clang-format", "--dry-run", "-Werror"], sources({".c", ".cpp", ".h"}, None))
+
+
+def test_shellcheck_finds_nothing():
+    check(["shellcheck"], sources({".sh"}, SHELL))
+
+
+def test_flake8_finds_nothing():
+    check(["flake8"], sources({".py"}, PYTHON))
