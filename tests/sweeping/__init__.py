@@ -1,0 +1,1 @@
+"""The sweep of every call that the daemon makes: see tests/sweep."""
