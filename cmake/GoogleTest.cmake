@@ -1,6 +1,7 @@
-# GoogleTest with its module for CMake: the machine's own, or for another machine built from the same
-# package's sources.
-if(CMAKE_CROSSCOMPILING)
+# GoogleTest with its module for CMake: the machine's own, or built from the same package's sources
+# for another machine and for MemorySanitizer, which wants all code instrumented.
+include(${CMAKE_CURRENT_LIST_DIR}/MemorySanitizer.cmake)
+if(CMAKE_CROSSCOMPILING OR BONJOUR_SANITIZE STREQUAL "memory")
   set(BONJOUR_GOOGLETEST_SOURCES /usr/src/googletest CACHE PATH "Sources of GoogleTest")
   block()
     set(INSTALL_GTEST OFF)
