@@ -87,11 +87,12 @@ class Expectation:
         self.registry = {}
         self.taken = 0
         self.spare_descriptors = 0
+        # The jobs that are left when nothing is being sent.
+        self.mappings = 0
         self._asker = asker
         self._texts = {}
         self._kept_texts = []
         self._has_work_buffer = False
-        self._has_left_job = False
         # The threads: what each still has to do, and its calls that were not looked at yet.
         self._threads = {}
         self._waiting = collections.defaultdict(collections.deque)
@@ -101,7 +102,7 @@ class Expectation:
     def blocks(self):
         """The heap blocks that the daemon holds."""
         texts = sum(text is not None for text in self._texts.values()) + len(self._kept_texts)
-        return texts + len(self.registry) + self._has_work_buffer + self._has_left_job
+        return texts + len(self.registry) + self._has_work_buffer
 
     @property
     def descriptors(self):
@@ -288,18 +289,20 @@ class Expectation:
     # Senders
 
     def _send(self, payload):
-        """Hands a packet to a sender of its own."""
-        if self._has_left_job:
-            self._has_left_job = False
-        elif failed((yield from self._call("malloc"))):
+        """Hands a packet to a sender of its own, in a job of its own. The job of a sender that
+        ended or could not be started carries a later packet."""
+        call = yield from self._call("mmap", "pthread_create")
+        if call.function == "mmap":
+            if failed(call):
+                return
+            self.mappings = 1
+            call = yield from self._call("pthread_create")
+        elif self.mappings == 0:
+            raise Unexpected(f"a job was due: {call}")
+        if failed(call):
+            yield from self._error(NO_SHORT_THREAD, call)
             return
-        started = yield from self._call("pthread_create")
-        if failed(started):
-            # The job carries the next packet.
-            self._has_left_job = True
-            yield from self._error(NO_SHORT_THREAD, started)
-            return
-        self._begin(started.result, self._to_its_end(self._sender(payload)))
+        self._begin(call.result, self._to_its_end(self._sender(payload)))
 
     def _sender(self, payload):
         for _ in range(TRANSMISSIONS):

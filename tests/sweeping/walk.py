@@ -28,8 +28,8 @@ WAYS = {
 
 # How a function fails: once, and while it fails for a second.
 ERRORS = {
-    "malloc": ("ENOMEM", "ENOMEM"),
     "calloc": ("ENOMEM", "ENOMEM"),
+    "mmap": ("ENOMEM", "EAGAIN"),
     "pthread_create": ("EAGAIN", "EAGAIN"),
     "socket": ("EMFILE", "ENOBUFS"),
     "setsockopt": ("ENOPROTOOPT", "ENOMEM"),
@@ -309,9 +309,12 @@ class Walk:
         self._daemon.wait_until(lambda: self._daemon.threads() == live, f"{live} threads")
         held = [name for name in descriptors(pid) if name not in INHERITED]
         assert held == self._expected.descriptors, held
-        assert self._board.blocks == self._expected.blocks, (
-            f"{self._board.blocks} heap blocks are held instead of {self._expected.blocks}"
-        )
+        self._check_memory()
+
+    def _check_memory(self):
+        held = (self._board.blocks, self._board.mappings)
+        wanted = (self._expected.blocks, self._expected.mappings)
+        assert held == wanted, f"heap blocks and mappings: {held} are held instead of {wanted}"
 
     def _stop(self):
         self._check_holdings()
@@ -352,9 +355,7 @@ class Walk:
         self._daemon.check_clean()
         left = [number for number in self._live if number != 0]
         assert not left, f"threads that did not end: {left}"
-        assert self._board.blocks == expected.blocks, (
-            f"{self._board.blocks} heap blocks are left instead of {expected.blocks}"
-        )
+        self._check_memory()
         for stream, name in ((STDOUT, "stdout"), (STDERR, "stderr")):
             _compare(self._daemon.texts(name), expected.lines[stream], f"lines of {name}")
         sent = [packet.payload for packet in self._lab.sent(self._since)]

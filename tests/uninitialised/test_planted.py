@@ -12,9 +12,8 @@ from tools import ROOT
 # What is changed in which source: one of the bytes that leave is one that nobody wrote.
 PLANTS = {
     "packet": (
-        "records/sender.cpp",
-        ("memset(job.data + copied, 0, sizeof(job.data) - copied);", ""),
-        ("job.length = length;", "job.length = length + 1;"),
+        "records/compose.cpp",
+        ("  memset(packet.bytes, 0, static_cast<size_t>(packet.capacity));\n", ""),
     ),
     "line": ("base/log.cpp", ("line[length++] = '\\n';", "line[++length] = '\\n'; ++length;")),
 }
