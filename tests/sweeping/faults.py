@@ -1,12 +1,31 @@
 """Which calls the daemon makes on its way, and so which faults there are."""
 
 import itertools
+import subprocess
 
 from sweeping.walk import ERRORS, Fault
 
 # A thread that makes the same call again and again is polling: so many of these are swept. The
 # longest series that is none are the datagrams that end the probe.
 SERIES_MAX = 12
+
+# What the daemon calls and what does not fail: on memory alone, with valid arguments alone, or
+# without a failure that it could tell.
+CANNOT_FAIL = frozenset(
+    "__errno_location __libc_start_main __snprintf_chk __stack_chk_fail free inet_addr memchr "
+    "memcmp munmap pthread_attr_destroy pthread_attr_init pthread_attr_setdetachstate "
+    "pthread_cond_destroy pthread_join pthread_mutex_destroy pthread_mutex_lock "
+    "pthread_mutex_unlock pthread_sigmask sigaddset sigemptyset signal strchr strcmp strerror "
+    "strlen strncmp strnlen memcpy memset".split()
+)
+
+
+def unknown_calls(binary):
+    """What a program calls of libc that is neither swept nor known not to fail."""
+    listed = subprocess.run(["nm", "-D", "-P", binary], check=True, capture_output=True, text=True)
+    symbols = (line.split() for line in listed.stdout.splitlines())
+    called = {name.partition("@")[0] for name, kind, *_ in symbols if kind == "U"}
+    return called - ERRORS.keys() - CANNOT_FAIL
 
 
 def _numbers(calls, function):

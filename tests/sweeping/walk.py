@@ -9,6 +9,7 @@ import time
 
 from board import FIRST_DETACHED, SENDER, THREAD_END, Board, descriptors
 from lab import packets
+from lab.usage import usage
 from lab.waiting import PATIENCE, TimedOut
 from sweeping.expected import PACKETS_THAT_END_THE_PROBE, STDERR, STDOUT, Expectation, Question
 from sweeping.expected import Unexpected, questions
@@ -112,6 +113,10 @@ class Made:
 
 class Gone(Exception):
     """The daemon ended by itself."""
+
+
+class NotReached(AssertionError):
+    """The daemon did not make the call that was to fail."""
 
 
 @functools.lru_cache(maxsize=None)
@@ -306,7 +311,7 @@ class Walk:
         """What a daemon at rest holds."""
         pid = self._daemon.pid
         live = len(self._live)
-        self._daemon.wait_until(lambda: self._daemon.threads() == live, f"{live} threads")
+        self._daemon.wait_until(lambda: usage(pid).threads == live, f"{live} threads")
         held = [name for name in descriptors(pid) if name not in INHERITED]
         assert held == self._expected.descriptors, held
         self._check_memory()
@@ -347,8 +352,6 @@ class Walk:
         self._daemon.wait_for_exit()
         self._look()
         expected = self._expected
-        if self._rule:
-            assert self._rule.hits > 0, "the fault was never reached"
         expected.check_fed()
         if expected.unfinished:
             raise Unexpected(f"threads {expected.unfinished} ended before they had done all")
@@ -363,6 +366,8 @@ class Walk:
             _check_form(payload)
         _compare(sent, expected.packets.elements(), "packets")
         self._check_effort()
+        if self._rule and self._rule.hits == 0:
+            raise NotReached("the fault was never reached")
 
     def _check_effort(self):
         used = self._board.processor_seconds

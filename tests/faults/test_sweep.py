@@ -1,0 +1,42 @@
+"""What the sweep of every call stands on: see tests/sweep, which is run by option."""
+
+import pytest
+from lab.daemon import binary
+from sweeping.faults import unknown_calls
+from sweeping.walk import Fault, Walk, prepare
+
+# A call of each thread whose failure the description has to follow.
+FAULTS = [
+    Fault("start", 0, "ioctl", 0),
+    Fault("start", 1, "pthread_create", 1),
+    Fault("printers in", 4, "calloc", 4, lasts=True),
+    Fault("questions", 3, "socket", 2, lasts=True),
+    Fault("one out, one in", -2, "sendto", 4),
+    Fault("stop", 1, "calloc", 1, lasts=True),
+]
+
+
+@pytest.mark.release
+def test_every_function_that_the_daemon_calls_is_swept_or_cannot_fail():
+    assert unknown_calls(binary()) == set()
+
+
+def go(lab, path, **how):
+    prepare(lab)
+    walk = Walk(lab, path, **how)
+    try:
+        walk.run()
+    finally:
+        walk.close()
+
+
+@pytest.mark.seconds(8)
+@pytest.mark.parametrize("on_sockets", [False, True], ids=["pipes", "sockets"])
+def test_daemon_without_a_fault_does_what_the_sweep_describes(lab, tmp_path, on_sockets):
+    go(lab, tmp_path / "board", on_sockets=on_sockets)
+
+
+@pytest.mark.seconds(8)
+@pytest.mark.parametrize("fault", FAULTS, ids=str)
+def test_daemon_with_a_fault_does_what_the_sweep_describes(lab, tmp_path, fault):
+    go(lab, tmp_path / "board", fault=fault)
