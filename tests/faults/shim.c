@@ -100,13 +100,13 @@ struct Record {
 };
 
 struct Board {
-  int32_t attached;  /* 1 once the library is in the program */
-  int32_t joinable;  /* joinable threads that the program started */
-  int64_t blocks;    /* heap blocks that the program took and did not give back */
-  int32_t recording; /* set by the test */
-  int32_t recorded;  /* calls since then; those beyond kRecords are not kept */
-  int32_t detached;  /* detached threads that the program started */
-  int32_t mappings;  /* memory mappings likewise */
+  int32_t attached;      /* 1 once the library is in the program */
+  int32_t joinable;      /* joinable threads that the program started */
+  int64_t blocks;        /* heap blocks that the program took and did not give back */
+  int32_t recording;     /* set by the test */
+  int32_t recorded;      /* calls since then; those beyond kRecords are not kept */
+  int32_t detached;      /* detached threads that the program started */
+  int32_t mappings;      /* memory mappings likewise */
   int64_t processorTime; /* in nanoseconds, written when the program ends */
   struct Rule rules[kRules];
   struct Record records[kRecords];
