@@ -62,6 +62,10 @@ MAY_BE_REPEATED = frozenset(("recvfrom", "sleep", "usleep", "sigsuspend"))
 TRIES_IN_AN_OUTAGE = 30
 PROCESSOR_SECONDS = 1.0
 
+# The pause in microseconds with which a stop looks whether something is being sent, and how often.
+POLL_OF_A_STOP = 10000
+POLLS_OF_A_STOP = 150
+
 # Descriptors that the lab's own helpers hand down.
 INHERITED = ("mnt", "net")
 
@@ -115,8 +119,8 @@ class Gone(Exception):
     """The daemon ended by itself."""
 
 
-class NotReached(AssertionError):
-    """The daemon did not make the call that was to fail."""
+class Unsuited(AssertionError):
+    """The way says nothing about the fault: the machine was too busy for it."""
 
 
 @functools.lru_cache(maxsize=None)
@@ -351,6 +355,7 @@ class Walk:
     def _check(self):
         self._daemon.wait_for_exit()
         self._look()
+        self._check_pace()
         expected = self._expected
         expected.check_fed()
         if expected.unfinished:
@@ -367,7 +372,15 @@ class Walk:
         _compare(sent, expected.packets.elements(), "packets")
         self._check_effort()
         if self._rule and self._rule.hits == 0:
-            raise NotReached("the fault was never reached")
+            raise Unsuited("the fault was never reached")
+
+    def _check_pace(self):
+        """A stop waits for what is being sent twice as long as that takes, and no longer."""
+        asleep = [call.about for call in self._calls if call.function == "usleep"]
+        polls = asleep.count(POLL_OF_A_STOP)
+        may_be_short = self._fault and self._fault.function == "usleep" and self._fault.lasts
+        if polls >= POLLS_OF_A_STOP and not may_be_short:
+            raise Unsuited("a sender took more than twice its time")
 
     def _check_effort(self):
         used = self._board.processor_seconds
