@@ -19,7 +19,13 @@ def flood(lab, question, rate, seconds):
     """Asks `question` `rate` times a second; returns what flood counted, and the peak usage."""
     with lab.host.network.entered():
         asking = subprocess.Popen(
-            [device_tool().with_name("flood"), lab.host.address, question.hex(), str(rate), str(seconds)],
+            [
+                device_tool().with_name("flood"),
+                lab.host.address,
+                question.hex(),
+                str(rate),
+                str(seconds),
+            ],
             stdout=subprocess.PIPE,
             text=True,
         )

@@ -109,7 +109,8 @@ class PeakUsage:
 
     def __str__(self):
         return (
-            f"{self.threads} threads, {self.memory} KiB, kernel: {self.kernel_stacks} KiB of stacks, "
+            f"{self.threads} threads, {self.memory} KiB, "
+            f"kernel: {self.kernel_stacks} KiB of stacks, "
             f"{self.slab} KiB of slab; at one moment {self.total} KiB"
         )
 

@@ -1,4 +1,4 @@
-"""What every test in the lab starts from: a lab of its own, checked and cleaned when the test ends."""
+"""What every test in the lab starts from: a lab of its own, checked and cleaned at its end."""
 
 import os
 import pathlib

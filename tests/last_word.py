@@ -63,8 +63,8 @@ class Moment:
     before: float = None  # seconds from one question to the signal
     behind: float = None  # seconds from the signal to one question
     coming: bool = False  # the printers are plugged in at that moment
-    # They are pulled out at that moment. Not for a link with questions: the monitor's goodbye may meet
-    # an answer that is under way, as it may without a stop.
+    # They are pulled out at that moment. Not for a link with questions: the monitor's goodbye may
+    # meet an answer that is under way, as it may without a stop.
     going: bool = False
 
 
@@ -108,7 +108,11 @@ def _wait_until_announced(lab, since, count):
 
 def _wait_for_answers(daemon, count):
     daemon.lines.wait(
-        lambda line: line.text.startswith("[Bonjour] answer("), count, daemon.mark(), 10.0, "answers"
+        lambda line: line.text.startswith("[Bonjour] answer("),
+        count,
+        daemon.mark(),
+        10.0,
+        "answers",
     )
 
 

@@ -176,7 +176,7 @@ def test_no_sender_thread_is_reported_and_its_job_carries_the_next_packet(
     before.check()
 
 
-def test_a_thousand_senders_that_cannot_be_started_leave_nothing_behind(lab, board, start, holdings):
+def test_a_thousand_senders_that_cannot_start_leave_nothing_behind(lab, board, start, holdings):
     daemon = start()
     before = holdings(daemon)
     failed = board.fail("pthread_create", "EAGAIN", thread=ANSWERING, about=DETACHED, times=1000)

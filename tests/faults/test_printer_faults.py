@@ -1,4 +1,4 @@
-"""Printers when memory, the status file or a packet can't be had, and what meets at a bad moment."""
+"""Printers when memory, the status file or a packet can't be had, and unlucky coincidences."""
 
 import pytest
 import wire

@@ -74,16 +74,16 @@ package: ; $$(call Package/$(1)/install,$$(TOPDIR)/package)
 show: ; @: $$(info $$($$(SHOWN)))
 endef
 """
-OPENWRT_CMAKE = r"""
+OPENWRT_CMAKE = """
 define Build/Configure
-	cd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
-	  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
+\tcd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \\
+\t  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
 endef
 define Build/Compile
-	cmake --build $(PKG_BUILD_DIR)
+\tcmake --build $(PKG_BUILD_DIR)
 endef
 define Build/Install
-	$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
+\t$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
 endef
 """
 

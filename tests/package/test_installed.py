@@ -1,5 +1,5 @@
-"""The Debian package's files in a root in which there is nothing else but BusyBox and the C library:
-the daemon runs from there, and its init script starts and stops it."""
+"""The Debian package's files in a root in which there is nothing else but BusyBox and the C
+library: the daemon runs from there, and its init script starts and stops it."""
 
 import re
 import subprocess

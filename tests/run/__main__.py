@@ -108,17 +108,40 @@ def cover(options):
     )
 
 
-def soak(options):
+def hostile(file, **own):
+    """Runs the tests of a file of the group hostile, with these variables, for as long as it
+    takes."""
     prepare("build", "test")
     if builds.build("release", ["hostile_tests"]) != 0:
         return 1
-    own = {
+    environment = {
+        **os.environ,
         "PYTHONPATH": str(ROOT),
         "PYTHONDONTWRITEBYTECODE": "1",
-        "BONJOUR_SOAK_SECONDS": str(options.count),
+        **{name: str(value) for name, value in own.items()},
     }
     pytest = [PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider"]
-    return processes.run([*pytest, "tests/hostile/test_soak.py"], env={**os.environ, **own})
+    return processes.run([*pytest, f"tests/hostile/{file}"], env=environment)
+
+
+def soak(options):
+    return hostile("test_soak.py", BONJOUR_SOAK_SECONDS=options.count)
+
+
+def stop(options):
+    return hostile("test_many_stops.py", BONJOUR_STOPS=options.count)
+
+
+def sweep(_):
+    prepare("build", "test")
+    if builds.build("release", ["faults_tests"]) != 0:
+        return 1
+    return processes.run(["tests/sweep"])
+
+
+def look_for_unwritten_bytes(_):
+    prepare("build", "test", "memory")
+    return processes.run(["tests/memory"])
 
 
 def mutate(options):
@@ -142,7 +165,15 @@ def main():
     # What is left over by tools and tests goes with it.
     temporary = processes.temporary_directory()
     os.chdir(ROOT)
-    long_runs = {"mutants": mutate, "soak": soak, "fuzz": fuzz, "targets": build_targets}
+    long_runs = {
+        "mutants": mutate,
+        "soak": soak,
+        "stops": stop,
+        "fuzz": fuzz,
+        "sweep": sweep,
+        "memory": look_for_unwritten_bytes,
+        "targets": build_targets,
+    }
     try:
         if options.long_run in long_runs:
             return long_runs[options.long_run](options)

@@ -28,7 +28,10 @@ LONG_RUNS = {
     "coverage": None,
     "mutants": ("mutants", 1000000),
     "soak": ("seconds", WEEK),
+    "stops": ("stops", 100000),
     "fuzz": ("seconds", WEEK),
+    "sweep": None,
+    "memory": None,
     "targets": None,
 }
 MOST_JOBS = 1000

@@ -33,10 +33,13 @@ HELP = (ROOT / "tests/run/help.txt").read_text()
         ("--cov", "unrecognized arguments: --cov"),
         ("--mutants 0", "from 1 to 1000000, not '0'"),
         ("--soak 1.5", "--soak takes a number of seconds from 1 to 604800, not '1.5'"),
+        ("--stops no", "--stops takes a number of stops from 1 to 100000, not 'no'"),
         ("--fuzz forever", "--fuzz takes a number of seconds from 1 to 604800, not 'forever'"),
         ("--soak 5 unit", "--soak and GROUP do not go together"),
         ("--fuzz 5 --list", "--fuzz and --list do not go together"),
         ("--mutants 5 --name x", "--mutants and --name do not go together"),
+        ("--sweep unit", "--sweep and GROUP do not go together"),
+        ("--memory --preset debug", "--memory and --preset do not go together"),
         ("--targets --jobs 2", "--targets and --jobs do not go together"),
         ("--coverage --preset debug", "--coverage and --preset do not go together"),
         ("--coverage --soak 5", "--coverage and --soak do not go together"),
@@ -77,8 +80,8 @@ def test_groups_are_those_of_the_build(build):
 
 def test_each_folder_of_tests_is_a_group():
     folders = {path.parent.name for path in ROOT.glob("tests/*/test_*.py")}
-    # Those of devices need builds for other CPUs: tests/targets runs them.
-    assert folders - {"devices"} < set(options.GROUPS)
+    # Those need builds of their own: tests/targets and tests/memory run them.
+    assert folders - {"devices", "uninitialised"} < set(options.GROUPS)
 
 
 def test_each_unit_test_and_fuzzer_is_built(build):

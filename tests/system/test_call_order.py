@@ -39,7 +39,8 @@ SET_UP = [
     "socket udp",
     "setsockopt SOL_SOCKET, SO_REUSEADDR, [1], 4",
     "bind 0.0.0.0:5353",
-    r'setsockopt SOL_SOCKET, SO_BINDTODEVICE, "br0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32',
+    r'setsockopt SOL_SOCKET, SO_BINDTODEVICE, "br0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0'
+    r'\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 32',
     'setsockopt SOL_IP, IP_ADD_MEMBERSHIP, {imr_multiaddr=inet_addr("224.0.0.251"), '
     'imr_interface=inet_addr("192.168.77.1")}, 8',
     "setsockopt SOL_IP, IP_MULTICAST_IF, [0], 4",
@@ -124,7 +125,10 @@ WORDS = [
     (r"^setsockopt\(\d+, (.*, SO_RCVTIMEO)_OLD(, .*)\) += ", r"setsockopt \1\2"),
     (r"^setsockopt\(\d+, (.*)\) += ", r"setsockopt \1"),
     (r'^bind\(.*htons\((\d+)\), sin_addr=inet_addr\("(.*?)"\)', r"bind \2:\1"),
-    (r'^sendto\(.*, (\d+), 0, {.*htons\((\d+)\), sin_addr=inet_addr\("(.*?)"\)}', r"send \1 to \3:\2"),
+    (
+        r'^sendto\(.*, (\d+), 0, {.*htons\((\d+)\), sin_addr=inet_addr\("(.*?)"\)}',
+        r"send \1 to \3:\2",
+    ),
     (r"^recvfrom\(.*, (\d+), 0, ", r"receive \1"),
     (r"^shutdown\(\d+, (\w+)\)", r"shutdown \1"),
     (r"^(?:clock_)?nanosleep\(.*{tv_sec=([1-9]\d*), tv_nsec=0}", r"sleep \1 s"),

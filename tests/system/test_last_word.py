@@ -73,4 +73,3 @@ def test_stop_is_over_at_once():
     ]
     print(*(f"{seconds:.2f} s  {moment}" for (moment, _), seconds in zip(TIMED, took)), sep="\n")
     assert not late
-

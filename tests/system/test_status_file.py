@@ -16,7 +16,6 @@ def announces_sentinel(packet):
     return b"Sentinel (aa:bb:cc) 9" in packet.payload and b"_ipp" in packet.payload
 
 
-
 def presence(daemon, since=0):
     return [
         text.removeprefix("[Bonjour] device ")
@@ -113,7 +112,10 @@ def test_file_shows_the_printers(presence_in, content, printers):
 def test_lines_are_counted_from_the_end_of_the_record_before(presence_in):
     # The first record's own first line names no port; a later line does, and the lines are still
     # counted from the record's start.
-    assert presence_in("somewhere\nusblp3\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n") == ["lp1", "lp3"]
+    assert presence_in("somewhere\nusblp3\nJet\nPCL\n\nusblp1\nAcme\nJet\nPCL\n\n") == [
+        "lp1",
+        "lp3",
+    ]
 
 
 def test_text_beyond_40960_bytes_is_not_read(presence_in):

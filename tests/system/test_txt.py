@@ -76,7 +76,13 @@ def test_hp_printer_prefers_the_raw_port(published, manufacturer, model):
 
 @pytest.mark.parametrize(
     "manufacturer, model",
-    [("Acme", "Jet"), ("hp", "laserjet"), ("Hewlett", "Packard"), ("H", "P"), ("hewlett-packard", "")],
+    [
+        ("Acme", "Jet"),
+        ("hp", "laserjet"),
+        ("Hewlett", "Packard"),
+        ("H", "P"),
+        ("hewlett-packard", ""),
+    ],
 )
 def test_any_other_printer_prefers_ipp(router, published, manufacturer, model):
     router.connect_device(0, "MODEL:Jet;")
