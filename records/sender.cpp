@@ -27,30 +27,44 @@ void TransmitThreeTimes(const SendJob& job) {
   }
 }
 
-// The job of the sender that ended last or could not be started; it carries the next packet. At
-// most one is ever left over, whatever the number of senders that end or fail.
+// Jobs of senders that have ended. They carry the next packets: a mapping made and touched anew
+// costs more than all that an answer needs beside its thread.
+std::atomic<SendJob*> spareJobs[kSpareJobs];
+
+// The job of a sender that could not be started; it carries the next packet. At most one is ever
+// left over, whatever the number of failures.
 std::atomic<SendJob*> leftJob{nullptr};
 
 // A job is a mapping of its own, not a block in the heap: what the heap keeps of a flood of jobs
 // would never go back to the system, and where memory is limited the senders would take what the
 // texts of a new printer need.
-SendJob* TakeJob() {
-  SendJob* const left = leftJob.exchange(nullptr);
-  if (left != nullptr) return left;
+SendJob* MapJob() {
   void* const mapped =
       mmap(nullptr, sizeof(SendJob), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return mapped != MAP_FAILED ? static_cast<SendJob*>(mapped) : nullptr;
 }
 
-void LeaveJob(SendJob* job) {
-  SendJob* const other = leftJob.exchange(job);
-  if (other != nullptr) munmap(other, sizeof(SendJob));
+void UnmapJob(SendJob* job) {
+  if (job != nullptr) munmap(job, sizeof(SendJob));
+}
+
+SendJob* TakeJob() {
+  SendJob* job = leftJob.exchange(nullptr);
+  for (size_t i = 0; job == nullptr && i < kSpareJobs; ++i) job = spareJobs[i].exchange(nullptr);
+  return job != nullptr ? job : MapJob();
+}
+
+void LeaveJob(SendJob* job) { UnmapJob(leftJob.exchange(job)); }
+
+void SpareJob(SendJob* job) {
+  for (size_t i = 0; job != nullptr && i < kSpareJobs; ++i) job = spareJobs[i].exchange(job);
+  UnmapJob(job);
 }
 
 void* RunSender(void* argument) {
   SendJob* const job = static_cast<SendJob*>(argument);
   TransmitThreeTimes(*job);
-  LeaveJob(job);
+  SpareJob(job);
   multicastSocketUsers.Leave();
   return nullptr;
 }

@@ -21,6 +21,10 @@ constexpr int32_t kJobCopyMax = 1518;
 /// which default stacks would leave no space in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
+/// Jobs that are kept for the next packets when their senders have ended: a little more than what
+/// answers one question where each of the ten ports has a printer.
+constexpr size_t kSpareJobs = 12;
+
 /// One pending transmission, a memory mapping of its own. Owned by the creating thread until the
 /// sender thread starts, by that thread alone afterwards.
 struct SendJob {

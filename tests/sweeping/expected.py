@@ -25,6 +25,7 @@ HARMLESS = frozenset(
 
 STDOUT, STDERR = 1, 2
 TRANSMISSIONS = 3
+JOBS_KEPT = 12
 PACKETS_THAT_END_THE_PROBE = 12
 SET_UP_STEPS = (
     ("setsockopt", "[Bonjour] setsockopt SO_REUSEADDR"),
@@ -87,8 +88,7 @@ class Expectation:
         self.registry = {}
         self.taken = 0
         self.spare_descriptors = 0
-        # The jobs that are left when nothing is being sent.
-        self.mappings = 0
+        self._jobs_made = 0
         self._asker = asker
         self._texts = {}
         self._kept_texts = []
@@ -103,6 +103,11 @@ class Expectation:
         """The heap blocks that the daemon holds."""
         texts = sum(text is not None for text in self._texts.values()) + len(self._kept_texts)
         return texts + len(self.registry) + self._has_work_buffer
+
+    @property
+    def mappings(self):
+        """The senders' jobs that are kept for later packets once nothing is being sent."""
+        return min(self._jobs_made, JOBS_KEPT)
 
     @property
     def descriptors(self):
@@ -289,17 +294,18 @@ class Expectation:
     # Senders
 
     def _send(self, payload):
-        """Hands a packet to a sender of its own, in a job of its own. The job of a sender that
-        ended or could not be started carries a later packet."""
+        """Hands a packet to a sender of its own, in a job of its own. The jobs of senders that
+        ended or could not be started carry later packets."""
         call = yield from self._call("mmap", "pthread_create")
         if call.function == "mmap":
             if failed(call):
                 return
-            self.mappings = 1
+            self._jobs_made += 1
             call = yield from self._call("pthread_create")
-        elif self.mappings == 0:
+        elif self._jobs_made == 0:
             raise Unexpected(f"a job was due: {call}")
         if failed(call):
+            # One is left over, and the next packet takes that first.
             yield from self._error(NO_SHORT_THREAD, call)
             return
         self._begin(call.result, self._to_its_end(self._sender(payload)))
