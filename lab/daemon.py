@@ -28,6 +28,12 @@ def binary():
     return pathlib.Path(os.environ.get("BONJOUR", root / "build/release/bonjour")).resolve()
 
 
+def has_sanitizer():
+    """Whether the daemon is built with one, whose runtime needs space and files of its own."""
+    code = binary().read_bytes()
+    return any(name in code for name in (b"__asan_init", b"__tsan_init", b"__msan_init"))
+
+
 @dataclasses.dataclass(frozen=True)
 class Line:
     """A line of output without its line feed. `time` is wall-clock time in seconds."""

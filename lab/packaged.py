@@ -2,6 +2,8 @@
 
 import pathlib
 
+from lab.daemon import has_sanitizer
+
 _DEFAULTS = pathlib.Path(__file__).resolve().parent.parent / "packaging/bonjour.default"
 
 
@@ -13,11 +15,11 @@ def defaults():
 
 def as_packaged(**changes):
     """Arguments for router.start(): environment and limits as packaged, but for `changes` of the
-    file's settings, of which None takes one away."""
+    file's settings, of which None takes one away. A sanitizer bears no limits."""
     settings = {**defaults(), **changes}
     limits = ["prlimit"]
     for option, name in (("as", "MEMORY_LIMIT"), ("stack", "STACK_LIMIT")):
-        if settings[name]:
+        if settings[name] and not has_sanitizer():
             limits.append(f"--{option}={int(settings[name]) * 1024}")
     tunables = settings["GLIBC_TUNABLES"]
     return {

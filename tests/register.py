@@ -10,7 +10,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-header"]
 
 # Seconds before a test is given up, on a machine that is many times too busy.
-TIMEOUT = 240
+TIMEOUT = 600
 TIMEOUT_FACTOR = 15
 
 
