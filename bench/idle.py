@@ -1,11 +1,15 @@
 """What the daemon costs when nothing happens, beside the least that its polling needs."""
 
+import contextlib
 import pathlib
 import re
 import tempfile
 import time
 
 from bench.stage import PRINTERS, Stage, program
+from lab.packaged import as_packaged
+
+TARGETS = ("daemon", "floor")
 
 _SETTLE = 2.0
 
@@ -31,18 +35,25 @@ def _calls(trace, begin, end):
     return calls
 
 
-def measure(seconds):
-    """Figures per minute, by target: processor time in milliseconds, wake-ups, and system calls by
-    name. The calls are those of runs of their own, which strace slows down."""
-    with tempfile.TemporaryDirectory() as directory, Stage() as daemon, Stage() as floor, \
-            Stage() as traced_daemon, Stage() as traced_floor:
-        traces = {name: pathlib.Path(directory) / f"{name}.trace" for name in ("daemon", "floor")}
+def measure(seconds, parts):
+    """Figures per minute, by target: wake-ups, system calls by name, and the milliseconds of
+    processor time of each of so many parts of the time. The calls are those of runs of their own,
+    which strace slows down. The daemon runs as packaged."""
+    with contextlib.ExitStack() as stack:
+        directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
+        traces = {name: directory / f"{name}.trace" for name in TARGETS}
         tracing = {
             name: ["strace", "-D", "-f", "-ttt", "-o", path] for name, path in traces.items()
         }
-        answers = pathlib.Path(directory) / "answers"
-        traced_daemon.run_daemon(wrapper=tracing["daemon"])
-        daemon.run_daemon()
+        daemon, floor, traced_daemon, traced_floor = (
+            stack.enter_context(Stage()) for _ in range(4)
+        )
+        answers = directory / "answers"
+        how = as_packaged()
+        traced_daemon.run_daemon(
+            wrapper=[*tracing["daemon"], *how["wrapper"]], environment=how["environment"]
+        )
+        daemon.run_daemon(**how)
         daemon.record_answers(answers)
         for stage in (floor, traced_floor):
             for port in range(PRINTERS):
@@ -51,21 +62,26 @@ def measure(seconds):
         traced_floor.run([program("bench_floor"), answers], tracing["floor"])
         time.sleep(_SETTLE)
 
+        stages = {"daemon": daemon, "floor": floor}
         begin = time.time()
-        before = {"daemon": _threads(daemon), "floor": _threads(floor)}
-        time.sleep(seconds)
-        after = {"daemon": _threads(daemon), "floor": _threads(floor)}
+        seen = [{name: _threads(stage) for name, stage in stages.items()}]
+        for _ in range(parts):
+            time.sleep(seconds / parts)
+            seen.append({name: _threads(stage) for name, stage in stages.items()})
         end = time.time()
 
         scale = 60 / (end - begin)
         return {
             name: {
-                "milliseconds": (after[name][0] - before[name][0]) * scale,
-                "wakeups": (after[name][1] - before[name][1]) * scale,
+                "milliseconds": [
+                    (behind[name][0] - before[name][0]) * scale * parts
+                    for before, behind in zip(seen, seen[1:])
+                ],
+                "wakeups": (seen[-1][name][1] - seen[0][name][1]) * scale,
                 "calls": {
                     call: count * scale
                     for call, count in _calls(traces[name], begin, end).items()
                 },
             }
-            for name in ("daemon", "floor")
+            for name in TARGETS
         }

@@ -1,5 +1,7 @@
 """The pictures of docs/performance.md."""
 
+import statistics
+
 import matplotlib
 
 matplotlib.use("svg")
@@ -11,7 +13,12 @@ from matplotlib import pyplot  # noqa: E402  the backend has to be chosen first
 
 from bench import growth  # noqa: E402
 
-_COLOURS = {"daemon": "#1f6fb4", "floor": "#b0b0b0"}
+_COLOURS = {
+    "daemon": "#1f6fb4",
+    "packaged": "#1f6fb4",
+    "plain": "#7db8e0",
+    "floor": "#b0b0b0",
+}
 
 
 def _save(figure, path):
@@ -85,7 +92,7 @@ def idle(path, figures):
     rows = (
         ("system calls a minute", lambda one: sum(one["calls"].values())),
         ("wake-ups a minute", lambda one: one["wakeups"]),
-        ("ms of processor time a minute", lambda one: one["milliseconds"]),
+        ("ms of processor time a minute", lambda one: statistics.fmean(one["milliseconds"])),
     )
     for axes, (title, of) in zip(panels, rows):
         bars = axes.bar(list(figures), [of(one) for one in figures.values()],

@@ -29,25 +29,32 @@ class Stage:
         self.log, self._log_end = os.pipe()
         self.process = None
 
-    def run(self, command, wrapper=()):
-        """Starts `command` on the router."""
+    def run(self, command, wrapper=(), environment=None):
+        """Starts `command` on the router; the rest as for Sandbox.spawn()."""
         self.process = self.router.sandbox.spawn(
             [*wrapper, *command],
             network=self.router.network,
+            environment=environment,
             stdin=subprocess.DEVNULL,
             stdout=self._log_end,
+            stderr=subprocess.DEVNULL,
         )
 
-    def run_daemon(self, printers=PRINTERS, wrapper=()):
+    def run_daemon(self, printers=PRINTERS, wrapper=(), environment=None):
         """Starts the daemon and returns when it has announced that many printers' services."""
-        sees = self.lab.capture.wait_for
-        self.run([binary()], wrapper)
-        sees(lambda packet: packet.source == self.router.address and packet.is_query)
+        self.run([binary()], wrapper, environment)
+        self.lab.capture.wait_for(
+            lambda packet: packet.source == self.router.address and packet.is_query
+        )
         self.router.end_probe()
         mark = self.lab.capture.mark()
         for port in range(printers):
             self.plug_in(port)
-        sees(self._is_response, 2 * printers * TRANSMISSIONS, mark)
+        if printers:
+            self.wait_for_announcements(printers, mark)
+
+    def wait_for_announcements(self, printers, since):
+        self.lab.capture.wait_for(self._is_response, 2 * printers * TRANSMISSIONS, since)
 
     def plug_in(self, port):
         self.router.plug_in(port, "HP", "LaserJet 1020", "PJL,PCL,POSTSCRIPT")

@@ -48,9 +48,9 @@ def tells_memory(pid):
 
 
 def usage_once_senders_ended(pid, bound=10.0):
-    """The daemon's usage as soon as only its lasting threads are left; raises TimedOut."""
+    """The daemon's usage as soon as its lasting threads are there and no other; raises TimedOut."""
     deadline = time.monotonic() + bound * PATIENCE
-    while (now := usage(pid)).threads > LASTING_THREADS:
+    while (now := usage(pid)).threads != LASTING_THREADS:
         if time.monotonic() > deadline:
             raise TimedOut(f"still {now.threads} threads")
         time.sleep(0.01)

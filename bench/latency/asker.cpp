@@ -1,12 +1,15 @@
-// Asks two routers, each on a link of its own, in turns: the daemon and the floor program meet the
-// same machine in the same second. Writes one line a measurement to standard output.
+// Asks several routers, each on a link of its own, in turns: the daemon and the floor program meet
+// the same machine in the same second. Writes one line a measurement to standard output, and ends
+// when the last answer has been transmitted for the last time.
 //
-//   bench_asker latency COUNT QUESTION TARGET TARGET
+//   bench_asker latency COUNT QUESTION TARGET...
 //       COUNT questions to each; lines: target number, tab, nanoseconds from the question to the
 //       first answer on the wire, or "late"
-//   bench_asker rate SECONDS QUESTION TARGET TARGET
+//   bench_asker again COUNT QUESTION TARGET...
+//       the same, but each question as soon as the last is answered, one target after the other
+//   bench_asker rate SECONDS QUESTION TARGET...
 //       as many questions as get answered, for SECONDS each; lines: target number, tab, answers
-//       per second, tab, transmissions per answer, tab, questions that got no answer
+//       per second, tab, answers, tab, transmissions per answer, tab, questions without an answer
 //
 // QUESTION is hexadecimal. TARGET is NETWORK:LOG:ADDRESS: descriptors of the network namespace of a
 // host on the link and of the reading end of the router's log, and the host's own address.
@@ -184,6 +187,22 @@ std::optional<int64_t> AskOnce(const Target& target, const Bytes& question) {
   return std::nullopt;
 }
 
+void Report(size_t number, const std::optional<int64_t>& latency) {
+  if (latency) {
+    printf("%zu\t%lld\n", number, static_cast<long long>(*latency));
+  } else {
+    printf("%zu\tlate\n", number);
+  }
+}
+
+void MeasureAgain(std::vector<Target>& targets, int count, const Bytes& question) {
+  for (size_t number = 0; number < targets.size(); ++number) {
+    OpenWire(targets[number]);
+    for (int i = 0; i < count; ++i) Report(number, AskOnce(targets[number], question));
+    std::this_thread::sleep_for(kTransmissionsEnd);
+  }
+}
+
 void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& question) {
   for (Target& target : targets) OpenWire(target);
   auto next = Clock::now() + kPause;
@@ -193,14 +212,10 @@ void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& questi
       const size_t number = (turn + static_cast<size_t>(i)) % targets.size();
       std::this_thread::sleep_until(next);
       next += kPause;
-      const std::optional<int64_t> latency = AskOnce(targets[number], question);
-      if (latency) {
-        printf("%zu\t%lld\n", number, static_cast<long long>(*latency));
-      } else {
-        printf("%zu\tlate\n", number);
-      }
+      Report(number, AskOnce(targets[number], question));
     }
   }
+  std::this_thread::sleep_for(kTransmissionsEnd);
 }
 
 // Packets that the host's interface got so far.
@@ -246,8 +261,8 @@ void MeasureRate(const Target& target, size_t number, nanoseconds duration, cons
   std::this_thread::sleep_for(kTransmissionsEnd);
   answered += TakeLogLines(target);
   const auto transmissions = static_cast<double>(ReceivedPackets(target) - before);
-  printf("%zu\t%.0f\t%.4f\t%lld\n", number, rate, transmissions / static_cast<double>(answered),
-         static_cast<long long>(lost));
+  printf("%zu\t%.0f\t%lld\t%.4f\t%lld\n", number, rate, static_cast<long long>(answered),
+         transmissions / static_cast<double>(answered), static_cast<long long>(lost));
 }
 
 }  // namespace
@@ -261,6 +276,8 @@ int main(int argc, char** argv) {
   for (int i = 4; i < argc; ++i) targets.push_back(OpenTarget(argv[i]));
   if (mode == "latency") {
     MeasureLatency(targets, amount, question);
+  } else if (mode == "again") {
+    MeasureAgain(targets, amount, question);
   } else {
     for (size_t number = 0; number < targets.size(); ++number) {
       MeasureRate(targets[number], number, std::chrono::seconds(amount), question);

@@ -1,31 +1,52 @@
 """End to end: the daemon and the floor program, side by side in the same seconds."""
 
 import contextlib
+import dataclasses
 import pathlib
 import subprocess
 import tempfile
+import time
 
 from bench.stage import TRANSMISSIONS, Stage, program
+from lab.packaged import as_packaged
 
-TARGETS = ("daemon", "floor")
+# The daemon as it is packaged, the daemon without any setting, and the floor program.
+TARGETS = ("packaged", "plain", "floor")
+
+
+@dataclasses.dataclass(frozen=True)
+class Round:
+    """By target: the measured values, and the microseconds of processor time an answered question
+    took."""
+
+    values: dict
+    processor: dict
 
 
 @contextlib.contextmanager
-def both():
-    """The two stages, running: the daemon's with ten printers, the floor's with its answers."""
-    with Stage() as daemon, Stage() as floor, tempfile.TemporaryDirectory() as directory:
+def running(**changes):
+    """The three stages by target, running: the daemons with ten printers, the floor program with
+    their answers. `changes` are those of the packaged settings."""
+    with contextlib.ExitStack() as stack:
+        stages = {name: stack.enter_context(Stage()) for name in TARGETS}
+        directory = stack.enter_context(tempfile.TemporaryDirectory())
         answers = pathlib.Path(directory) / "answers"
-        daemon.run_daemon()
-        daemon.record_answers(answers)
-        floor.run([program("bench_floor"), answers])
-        for stage in (daemon, floor):
+        stages["packaged"].run_daemon(**as_packaged(**changes))
+        stages["plain"].run_daemon()
+        stages["plain"].record_answers(answers)
+        stages["floor"].run([program("bench_floor"), answers])
+        for stage in stages.values():
             stage.stop_capture()
-        yield daemon, floor
+        yield stages
 
 
-def _ask(mode, amount, question, stages):
-    targets = [f"{network}:{log}:{stage.lab.host.address}" for stage in stages
-               for network, log in [stage.descriptors]]
+def ask(mode, amount, question, stages):
+    """What the asker prints: a list of words a line."""
+    targets = [
+        f"{network}:{log}:{stage.lab.host.address}"
+        for stage in stages
+        for network, log in [stage.descriptors]
+    ]
     done = subprocess.run(
         [program("bench_asker"), mode, str(amount), question.hex(), *targets],
         stdout=subprocess.PIPE,
@@ -36,29 +57,44 @@ def _ask(mode, amount, question, stages):
     return [line.split("\t") for line in done.stdout.splitlines()]
 
 
+def _processor_time(stages):
+    """Microseconds that each process has used so far, its ended threads included."""
+    # The number of another process's clock is what clock_getcpuclockid(3) makes of its id.
+    return {
+        name: time.clock_gettime_ns(~stage.process.pid << 3 | 2) / 1000
+        for name, stage in stages.items()
+    }
+
+
+def _used(stages, before, answered):
+    after = _processor_time(stages)
+    return {name: [(after[name] - before[name]) / answered[name]] for name in stages}
+
+
 def latencies(stages, question, count):
-    """Microseconds from the question to the first answer, by target; late ones are infinite."""
-    result = {name: [] for name in TARGETS}
-    for number, time in _ask("latency", count, question, stages):
-        result[TARGETS[int(number)]].append(
-            float("inf") if time == "late" else int(time) / 1000
+    """A round of questions 10 ms apart: microseconds from each question to the first answer; late
+    ones are infinite."""
+    before = _processor_time(stages)
+    values = {name: [] for name in stages}
+    names = list(stages)
+    for number, nanoseconds in ask("latency", count, question, stages.values()):
+        values[names[int(number)]].append(
+            float("inf") if nanoseconds == "late" else int(nanoseconds) / 1000
         )
-    return result
+    return Round(values, _used(stages, before, dict.fromkeys(stages, count)))
 
 
-def rates(stages, question, seconds, rounds):
-    """What each target sustained in each round: answers per second, transmissions per answer and
-    questions without an answer. The targets take turns, and turns at being first."""
-    result = {name: [] for name in TARGETS}
-    for turn in range(rounds):
-        order = (0, 1) if turn % 2 == 0 else (1, 0)
-        measured = _ask("rate", seconds, question, [stages[number] for number in order])
-        for number, (_, rate, transmissions, lost) in zip(order, measured):
-            if abs(float(transmissions) - TRANSMISSIONS) > 0.1:
-                raise RuntimeError(f"{TARGETS[number]} sent {transmissions} packets an answer")
-            result[TARGETS[number]].append((int(rate), float(transmissions), int(lost)))
-    return result
-
-
-def percentile(values, share):
-    return sorted(values)[min(len(values) - 1, int(len(values) * share))]
+def rates(stages, question, seconds, first):
+    """A round of as many questions as get answered, one target after the other, beginning with the
+    one of that number: answered questions a second."""
+    names = list(stages)
+    names = names[first % len(names) :] + names[: first % len(names)]
+    before = _processor_time(stages)
+    values, answered = {}, {}
+    for name, line in zip(names, ask("rate", seconds, question, [stages[name] for name in names])):
+        _, rate, answers, transmissions, lost = line
+        if abs(float(transmissions) - TRANSMISSIONS) > 0.1 or int(lost) > 0:
+            raise RuntimeError(f"{name}: {transmissions} packets an answer, {lost} questions lost")
+        values[name] = [int(rate)]
+        answered[name] = int(answers)
+    return Round(values, _used(stages, before, answered))
