@@ -61,7 +61,7 @@ static void Keep(enum Call call, int64_t begun) {
   const int64_t number = __atomic_fetch_add(&notes->count, 1, __ATOMIC_RELAXED);
   if (number >= kNotes) return;
   if (thisThread == 0) thisThread = gettid();
-  notes->notes[number] = (struct Note){begun, ended, call, thisThread};
+  notes->notes[number] = (struct Note){begun, ended, (int32_t)call, thisThread};
 }
 
 #define TIMED(type, call, name, ...)     \

@@ -310,9 +310,9 @@ std::vector<Case> AllCases() {
       {"host-name test/other name", PrepareOtherHostQuestion, RunHostTest, 0, 0},
       {"message/host-name question", PrepareHostQuestion, RunMessage, 0, kAnswerSize},
       {"message/other host's question", PrepareOtherHostQuestion, RunMessage, 0, 0},
-      {"message/browse, 20 services", PrepareBrowse, RunMessage, 20, 10 * kAnswerSize},
+      {"message/browse, 20 services", PrepareBrowse, RunMessage, 20, size_t{10} * kAnswerSize},
   };
-  for (const size_t services : {1, 20, 200}) {
+  for (const size_t services : {1U, 20U, 200U}) {
     const std::string group = "walk over " + std::to_string(services) + "/";
     cases.push_back(
         {group + "first matches", PrepareQuestionForFirst, RunMessage, services, kAnswerSize});
@@ -324,11 +324,11 @@ std::vector<Case> AllCases() {
   cases.push_back({"status file/10 printers", PreparePrinters, RunScan, 10, 0});
   cases.push_back({"status file/40960 bytes", PrepareFullFile, RunScan, 0, 0});
   cases.push_back({"TXT/build", PreparePrinter, RunTxt, 0, 0});
-  for (const size_t services : {1, 2, 5, 10, 20, 50, 100, 200, 500, 1000}) {
+  for (const size_t services : {1U, 2U, 5U, 10U, 20U, 50U, 100U, 200U, 500U, 1000U}) {
     cases.push_back({"growth by services/" + std::to_string(services), PrepareQuestionForNone,
                      RunMessage, services, 0});
   }
-  for (const size_t questions : {1, 2, 5, 10, 20, 40, 68}) {
+  for (const size_t questions : {1U, 2U, 5U, 10U, 20U, 40U, 68U}) {
     cases.push_back({"growth by questions/" + std::to_string(questions), PrepareQuestions,
                      RunMessage, questions, 0});
   }
