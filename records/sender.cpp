@@ -16,10 +16,11 @@
 
 namespace {
 
-void TransmitThreeTimes(const SendJob& job) {
+void TransmitThreeTimes(const uint8_t* data, size_t length, int32_t socket,
+                        const sockaddr_in& destination) {
   for (int i = 0; i < kTransmissions; ++i) {
-    if (sendto(job.socket, job.data, BytesToSend(job), 0,
-               reinterpret_cast<const sockaddr*>(&job.destination), sizeof(job.destination)) < 0) {
+    if (sendto(socket, data, length, 0, reinterpret_cast<const sockaddr*>(&destination),
+               sizeof(destination)) < 0) {
       LogError("[Bonjour] send packet error", errno);
       return;
     }
@@ -27,7 +28,7 @@ void TransmitThreeTimes(const SendJob& job) {
   }
 }
 
-// Jobs of senders that have ended. They carry the next packets: a mapping made and touched anew
+// Jobs that senders have done with. They carry the next packets: a mapping made and touched anew
 // costs more than all that an answer needs beside its thread.
 std::atomic<SendJob*> spareJobs[kSpareJobs];
 
@@ -44,27 +45,43 @@ SendJob* MapJob() {
   return mapped != MAP_FAILED ? static_cast<SendJob*>(mapped) : nullptr;
 }
 
-void UnmapJob(SendJob* job) {
-  if (job != nullptr) munmap(job, sizeof(SendJob));
-}
-
 SendJob* TakeJob() {
-  SendJob* job = leftJob.exchange(nullptr);
-  for (size_t i = 0; job == nullptr && i < kSpareJobs; ++i) job = spareJobs[i].exchange(nullptr);
-  return job != nullptr ? job : MapJob();
+  if (SendJob* const left = leftJob.exchange(nullptr)) return left;
+  for (std::atomic<SendJob*>& spare : spareJobs) {
+    if (SendJob* const job = spare.exchange(nullptr)) return job;
+  }
+  return MapJob();
 }
 
-void LeaveJob(SendJob* job) { UnmapJob(leftJob.exchange(job)); }
+void LeaveJob(SendJob* job) {
+  SendJob* const other = leftJob.exchange(job);
+  if (other != nullptr) munmap(other, sizeof(SendJob));
+}
 
+// Each place takes the job and gives back what it had.
 void SpareJob(SendJob* job) {
-  for (size_t i = 0; job != nullptr && i < kSpareJobs; ++i) job = spareJobs[i].exchange(job);
-  UnmapJob(job);
+  for (std::atomic<SendJob*>& spare : spareJobs) {
+    job = spare.exchange(job);
+    if (job == nullptr) return;
+  }
+  munmap(job, sizeof(SendJob));
 }
 
+// A usual packet goes to the sender's own stack, and the job carries the next one at once: a flood
+// then needs no memory for jobs beside that for stacks.
 void* RunSender(void* argument) {
   SendJob* const job = static_cast<SendJob*>(argument);
-  TransmitThreeTimes(*job);
-  SpareJob(job);
+  const size_t length = BytesToSend(*job);
+  const int32_t socket = job->socket;
+  const sockaddr_in destination = job->destination;
+  if (uint8_t data[kUsualPacketSize]; length <= sizeof(data)) {
+    memcpy(data, job->data, length);
+    SpareJob(job);
+    TransmitThreeTimes(data, length, socket, destination);
+  } else {
+    TransmitThreeTimes(job->data, length, socket, destination);
+    SpareJob(job);
+  }
   multicastSocketUsers.Leave();
   return nullptr;
 }
@@ -103,8 +120,8 @@ void FillSendJob(SendJob& job, const uint8_t* packet, int32_t length, int32_t so
                  const sockaddr_in& destination) {
   const auto copied = static_cast<size_t>(length < kJobCopyMax ? length : kJobCopyMax);
   memcpy(job.data, packet, copied);
-  memset(job.data + copied, 0, sizeof(job.data) - copied);
   job.length = length;
+  memset(job.data + copied, 0, BytesToSend(job) - copied);
   job.socket = socket;
   job.destination = destination;
 }

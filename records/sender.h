@@ -21,14 +21,17 @@ constexpr int32_t kJobCopyMax = 1518;
 /// which default stacks would leave no space in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
-/// Jobs that are kept for the next packets when their senders have ended: a little more than what
-/// answers one question where each of the ten ports has a printer.
-constexpr size_t kSpareJobs = 12;
+/// Jobs that are kept for the next packets when their senders have done with them.
+constexpr size_t kSpareJobs = 4;
 
-/// One pending transmission, a memory mapping of its own. Owned by the creating thread until the
-/// sender thread starts, by that thread alone afterwards.
+/// Packet bytes that a sender takes to its stack: as many as any answer about a usual printer has,
+/// and as few as leave the stack within one page with glibc on 64-bit CPUs.
+constexpr size_t kUsualPacketSize = 768;
+
+/// One pending transmission. Owned by the creating thread until the sender thread starts, by that
+/// thread alone afterwards.
 struct SendJob {
-  uint8_t data[kJobDataSize];  ///< copy of the packet, zeros behind it
+  uint8_t data[kJobDataSize];  ///< copy of the packet, zeros behind it as far as it is sent
   int32_t length;              ///< bytes to send as the caller gave them, may exceed `data`
   int32_t socket;              ///< UDP socket, owned by the responder
   sockaddr_in destination;

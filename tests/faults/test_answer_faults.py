@@ -142,18 +142,23 @@ def test_no_memory_for_one_service_leaves_the_next_one_answered(lab, board, prin
     assert sorted(lab.ask(both)) == sorted([wire.PDL_RECORDS, wire.IPP_RECORDS])
 
 
-def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, board, start, holdings):
+def test_no_memory_for_a_job_sends_nothing_and_says_nothing(lab, router, board, start, holdings):
     daemon = start()
+    # The sender of an answer of more than 768 bytes needs its job to the end.
+    router.plug_in(0, "M" * 24, "N" * 23)
+    lab.wait_for_packet(lambda packet: not packet.is_query, count=2 * 3)
     before = holdings(daemon)
+    (answer,) = lab.ask(IPP_QUESTION)
+    assert len(answer) > 768
     refused = board.fail("mmap", "ENOMEM", thread=ANSWERING)
     since = lab.capture.mark()
-    # The first one has the job that an earlier sender left.
-    lab.host.send(wire.HOST_QUESTION)
-    lab.host.send(wire.HOST_QUESTION)
+    # Four jobs at most are kept, so the fifth is refused at the latest.
+    for _ in range(5):
+        lab.host.send(IPP_QUESTION)
     refused.wait()
-    lab.wait_for_transmissions(wire.HOST_ANSWER, since)
+    lab.wait_for_packet(answer, since, count=3 * 4)
     usage_once_senders_ended(daemon.pid)
-    assert len(lab.sent(since)) == 3
+    assert [packet.payload for packet in lab.sent(since)] == [answer] * 3 * 4
     assert daemon.texts("stderr") == []
     before.check()
 

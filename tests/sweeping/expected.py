@@ -25,7 +25,7 @@ HARMLESS = frozenset(
 
 STDOUT, STDERR = 1, 2
 TRANSMISSIONS = 3
-JOBS_KEPT = 12
+JOBS_KEPT = 4
 PACKETS_THAT_END_THE_PROBE = 12
 SET_UP_STEPS = (
     ("setsockopt", "[Bonjour] setsockopt SO_REUSEADDR"),
