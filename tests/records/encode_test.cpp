@@ -1,3 +1,4 @@
+// EncodeRecord: a question or a resource record in wire form; and the offsets of the wire format.
 #include "records/encode.h"
 
 #include <gtest/gtest.h>
@@ -8,130 +9,6 @@
 #include "tests/support/bytes.h"
 
 namespace {
-
-std::string Repeat(size_t count, char c) { return std::string(count, c); }
-
-struct LabelsRow {
-  const char* behaviour;
-  char separator;
-  int32_t maxLabel;
-  std::string text;
-  const char* wire;
-};
-
-class EncodeLabelsTest : public testing::TestWithParam<LabelsRow> {};
-
-const LabelsRow kLabelsRows[] = {
-    {"EmptyTextIsTheRootAlone", '.', 64, "", "00"},
-    {"TwoLabels", '.', 64, "host.local", "04 'host' 05 'local' 00"},
-    {"EmptyLabelAndTrailingDotVanish", '.', 64, "a..b.", "01 'a' 01 'b' 00"},
-    {"LeadingDotVanishes", '.', 64, ".a", "01 'a' 00"},
-    {"DotsAloneAreTheRoot", '.', 64, "...", "00"},
-    {"SixtyThreeCharacters", '.', 64, Repeat(63, 'a') + ".b", "3F 63*'a' 01 'b' 00"},
-    {"SixtyFourCharactersAndADotKeepAll", '.', 64, Repeat(64, 'a') + ".b", "40 64*'a' 01 'b' 00"},
-    {"SixtyFourCharactersAtTheEnd", '.', 64, Repeat(64, 'a'), "40 64*'a' 00"},
-    {"SixtyFifthCharacterIsDropped", '.', 64, Repeat(64, 'a') + "x", "40 64*'a' 00"},
-    {"SixtyFifthCharacterIsDroppedBeforeADot", '.', 64, Repeat(64, 'a') + "x.b",
-     "40 64*'a' 01 'b' 00"},
-    {"SeventyCharactersGiveTwoLabels", '.', 64, Repeat(64, 'a') + "xbcdef",
-     "40 64*'a' 05 'bcdef' 00"},
-    {"ADroppedDotIsNotLookedAt", '.', 64, Repeat(64, 'a') + "..b", "40 64*'a' 01 'b' 00"},
-    {"TwoCutLabelsDropOneEach", '.', 64, Repeat(64, 'a') + "x" + Repeat(64, 'b') + "yc",
-     "40 64*'a' 40 64*'b' 01 'c' 00"},
-    {"LineFeedIsPartOfANameLabel", '.', 64, "a\nb.c", "03 'a' 0A 'b' 01 'c' 00"},
-    {"BytesAreCopiedAsTheyAre", '.', 64, "\xC3\xA4.\xFF", "02 C3 A4 01 FF 00"},
-    {"TxtStringsEndAtLineFeeds", '\n', 128, "a\n\nbc", "01 'a' 02 'bc' 00"},
-    {"DotIsPartOfATxtString", '\n', 128, "a.b", "03 'a.b' 00"},
-    {"TxtStringOf128", '\n', 128, Repeat(128, 'a') + "\nb", "80 128*'a' 01 'b' 00"},
-    {"TxtLineOf129LosesItsLast", '\n', 128, Repeat(128, 'a') + "x", "80 128*'a' 00"},
-    {"TxtLineOf130GivesTwoStrings", '\n', 128, Repeat(128, 'a') + "xb", "80 128*'a' 01 'b' 00"},
-    {"EveryOtherCharacterWithAMaximumOfOne", '.', 1, "abcde", "01 'a' 01 'c' 01 'e' 00"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Texts, EncodeLabelsTest, testing::ValuesIn(kLabelsRows),
-                         [](const auto& row) { return std::string(row.param.behaviour); });
-
-TEST_P(EncodeLabelsTest, WritesAndReturnsThePositionBehind) {
-  const LabelsRow& row = GetParam();
-  const Bytes expected = Wire(row.wire);
-  ExactBytes buffer(expected.size());
-  EXPECT_EQ(EncodeLabels(buffer.Data(), static_cast<int32_t>(buffer.Size()), 0, row.separator,
-                         row.text, row.maxLabel),
-            static_cast<int32_t>(expected.size()));
-  EXPECT_EQ(Hex(buffer.View()), Hex(expected));
-}
-
-TEST_P(EncodeLabelsTest, BeginsAtThePositionAndLeavesTheRestAlone) {
-  const LabelsRow& row = GetParam();
-  const Bytes expected = Wire(row.wire);
-  Bytes buffer(expected.size() + 7, 0xEE);
-  EXPECT_EQ(EncodeLabels(buffer.data(), static_cast<int32_t>(buffer.size()), 5, row.separator,
-                         row.text, row.maxLabel),
-            static_cast<int32_t>(expected.size() + 5));
-  Bytes whole(5, 0xEE);
-  whole.insert(whole.end(), expected.begin(), expected.end());
-  whole.insert(whole.end(), {0xEE, 0xEE});
-  EXPECT_EQ(Hex(buffer), Hex(whole));
-}
-
-TEST_P(EncodeLabelsTest, NeverWritesAtOrBeyondTheCapacity) {
-  const LabelsRow& row = GetParam();
-  const size_t size = Wire(row.wire).size();
-  for (size_t capacity = 0; capacity <= size; ++capacity) {
-    ExactBytes buffer(capacity);
-    EncodeLabels(buffer.Data(), static_cast<int32_t>(capacity), 0, row.separator, row.text,
-                 row.maxLabel);
-    Bytes guarded(capacity + 300, 0xEE);
-    EncodeLabels(guarded.data(), static_cast<int32_t>(capacity), 0, row.separator, row.text,
-                 row.maxLabel);
-    EXPECT_EQ(Bytes(guarded.begin() + static_cast<std::ptrdiff_t>(capacity), guarded.end()),
-              Bytes(300, 0xEE))
-        << capacity;
-  }
-}
-
-struct CapacityRow {
-  int32_t capacity;
-  const char* wire;
-  int32_t end;
-};
-
-class LabelsWithoutRoomTest : public testing::TestWithParam<CapacityRow> {};
-
-// "ab.c": a length byte that does not fit is not counted, nor is the root; characters always are.
-INSTANTIATE_TEST_SUITE_P(Capacities, LabelsWithoutRoomTest,
-                         testing::ValuesIn(std::initializer_list<CapacityRow>{
-                             {7, "02 'ab' 01 'c' 00 EE", 6},
-                             {6, "02 'ab' 01 'c' 00", 6},
-                             {5, "02 'ab' 01 'c'", 5},
-                             {4, "02 'ab' 01", 5},
-                             {3, "02 'ab'", 4},
-                             {2, "02 'a'", 4},
-                             {1, "02", 4},
-                             {0, "", 3},
-                         }),
-                         [](const auto& row) { return std::to_string(row.param.capacity); });
-
-TEST_P(LabelsWithoutRoomTest, KeepsWhatFitsAndCountsTheCharacters) {
-  const CapacityRow& row = GetParam();
-  Bytes buffer(static_cast<size_t>(row.capacity), 0xEE);
-  EXPECT_EQ(EncodeLabels(buffer.data(), row.capacity, 0, '.', "ab.c", 64), row.end);
-  EXPECT_EQ(Hex(buffer), WireHex(row.wire));
-}
-
-TEST(EncodeLabels, RootWithoutRoomLeavesThePosition) {
-  Bytes buffer(4, 0xEE);
-  EXPECT_EQ(EncodeLabels(buffer.data(), 4, 4, '.', "", 64), 4);
-  EXPECT_EQ(EncodeLabels(buffer.data(), 4, 9, '.', "", 64), 9);
-  EXPECT_EQ(EncodeLabels(buffer.data(), 4, 3, '.', "", 64), 4);
-  EXPECT_EQ(Hex(buffer), "EE EE EE 00");
-}
-
-TEST(EncodeLabels, PositionBeyondTheCapacityCountsCharactersOnly) {
-  Bytes buffer(4, 0xEE);
-  EXPECT_EQ(EncodeLabels(buffer.data(), 4, 10, '.', "ab.c", 64), 13);
-  EXPECT_EQ(Hex(buffer), "EE EE EE EE");
-}
 
 MdnsRecord Record(std::string_view name, int32_t type, int32_t cacheFlush, uint32_t ttl,
                   std::string_view rdata) {
@@ -186,9 +63,9 @@ const RecordRow kRecordRows[] = {
      "01 'h' 00 00 01 00 01 00 00 00 78 00 04 FF FF FF FF"},
     {"EmptyOwnerIsTheRoot", Record("", 1, 0, 120, "10.0.0.9"), 0,
      "00 00 01 00 01 00 00 00 78 00 04 0A 00 00 09"},
-    {"OwnerLabelOf64Characters", Record(Repeat(64, 'a') + ".b", 1, 0, 120, "10.0.0.9"), 0,
+    {"OwnerLabelOf64Characters", Record(std::string(64, 'a') + ".b", 1, 0, 120, "10.0.0.9"), 0,
      "40 64*'a' 01 'b' 00 00 01 00 01 00 00 00 78 00 04 0A 00 00 09"},
-    {"TargetLabelOf64Characters", Record("h", 12, 0, 120, Repeat(64, 'a') + ".b"), 0,
+    {"TargetLabelOf64Characters", Record("h", 12, 0, 120, std::string(64, 'a') + ".b"), 0,
      "01 'h' 00 00 0C 00 01 00 00 00 78 00 44 40 64*'a' 01 'b' 00"},
     {"PointerCarriesItsTarget", Record("_ipp._tcp.local", 12, 0, 4500, "Office._ipp._tcp.local"), 0,
      "04 '_ipp' 04 '_tcp' 05 'local' 00 00 0C 00 01 00 00 11 94 00 18"
@@ -201,10 +78,10 @@ const RecordRow kRecordRows[] = {
      "01 'h' 00 00 10 80 01 00 00 11 94 00 00"},
     {"LineFeedsAloneHaveNoData", Record("h", 16, 1, 4500, "\n\n"), 0,
      "01 'h' 00 00 10 80 01 00 00 11 94 00 00"},
-    {"TextLineOf130Characters", Record("h", 16, 1, 4500, Repeat(128, 'a') + "xb"), 0,
+    {"TextLineOf130Characters", Record("h", 16, 1, 4500, std::string(128, 'a') + "xb"), 0,
      "01 'h' 00 00 10 80 01 00 00 11 94 00 83 80 128*'a' 01 'b'"},
     {"TextLengthTakesTwoBytes",
-     Record("h", 16, 1, 4500, Repeat(127, 'a') + "\n" + Repeat(128, 'b')), 0,
+     Record("h", 16, 1, 4500, std::string(127, 'a') + "\n" + std::string(128, 'b')), 0,
      "01 'h' 00 00 10 80 01 00 00 11 94 01 01 7F 127*'a' 80 128*'b'"},
     {"ServerCarriesPortAndTarget", Server("host.local", 631), 0,
      "01 'p' 00 00 21 80 01 00 00 00 78 00 12 00 00 00 00 02 77 04 'host' 05 'local' 00"},
@@ -236,7 +113,7 @@ const RecordRow kRecordRows[] = {
      "01 'h' 00 00 00 00 01 00 00 00 78 00 00"},
     {"OnlyTheTypesLowByteIsWritten", Record("h", 0x10C, 0, 120, "10.0.0.9"), 0,
      "01 'h' 00 00 0C 00 01 00 00 00 78 00 00"},
-    {"QuestionEndsBehindTheClass", Record("host.local", 1, 0, 120, "10.0.0.9"), 1,
+    {"QuestionEndsAfterTheClass", Record("host.local", 1, 0, 120, "10.0.0.9"), 1,
      "04 'host' 05 'local' 00 00 01 00 01"},
     {"QuestionForAnyWithUnicastResponse", Record("h", 255, 1, 0, ""), 1, "01 'h' 00 00 FF 80 01"},
     {"AnyNonZeroMakesAQuestion", Record("h", 33, 0, 120, "t"), 0x80000000, "01 'h' 00 00 21 00 01"},
@@ -245,7 +122,7 @@ const RecordRow kRecordRows[] = {
 INSTANTIATE_TEST_SUITE_P(Records, EncodeRecordTest, testing::ValuesIn(kRecordRows),
                          [](const auto& row) { return std::string(row.param.behaviour); });
 
-TEST_P(EncodeRecordTest, WritesAndReturnsThePositionBehind) {
+TEST_P(EncodeRecordTest, WritesAndReturnsThePositionAfter) {
   const RecordRow& row = GetParam();
   const Bytes expected = Wire(row.wire);
   ExactBytes buffer(expected.size());
@@ -279,7 +156,7 @@ TEST_P(EncodeRecordTest, NeverWritesAtOrBeyondTheCapacity) {
   }
 }
 
-struct RoomRow {
+struct CapacityRow {
   const char* name;
   MdnsRecord record;
   int32_t capacity;
@@ -287,14 +164,14 @@ struct RoomRow {
   int32_t end;
 };
 
-class RecordWithoutRoomTest : public testing::TestWithParam<RoomRow> {};
+class EncodeRecordCapacityTest : public testing::TestWithParam<CapacityRow> {};
 
 MdnsRecord ShortAddress() { return Record("h", 1, 1, 0x01020304, "192.168.1.1"); }
 MdnsRecord ShortPointer() { return Record("h", 12, 0, 120, "t"); }
 MdnsRecord ShortText() { return Record("h", 16, 0, 120, "t"); }
 
 // A field is written whole or not at all; labels and bitmaps are cut.
-const RoomRow kRoomRows[] = {
+const CapacityRow kCapacityRows[] = {
     {"Address17", ShortAddress(), 17, "01 'h' 00 00 01 80 01 01 02 03 04 00 04 C0 A8 01 01", 17},
     {"Address16", ShortAddress(), 16, "01 'h' 00 00 01 80 01 01 02 03 04 00 04 00 00 00", 17},
     {"Address13", ShortAddress(), 13, "01 'h' 00 00 01 80 01 01 02 03 04 00 04", 17},
@@ -316,7 +193,7 @@ const RoomRow kRoomRows[] = {
      15},
     {"PointerWithoutData", ShortPointer(), 13, "01 'h' 00 00 0C 00 01 00 00 00 78 00 01", 14},
     {"PointerWithoutLength", ShortPointer(), 12, "01 'h' 00 00 0C 00 01 00 00 00 78 00", 14},
-    {"PointerToTheRootWithoutRoom", Record("h", 12, 0, 120, ""), 13,
+    {"PointerToTheRootThatDoesNotFit", Record("h", 12, 0, 120, ""), 13,
      "01 'h' 00 00 0C 00 01 00 00 00 78 00 00", 13},
     {"TextThatJustFitsIsWhole", ShortText(), 15, "01 'h' 00 00 10 00 01 00 00 00 78 00 02 01 't'",
      15},
@@ -341,27 +218,27 @@ const RoomRow kRoomRows[] = {
     {"NextSecureWithoutLength", NextSecure(12, 5), 12, "01 'h' 00 00 2F 80 01 00 00 00 78 00", 22},
 };
 
-INSTANTIATE_TEST_SUITE_P(Capacities, RecordWithoutRoomTest, testing::ValuesIn(kRoomRows),
+INSTANTIATE_TEST_SUITE_P(Capacities, EncodeRecordCapacityTest, testing::ValuesIn(kCapacityRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_P(RecordWithoutRoomTest, WritesWhatFitsAndReturnsTheFullPosition) {
-  const RoomRow& row = GetParam();
+TEST_P(EncodeRecordCapacityTest, WritesWhatFitsAndReturnsTheFullPosition) {
+  const CapacityRow& row = GetParam();
   ExactBytes buffer(static_cast<size_t>(row.capacity));
   EXPECT_EQ(EncodeRecord(buffer.Data(), row.capacity, 0, row.record, 0), row.end);
   EXPECT_EQ(Hex(buffer.View()), WireHex(row.wire));
 }
 
-struct UntouchedRow {
+struct UnwrittenRow {
   const char* name;
   MdnsRecord record;
   uint32_t questionOnly;
   const char* wire;
 };
 
-class UntouchedBytesTest : public testing::TestWithParam<UntouchedRow> {};
+class EncodeRecordUnwrittenBytesTest : public testing::TestWithParam<UnwrittenRow> {};
 
 // Bytes that are left as the buffer holds them read EE here.
-const UntouchedRow kUntouchedRows[] = {
+const UnwrittenRow kUnwrittenRows[] = {
     {"TypesHighByte", Record("h", 1, 0, 120, ""), 1, "01 'h' 00 EE 01 00 01 EE"},
     {"PriorityAndWeight", Server("t", 631), 0,
      "01 'p' 00 EE 21 80 01 00 00 00 78 00 09 EE EE EE EE 02 77 01 't' 00 EE"},
@@ -369,18 +246,18 @@ const UntouchedRow kUntouchedRows[] = {
      "01 'h' 00 EE 1C 00 01 00 00 00 78 EE 00 EE"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Fields, UntouchedBytesTest, testing::ValuesIn(kUntouchedRows),
+INSTANTIATE_TEST_SUITE_P(Fields, EncodeRecordUnwrittenBytesTest, testing::ValuesIn(kUnwrittenRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_P(UntouchedBytesTest, StayAsTheBufferHoldsThem) {
-  const UntouchedRow& row = GetParam();
+TEST_P(EncodeRecordUnwrittenBytesTest, StayAsTheBufferHoldsThem) {
+  const UnwrittenRow& row = GetParam();
   const Bytes expected = Wire(row.wire);
   Bytes buffer(expected.size(), 0xEE);
   EncodeRecord(buffer.data(), static_cast<int32_t>(buffer.size()), 0, row.record, row.questionOnly);
   EXPECT_EQ(Hex(buffer), Hex(expected));
 }
 
-TEST(EncodeRecord, RecordBehindATextOverwritesItsZeroByte) {
+TEST(EncodeRecord, RecordAfterATextOverwritesItsZeroByte) {
   ExactBytes buffer(34);
   const int32_t end = EncodeRecord(buffer.Data(), 34, 0, Record("h", 16, 1, 120, "t"), 0);
   EXPECT_EQ(end, 15);
@@ -395,8 +272,8 @@ TEST(EncodeRecord, FieldsWithoutTerminatorAreReadToTheirEnd) {
   memset(record.rdata, 'r', sizeof(record.rdata));
   record.type = 16;
   Bytes buffer(1400);
-  // 196 characters: three labels of 64 with one dropped behind each, one of 1, the root. 1024
-  // characters: seven strings of 128 with one dropped behind each, one of 121.
+  // 196 characters: three labels of 64 with one dropped after each, one of 1, the root. 1024
+  // characters: seven strings of 128 with one dropped after each, one of 121.
   EXPECT_EQ(EncodeRecord(buffer.data(), 1400, 0, record, 0), 198 + 10 + 7 * 129 + 122);
 }
 

@@ -1,3 +1,4 @@
+// The list of registered services: addition, lookup, removal, and its end.
 #include "records/registry.h"
 
 #include <gmock/gmock.h>
@@ -50,6 +51,8 @@ class RegistryTest : public testing::Test {
 
 TEST_F(RegistryTest, IsEmptyAtFirst) { EXPECT_THAT(Names(), ElementsAre()); }
 
+// Addition
+
 TEST_F(RegistryTest, KeepsTheOrderOfRegistration) {
   for (const char* name : {"b", "a", "c"}) EXPECT_EQ(Add(name), 1u);
   EXPECT_THAT(Names(), ElementsAre("b", "a", "c"));
@@ -80,47 +83,6 @@ TEST_F(RegistryTest, CutsTextsThatAreTooLong) {
   EXPECT_EQ(std::string(entry.serviceName), std::string(127, 'n') + "y");
   EXPECT_EQ(std::string(entry.serviceType), std::string(31, 't') + "y");
   EXPECT_EQ(std::string(entry.serviceDomain), std::string(31, 'd') + "y");
-}
-
-struct LookupRow {
-  const char* behaviour;
-  const char* name;
-  const char* type;
-  const char* domain;
-  uint32_t result;
-};
-
-class LookupTest : public RegistryTest, public testing::WithParamInterface<LookupRow> {};
-
-INSTANTIATE_TEST_SUITE_P(Keys, LookupTest,
-                         testing::ValuesIn(std::initializer_list<LookupRow>{
-                             {"WholeKey", "Office", "_ipp._tcp", ".local", 1},
-                             {"PrefixOfTheName", "Off", "_ipp._tcp", ".local", 1},
-                             {"PrefixOfTheType", "Office", "_ipp._tc", ".local", 1},
-                             {"PrefixOfTheDomain", "Office", "_ipp._tcp", ".lo", 1},
-                             {"EmptyTexts", "", "", "", 1},
-                             {"LongerName", "Office2", "_ipp._tcp", ".local", 0},
-                             {"LongerType", "Office", "_ipp._tcp.x", ".local", 0},
-                             {"LongerDomain", "Office", "_ipp._tcp", ".local.", 0},
-                             {"OtherName", "Lab", "_ipp._tcp", ".local", 0},
-                             {"OtherType", "Office", "_printer._tcp", ".local", 0},
-                             {"OtherDomain", "Office", "_ipp._tcp", ".lan", 0},
-                             {"OtherCase", "office", "_ipp._tcp", ".local", 0},
-                             {"SecondEntry", "Second", "_ipp._tcp", ".local", 1},
-                             {"NameOfOneAndTypeOfAnother", "Second", "_pdl", ".local", 0},
-                         }),
-                         [](const auto& row) { return std::string(row.param.behaviour); });
-
-TEST_P(LookupTest, ComparesByPrefix) {
-  const LookupRow& row = GetParam();
-  Add("Office");
-  Add("Second");
-  Add("Third", "_pdl-datastream._tcp");
-  EXPECT_EQ(ServiceLookup(row.name, row.type, row.domain), row.result);
-}
-
-TEST_F(RegistryTest, LookupInAnEmptyRegistryFindsNothing) {
-  EXPECT_EQ(ServiceLookup("", "", ""), 0u);
 }
 
 TEST_F(RegistryTest, SameKeyTwiceIsRefused) {
@@ -159,6 +121,51 @@ TEST_F(RegistryTest, WithoutMemoryNothingIsAdded) {
   EXPECT_THAT(Names(), ElementsAre("first"));
 }
 
+// Lookup
+
+struct LookupRow {
+  const char* behaviour;
+  const char* name;
+  const char* type;
+  const char* domain;
+  uint32_t result;
+};
+
+class ServiceLookupTest : public RegistryTest, public testing::WithParamInterface<LookupRow> {};
+
+INSTANTIATE_TEST_SUITE_P(Keys, ServiceLookupTest,
+                         testing::ValuesIn(std::initializer_list<LookupRow>{
+                             {"WholeKey", "Office", "_ipp._tcp", ".local", 1},
+                             {"PrefixOfTheName", "Off", "_ipp._tcp", ".local", 1},
+                             {"PrefixOfTheType", "Office", "_ipp._tc", ".local", 1},
+                             {"PrefixOfTheDomain", "Office", "_ipp._tcp", ".lo", 1},
+                             {"EmptyTexts", "", "", "", 1},
+                             {"LongerName", "Office2", "_ipp._tcp", ".local", 0},
+                             {"LongerType", "Office", "_ipp._tcp.x", ".local", 0},
+                             {"LongerDomain", "Office", "_ipp._tcp", ".local.", 0},
+                             {"OtherName", "Lab", "_ipp._tcp", ".local", 0},
+                             {"OtherType", "Office", "_printer._tcp", ".local", 0},
+                             {"OtherDomain", "Office", "_ipp._tcp", ".lan", 0},
+                             {"OtherCase", "office", "_ipp._tcp", ".local", 0},
+                             {"SecondEntry", "Second", "_ipp._tcp", ".local", 1},
+                             {"NameOfOneAndTypeOfAnother", "Second", "_pdl", ".local", 0},
+                         }),
+                         [](const auto& row) { return std::string(row.param.behaviour); });
+
+TEST_P(ServiceLookupTest, ComparesByPrefix) {
+  const LookupRow& row = GetParam();
+  Add("Office");
+  Add("Second");
+  Add("Third", "_pdl-datastream._tcp");
+  EXPECT_EQ(ServiceLookup(row.name, row.type, row.domain), row.result);
+}
+
+TEST_F(RegistryTest, LookupInAnEmptyRegistryFindsNothing) {
+  EXPECT_EQ(ServiceLookup("", "", ""), 0u);
+}
+
+// Removal
+
 TEST_F(RegistryTest, RemovesTheOnlyEntry) {
   Add("a");
   EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("a"), 1u); }), "");
@@ -177,7 +184,7 @@ TEST_F(RegistryTest, RemovesTheMiddleOfThree) {
   EXPECT_THAT(Names(), ElementsAre("a", "c"));
 }
 
-TEST_F(RegistryTest, RemovesTheLastOfThreeAndAppendsBehindTheSecond) {
+TEST_F(RegistryTest, RemovesTheLastOfThreeAndAppendsAfterTheSecond) {
   for (const char* name : {"a", "b", "c"}) Add(name);
   EXPECT_EQ(Remove("c"), 1u);
   EXPECT_EQ(Add("d"), 1u);
@@ -200,17 +207,6 @@ TEST_F(RegistryTest, RemovingAnUnknownServiceIsReported) {
   EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("a", "_printer._tcp"), 0u); }),
             "[Bonjour] this service: a _printer._tcp .local is not registered\n");
   EXPECT_THAT(Names(), ElementsAre("a"));
-}
-
-TEST_F(RegistryTest, ServiceThatGoesBeforeItsRemovalIsNotRemovedTwice) {
-  Add("Office");
-  Add("keep");
-  onNextLock = [] {
-    // The look for the entry is over when the removal comes to this lock.
-    onNextLock = [] { EXPECT_EQ(Remove("Office"), 1u); };
-  };
-  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("Office"), 0u); }), "");
-  EXPECT_THAT(Names(), ElementsAre("keep"));
 }
 
 TEST_F(RegistryTest, UnknownOperationsDoNothingAndSucceed) {
@@ -237,98 +233,7 @@ TEST_F(RegistryTest, TextIsRegisteredWhileAnEntryRefersToIt) {
   EXPECT_FALSE(IsTextRegistered(first.c_str()));
 }
 
-TEST_F(RegistryTest, StaysOpenWhileAnEntryIsLeftAndCopiesTheFirst) {
-  Add("a");
-  Add("b");
-  ServiceEntry first{};
-  EXPECT_FALSE(CloseRegistryIfEmpty(first));
-  EXPECT_STREQ(first.serviceName, "a");
-  EXPECT_TRUE(RegistryLock().IsOpen());
-  EXPECT_EQ(Add("c"), 1u);
-  EXPECT_THAT(Names(), ElementsAre("a", "b", "c"));
-}
-
-// These close the registry, which lasts for the rest of the process.
-TEST(RegistryEndTest, ClosedRegistryTakesNoEntry) {
-  ServiceEntry copy;
-  EXPECT_TRUE(CloseRegistryIfEmpty(copy));
-  EXPECT_FALSE(RegistryLock().IsOpen());
-  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Add("late"), 0u); }), "");
-  EXPECT_EQ(ServiceLookup("", "", ""), 0u);
-  EXPECT_FALSE(IsTextRegistered(nullptr));
-  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("late"), 0u); }),
-            "[Bonjour] this service: late _ipp._tcp .local is not registered\n");
-  EXPECT_TRUE(CloseRegistryIfEmpty(copy));
-}
-
-TEST(RegistryEndTest, ClosingWhileAnAdderWaitsForTheMutexTurnsItAway) {
-  onNextLock = [] {
-    // The look for a duplicate is over when the adder comes to this lock.
-    onNextLock = [] {
-      ServiceEntry copy;
-      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
-    };
-  };
-  EXPECT_EQ(Add("late"), 0u);
-  EXPECT_EQ(onNextLock.load(), nullptr);
-  EXPECT_THAT(Names(), ElementsAre());
-  DestroyRegistry();
-}
-
-TEST(RegistryEndTest, MutexIsDestroyedWhenTheAdderThatWaitedForItHasGone) {
-  static std::atomic<bool> waits{false};
-  static std::atomic<bool> mayGo{false};
-  onNextLock = [] {
-    onNextLock = [] {
-      ServiceEntry copy;
-      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
-      waits = true;
-      while (!mayGo) std::this_thread::yield();
-    };
-  };
-  std::thread adder([] { EXPECT_EQ(Add("late"), 0u); });
-  while (!waits) std::this_thread::yield();
-  onUsleep = [](unsigned microseconds) {
-    EXPECT_EQ(microseconds, 1000u);
-    mayGo = true;
-    std::this_thread::yield();
-  };
-  DestroyRegistry();
-  EXPECT_TRUE(mayGo);
-  onUsleep = nullptr;
-  adder.join();
-}
-
-TEST(RegistryEndTest, LateUsersLeaveADestroyedMutexAlone) {
-  constexpr int kUsers = 3;
-  std::atomic<bool> stop{false};
-  std::atomic<int> running{0};
-  std::vector<std::thread> users;
-  const std::string out = StdoutOf([&] {
-    for (int user = 0; user < kUsers; ++user) {
-      users.emplace_back([&, user] {
-        const std::string name = "user" + std::to_string(user);
-        bool counted = false;
-        while (!stop) {
-          Add(name);
-          ServiceLookup(name.c_str(), "_ipp", ".local");
-          IsTextRegistered("");
-          Remove(name.c_str());
-          if (!counted) ++running;
-          counted = true;
-        }
-      });
-    }
-    while (running < kUsers) std::this_thread::yield();
-    ServiceEntry first;
-    while (!CloseRegistryIfEmpty(first)) Remove(first.serviceName);
-    DestroyRegistry();
-    EXPECT_EQ(Add("late"), 0u);
-    stop = true;
-    for (std::thread& user : users) user.join();
-  });
-  EXPECT_THAT(Names(), ElementsAre());
-}
+// Several threads at a time
 
 TEST_F(RegistryTest, SameKeyFromTwoThreadsIsAddedAtLeastOnce) {
   for (int round = 0; round < 200; ++round) {
@@ -407,83 +312,110 @@ TEST_F(RegistryTest, EntriesComeAndGoWhileOthersLook) {
   EXPECT_THAT(Names(), ElementsAre("keep"));
 }
 
-struct ParamsRow {
-  const char* behaviour;
-  std::string name;
-  std::string type;
-  std::string domain;
-  const char* txt;
-  int32_t txtLength;
-  uint32_t port;
-  uint32_t result;
-  const char* output;
-};
+TEST_F(RegistryTest, ServiceThatGoesBeforeItsRemovalIsNotRemovedTwice) {
+  Add("Office");
+  Add("keep");
+  onNextLock = [] {
+    // The look for the entry is over when the removal comes to this lock.
+    onNextLock = [] { EXPECT_EQ(Remove("Office"), 1u); };
+  };
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("Office"), 0u); }), "");
+  EXPECT_THAT(Names(), ElementsAre("keep"));
+}
 
-class ValidateTest : public testing::TestWithParam<ParamsRow> {};
+// The end of the registry
 
-const char kNameRefused[] = "[Bonjour] serviceName Length\n";
-const char kTypeRefused[] = "[Bonjour] SRVTYPE_NAME_MAX Length\n";
-const char kDomainTooLong[] = "[Bonjour] SRVTYPE_DOMAIN_MAX Length\n";
-const char kDomainRefused[] = "[Bonjour] sorry, we now only support '.local' service domain\n";
+TEST_F(RegistryTest, StaysOpenWhileAnEntryIsLeftAndCopiesTheFirst) {
+  Add("a");
+  Add("b");
+  ServiceEntry first{};
+  EXPECT_FALSE(CloseRegistryIfEmpty(first));
+  EXPECT_STREQ(first.serviceName, "a");
+  EXPECT_TRUE(RegistryLock().IsOpen());
+  EXPECT_EQ(Add("c"), 1u);
+  EXPECT_THAT(Names(), ElementsAre("a", "b", "c"));
+}
 
-const std::string kN(128, 'n');
-const ParamsRow kParamsRows[] = {
-    {"Ipp", "Office", "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"NameOf128", kN, "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"NameOf129", kN + "n", "_ipp._tcp", ".local", "a", 1, 631, 0, kNameRefused},
-    {"NameOf1", "n", "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"EmptyName", "", "_ipp._tcp", ".local", "a", 1, 631, 0, kNameRefused},
-    {"TypeOf32", "n", "_ipp._" + std::string(26, 't'), ".local", "a", 1, 631, 1, ""},
-    {"TypeOf33", "n", "_ipp._" + std::string(27, 't'), ".local", "a", 1, 631, 0, kTypeRefused},
-    {"DomainOf33", "n", "_ipp._tcp", "." + std::string(32, 'l'), "a", 1, 631, 0, kDomainTooLong},
-    {"DomainOf32", "n", "_ipp._tcp", "." + std::string(31, 'l'), "a", 1, 631, 0, kDomainRefused},
-    {"TypeWithoutUnderscore", "n", "ipp._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeWithAnUnderscoreLater", "n", "i_pp._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeOfAnUnderscoreAlone", "n", "_._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeOfOneLetter", "n", "_i._tcp", ".local", "a", 1, 631, 1, ""},
-    {"ProtocolWithoutUnderscore", "n", "_ipp.tcp", ".local", "a", 1, 631, 0, ""},
-    {"ProtocolWithAnUnderscoreLater", "n", "_ipp.t_cp", ".local", "a", 1, 631, 0, ""},
-    {"ProtocolOfAnUnderscoreAlone", "n", "_ipp._", ".local", "a", 1, 631, 1, ""},
-    {"ProtocolOfAnyText", "n", "_ipp._sub.x", ".local", "a", 1, 631, 1, ""},
-    {"TypeWithoutDot", "n", "_ipp", ".local", "a", 1, 631, 0, ""},
-    {"TypeThatEndsInItsDot", "n", "_ipp.", ".local", "a", 1, 631, 0, ""},
-    {"EmptyType", "n", "", ".local", "a", 1, 631, 0, ""},
-    {"DomainWithoutDot", "n", "_ipp._tcp", "local", "a", 1, 631, 0, kDomainRefused},
-    {"DomainInUpperCase", "n", "_ipp._tcp", ".LOCAL", "a", 1, 631, 0, kDomainRefused},
-    {"DomainWithTrailingDot", "n", "_ipp._tcp", ".local.", "a", 1, 631, 0, kDomainRefused},
-    {"EmptyDomain", "n", "_ipp._tcp", "", "a", 1, 631, 0, kDomainRefused},
-    {"TextOfNoLength", "n", "_ipp._tcp", ".local", "a", 0, 631, 0, ""},
-    {"EmptyTextOfNoLength", "n", "_ipp._tcp", ".local", "", 0, 631, 0, ""},
-    {"NoText", "n", "_ipp._tcp", ".local", nullptr, 0, 631, 1, ""},
-    {"NoTextWithALength", "n", "_ipp._tcp", ".local", nullptr, 5, 631, 1, ""},
-    {"NegativeLength", "n", "_ipp._tcp", ".local", "a", -1, 631, 0, ""},
-    {"NegativeLengthWithoutText", "n", "_ipp._tcp", ".local", nullptr, -1, 631, 0, ""},
-    {"Port0", "n", "_ipp._tcp", ".local", "a", 1, 0, 1, ""},
-    {"Port65535", "n", "_ipp._tcp", ".local", "a", 1, 65535, 1, ""},
-    {"Port65536", "n", "_ipp._tcp", ".local", "a", 1, 65536, 0, ""},
-    {"PortIsUnsigned", "n", "_ipp._tcp", ".local", "a", 1, 0xFFFFFFFF, 0, ""},
-    // The first check that fails decides.
-    {"NameBeforeType", "", std::string(33, 't'), ".local", "a", 1, 631, 0, kNameRefused},
-    {"TypeLengthBeforeDomainLength", "n", std::string(33, 't'), std::string(33, 'd'), "a", 1, 631,
-     0, kTypeRefused},
-    {"DomainLengthBeforeTypeForm", "n", "ipp", std::string(33, 'd'), "a", 1, 631, 0,
-     kDomainTooLong},
-    {"TypeFormBeforeDomain", "n", "ipp", "local", "a", 1, 631, 0, ""},
-    {"DomainBeforeText", "n", "_ipp._tcp", "local", "a", -1, 631, 0, kDomainRefused},
-    {"DomainBeforePort", "n", "_ipp._tcp", "local", "a", 1, 65536, 0, kDomainRefused},
-};
+// These close the registry, which lasts for the rest of the process.
+TEST(RegistryCloseTest, ClosedRegistryTakesNoEntry) {
+  ServiceEntry copy;
+  EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+  EXPECT_FALSE(RegistryLock().IsOpen());
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Add("late"), 0u); }), "");
+  EXPECT_EQ(ServiceLookup("", "", ""), 0u);
+  EXPECT_FALSE(IsTextRegistered(nullptr));
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(Remove("late"), 0u); }),
+            "[Bonjour] this service: late _ipp._tcp .local is not registered\n");
+  EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+}
 
-INSTANTIATE_TEST_SUITE_P(Params, ValidateTest, testing::ValuesIn(kParamsRows),
-                         [](const auto& row) { return std::string(row.param.behaviour); });
+TEST(RegistryCloseTest, ClosingWhileAnAdderWaitsForTheMutexTurnsItAway) {
+  onNextLock = [] {
+    // The look for a duplicate is over when the adder comes to this lock.
+    onNextLock = [] {
+      ServiceEntry copy;
+      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+    };
+  };
+  EXPECT_EQ(Add("late"), 0u);
+  EXPECT_EQ(onNextLock.load(), nullptr);
+  EXPECT_THAT(Names(), ElementsAre());
+  DestroyRegistry();
+}
 
-TEST_P(ValidateTest, AcceptsOrRefuses) {
-  const ParamsRow& row = GetParam();
+TEST(RegistryCloseTest, MutexIsDestroyedWhenTheAdderThatWaitedForItHasGone) {
+  static std::atomic<bool> waits{false};
+  static std::atomic<bool> mayGo{false};
+  onNextLock = [] {
+    onNextLock = [] {
+      ServiceEntry copy;
+      EXPECT_TRUE(CloseRegistryIfEmpty(copy));
+      waits = true;
+      while (!mayGo) std::this_thread::yield();
+    };
+  };
+  std::thread adder([] { EXPECT_EQ(Add("late"), 0u); });
+  while (!waits) std::this_thread::yield();
+  onUsleep = [](unsigned microseconds) {
+    EXPECT_EQ(microseconds, 1000u);
+    mayGo = true;
+    std::this_thread::yield();
+  };
+  DestroyRegistry();
+  EXPECT_TRUE(mayGo);
+  onUsleep = nullptr;
+  adder.join();
+}
+
+TEST(RegistryCloseTest, LateUsersLeaveADestroyedMutexAlone) {
+  constexpr int kUsers = 3;
+  std::atomic<bool> stop{false};
+  std::atomic<int> running{0};
+  std::vector<std::thread> users;
   const std::string out = StdoutOf([&] {
-    EXPECT_EQ(ValidateServiceParams(row.name.c_str(), row.type.c_str(), row.domain.c_str(), row.txt,
-                                    row.txtLength, row.port),
-              row.result);
+    for (int user = 0; user < kUsers; ++user) {
+      users.emplace_back([&, user] {
+        const std::string name = "user" + std::to_string(user);
+        bool counted = false;
+        while (!stop) {
+          Add(name);
+          ServiceLookup(name.c_str(), "_ipp", ".local");
+          IsTextRegistered("");
+          Remove(name.c_str());
+          if (!counted) ++running;
+          counted = true;
+        }
+      });
+    }
+    while (running < kUsers) std::this_thread::yield();
+    ServiceEntry first;
+    while (!CloseRegistryIfEmpty(first)) Remove(first.serviceName);
+    DestroyRegistry();
+    EXPECT_EQ(Add("late"), 0u);
+    stop = true;
+    for (std::thread& user : users) user.join();
   });
-  EXPECT_EQ(out, row.output);
+  EXPECT_THAT(Names(), ElementsAre());
 }
 
 }  // namespace
