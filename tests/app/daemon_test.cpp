@@ -1,4 +1,4 @@
-// The daemon's own decisions. Its threads are only noted, never run, and its pauses take no time.
+// RunDaemon's own decisions. Its threads are only noted, never run, and its pauses take no time.
 #include "app/daemon.h"
 
 #include <fcntl.h>
@@ -66,6 +66,8 @@ void ExpectBanner(const std::string& line, const std::string& model) {
                                     "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\)\n"));
 }
 
+// The start
+
 TEST_F(Daemon, StartsResponderThenMonitorAndJoinsThemInThatOrder) {
   const Log log = Run();
   EXPECT_EQ(status, 0);
@@ -89,7 +91,7 @@ TEST_F(Daemon, TakesTheModelFromItsOneArgument) {
   ExpectBanner(log.out, "T5100b3");
 }
 
-TEST_F(Daemon, FallsBackToTheDefaultModel) {
+TEST_F(Daemon, AnyOtherArgumentMeansTheDefaultModel) {
   const Log log = Run({"t5100b3"});
   EXPECT_STREQ(start.deviceName, "T5140_00-11-22-AA-BB-CC");
   ExpectBanner(log.out, "T5140");
@@ -110,151 +112,7 @@ TEST_F(Daemon, ForgetsAnEarlierAddressWhenTheBridgeIsMissing) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUp) {
-  isUpAtOnce = false;
-  std::vector<unsigned> pauses;
-  std::vector<size_t> threadsAtPause;
-  fakeSleep.hook = [&](unsigned seconds) {
-    pauses.push_back(seconds);
-    threadsAtPause.push_back(fakeThread.started.size());
-    if (pauses.size() == 5) responderState.initStatus.Set(1);
-  };
-  Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, std::vector<unsigned>(5, 1));
-  EXPECT_EQ(threadsAtPause, std::vector<size_t>(5, 1));
-  EXPECT_EQ(fakeThread.started.size(), 2u);
-}
-
-TEST_F(Daemon, DoesNotPauseWhenTheResponderIsUpAtOnce) {
-  int pauses = 0;
-  fakeSleep.hook = [&](unsigned) { ++pauses; };
-  Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, 0);
-}
-
-TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
-  isUpAtOnce = false;
-  int pauses = 0;
-  fakeSleep.hook = [&](unsigned) {
-    ++pauses;
-    if (pauses == 2) raise(SIGTERM);
-    if (pauses == 6) responderState.initStatus.Set(1);
-  };
-  const Log log = Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, 6);
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_EQ(fakeThread.started.size(), 2u);
-  ExpectBanner(log.out, "T5140");
-}
-
-TEST_F(Daemon, BannerComesBeforeTheJoinsAndBehindTheMonitorsStart) {
-  std::string outputAtMonitorStart = "not started";
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
-    if (body != CheckUsbDevice) return;
-    fflush(stdout);
-    outputAtMonitorStart = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-  };
-  const Log log = Run();
-  EXPECT_EQ(outputAtMonitorStart, "");
-  ExpectBanner(log.out, "T5140");
-}
-
-TEST_F(Daemon, ResponderThatCanNotBeStartedEndsItAtOnce) {
-  fakeThread.failsFor = BonjourServiceInit;
-  const Log log = Run();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(log.err, kNoThread);
-  EXPECT_EQ(log.out, "");
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_TRUE(fakeThread.started.empty());
-  EXPECT_TRUE(fakeThread.joined.empty());
-}
-
-TEST_F(Daemon, MonitorThatCanNotBeStartedStopsTheResponder) {
-  fakeThread.failsFor = CheckUsbDevice;
-  const Log log = Run();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(log.err, kNoThread);
-  ExpectBanner(log.out, "T5140");
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
-}
-
-TEST_F(Daemon, WaitsForTheStopBehindItsBannerAndThenEndsTheReceiveBeforeItJoins) {
-  std::vector<std::string> events;
-  std::string outputAtWait;
-  fakeStop.onWait = [&](const sigset_t&) {
-    events.emplace_back("wait");
-    fflush(stdout);
-    outputAtWait += testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    if (events.size() == 3) bTerminate.Set(1);
-  };
-  fakeSocketModule.endReceive = [&] {
-    events.push_back("end receive, joined " + std::to_string(fakeThread.joined.size()));
-  };
-  const Log log = Run();
-  // A signal that is no stop, or comes before the flag is seen, is waited on.
-  EXPECT_THAT(events, testing::ElementsAre("wait", "wait", "wait", "end receive, joined 0"));
-  ExpectBanner(outputAtWait, "T5140");
-  EXPECT_EQ(log.out, "");
-  EXPECT_EQ(fakeThread.joined.size(), 2u);
-}
-
-TEST_F(Daemon, StopThatCameBeforeTheWaitIsNotWaitedFor) {
-  int waits = 0;
-  fakeStop.onWait = [&](const sigset_t&) {
-    ++waits;
-    bTerminate.Set(1);
-  };
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
-    if (body == CheckUsbDevice) raise(SIGTERM);
-  };
-  Run();
-  EXPECT_EQ(waits, 0);
-}
-
-TEST_F(Daemon, StopSignalsAreLetInByTheWaitAlone) {
-  bool blockedAround = false;
-  bool blockedMeanwhile = true;
-  fakeStop.onWait = [&](const sigset_t& blocked) {
-    sigset_t around;
-    pthread_sigmask(SIG_BLOCK, nullptr, &around);
-    blockedAround = sigismember(&around, SIGTERM) == 1 && sigismember(&around, SIGINT) == 1;
-    blockedMeanwhile = sigismember(&blocked, SIGTERM) == 1 || sigismember(&blocked, SIGINT) == 1;
-    bTerminate.Set(1);
-  };
-  Run();
-  EXPECT_TRUE(blockedAround);
-  EXPECT_FALSE(blockedMeanwhile);
-  bTerminate.Set(0);
-  raise(SIGTERM);
-  EXPECT_EQ(bTerminate.Get(), 1u);
-}
-
-TEST_F(Daemon, StopSignalsThatItsStarterBlockedAreLetIn) {
-  sigset_t stop;
-  sigemptyset(&stop);
-  sigaddset(&stop, SIGINT);
-  sigaddset(&stop, SIGTERM);
-  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stop, nullptr), 0);
-  bool taken[2] = {};
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
-    bTerminate.Set(0);
-    raise(body == CheckUsbDevice ? SIGTERM : SIGINT);
-    taken[body == CheckUsbDevice] = bTerminate.Get() == 1;
-  };
-  Run();
-  EXPECT_TRUE(taken[0]);
-  EXPECT_TRUE(taken[1]);
-}
+// Standard descriptors and signals
 
 TEST_F(Daemon, ClosedStandardDescriptorsAreOpenBeforeAnythingElseIsOpened) {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
@@ -305,15 +163,13 @@ TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
   EXPECT_EQ(during, before);
 }
 
-TEST_F(Daemon, UnknownStatusStartsNoMonitor) {
-  isUpAtOnce = false;
-  fakeSleep.hook = [](unsigned) { responderState.initStatus.Set(2); };
-  const Log log = Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(log.err, "");
-  ExpectBanner(log.out, "T5140");
-  EXPECT_EQ(fakeThread.started, std::vector<ThreadBody>{BonjourServiceInit});
-  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
+TEST_F(Daemon, SignalHandlersAreSetBeforeTheResponderStarts) {
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body == BonjourServiceInit) raise(SIGTERM);
+  };
+  Run();
+  EXPECT_EQ(bTerminate.Get(), 1u);
 }
 
 TEST_F(Daemon, SigintAndSigtermOnlySetTheStopFlag) {
@@ -337,12 +193,166 @@ TEST_F(Daemon, SigpipeIsIgnored) {
   EXPECT_EQ(bTerminate.Get(), 0u);
 }
 
-TEST_F(Daemon, SignalsAreInPlaceBeforeTheResponderStarts) {
+TEST_F(Daemon, StopSignalsThatTheParentBlockedAreUnblocked) {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stop, nullptr), 0);
+  bool taken[2] = {};
   fakeThread.onStart = [&](ThreadBody body, void*) {
     responderState.initStatus.Set(1);
-    if (body == BonjourServiceInit) raise(SIGTERM);
+    bTerminate.Set(0);
+    raise(body == CheckUsbDevice ? SIGTERM : SIGINT);
+    taken[body == CheckUsbDevice] = bTerminate.Get() == 1;
   };
   Run();
+  EXPECT_TRUE(taken[0]);
+  EXPECT_TRUE(taken[1]);
+}
+
+// The wait for the responder
+
+TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUp) {
+  isUpAtOnce = false;
+  std::vector<unsigned> pauses;
+  std::vector<size_t> threadsAtPause;
+  fakeSleep.hook = [&](unsigned seconds) {
+    pauses.push_back(seconds);
+    threadsAtPause.push_back(fakeThread.started.size());
+    if (pauses.size() == 5) responderState.initStatus.Set(1);
+  };
+  Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, std::vector<unsigned>(5, 1));
+  EXPECT_EQ(threadsAtPause, std::vector<size_t>(5, 1));
+  EXPECT_EQ(fakeThread.started.size(), 2u);
+}
+
+TEST_F(Daemon, DoesNotPauseWhenTheResponderIsUpAtOnce) {
+  int pauses = 0;
+  fakeSleep.hook = [&](unsigned) { ++pauses; };
+  Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, 0);
+}
+
+TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
+  isUpAtOnce = false;
+  int pauses = 0;
+  fakeSleep.hook = [&](unsigned) {
+    ++pauses;
+    if (pauses == 2) raise(SIGTERM);
+    if (pauses == 6) responderState.initStatus.Set(1);
+  };
+  const Log log = Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(pauses, 6);
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_EQ(fakeThread.started.size(), 2u);
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, UnknownResponderStatusStartsNoMonitor) {
+  isUpAtOnce = false;
+  fakeSleep.hook = [](unsigned) { responderState.initStatus.Set(2); };
+  const Log log = Run();
+  fakeSleep.hook = nullptr;
+  EXPECT_EQ(log.err, "");
+  ExpectBanner(log.out, "T5140");
+  EXPECT_EQ(fakeThread.started, std::vector<ThreadBody>{BonjourServiceInit});
+  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
+}
+
+// Threads that cannot be started
+
+TEST_F(Daemon, ResponderThatCannotBeStartedEndsItAtOnce) {
+  fakeThread.failsFor = BonjourServiceInit;
+  const Log log = Run();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(log.err, kNoThread);
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_TRUE(fakeThread.started.empty());
+  EXPECT_TRUE(fakeThread.joined.empty());
+}
+
+TEST_F(Daemon, MonitorThatCannotBeStartedStopsTheResponder) {
+  fakeThread.failsFor = CheckUsbDevice;
+  const Log log = Run();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(log.err, kNoThread);
+  ExpectBanner(log.out, "T5140");
+  EXPECT_EQ(bTerminate.Get(), 1u);
+  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
+}
+
+// The banner and the stop
+
+TEST_F(Daemon, BannerIsPrintedAfterTheMonitorsStartAndBeforeTheJoins) {
+  std::string outputAtMonitorStart = "not started";
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body != CheckUsbDevice) return;
+    fflush(stdout);
+    outputAtMonitorStart = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+  };
+  const Log log = Run();
+  EXPECT_EQ(outputAtMonitorStart, "");
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, WaitsForTheStopAfterTheBannerThenEndsTheReceiveThenJoins) {
+  std::vector<std::string> events;
+  std::string outputAtWait;
+  fakeStop.onWait = [&](const sigset_t&) {
+    events.emplace_back("wait");
+    fflush(stdout);
+    outputAtWait += testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    if (events.size() == 3) bTerminate.Set(1);
+  };
+  fakeSocketModule.endReceive = [&] {
+    events.push_back("end receive, joined " + std::to_string(fakeThread.joined.size()));
+  };
+  const Log log = Run();
+  // A signal that is no stop, or comes before the flag is seen, is waited on.
+  EXPECT_THAT(events, testing::ElementsAre("wait", "wait", "wait", "end receive, joined 0"));
+  ExpectBanner(outputAtWait, "T5140");
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(fakeThread.joined.size(), 2u);
+}
+
+TEST_F(Daemon, StopThatCameBeforeTheWaitIsNotWaitedFor) {
+  int waits = 0;
+  fakeStop.onWait = [&](const sigset_t&) {
+    ++waits;
+    bTerminate.Set(1);
+  };
+  fakeThread.onStart = [&](ThreadBody body, void*) {
+    responderState.initStatus.Set(1);
+    if (body == CheckUsbDevice) raise(SIGTERM);
+  };
+  Run();
+  EXPECT_EQ(waits, 0);
+}
+
+TEST_F(Daemon, StopSignalsAreUnblockedOnlyDuringTheWait) {
+  bool blockedAround = false;
+  bool blockedMeanwhile = true;
+  fakeStop.onWait = [&](const sigset_t& blocked) {
+    sigset_t around;
+    pthread_sigmask(SIG_BLOCK, nullptr, &around);
+    blockedAround = sigismember(&around, SIGTERM) == 1 && sigismember(&around, SIGINT) == 1;
+    blockedMeanwhile = sigismember(&blocked, SIGTERM) == 1 || sigismember(&blocked, SIGINT) == 1;
+    bTerminate.Set(1);
+  };
+  Run();
+  EXPECT_TRUE(blockedAround);
+  EXPECT_FALSE(blockedMeanwhile);
+  bTerminate.Set(0);
+  raise(SIGTERM);
   EXPECT_EQ(bTerminate.Get(), 1u);
 }
 

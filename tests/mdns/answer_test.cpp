@@ -514,7 +514,7 @@ TEST_F(LoopTest, EndsAtOnceWhenStoppedBeforeItRuns) {
   bTerminate.Set(1);
   client.Send(Wire(std::string(kHeader) + kHostQuestion), first.Name());
   EXPECT_EQ(MDNS_Answer(&start), nullptr);
-  EXPECT_FALSE(first.IsDry());
+  EXPECT_FALSE(first.HasNoPacket());
 }
 
 TEST_F(LoopTest, ServicesComeAndGoWhileQuestionsAreAnswered) {

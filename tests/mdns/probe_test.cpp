@@ -1,3 +1,4 @@
+// Probing for the host name: the probe, what counts as a conflict, the next name, one whole pass.
 #include "mdns/probe.h"
 
 #include <arpa/inet.h>
@@ -22,6 +23,8 @@ using testing::ElementsAre;
 
 constexpr char kHeader[] = "12*00 ";
 
+// The probe packet
+
 TEST(ComposeHostProbe, IsOnePlainAddressQuestion) {
   Bytes bytes(1518, 0xEE);
   Packet packet = {bytes.data(), 1518, 0, {}};
@@ -40,6 +43,8 @@ TEST(ComposeHostProbe, TakesTheLongestNameWhole) {
             WireHex("00 00 00 00 00 01 6*00 40 64*'x' 05 'local' 00 00 01 00 01"));
 }
 
+// What counts as a conflict
+
 struct ConflictRow {
   const char* name;
   std::string deviceName;
@@ -51,7 +56,7 @@ class ConflictTest : public testing::TestWithParam<ConflictRow> {};
 
 const ConflictRow kConflictRows[] = {
     {"SameLabel", "router", "12*00 06 'router' 05 'local' 00", true},
-    {"HeaderDoesNotMatter", "router", "12*FF 06 'router' 05 'local' 00", true},
+    {"HeaderIsIgnored", "router", "12*FF 06 'router' 05 'local' 00", true},
     {"RestOfTheNameDoesNotMatter", "router", "12*00 06 'router'", true},
     {"OneLetterAppended", "router", "12*00 07 'routerx' 05 'local' 00", false},
     {"OneLetterLess", "router", "12*00 05 'route' 05 'local' 00", false},
@@ -80,7 +85,7 @@ TEST_P(ConflictTest, ComparesTheFirstLabelWithTheName) {
   EXPECT_EQ(IsNameConflict(MessageReader(message.Data(), message.Size()), name), row.conflict);
 }
 
-TEST_P(ConflictTest, LooksAtNothingBehindAnyPrefix) {
+TEST_P(ConflictTest, MessageCutShortIsNoConflict) {
   const ConflictRow& row = GetParam();
   char name[kDeviceNameSize] = {};
   row.deviceName.copy(name, 64);
@@ -91,22 +96,24 @@ TEST_P(ConflictTest, LooksAtNothingBehindAnyPrefix) {
   }
 }
 
+// The name after a conflict
+
 struct NumberRow {
   size_t length;
   int32_t number;
   const char* suffix;  // null: the name is left
 };
 
-class NumberTest : public testing::TestWithParam<NumberRow> {};
+class NumberedNameTest : public testing::TestWithParam<NumberRow> {};
 
-INSTANTIATE_TEST_SUITE_P(Lengths, NumberTest,
+INSTANTIATE_TEST_SUITE_P(Lengths, NumberedNameTest,
                          testing::Values(NumberRow{5, 1, "-1"}, NumberRow{5, 999, "-999"},
                                          NumberRow{62, 9, "-9"}, NumberRow{63, 9, nullptr},
                                          NumberRow{62, 10, nullptr}, NumberRow{61, 10, "-10"},
                                          NumberRow{60, 999, "-999"}, NumberRow{61, 999, nullptr},
                                          NumberRow{64, 1, nullptr}, NumberRow{0, 1, "-1"}));
 
-TEST_P(NumberTest, FollowsTheDeviceNameWhenThereIsRoom) {
+TEST_P(NumberedNameTest, IsTheDeviceNameAndTheNumberWhereBothFit) {
   const NumberRow& row = GetParam();
   char name[kDeviceNameSize] = {};
   memset(name, 'o', 64);
@@ -121,6 +128,8 @@ TEST_P(NumberTest, FollowsTheDeviceNameWhenThereIsRoom) {
   }
 }
 
+// One pass of probing
+
 std::vector<unsigned> pauses;
 
 class CheckNameTest : public testing::Test {
@@ -134,7 +143,7 @@ class CheckNameTest : public testing::Test {
     ForgetSentPackets();
     pauses.clear();
     onUsleep = [](unsigned microseconds) { pauses.push_back(microseconds); };
-    // The packets that the link answers the nth probe with, there before the listening begins.
+    // Answers to the nth probe; they are there before the listening begins.
     onSendPacket = [this] {
       const size_t probe = SentPackets().size() - 1;
       if (probe < answers.size()) {
@@ -179,7 +188,13 @@ constexpr char kTimeout[] = "[Bonjour] MDNS_CheckName: receive packet timeout\n"
 constexpr char kLimit[] = "[Bonjour] MDNS_CheckName: ignorePackets limits.\n";
 constexpr char kRepeat[] = "[Bonjour] MDNS_CheckName: device name repeat\n";
 
-TEST_F(CheckNameTest, NameStandsOnASilentLink) {
+TEST_F(CheckNameTest, StopBeforeTheStartSendsNothing) {
+  bTerminate.Set(1);
+  EXPECT_EQ(Run(), "");
+  EXPECT_EQ(SentPackets().size(), 0u);
+}
+
+TEST_F(CheckNameTest, NameIsKeptOnASilentLink) {
   EXPECT_EQ(Run(), kTimeout);
   EXPECT_STREQ(record.name, "router");
   EXPECT_EQ(record.retry, 0u);
@@ -216,7 +231,7 @@ TEST_F(CheckNameTest, BaseIsTheDeviceNameAndNotTheProbedOne) {
   EXPECT_STREQ(record.name, "router-1");
 }
 
-TEST_F(CheckNameTest, NumbersStartAgainBehind999) {
+TEST_F(CheckNameTest, NumbersStartAgainAfter999) {
   for (int i = 0; i < 1000; ++i) {
     answers.push_back({Claim(i == 0     ? "router"
                              : i == 999 ? "router-999"
@@ -229,7 +244,7 @@ TEST_F(CheckNameTest, NumbersStartAgainBehind999) {
   EXPECT_STREQ(record.name, "router-1");
 }
 
-TEST_F(CheckNameTest, NameWithoutRoomForANumberIsKeptAndTriedAgain) {
+TEST_F(CheckNameTest, NameTooLongForANumberIsKeptAndProbedAgain) {
   const std::string longest(63, 'x');
   SetName(longest);
   answers = {{Claim(longest)}, {Claim(longest)}};
@@ -238,27 +253,27 @@ TEST_F(CheckNameTest, NameWithoutRoomForANumberIsKeptAndTriedAgain) {
   EXPECT_EQ(record.retry, 1u);
 }
 
-TEST_F(CheckNameTest, ElevenOthersAndSilenceEndWithTheTimeout) {
+TEST_F(CheckNameTest, ElevenOtherPacketsAndSilenceEndWithTheTimeout) {
   answers = {std::vector<std::string>(11, Claim("other"))};
   EXPECT_EQ(Run(), kTimeout);
   EXPECT_EQ(record.retry, 0u);
 }
 
-TEST_F(CheckNameTest, TwelfthOtherEndsWithTheLimit) {
+TEST_F(CheckNameTest, TwelfthOtherPacketEndsWithTheLimit) {
   answers = {std::vector<std::string>(13, Claim("other"))};
   EXPECT_EQ(Run(), kLimit);
-  EXPECT_FALSE(own.IsDry());  // the 13th was not waited for
+  EXPECT_FALSE(own.HasNoPacket());  // the 13th was not waited for
   EXPECT_STREQ(record.name, "router");
   EXPECT_EQ(record.retry, 0u);
 }
 
-TEST_F(CheckNameTest, ConflictAsTheTwelfthCounts) {
+TEST_F(CheckNameTest, ConflictInTheTwelfthPacketCounts) {
   answers = {std::vector<std::string>(11, Claim("other"))};
   answers[0].push_back(Claim("router"));
   EXPECT_EQ(Run(), std::string(kRepeat) + kTimeout);
 }
 
-TEST_F(CheckNameTest, EachCycleCountsAnew) {
+TEST_F(CheckNameTest, EachProbeCountsAnew) {
   answers = {std::vector<std::string>(11, Claim("other")),
              std::vector<std::string>(11, Claim("other"))};
   answers[0].push_back(Claim("router"));
@@ -274,7 +289,7 @@ TEST_F(CheckNameTest, OwnPacketsAreCountedButNotCompared) {
 TEST_F(CheckNameTest, EmptyDatagramEndsLikeSilence) {
   answers = {{"", Claim("router")}};
   EXPECT_EQ(Run(), kTimeout);
-  EXPECT_FALSE(own.IsDry());
+  EXPECT_FALSE(own.HasNoPacket());
 }
 
 TEST_F(CheckNameTest, ReceiveErrorEndsLikeSilence) {
@@ -282,13 +297,7 @@ TEST_F(CheckNameTest, ReceiveErrorEndsLikeSilence) {
   EXPECT_EQ(Run(), kTimeout);
 }
 
-TEST_F(CheckNameTest, StoppedBeforeTheStartSendsNothing) {
-  bTerminate.Set(1);
-  EXPECT_EQ(Run(), "");
-  EXPECT_EQ(SentPackets().size(), 0u);
-}
-
-TEST_F(CheckNameTest, StopBehindTheProbeEndsBeforeListening) {
+TEST_F(CheckNameTest, StopAfterTheProbeEndsBeforeListening) {
   onSendPacket = [this] {
     other.Send(Wire(Claim("router")), own.Name());
     bTerminate.Set(1);
@@ -297,13 +306,13 @@ TEST_F(CheckNameTest, StopBehindTheProbeEndsBeforeListening) {
   EXPECT_EQ(record.retry, 0u);
 }
 
-TEST_F(CheckNameTest, StopWhileListeningEndsBehindTheNextPacket) {
+TEST_F(CheckNameTest, StopWhileListeningEndsAfterTheNextPacket) {
   own.SetReceiveTimeout(5000);
   CapturedOutput output;
   std::thread prober([this] { MDNS_CheckName(&record); });
   ASSERT_TRUE(WaitForSentPackets(1));
   other.Send(Wire(Claim("other")), own.Name());
-  while (!own.IsDry()) std::this_thread::yield();
+  while (!own.HasNoPacket()) std::this_thread::yield();
   bTerminate.Set(1);
   other.Send(Wire(Claim("other")), own.Name());
   prober.join();

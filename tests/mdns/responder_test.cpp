@@ -1,3 +1,5 @@
+// The responder thread from its start to its stop: set-up, probing, answering, withdrawal.
+// Probing and answering themselves are fake.
 #include "mdns/responder.h"
 
 #include <arpa/inet.h>
@@ -113,7 +115,9 @@ class ResponderTest : public testing::Test {
   std::string err;
 };
 
-TEST_F(ResponderTest, StartsProbesAnswersAndCloses) {
+// The start
+
+TEST_F(ResponderTest, SetsUpProbesAnswersAndCloses) {
   Run();
   EXPECT_EQ(out,
             "[Bonjour] default device name = router\n"
@@ -152,7 +156,20 @@ TEST_F(ResponderTest, FillsTheInterfaceTableAndTheDestination) {
   EXPECT_THAT(responderState.mdnsDestination.sin_zero, testing::Each(0));
 }
 
-TEST_F(ResponderTest, WithoutARequestTheNameIsNotProbed) {
+TEST_F(ResponderTest, StopBeforeTheStartOnlySetsTheNameAndEnds) {
+  bTerminate.Set(1);
+  Run();
+  EXPECT_EQ(out, "[Bonjour] default device name = router\n");
+  EXPECT_THAT(events, ElementsAre());
+  EXPECT_EQ(GetBonjourInitStatus(), 0u);
+  EXPECT_EQ(DeviceName(), "router");
+  EXPECT_EQ(responderState.mdnsDestination.sin_port, 0);
+  EXPECT_FALSE(RegistryLock().IsOpen());
+}
+
+// Probing
+
+TEST_F(ResponderTest, WithoutAProbeRequestTheNameIsNotProbed) {
   start.probeRequest = 0;
   Run();
   EXPECT_EQ(out, "[Bonjour] Answer Name Start (192.168.1.1)\n");
@@ -181,7 +198,7 @@ TEST_F(ResponderTest, NameIsCutAt64Characters) {
   EXPECT_EQ(events[1], "probe " + std::string(64, 'n') + " retry 0 socket 17 slot 0");
 }
 
-TEST_F(ResponderTest, StopWhileProbingTakesTheProbedName) {
+TEST_F(ResponderTest, StopWhileProbingKeepsTheNameReachedSoFar) {
   conflicts = 5;
   stopWhileProbing = true;
   Run();
@@ -189,18 +206,21 @@ TEST_F(ResponderTest, StopWhileProbingTakesTheProbedName) {
   EXPECT_EQ(Count("probe routerx retry 0 socket 17 slot 0"), 0);
 }
 
-TEST_F(ResponderTest, StoppedBeforeTheStartOnlyNamesAndEnds) {
-  bTerminate.Set(1);
+TEST_F(ResponderTest, WithoutAProbingThreadTheNameIsTaken) {
+  threadFault.FailCall(1);
   Run();
-  EXPECT_EQ(out, "[Bonjour] default device name = router\n");
-  EXPECT_THAT(events, ElementsAre());
-  EXPECT_EQ(GetBonjourInitStatus(), 0u);
-  EXPECT_EQ(DeviceName(), "router");
-  EXPECT_EQ(responderState.mdnsDestination.sin_port, 0);
-  EXPECT_FALSE(RegistryLock().IsOpen());
+  EXPECT_TRUE(threadFault.HasStruck());
+  EXPECT_EQ(err, "[Bonjour] pthread_create: Resource temporarily unavailable\n");
+  EXPECT_EQ(out,
+            "[Bonjour] default device name = router\n"
+            "[Bonjour] Answer Name Start (192.168.1.1)\n");
+  EXPECT_EQ(Count("probe router retry 0 socket 17 slot 0"), 0);
+  EXPECT_EQ(GetBonjourInitStatus(), 1u);
 }
 
-TEST_F(ResponderTest, SetupIsTriedForMoreThanFiveSecondsThenSupervised) {
+// The set-up of the socket, and an interface that comes late
+
+TEST_F(ResponderTest, SetupIsTriedForMoreThanFiveSecondsThenTheInterfaceIsCheckedEveryTenSeconds) {
   canSetUp = false;
   hasAddress = false;
   stopAtSleep = 8;
@@ -214,7 +234,7 @@ TEST_F(ResponderTest, SetupIsTriedForMoreThanFiveSecondsThenSupervised) {
   EXPECT_EQ(GetBonjourInitStatus(), 0u);
 }
 
-TEST_F(ResponderTest, StopDuringTheSetupSkipsTheMessage) {
+TEST_F(ResponderTest, StopDuringTheSetupLogsNoFailure) {
   canSetUp = false;
   stopAtSleep = 2;
   Run();
@@ -222,7 +242,7 @@ TEST_F(ResponderTest, StopDuringTheSetupSkipsTheMessage) {
   EXPECT_THAT(events, ElementsAre("setup", "sleep 1", "setup", "sleep 1"));
 }
 
-TEST_F(ResponderTest, LateInterfaceIsAnsweredWithoutProbing) {
+TEST_F(ResponderTest, InterfaceThatComesLateIsUsedWithoutProbing) {
   canSetUp = false;
   hasAddress = false;
   onSleep = [](unsigned seconds) {
@@ -247,17 +267,7 @@ TEST_F(ResponderTest, LateInterfaceIsAnsweredWithoutProbing) {
   EXPECT_EQ(GetBonjourInitStatus(), 1u);
 }
 
-TEST_F(ResponderTest, WithoutAProbingThreadTheNameIsTaken) {
-  threadFault.FailCall(1);
-  Run();
-  EXPECT_TRUE(threadFault.HasStruck());
-  EXPECT_EQ(err, "[Bonjour] pthread_create: Resource temporarily unavailable\n");
-  EXPECT_EQ(out,
-            "[Bonjour] default device name = router\n"
-            "[Bonjour] Answer Name Start (192.168.1.1)\n");
-  EXPECT_EQ(Count("probe router retry 0 socket 17 slot 0"), 0);
-  EXPECT_EQ(GetBonjourInitStatus(), 1u);
-}
+// Answering
 
 TEST_F(ResponderTest, WithoutAnAnsweringThreadTheStopIsWaitedFor) {
   threadFault.FailCall(2);
@@ -273,7 +283,9 @@ TEST_F(ResponderTest, WithoutAnAnsweringThreadTheStopIsWaitedFor) {
   EXPECT_EQ(events.back(), "close 1");
 }
 
-TEST_F(ResponderTest, StopWithdrawsEveryServiceInItsOrderBeforeTheClose) {
+// The stop: goodbyes, then the close
+
+TEST_F(ResponderTest, StopWithdrawsServicesInTheOrderOfRegistrationBeforeTheClose) {
   whileAnswering = [] {
     RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
     RegisterOneService("B", "_pdl-datastream._tcp", ".local", nullptr, 0, 9100);
@@ -315,7 +327,7 @@ void StopSendingAtPoll(int count) {
   };
 }
 
-TEST_F(ResponderTest, GoodbyesWaitUntilEveryPacketHandedOverBeforeIsSent) {
+TEST_F(ResponderTest, GoodbyesWaitUntilEarlierPacketsAreSent) {
   whileAnswering = [] {
     RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
     const std::lock_guard lock(eventMutex);
@@ -370,7 +382,7 @@ TEST_F(ResponderTest, GoodbyesWaitForARegistrationThatIsUnderWay) {
   EXPECT_FALSE(RegistryLock().IsOpen());
 }
 
-TEST_F(ResponderTest, NothingIsRegisteredAnyMoreOnceAnsweringHasEnded) {
+TEST_F(ResponderTest, NothingIsRegisteredAfterAnsweringHasEnded) {
   whileAnswering = [] {
     RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
     const std::lock_guard lock(eventMutex);
@@ -386,13 +398,13 @@ TEST_F(ResponderTest, NothingIsRegisteredAnyMoreOnceAnsweringHasEnded) {
   EXPECT_THAT(events, ElementsAre("refused 1", "send", "close 1"));
 }
 
-TEST_F(ResponderTest, NothingIsSentAnyMoreOnceTheGoodbyesAreHandedOver) {
+TEST_F(ResponderTest, NothingIsSentAfterTheGoodbyes) {
   fakeSocketModule.close = [] { Note(multicastSocketUsers.IsClosed() ? "closed" : "open"); };
   Run();
   EXPECT_EQ(events.back(), "closed");
 }
 
-TEST_F(ResponderTest, ServiceThatCanNotBeWithdrawnIsTriedAgainBehindAPause) {
+TEST_F(ResponderTest, ServiceThatCannotBeWithdrawnIsTriedAgainAfterAPause) {
   whileAnswering = [] {
     RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
     ForgetSentPackets();
@@ -410,10 +422,10 @@ TEST_F(ResponderTest, ServiceThatCanNotBeWithdrawnIsTriedAgainBehindAPause) {
   EXPECT_EQ(SentPackets().size(), 1u);
 }
 
-TEST_F(ResponderTest, SenderThatHangsIsNotWaitedForMuchLonger) {
+TEST_F(ResponderTest, SenderThatHangsIsWaitedForThreeSecondsInAll) {
   EXPECT_TRUE(multicastSocketUsers.Enter());
   Run();
-  // Twice 1.5 seconds: before the goodbyes and behind them.
+  // Twice 1.5 seconds: before the goodbyes and after them.
   EXPECT_EQ(Count("poll"), 300);
   EXPECT_EQ(events.back(), "close 1");
 }

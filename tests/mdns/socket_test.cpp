@@ -1,3 +1,5 @@
+// The multicast socket: the address of its interface, its set-up, the end of its receive, its
+// close.
 #include "mdns/socket.h"
 
 #include <arpa/inet.h>
@@ -22,6 +24,7 @@
 
 namespace {
 
+// In a network namespace without interfaces.
 class SocketTest : public testing::Test {
  protected:
   SocketTest() {
@@ -44,6 +47,7 @@ class SocketTest : public testing::Test {
   const OwnNetwork network;
 };
 
+// With the bridge br0, up, and its address.
 class BridgeTest : public SocketTest {
  protected:
   BridgeTest() {
@@ -59,12 +63,36 @@ class BridgeTest : public SocketTest {
   }
 };
 
-template <typename T>
-T Option(int level, int option) {
-  T value{};
-  socklen_t size = sizeof(value);
-  EXPECT_EQ(getsockopt(multicastSocket.Get(), level, option, &value, &size), 0);
-  return value;
+// The same before and after means that no descriptor was left open.
+int LowestFreeDescriptor() {
+  const int descriptor = dup(0);
+  close(descriptor);
+  return descriptor;
+}
+
+// UpdateHostIP: the address of an interface
+
+TEST_F(BridgeTest, AddressFollowsTheInterface) {
+  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(UpdateHostIP(0), 1u); }), "");
+  EXPECT_STREQ(GetInterfaceAddress(0).text, "192.168.1.1");
+  SetAddress("br0", "10.20.30.40");
+  EXPECT_EQ(UpdateHostIP(0), 1u);
+  EXPECT_STREQ(GetInterfaceAddress(0).text, "10.20.30.40");
+}
+
+TEST_F(SocketTest, InterfaceThatIsDownHasAnAddress) {
+  AddBridge("br0");
+  SetAddress("br0", "192.168.1.1");
+  SetInterfaceUp("br0", false);
+  EXPECT_EQ(UpdateHostIP(0), 1u);
+  EXPECT_STREQ(GetInterfaceAddress(0).text, "192.168.1.1");
+}
+
+TEST_F(BridgeTest, EachSlotHasItsOwnInterface) {
+  strcpy(responderState.interfaceName[1], "lo");
+  EXPECT_EQ(UpdateHostIP(1), 1u);
+  EXPECT_STREQ(GetInterfaceAddress(1).text, "127.0.0.1");
+  EXPECT_STREQ(GetInterfaceAddress(0).text, "");
 }
 
 TEST_F(SocketTest, MissingInterfaceIsReported) {
@@ -85,27 +113,7 @@ TEST_F(SocketTest, InterfaceWithoutAddressIsReported) {
   EXPECT_STREQ(GetInterfaceAddress(0).text, "10.0.0.1");
 }
 
-TEST_F(SocketTest, SetupWithoutInterfaceOpensNothing) {
-  CapturedOutput output;
-  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
-  EXPECT_EQ(output.Stdout(),
-            "[Bonjour] ioctl SIOCGIFFLAGS failed:br0\n"
-            "[SocketSetup_For_Interface_N] UpdateHostIP error\n");
-  EXPECT_EQ(output.Stderr(), "[Bonjour] ioctl SIOCGIFFLAGS failed: No such device\n");
-  ExpectNothingOpen();
-}
-
-TEST_F(SocketTest, SetupWithoutAddressOpensNothing) {
-  AddBridge("br0");
-  CapturedOutput output;
-  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
-  EXPECT_EQ(output.Stdout(),
-            "[Bonjour] ioctl SIOCGIFADDR failed:br0\n"
-            "[SocketSetup_For_Interface_N] UpdateHostIP error\n");
-  ExpectNothingOpen();
-}
-
-TEST_F(SocketTest, WithoutAControlSocketNothingIsSaid) {
+TEST_F(SocketTest, WithoutAControlSocketNothingIsLogged) {
   CapturedOutput output;
   socketFault.FailCall(1);
   EXPECT_EQ(UpdateHostIP(0), 0u);
@@ -113,38 +121,33 @@ TEST_F(SocketTest, WithoutAControlSocketNothingIsSaid) {
   EXPECT_EQ(output.Stdout() + output.Stderr(), "");
 }
 
-TEST_F(SocketTest, InterfaceThatIsDownHasAnAddress) {
-  AddBridge("br0");
-  SetAddress("br0", "192.168.1.1");
-  SetInterfaceUp("br0", false);
-  EXPECT_EQ(UpdateHostIP(0), 1u);
-  EXPECT_STREQ(GetInterfaceAddress(0).text, "192.168.1.1");
-}
-
-TEST_F(BridgeTest, AddressFollowsTheInterface) {
-  EXPECT_EQ(StdoutOf([] { EXPECT_EQ(UpdateHostIP(0), 1u); }), "");
-  EXPECT_STREQ(GetInterfaceAddress(0).text, "192.168.1.1");
-  SetAddress("br0", "10.20.30.40");
-  EXPECT_EQ(UpdateHostIP(0), 1u);
-  EXPECT_STREQ(GetInterfaceAddress(0).text, "10.20.30.40");
-}
-
-TEST_F(BridgeTest, EachSlotHasItsOwnInterface) {
-  strcpy(responderState.interfaceName[1], "lo");
-  EXPECT_EQ(UpdateHostIP(1), 1u);
-  EXPECT_STREQ(GetInterfaceAddress(1).text, "127.0.0.1");
-  EXPECT_STREQ(GetInterfaceAddress(0).text, "");
-}
-
-TEST_F(BridgeTest, RequestsLeaveNoDescriptorOpen) {
-  const int before = dup(0);
-  close(before);
+TEST_F(BridgeTest, AddressRequestsLeaveNoDescriptorOpen) {
+  const int before = LowestFreeDescriptor();
   UpdateHostIP(0);
   StdoutOf([] { UpdateHostIP(1); });
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(LowestFreeDescriptor(), before);
 }
+
+TEST_F(BridgeTest, AddressIsReadWhileItIsWritten) {
+  std::thread writer([] {
+    for (int i = 0; i < 100; ++i) UpdateHostIP(0);
+  });
+  for (int i = 0; i < 1000; ++i) {
+    const std::string seen = GetInterfaceAddress(0).text;
+    EXPECT_TRUE(seen.empty() || seen == "192.168.1.1") << seen;
+  }
+  writer.join();
+}
+
+template <typename T>
+T Option(int level, int option) {
+  T value{};
+  socklen_t size = sizeof(value);
+  EXPECT_EQ(getsockopt(multicastSocket.Get(), level, option, &value, &size), 0);
+  return value;
+}
+
+// The set-up
 
 TEST_F(BridgeTest, SocketIsBoundToTheMdnsPortAndTheBridge) {
   SetUpSocket();
@@ -161,30 +164,7 @@ TEST_F(BridgeTest, SocketIsBoundToTheMdnsPortAndTheBridge) {
   EXPECT_STREQ(device, "br0");
 }
 
-TEST_F(BridgeTest, SocketMayBeTheFirstDescriptor) {
-  const int input = dup(0);
-  StdoutOf([] {
-    close(0);
-    EXPECT_EQ(SocketSetup_For_Interface_N(), 1u);
-  });
-  EXPECT_EQ(multicastSocket.Get(), 0);
-  CloseMulticastSocket();
-  dup2(input, 0);
-  close(input);
-}
-
-TEST_F(BridgeTest, SocketHasItsOptions) {
-  SetUpSocket();
-  EXPECT_EQ(Option<int>(SOL_SOCKET, SO_REUSEADDR), 1);
-  EXPECT_EQ(Option<int>(SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
-  EXPECT_EQ(Option<int>(IPPROTO_IP, IP_MULTICAST_LOOP), 0);
-  EXPECT_EQ(Option<in_addr>(IPPROTO_IP, IP_MULTICAST_IF).s_addr, 0u);
-  const auto timeout = Option<timeval>(SOL_SOCKET, SO_RCVTIMEO);
-  EXPECT_EQ(timeout.tv_sec, 5);
-  EXPECT_EQ(timeout.tv_usec, 0);
-}
-
-TEST_F(BridgeTest, OptionsAreHandedOverInTheirOrderAndToTheByte) {
+TEST_F(BridgeTest, OptionsAreSetInOrderWithTheirExactBytes) {
   SetUpSocket();
   const std::vector<SocketOption> options = SetOptions();
   ASSERT_EQ(options.size(), 6u);
@@ -205,6 +185,17 @@ TEST_F(BridgeTest, OptionsAreHandedOverInTheirOrderAndToTheByte) {
   expect(3, IPPROTO_IP, IP_MULTICAST_IF, Wire("00 00 00 00"));
   expect(4, IPPROTO_IP, IP_MULTICAST_LOOP, Wire("00"));
   expect(5, SOL_SOCKET, SO_RCVTIMEO, timeout);
+}
+
+TEST_F(BridgeTest, KernelReportsTheOptions) {
+  SetUpSocket();
+  EXPECT_EQ(Option<int>(SOL_SOCKET, SO_REUSEADDR), 1);
+  EXPECT_EQ(Option<int>(SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+  EXPECT_EQ(Option<int>(IPPROTO_IP, IP_MULTICAST_LOOP), 0);
+  EXPECT_EQ(Option<in_addr>(IPPROTO_IP, IP_MULTICAST_IF).s_addr, 0u);
+  const auto timeout = Option<timeval>(SOL_SOCKET, SO_RCVTIMEO);
+  EXPECT_EQ(timeout.tv_sec, 5);
+  EXPECT_EQ(timeout.tv_usec, 0);
 }
 
 TEST_F(BridgeTest, SocketJoinsTheGroupOnTheBridge) {
@@ -241,28 +232,98 @@ TEST_F(BridgeTest, SocketHearsTheGroupAndNotItself) {
   EXPECT_STREQ(inet_ntoa(sender.sin_addr), "192.168.1.9");
 }
 
-TEST_F(BridgeTest, ClosingForgetsTheSocket) {
-  SetUpSocket();
-  const int descriptor = multicastSocket.Get();
+TEST_F(BridgeTest, SocketMayBeDescriptor0) {
+  const int input = dup(0);
+  StdoutOf([] {
+    close(0);
+    EXPECT_EQ(SocketSetup_For_Interface_N(), 1u);
+  });
+  EXPECT_EQ(multicastSocket.Get(), 0);
   CloseMulticastSocket();
-  ExpectNothingOpen();
-  EXPECT_EQ(close(descriptor), -1);
+  dup2(input, 0);
+  close(input);
 }
 
-TEST_F(BridgeTest, BridgeIsNotConnectedAndItsSocketForgottenBeforeTheClose) {
-  SetUpSocket();
-  static int closed;
-  closed = -1;
-  onClose = [](int descriptor) {
-    closed = descriptor;
-    EXPECT_EQ(responderState.connected[0].Get(), 0u);
-    EXPECT_EQ(multicastSocket.Get(), -1);
-    onClose = nullptr;
-  };
-  const int descriptor = multicastSocket.Get();
-  CloseMulticastSocket();
-  EXPECT_EQ(closed, descriptor);
+// A set-up that fails
+
+TEST_F(SocketTest, SetupWithoutInterfaceOpensNothing) {
+  CapturedOutput output;
+  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+  EXPECT_EQ(output.Stdout(),
+            "[Bonjour] ioctl SIOCGIFFLAGS failed:br0\n"
+            "[SocketSetup_For_Interface_N] UpdateHostIP error\n");
+  EXPECT_EQ(output.Stderr(), "[Bonjour] ioctl SIOCGIFFLAGS failed: No such device\n");
+  ExpectNothingOpen();
 }
+
+TEST_F(SocketTest, SetupWithoutAddressOpensNothing) {
+  AddBridge("br0");
+  CapturedOutput output;
+  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+  EXPECT_EQ(output.Stdout(),
+            "[Bonjour] ioctl SIOCGIFADDR failed:br0\n"
+            "[SocketSetup_For_Interface_N] UpdateHostIP error\n");
+  ExpectNothingOpen();
+}
+
+TEST_F(BridgeTest, WithoutAMulticastSocketNothingIsLogged) {
+  CapturedOutput output;
+  multicastSocket.Set(99);
+  socketFault.FailCall(2);
+  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+  EXPECT_TRUE(socketFault.HasStruck());
+  EXPECT_EQ(output.Stdout() + output.Stderr(), "");
+  ExpectNothingOpen();
+}
+
+TEST_F(BridgeTest, PortInUseIsReportedAndClosesTheSocket) {
+  const UdpSocket taken("0.0.0.0", 5353);
+  const int before = LowestFreeDescriptor();
+  {
+    CapturedOutput output;
+    EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+    EXPECT_EQ(output.Stderr(), "[Bonjour] discovery bind: Address already in use\n");
+    EXPECT_EQ(output.Stdout(), "");
+  }
+  ExpectNothingOpen();
+  EXPECT_EQ(LowestFreeDescriptor(), before);
+}
+
+struct OptionRow {
+  int call;
+  const char* message;
+};
+
+class FailingOptionTest : public BridgeTest, public testing::WithParamInterface<OptionRow> {};
+
+// In the order in which they are set, the bind between the first and the second.
+INSTANTIATE_TEST_SUITE_P(Options, FailingOptionTest,
+                         testing::Values(OptionRow{1, "[Bonjour] setsockopt SO_REUSEADDR"},
+                                         OptionRow{2, "[Bonjour] setsockopt SO_BINDTODEVICE"},
+                                         OptionRow{3, "[Bonjour] setsockopt IP_ADD_MEMBERSHIP"},
+                                         OptionRow{4, "[Bonjour] setsockopt IP_MULTICAST_IF"},
+                                         OptionRow{5, "[Bonjour] setsockopt IP_MULTICAST_LOOP"},
+                                         OptionRow{6, "[Bonjour] setsockopt SO_RCVTIMEO"}),
+                         [](const auto& row) { return std::to_string(row.param.call); });
+
+TEST_P(FailingOptionTest, IsReportedAndClosesTheSocket) {
+  const int before = LowestFreeDescriptor();
+  {
+    CapturedOutput output;
+    setsockoptFault.FailCall(GetParam().call);
+    // A close that succeeds may leave any errno behind; reported is the failed call's.
+    onClose = [](int) { errno = EIO; };
+    EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
+    onClose = nullptr;
+    EXPECT_TRUE(setsockoptFault.HasStruck());
+    EXPECT_EQ(output.Stderr(), std::string(GetParam().message) + ": Operation not permitted\n");
+    EXPECT_EQ(output.Stdout(), "");
+  }
+  ExpectNothingOpen();
+  EXPECT_EQ(LowestFreeDescriptor(), before);
+}
+
+// The end of the receive
 
 TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
   SetUpSocket();
@@ -301,79 +362,35 @@ TEST_F(SocketTest, EndingTheReceiveWithoutASocketDoesNothing) {
   EXPECT_TRUE(multicastSocketUsers.IsEmpty());
 }
 
-TEST_F(BridgeTest, SetupWorksAgainBehindAClose) {
+// The close
+
+TEST_F(BridgeTest, CloseResetsTheStateAndClosesTheDescriptor) {
+  SetUpSocket();
+  const int descriptor = multicastSocket.Get();
+  CloseMulticastSocket();
+  ExpectNothingOpen();
+  EXPECT_EQ(close(descriptor), -1);
+}
+
+TEST_F(BridgeTest, StateIsResetBeforeTheDescriptorIsClosed) {
+  SetUpSocket();
+  static int closed;
+  closed = -1;
+  onClose = [](int descriptor) {
+    closed = descriptor;
+    EXPECT_EQ(responderState.connected[0].Get(), 0u);
+    EXPECT_EQ(multicastSocket.Get(), -1);
+    onClose = nullptr;
+  };
+  const int descriptor = multicastSocket.Get();
+  CloseMulticastSocket();
+  EXPECT_EQ(closed, descriptor);
+}
+
+TEST_F(BridgeTest, SetupWorksAgainAfterAClose) {
   SetUpSocket();
   CloseMulticastSocket();
   SetUpSocket();
-}
-
-TEST_F(BridgeTest, WithoutAMulticastSocketNothingIsSaid) {
-  CapturedOutput output;
-  multicastSocket.Set(99);
-  socketFault.FailCall(2);
-  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
-  EXPECT_TRUE(socketFault.HasStruck());
-  EXPECT_EQ(output.Stdout() + output.Stderr(), "");
-  ExpectNothingOpen();
-}
-
-TEST_F(BridgeTest, TakenPortIsReportedBehindTheReuse) {
-  const UdpSocket taken("0.0.0.0", 5353);
-  const int before = dup(0);
-  close(before);
-  CapturedOutput output;
-  EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
-  EXPECT_EQ(output.Stderr(), "[Bonjour] discovery bind: Address already in use\n");
-  EXPECT_EQ(output.Stdout(), "");
-  ExpectNothingOpen();
-}
-
-struct OptionRow {
-  int call;
-  const char* message;
-};
-
-class OptionTest : public BridgeTest, public testing::WithParamInterface<OptionRow> {};
-
-// In the order in which they are set, the bind between the first and the second.
-INSTANTIATE_TEST_SUITE_P(Options, OptionTest,
-                         testing::Values(OptionRow{1, "[Bonjour] setsockopt SO_REUSEADDR"},
-                                         OptionRow{2, "[Bonjour] setsockopt SO_BINDTODEVICE"},
-                                         OptionRow{3, "[Bonjour] setsockopt IP_ADD_MEMBERSHIP"},
-                                         OptionRow{4, "[Bonjour] setsockopt IP_MULTICAST_IF"},
-                                         OptionRow{5, "[Bonjour] setsockopt IP_MULTICAST_LOOP"},
-                                         OptionRow{6, "[Bonjour] setsockopt SO_RCVTIMEO"}),
-                         [](const auto& row) { return std::to_string(row.param.call); });
-
-TEST_P(OptionTest, FailureIsReportedAndClosesTheSocket) {
-  const int before = dup(0);
-  close(before);
-  {
-    CapturedOutput output;
-    setsockoptFault.FailCall(GetParam().call);
-    // A close that succeeds may leave any errno behind; reported is the failed call's.
-    onClose = [](int) { errno = EIO; };
-    EXPECT_EQ(SocketSetup_For_Interface_N(), 0u);
-    onClose = nullptr;
-    EXPECT_TRUE(setsockoptFault.HasStruck());
-    EXPECT_EQ(output.Stderr(), std::string(GetParam().message) + ": Operation not permitted\n");
-    EXPECT_EQ(output.Stdout(), "");
-  }
-  ExpectNothingOpen();
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(after, before);
-}
-
-TEST_F(BridgeTest, AddressIsReadWhileItIsWritten) {
-  std::thread writer([] {
-    for (int i = 0; i < 100; ++i) UpdateHostIP(0);
-  });
-  for (int i = 0; i < 1000; ++i) {
-    const std::string seen = GetInterfaceAddress(0).text;
-    EXPECT_TRUE(seen.empty() || seen == "192.168.1.1") << seen;
-  }
-  writer.join();
 }
 
 }  // namespace

@@ -156,7 +156,7 @@ std::optional<Bytes> UdpSocket::Receive() const {
   return bytes;
 }
 
-bool UdpSocket::IsDry() const { return !IsReadable(Get(), 0); }
+bool UdpSocket::HasNoPacket() const { return !IsReadable(Get(), 0); }
 
 OtherHost::OtherHost(const char* bridge) : tap(open("/dev/net/tun", O_RDWR | O_CLOEXEC)) {
   Require(tap.IsOpen(), "/dev/net/tun");

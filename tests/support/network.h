@@ -46,7 +46,7 @@ class UdpSocket {
   /// The next datagram, or nothing when none came within ten seconds.
   std::optional<Bytes> Receive() const;
   /// True when no datagram waits.
-  bool IsDry() const;
+  bool HasNoPacket() const;
 
  private:
   Descriptor descriptor;
