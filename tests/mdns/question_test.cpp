@@ -52,7 +52,7 @@ TEST_P(HostNameTest, ComparesTheFirstLabel) {
             row.asks);
 }
 
-TEST_P(HostNameTest, LooksAtNothingBehindAnyPrefix) {
+TEST_P(HostNameTest, NoByteBeyondACutMessageIsRead) {
   const HostRow& row = GetParam();
   const Bytes whole = Wire("00 00 00 00 00 01 00 00 00 00 00 00 " + row.wire);
   for (size_t size = 0; size <= whole.size(); ++size) {

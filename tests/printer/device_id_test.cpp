@@ -17,7 +17,7 @@ class DeviceId : public testing::Test {
   std::unique_ptr<char[]> id{new char[512]()};
 };
 
-TEST_F(DeviceId, TextBeginsBehindTheLengthField) {
+TEST_F(DeviceId, TextBeginsAfterTheLengthField) {
   memcpy(id.get(), "\x00\x16MFG:X;MODEL:Y;CMD:Z;", 22);
   EXPECT_EQ(DeviceIdText(id.get()), "MFG:X;MODEL:Y;CMD:Z;");
 }

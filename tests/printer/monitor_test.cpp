@@ -311,7 +311,7 @@ TEST_F(MonitorThread, RecordThatLosesItsThirdLineWithdrawsThePrinter) {
   EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n[Bonjour] device remove lp0\n");
 }
 
-TEST_F(MonitorThread, MalformedRecordWithdrawsThePrintersBehindIt) {
+TEST_F(MonitorThread, MalformedRecordWithdrawsThePrintersAfterIt) {
   const Log log = Run({{true, "usblp0\nA\nM\nX\n\nusblp1\nB\nN\nY\n\n"},
                        {true, "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\n"},
                        {true, ""}});

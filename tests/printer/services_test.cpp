@@ -145,7 +145,7 @@ TEST_F(PrinterServices, TextThatDoesNotFitIsNotRegistered) {
   EXPECT_TRUE(fakeRegistration.calls.empty());
 }
 
-TEST_F(PrinterServices, TextThatCanNotBeHadIsLoggedForAnUnknownKindToo) {
+TEST_F(PrinterServices, TextThatCannotBeHadIsLoggedForAnUnknownKindToo) {
   EXPECT_EQ(Update(4, 1, 4).out, "[Bonjour] GetTXTData error\n");
 }
 

@@ -81,7 +81,7 @@ TEST_F(StatusFile, EveryLengthUpToTheLimitIsReadWhole) {
   }
 }
 
-TEST_F(StatusFile, WhatIsBehindTheLimitIsNotRead) {
+TEST_F(StatusFile, WhatIsBeyondTheLimitIsNotRead) {
   for (const size_t length : {size_t{40961}, size_t{45056}, size_t{100000}}) {
     ASSERT_TRUE(WriteFile(kPath, Letters(length)));
     EXPECT_EQ(Read(), 40960);

@@ -180,7 +180,7 @@ INSTANTIATE_TEST_SUITE_P(
                          std::string(40947, '\n') + "usblp0\nA\nM\nX\n", 0, 1, "A", "M", "X"}),
     CaseName());
 
-TEST_F(GetTxtData, CommandSetIsCutBehindFiveHundredAndElevenCharacters) {
+TEST_F(GetTxtData, CommandSetIsCutAfterFiveHundredAndElevenCharacters) {
   // A text cannot be made from so long a line; the pdl line shows how far it was read.
   Get("usblp0\nA\nM\n" + std::string(510, ',') + "X\n\n");
   EXPECT_EQ(result, -1);
