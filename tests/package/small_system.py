@@ -94,12 +94,12 @@ class SmallSystem:
         return self.script("status") == 0
 
     @property
-    def number(self):
-        """The daemon's, as the init script has noted it."""
+    def pid(self):
+        """The daemon's process id, as the init script has noted it."""
         return int((self.root / PIDFILE).read_text())
 
     def processes(self):
-        """The command lines of what runs, by number, without what holds the sandbox."""
+        """The command lines of what runs, by process id, without what holds the sandbox."""
         found = {}
         for entry in self.sandbox.path("/proc/.kernel").iterdir():
             if entry.name.isdigit() and entry.name != "1":
@@ -114,9 +114,9 @@ class SmallSystem:
         """The names of what runs."""
         return sorted(pathlib.Path(words[0]).name for words in self.processes().values())
 
-    def of_process(self, number, file):
+    def of_process(self, pid, file):
         """This file of a process's directory in /proc."""
-        return self.sandbox.path(f"/proc/.kernel/{number}/{file}")
+        return self.sandbox.path(f"/proc/.kernel/{pid}/{file}")
 
     def wait_until(self, holds, what):
         deadline = time.monotonic() + _BOUND * PATIENCE

@@ -72,7 +72,7 @@ def test_init_script_starts_the_daemon_from_another_prefix(tmp_path, sandbox):
     (root / DEFAULTS).write_text("MODEL=3600\n")
     system = SmallSystem(root, sandbox)
     assert system.script("start") == 0
-    assert system.processes()[system.number] == ["/usr/local/sbin/bonjour", "3600"]
+    assert system.processes()[system.pid] == ["/usr/local/sbin/bonjour", "3600"]
 
 
 def test_limits_of_the_unit_are_those_of_the_init_script(tmp_path):

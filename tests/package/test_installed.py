@@ -96,8 +96,8 @@ def test_model_comes_from_the_one_variable(lab, system):
 def test_model_and_limits_come_from_no_other_place(system):
     (system.root / DEFAULTS).write_text("")
     system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
-    assert system.processes()[system.number] == [f"/{DAEMON}"]
-    limits = system.of_process(system.number, "limits").read_text()
+    assert system.processes()[system.pid] == [f"/{DAEMON}"]
+    limits = system.of_process(system.pid, "limits").read_text()
     assert " 67108864 " not in limits and " 262144 " not in limits
 
 
