@@ -1,4 +1,4 @@
-"""The demonstration behind ./demo: the daemon's main job as a story, timed by its packets."""
+"""The demonstration behind ./demo: the daemon's main job step by step, timed by its packets."""
 
 import argparse
 import os
@@ -21,25 +21,25 @@ SERVICES = {RAW: "raw printing", IPP: "IPP"}
 _colours = sys.stdout.isatty() and "NO_COLOR" not in os.environ
 
 
-def _styled(code, text):
+def _in_style(code, text):
     return f"\x1b[{code}m{text}\x1b[0m" if _colours else text
 
 
-def _title(text):
-    print(f"\n{_styled('1', text)}", flush=True)
+def _print_title(text):
+    print(f"\n{_in_style('1', text)}", flush=True)
 
 
-def _told(seconds, text):
-    print(f"  {_styled('36', f'{seconds * 1000:7.1f} ms')}  {text}", flush=True)
+def _print_step(seconds, text):
+    print(f"  {_in_style('36', f'{seconds * 1000:7.1f} ms')}  {text}", flush=True)
 
 
-def _table(head, rows):
+def _print_table(head, rows):
     widths = [max(len(row[column]) for row in [head, *rows]) for column in range(len(head))]
 
     def line(row):
         return "    " + "   ".join(map(str.ljust, row, widths)).rstrip()
 
-    print(f"\n{_styled('1', line(head))}")
+    print(f"\n{_in_style('1', line(head))}")
     print(line(["-" * width for width in widths]))
     print("\n".join(map(line, rows)), end="\n\n", flush=True)
 
@@ -52,8 +52,8 @@ def _is_goodbye(packet):
     return _is_response(packet) and all(record.ttl == 0 for record in packet.message.answers)
 
 
-def _tells_of(rrtype):
-    return lambda packet: any(record.name == rrtype for record in packet.message.answers)
+def _has_record_of(owner):
+    return lambda packet: any(record.name == owner for record in packet.message.answers)
 
 
 class Demo:
@@ -67,37 +67,41 @@ class Demo:
         self.browser = None
 
     def start_router(self):
-        _title("The router starts and claims a name on the link")
+        _print_title("The router starts and claims a name on the link")
         start, mark = time.time(), self.lab.capture.mark()
         daemon = self.router.start(MODEL, fast=False, ready=False)
         probes = self.lab.wait_for_packet(lambda packet: packet.is_query, mark, TRANSMISSIONS)
         wanted = probes[0].message.questions[0].name
         for probe, text in zip(probes, (f"it asks who has the name {wanted}", "again", "again")):
-            _told(probe.time - start, text)
+            _print_step(probe.time - start, text)
         settled = daemon.wait_for_line(re.compile(r"\[Bonjour\] default device name = .*"))
-        _told(settled.time - start, f"nobody objected: {daemon.device_name}.local is its name")
+        _print_step(
+            settled.time - start, f"nobody objected: {daemon.device_name}.local is its name"
+        )
         self.router.wait_for_banner()
 
     def plug_in(self, port, manufacturer, model, commands):
-        _title(f"A printer is plugged in: {manufacturer} {model}")
+        _print_title(f"A printer is plugged in: {manufacturer} {model}")
         start, mark = time.time(), self.lab.capture.mark()
         self.router.plug_in(port, manufacturer, model, commands)
-        for rrtype, service in SERVICES.items():
+        for service_type, service in SERVICES.items():
             announced = self.lab.wait_for_packet(
-                lambda packet: _is_response(packet) and _tells_of(rrtype)(packet),
+                lambda packet: _is_response(packet) and _has_record_of(service_type)(packet),
                 mark,
                 TRANSMISSIONS,
             )
             times = ", ".join(f"{(packet.time - start) * 1000:.0f}" for packet in announced)
-            _told(announced[0].time - start, f"{service} is announced to all hosts (at {times} ms)")
+            _print_step(
+                announced[0].time - start, f"{service} is announced to all hosts (at {times} ms)"
+            )
 
     def list_printers(self, count):
-        _title("A new host on the link looks for printers")
+        _print_title("A new host on the link looks for printers")
         self.host = self.lab.add_host()
         self.browser = Browser(self.host)
-        for rrtype, service in reversed(SERVICES.items()):
-            self._ask(rrtype, "PTR", f"who offers {service}?", _tells_of(rrtype))
-        self._hear(
+        for service_type, service in reversed(SERVICES.items()):
+            self._ask(service_type, "PTR", f"who offers {service}?", _has_record_of(service_type))
+        self._wait_until_heard(
             lambda: len(self.browser.services) == count * len(SERVICES)
             and all(service.attributes for service in self.browser.services),
             "the printers' services",
@@ -106,44 +110,44 @@ class Demo:
 
     def ask_for_router(self):
         name = f"{self.router.daemon.device_name}.local"
-        _title("The host asks for the router's address")
-        self._ask(name, "A", f"what is the address of {name}?", _tells_of(name))
-        self._hear(lambda: self.browser.address_of(name), "the address")
+        _print_title("The host asks for the router's address")
+        self._ask(name, "A", f"what is the address of {name}?", _has_record_of(name))
+        self._wait_until_heard(lambda: self.browser.address_of(name), "the address")
         print(f"              {name} is {self.browser.address_of(name)}", flush=True)
 
     def pull_out(self, port):
         gone = self.router.printer(port)
-        _title(f"A printer is pulled out: {gone.manufacturer} {gone.model}")
+        _print_title(f"A printer is pulled out: {gone.manufacturer} {gone.model}")
         left = len(self.browser.services) - len(SERVICES)
         start, mark = time.time(), self.lab.capture.mark()
         self.router.pull_out(port)
         goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES) * TRANSMISSIONS)
-        _told(goodbyes[0].time - start, "the router says goodbye for its services")
-        self._hear(lambda: len(self.browser.services) == left, "the goodbyes")
+        _print_step(goodbyes[0].time - start, "the router says goodbye for its services")
+        self._wait_until_heard(lambda: len(self.browser.services) == left, "the goodbyes")
         print("              the host's list is now:")
         self._show_services()
 
     def stop_router(self):
-        _title("The router stops")
+        _print_title("The router stops")
         start, mark = time.time(), self.lab.capture.mark()
         self.router.stop()
         ended = time.time()
         goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
-        _told(goodbyes[0].time - start, "it says goodbye for every printer left")
-        _told(ended - start, "it ends, exit status 0")
-        self._hear(lambda: not self.browser.services, "the goodbyes")
+        _print_step(goodbyes[0].time - start, "it says goodbye for every printer left")
+        _print_step(ended - start, "it ends, exit status 0")
+        self._wait_until_heard(lambda: not self.browser.services, "the goodbyes")
         print("              the host's list is empty", flush=True)
 
-    def _ask(self, name, rrtype, text, answers):
+    def _ask(self, name, record_type, text, answers):
         mark = self.lab.capture.mark()
-        self.browser.ask(name, rrtype)
+        self.browser.ask(name, record_type)
         asked = self.lab.capture.wait_for(lambda packet: packet.is_query, since=mark)[0]
         answer = self.lab.wait_for_packet(
             lambda packet: _is_response(packet) and answers(packet), mark
         )[0]
-        _told(answer.time - asked.time, f"answered: {text}")
+        _print_step(answer.time - asked.time, f"answered: {text}")
 
-    def _hear(self, until, what):
+    def _wait_until_heard(self, until, what):
         if not self.browser.listen(until, bound=5.0):
             raise RuntimeError(f"the host did not hear {what}")
 
@@ -159,10 +163,10 @@ class Demo:
             ]
             for service in self.browser.services
         ]
-        _table(["Printer", "Service", "Address", "Port", "Make", "Model"], rows)
+        _print_table(["Printer", "Service", "Address", "Port", "Make", "Model"], rows)
 
 
-def _how_to_look_in(demo):
+def _instructions(demo):
     router, host = demo.router, demo.host
     python = f"env PYTHONPATH={shlex.quote(str(ROOT))} /usr/bin/python3 -B"
     sandbox = f"/proc/{router.sandbox.pid}/ns"
@@ -196,7 +200,7 @@ def _how_to_look_in(demo):
     return textwrap.dedent(text)
 
 
-def _stand(demo):
+def _leave_standing(demo):
     daemon = demo.router.daemon
     standing = True
 
@@ -206,7 +210,7 @@ def _stand(demo):
             print(f"The daemon has ended with status {status}. The lab still stands.", flush=True)
 
     try:
-        print(_how_to_look_in(demo))
+        print(_instructions(demo))
         daemon.lines.follow(lambda line: print(f"  | {line.text}", flush=True), tell_end)
         if not sys.stdin or not sys.stdin.readline():  # nobody at the terminal: until a signal
             signal.pause()
@@ -214,7 +218,7 @@ def _stand(demo):
         standing = False
 
 
-def _story(lab, keep):
+def _run(lab, keep):
     demo = Demo(lab)
     demo.start_router()
     demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
@@ -222,7 +226,7 @@ def _story(lab, keep):
     demo.list_printers(2)
     demo.ask_for_router()
     if keep:
-        _stand(demo)
+        _leave_standing(demo)
     else:
         demo.pull_out(0)
         demo.stop_router()
@@ -246,7 +250,7 @@ def main():
     begun = time.monotonic()
     try:
         with Lab() as lab:
-            _story(lab, options.keep)
+            _run(lab, options.keep)
     except KeyboardInterrupt:
         print()
         return 0 if options.keep else 130

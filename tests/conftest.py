@@ -87,7 +87,7 @@ def daemon(router):
 
 
 @pytest.fixture
-def office(lab, router):
+def daemon_with_printer(lab, router):
     """The daemon, up, with the printer HP Model 12 at port 0 published and all announced."""
     router.plug_in(0)
     started = router.start()

@@ -112,8 +112,8 @@ PRINTER_GOES = [
 ]
 
 
-# How a line of the trace reads in the words above. The first pattern that is found counts.
-WORDS = [
+# How a line of the trace is written in the notation above. The first pattern that matches counts.
+PATTERNS = [
     (r"^clone3?\(", THREAD),
     (r"^rt_sigaction\((SIGPIPE), {sa_handler=SIG_IGN", r"signal \1 ignored"),
     (r"^rt_sigaction\((SIGINT|SIGTERM), {sa_handler=0x", r"signal \1 handled"),
@@ -142,8 +142,8 @@ WORDS = [
 
 
 def call(line):
-    """What a line of the trace says in the words above, or None."""
-    for pattern, words in WORDS:
+    """What a line of the trace says in the notation above, or None."""
+    for pattern, words in PATTERNS:
         found = re.search(pattern, line)
         if found:
             return found.expand(words)

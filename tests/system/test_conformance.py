@@ -11,11 +11,11 @@ TRUNCATED = f"0000 0200 0001 0000 0000 0000 {wire.IPP} 000C 0001"
 ERROR_CODE = f"0000 0003 0001 0000 0000 0000 {wire.IPP} 000C 0001"
 
 
-def test_packets_leave_with_an_ip_time_to_live_of_1(lab, office):
+def test_packets_leave_with_an_ip_time_to_live_of_1(lab, daemon_with_printer):
     assert {packet.ttl for packet in lab.sent()} == {1}
 
 
-def test_packets_leave_from_the_mdns_port_for_the_group(lab, office):
+def test_packets_leave_from_the_mdns_port_for_the_group(lab, daemon_with_printer):
     assert {(each.source_port, each.destination, each.port) for each in lab.sent()} == {
         (5353, "224.0.0.251", 5353)
     }
@@ -30,22 +30,22 @@ def test_packets_leave_from_the_mdns_port_for_the_group(lab, office):
                      " 000C 0001", id="reverse lookup"),
     ],
 )  # fmt: skip
-def test_question_gets_no_answer(lab, office, question):
+def test_question_is_not_answered(lab, daemon_with_printer, question):
     assert lab.ask(hexbytes(question)) == []
 
 
-def test_query_with_a_response_code_is_answered(lab, office):
+def test_query_with_a_response_code_is_answered(lab, daemon_with_printer):
     assert lab.ask(hexbytes(ERROR_CODE)) == [wire.IPP_RECORDS]
 
 
-def test_question_of_a_host_in_another_network_is_answered(lab, office):
+def test_question_of_a_host_in_another_network_is_answered(lab, daemon_with_printer):
     stranger = lab.add_host("10.1.2.3")
     assert lab.ask(hexbytes(f"{wire.QUERY_1} {wire.IPP} 000C 0001"), host=stranger) == [
         wire.IPP_RECORDS
     ]
 
 
-def test_names_are_never_compressed(lab, office):
+def test_names_are_never_compressed(lab, daemon_with_printer):
     """No length byte of any packet is a pointer; dnspython has read them all without one."""
     for payload in {packet.payload for packet in lab.sent()}:
         message = packets.parse(payload)
@@ -67,7 +67,7 @@ def data_length(record):
     return sum(1 + len(string.encode()) for string in record.data)
 
 
-def test_new_address_is_not_announced(lab, router, office):
+def test_new_address_is_not_announced(lab, router, daemon_with_printer):
     since = lab.capture.mark()
     router.set_address("192.168.77.5/24")
     # Two whole looks at the printers pass.

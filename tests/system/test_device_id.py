@@ -9,9 +9,9 @@ IPP = "_ipp._tcp.local"
 FAILED = "[Bonjour] GetTXTData error"
 
 
-def announced_txt(lab, rrtype):
+def announced_txt(lab, service_type):
     packet = lab.wait_for_packet(
-        lambda packet: not packet.is_query and packet.message.answers[1].name == rrtype
+        lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
     )[0]
     return packet.message.answers[3].data
 
@@ -35,8 +35,8 @@ def test_model_is_taken_from_the_device_id(lab, router, device_id, model):
     router.connect_device(0, device_id)
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    for rrtype in (PDL, IPP):
-        strings = announced_txt(lab, rrtype)
+    for service_type in (PDL, IPP):
+        strings = announced_txt(lab, service_type)
         assert f"ty={model}" in strings
         assert f"product=(Acme {model})" in strings
         assert f"usb_MDL={model}" in strings

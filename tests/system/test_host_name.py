@@ -10,11 +10,11 @@ HEADER = wire.QUERY_1
 LABEL = "17 'T5140_00-11-22-AA-BB-CC'"
 
 
-def answered(text):
-    return pytest.param(hexbytes(text.partition("|")[2]), id=text.partition("|")[0].strip())
+def case(name, text):
+    return pytest.param(hexbytes(text), id=name)
 
 
-def test_a_question_is_answered_with_one_record_sent_three_times(lab, daemon, host):
+def test_question_is_answered_with_one_record_sent_three_times(lab, daemon, host):
     since = lab.capture.mark()
     host.send(wire.HOST_QUESTION)
     for packet in lab.wait_for_transmissions(wire.HOST_ANSWER, since):
@@ -22,7 +22,7 @@ def test_a_question_is_answered_with_one_record_sent_three_times(lab, daemon, ho
         assert (packet.destination, packet.port) == ("224.0.0.251", 5353)
 
 
-def test_answer_is_logged_with_the_asker_and_the_length(lab, daemon, host):
+def test_answer_is_logged_with_the_senders_address_and_the_length(lab, daemon, host):
     host.send(wire.HOST_QUESTION)
     daemon.wait_for_line("[Bonjour] answer(192.168.77.1) query target from 192.168.77.10 (47)")
 
@@ -30,23 +30,23 @@ def test_answer_is_logged_with_the_asker_and_the_length(lab, daemon, host):
 @pytest.mark.parametrize(
     "question",
     [
-        answered(f"lower case | {HEADER} 17 't5140_00-11-22-aa-bb-cc' 05 'local' 00 0001 0001"),
-        answered(f"mixed case | {HEADER} 17 't5140_00-11-22-AA-bb-Cc' 05 'LOCAL' 00 0001 0001"),
-        answered(f"another domain | {HEADER} {LABEL} 05 'house' 00 0001 0001"),
-        answered(f"unicast wanted | {HEADER} {LABEL} 05 'local' 00 0001 8001"),
-        answered(f"another class | {HEADER} {LABEL} 05 'local' 00 0001 0003"),
-        answered(f"high type byte | {HEADER} {LABEL} 05 'local' 00 0101 0001"),
-        answered(f"no domain, type where the name ends | {HEADER} {LABEL} 00 0000000000000001"),
-        answered(f"label cut at a zero | {HEADER} 1A 'T5140_00-11-22-AA-BB-CC' 00 'xy'"
-                 " 05 'local' 00 0001 0001"),
-        answered(f"no questions claimed | {'0000 ' * 6} {LABEL} 05 'local' 00 0001 0001"),
-        answered(f"an ID | 1234 0000 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
-        answered(f"second flags byte | 0000 00FF 0001 0000 0000 0000 {LABEL}"
-                 " 05 'local' 00 0001 0001"),
-        answered(f"a question behind | 0000 0000 0002 0000 0000 0000 {LABEL}"
-                 " 05 'local' 00 0001 0001 05 'other' 05 'local' 00 0001 0001"),
-        answered(f"known answer | 0000 0000 0001 0001 0000 0000 {LABEL} 05 'local' 00 0001 0001"
-                 " C00C 0001 0001 00000078 0004 C0A84D01"),
+        case("lower case", f"{HEADER} 17 't5140_00-11-22-aa-bb-cc' 05 'local' 00 0001 0001"),
+        case("mixed case", f"{HEADER} 17 't5140_00-11-22-AA-bb-Cc' 05 'LOCAL' 00 0001 0001"),
+        case("another domain", f"{HEADER} {LABEL} 05 'house' 00 0001 0001"),
+        case("unicast wanted", f"{HEADER} {LABEL} 05 'local' 00 0001 8001"),
+        case("another class", f"{HEADER} {LABEL} 05 'local' 00 0001 0003"),
+        case("high type byte", f"{HEADER} {LABEL} 05 'local' 00 0101 0001"),
+        case("no domain, type where the name ends", f"{HEADER} {LABEL} 00 0000000000000001"),
+        case("label cut at a zero", f"{HEADER} 1A 'T5140_00-11-22-AA-BB-CC' 00 'xy'"
+             " 05 'local' 00 0001 0001"),
+        case("no questions claimed", f"{'0000 ' * 6} {LABEL} 05 'local' 00 0001 0001"),
+        case("an ID", f"1234 0000 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+        case("second flags byte", f"0000 00FF 0001 0000 0000 0000 {LABEL}"
+             " 05 'local' 00 0001 0001"),
+        case("a question behind", f"0000 0000 0002 0000 0000 0000 {LABEL}"
+             " 05 'local' 00 0001 0001 05 'other' 05 'local' 00 0001 0001"),
+        case("known answer", f"0000 0000 0001 0001 0000 0000 {LABEL} 05 'local' 00 0001 0001"
+             " C00C 0001 0001 00000078 0004 C0A84D01"),
     ],
 )  # fmt: skip
 def test_question_is_answered(lab, daemon, question):
@@ -56,26 +56,26 @@ def test_question_is_answered(lab, daemon, question):
 @pytest.mark.parametrize(
     "question",
     [
-        answered(f"ANY | {HEADER} {LABEL} 05 'local' 00 00FF 0001"),
-        answered(f"AAAA | {HEADER} {LABEL} 05 'local' 00 001C 0001"),
-        answered(f"PTR | {HEADER} {LABEL} 05 'local' 00 000C 0001"),
-        answered(f"a letter more | {HEADER} 18 'T5140_00-11-22-AA-BB-CCX' 05 'local' 00 0001 0001"),
-        answered(f"a letter less | {HEADER} 16 'T5140_00-11-22-AA-BB-C' 05 'local' 00 0001 0001"),
-        answered(f"another name | {HEADER} 17 'T5140_00-11-22-AA-BB-CD' 05 'local' 00 0001 0001"),
-        answered(f"zero first | {HEADER} 18 00 'T5140_00-11-22-AA-BB-CC' 05 'local' 00 0001 0001"),
-        answered(f"root | {HEADER} 00 0001 0001"),
-        answered(f"in the second question | 0000 0000 0002 0000 0000 0000 05 'other' 05 'local'"
-                 f" 00 0001 0001 {LABEL} 05 'local' 00 0001 0001"),
-        answered(f"as the second label | {HEADER} 01 'a' {LABEL} 05 'local' 00 0001 0001"),
-        answered(f"recursion desired | 0000 0100 0001 0000 0000 0000 {LABEL}"
-                 " 05 'local' 00 0001 0001"),
-        answered(f"truncated flag | 0000 0200 0001 0000 0000 0000 {LABEL}"
-                 " 05 'local' 00 0001 0001"),
-        answered(f"opcode | 0000 0800 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
-        answered(f"response | 0000 8400 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+        case("ANY", f"{HEADER} {LABEL} 05 'local' 00 00FF 0001"),
+        case("AAAA", f"{HEADER} {LABEL} 05 'local' 00 001C 0001"),
+        case("PTR", f"{HEADER} {LABEL} 05 'local' 00 000C 0001"),
+        case("a letter more", f"{HEADER} 18 'T5140_00-11-22-AA-BB-CCX' 05 'local' 00 0001 0001"),
+        case("a letter less", f"{HEADER} 16 'T5140_00-11-22-AA-BB-C' 05 'local' 00 0001 0001"),
+        case("another name", f"{HEADER} 17 'T5140_00-11-22-AA-BB-CD' 05 'local' 00 0001 0001"),
+        case("zero first", f"{HEADER} 18 00 'T5140_00-11-22-AA-BB-CC' 05 'local' 00 0001 0001"),
+        case("root", f"{HEADER} 00 0001 0001"),
+        case("in the second question", f"0000 0000 0002 0000 0000 0000 05 'other' 05 'local'"
+             f" 00 0001 0001 {LABEL} 05 'local' 00 0001 0001"),
+        case("as the second label", f"{HEADER} 01 'a' {LABEL} 05 'local' 00 0001 0001"),
+        case("recursion desired", f"0000 0100 0001 0000 0000 0000 {LABEL}"
+             " 05 'local' 00 0001 0001"),
+        case("truncated flag", f"0000 0200 0001 0000 0000 0000 {LABEL}"
+             " 05 'local' 00 0001 0001"),
+        case("opcode", f"0000 0800 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
+        case("response", f"0000 8400 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
     ],
 )  # fmt: skip
-def test_question_is_ignored_without_a_line(lab, daemon, question):
+def test_question_is_neither_answered_nor_logged(lab, daemon, question):
     before = daemon.texts()
     assert lab.ask(question) == []
     marker, *others = daemon.texts()[len(before) :]
@@ -106,7 +106,7 @@ def test_any_host_on_the_link_is_answered(lab, daemon):
         assert lab.ask(wire.HOST_QUESTION, host=asker) == [wire.HOST_ANSWER]
 
 
-def test_packet_from_the_own_address_is_ignored(lab, router, daemon):
+def test_question_from_the_routers_own_address_is_ignored(lab, router, daemon):
     before = daemon.texts()
     since, lines = lab.capture.mark(), daemon.mark()
     with router.network.entered(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as own:

@@ -127,7 +127,7 @@ def test_changed_address_is_in_the_next_answer(lab, router, daemon):
     )
 
 
-def test_changed_address_is_in_the_next_service_answer(lab, router, office):
+def test_changed_address_is_in_the_next_service_answer(lab, router, daemon_with_printer):
     router.set_address("192.168.77.5/24")
     assert lab.ask(BROWSE_IPP) == [
         wire.IPP_RECORDS.replace(hexbytes("0004 C0A84D01"), hexbytes("0004 C0A84D05"))
@@ -146,14 +146,14 @@ def test_own_packets_are_known_by_the_address_at_the_start(lab, router, daemon):
     assert lab.answers(since, lines) == [host_answer("C0 A8 4D 05")]
 
 
-def test_question_is_not_answered_while_the_address_is_gone(lab, router, office, host):
+def test_question_is_not_answered_while_the_address_is_gone(lab, router, daemon_with_printer, host):
     router.delete_address()
     host.send(wire.HOST_QUESTION)
-    office.wait_for_line(ANSWER_FAILED)
+    daemon_with_printer.wait_for_line(ANSWER_FAILED)
     host.send(BROWSE_IPP)
-    office.wait_for_line(ANSWER_FAILED, count=2)
-    office.wait_for_line(PERROR_ADDRESS, count=2)
-    assert office.texts("stdout")[-6:] == [
+    daemon_with_printer.wait_for_line(ANSWER_FAILED, count=2)
+    daemon_with_printer.wait_for_line(PERROR_ADDRESS, count=2)
+    assert daemon_with_printer.texts("stdout")[-6:] == [
         "[Bonjour] answer(192.168.77.1) query target from 192.168.77.10 (47)",
         NO_ADDRESS,
         ANSWER_FAILED,

@@ -9,11 +9,11 @@ IPP = "_ipp._tcp.local"
 BROWSE_IPP = hexbytes(f"{wire.QUERY_1} {wire.IPP} 000C 0001")
 
 
-def announces(rrtype):
+def announces(service_type):
     """Predicate for the announcement of a service of that type."""
     return lambda packet: (
         not packet.is_query
-        and any(record.name == rrtype and record.ttl for record in packet.message.answers)
+        and any(record.name == service_type and record.ttl for record in packet.message.answers)
     )
 
 
@@ -46,23 +46,25 @@ def test_raw_port_service_is_announced_before_ipp(lab, router, daemon):
     assert texts == ["_pdl-datastream", "_ipp"]
 
 
-def test_removed_printer_is_logged_and_withdrawn_with_its_two_goodbyes(lab, router, office):
+def test_removed_printer_is_logged_and_withdrawn_with_its_two_goodbyes(
+    lab, router, daemon_with_printer
+):
     since = lab.capture.mark()
     router.pull_out(0)
-    office.wait_for_line("[Bonjour] device remove lp0")
+    daemon_with_printer.wait_for_line("[Bonjour] device remove lp0")
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
     assert len(lab.sent(since)) == 6
 
 
-def test_unchanged_printer_stays_as_it_is(lab, router, office):
-    since, lines = lab.capture.mark(), office.mark()
+def test_unchanged_printer_stays_as_it_is(lab, router, daemon_with_printer):
+    since, lines = lab.capture.mark(), daemon_with_printer.mark()
     router.status_file.replace(Printer(0).record())
     router.status_file.wait_until_read()
     router.plug_in(5, "Acme", "Jet", "PCL")
     lab.wait_for_packet(announces(IPP), since, count=3)
     lab.wait_for_packet(announces(PDL), since, count=3)
-    assert office.texts(since=lines) == ["[Bonjour] device insert lp5"]
+    assert daemon_with_printer.texts(since=lines) == ["[Bonjour] device insert lp5"]
     assert {name for name, _ in instances(lab.capture.seen(announces(IPP), since))} == {
         f"Acme Jet (aa:bb:cc) 5.{IPP}"
     }
@@ -76,16 +78,16 @@ def test_printer_that_was_there_at_the_start_is_published(lab, router):
     assert instances(announced) == [(f"HP Model 12 (aa:bb:cc) 3.{PDL}", 9103)]
 
 
-def test_printer_comes_back_under_the_same_name(lab, router, office):
+def test_printer_comes_back_under_the_same_name(lab, router, daemon_with_printer):
     router.pull_out(0)
     lab.wait_for_transmissions(wire.PDL_GOODBYE)
     lab.wait_for_transmissions(wire.IPP_GOODBYE)
     since = lab.capture.mark()
     router.plug_in(0)
-    office.wait_for_line("[Bonjour] device insert lp0", count=2)
+    daemon_with_printer.wait_for_line("[Bonjour] device insert lp0", count=2)
     lab.wait_for_transmissions(wire.PDL_RECORDS, since)
     lab.wait_for_transmissions(wire.IPP_RECORDS, since)
-    assert office.texts("stderr") == []
+    assert daemon_with_printer.texts("stderr") == []
 
 
 def test_ten_printers_come_and_go_at_once(lab, router, daemon):
@@ -115,7 +117,9 @@ def test_ten_printers_come_and_go_at_once(lab, router, daemon):
     router.pull_out(*range(10))
     gone = lab.wait_for_packet(withdraws, since, count=60)
     assert {packet.message.answers[0].data for packet in gone} == {
-        f"Acme Jet {port} (aa:bb:cc) {port}.{rrtype}" for port in range(10) for rrtype in (PDL, IPP)
+        f"Acme Jet {port} (aa:bb:cc) {port}.{service_type}"
+        for port in range(10)
+        for service_type in (PDL, IPP)
     }
     assert lab.ask(BROWSE_IPP) == []
     assert [text for text in daemon.texts() if "device" in text and "lp" in text] == [
@@ -124,7 +128,7 @@ def test_ten_printers_come_and_go_at_once(lab, router, daemon):
     ]
 
 
-def test_one_of_several_printers_goes(lab, router, office):
+def test_one_of_several_printers_goes(lab, router, daemon_with_printer):
     router.plug_in(1, "Acme", "Jet", "PCL")
     router.plug_in(2, "Acme", "Jet", "PCL")
     lab.wait_for_packet(announces(IPP), count=3 * 3)
@@ -139,19 +143,19 @@ def test_one_of_several_printers_goes(lab, router, office):
 
 
 def test_changed_model_line_leaves_the_old_service_and_is_removed_under_the_new_name(
-    lab, router, office
+    lab, router, daemon_with_printer
 ):
     router.plug_in(0, "HP", "Model 13", "PJL,PCL")
     router.status_file.wait_until_read()
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
-    since, lines = lab.capture.mark(), office.mark()
+    since, lines = lab.capture.mark(), daemon_with_printer.mark()
     router.pull_out(0)
     gone = lab.wait_for_packet(withdraws, since, count=6)
     assert {packet.message.answers[0].data for packet in gone} == {
         f"HP Model 13 (aa:bb:cc) 0.{PDL}",
         f"HP Model 13 (aa:bb:cc) 0.{IPP}",
     }
-    assert office.texts(since=lines) == [
+    assert daemon_with_printer.texts(since=lines) == [
         "[Bonjour] device remove lp0",
         "[Bonjour] this service: HP Model 13 (aa:bb:cc) 0 _pdl-datastream._tcp .local"
         " is not registered",
@@ -164,16 +168,18 @@ def test_changed_model_line_leaves_the_old_service_and_is_removed_under_the_new_
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
 
 
-def test_service_left_behind_by_a_changed_line_refuses_its_printer(lab, router, office):
+def test_service_left_behind_by_a_changed_line_refuses_its_printer(
+    lab, router, daemon_with_printer
+):
     router.plug_in(0, "HP", "Model 13", "PJL,PCL")
     router.status_file.wait_until_read()
     router.pull_out(0)
-    office.wait_for_line("[Bonjour] device remove lp0")
-    office.wait_for_line("**********UnRegisterOneService error*************", count=2)
-    lines = office.mark()
+    daemon_with_printer.wait_for_line("[Bonjour] device remove lp0")
+    daemon_with_printer.wait_for_line("**********UnRegisterOneService error*************", count=2)
+    lines = daemon_with_printer.mark()
     router.plug_in(0)
-    office.wait_for_line("**********RegisterOneService error*************", count=2)
-    assert office.texts(since=lines) == [
+    daemon_with_printer.wait_for_line("**********RegisterOneService error*************", count=2)
+    assert daemon_with_printer.texts(since=lines) == [
         "[Bonjour] device insert lp0",
         "[Bonjour] this service: HP Model 12 (aa:bb:cc) 0 _pdl-datastream._tcp .local"
         " is already registered",
@@ -186,7 +192,7 @@ def test_service_left_behind_by_a_changed_line_refuses_its_printer(lab, router, 
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
 
 
-def test_changed_lines_do_not_change_the_answers(lab, router, office):
+def test_changed_lines_do_not_change_the_answers(lab, router, daemon_with_printer):
     router.plug_in(0, "HP", "Model 12", "ZJS")
     router.status_file.wait_until_read()
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]

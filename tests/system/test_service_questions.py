@@ -14,17 +14,19 @@ def case(name, text):
     return pytest.param(hexbytes(text), id=name)
 
 
-def test_browse_question_is_answered_with_the_five_records_of_ipp(lab, office):
+def test_browse_question_is_answered_with_the_five_records_of_ipp(lab, daemon_with_printer):
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
-    assert office.count(IPP_LINE) == 1
+    assert daemon_with_printer.count(IPP_LINE) == 1
 
 
-def test_browse_question_is_answered_with_the_four_records_of_the_raw_port(lab, office):
+def test_browse_question_is_answered_with_the_four_records_of_the_raw_port(
+    lab, daemon_with_printer
+):
     assert lab.ask(BROWSE_PDL) == [wire.PDL_RECORDS]
-    assert office.count(PDL_LINE) == 1
+    assert daemon_with_printer.count(PDL_LINE) == 1
 
 
-def test_answer_is_sent_three_times_by_multicast(lab, office, host):
+def test_answer_is_sent_three_times_by_multicast(lab, daemon_with_printer, host):
     since = lab.capture.mark()
     host.send(BROWSE_IPP, port=0)
     for packet in lab.wait_for_transmissions(wire.IPP_RECORDS, since):
@@ -62,7 +64,7 @@ def test_answer_is_sent_three_times_by_multicast(lab, office, host):
              f" C00C 000C 0001 00001194 002A {wire.INSTANCE} {wire.IPP}"),
     ],
 )  # fmt: skip
-def test_question_is_answered_with_the_records_of_ipp(lab, office, question):
+def test_question_is_answered_with_the_records_of_ipp(lab, daemon_with_printer, question):
     assert lab.ask(question) == [wire.IPP_RECORDS]
 
 
@@ -73,7 +75,7 @@ def test_question_is_answered_with_the_records_of_ipp(lab, office, question):
         case("another domain", f"{wire.QUERY_1} 0F '_pdl-datastream' 00 000C 0001"),
     ],
 )
-def test_question_is_answered_with_the_records_of_the_raw_port(lab, office, question):
+def test_question_is_answered_with_the_records_of_the_raw_port(lab, daemon_with_printer, question):
     assert lab.ask(question) == [wire.PDL_RECORDS]
 
 
@@ -110,45 +112,47 @@ def test_question_is_answered_with_the_records_of_the_raw_port(lab, office, ques
         case("response", f"0000 8400 0001 0000 0000 0000 {wire.IPP} 000C 0001"),
     ],
 )  # fmt: skip
-def test_question_is_not_answered(lab, office, question):
-    before = office.mark()
+def test_question_is_not_answered(lab, daemon_with_printer, question):
+    before = daemon_with_printer.mark()
     assert lab.ask(question) == []
-    assert len(office.texts(since=before)) == 1
+    assert len(daemon_with_printer.texts(since=before)) == 1
 
 
-def test_bytes_left_from_an_earlier_packet_are_no_question(lab, office, host):
+def test_bytes_left_from_an_earlier_packet_are_no_question(lab, daemon_with_printer, host):
     lab.ask(BROWSE_IPP)
     assert lab.ask(BROWSE_IPP[:13]) == []
     assert lab.ask(BROWSE_IPP[:16]) == []
 
 
-def test_two_questions_are_answered_with_a_packet_each_in_the_order_of_registration(lab, office):
+def test_two_questions_are_answered_with_a_packet_each_in_the_order_of_registration(
+    lab, daemon_with_printer
+):
     questions = hexbytes(f"{wire.QUERY_2} {wire.IPP} 000C 0001 {wire.PDL} 000C 0001")
     assert sorted(lab.ask(questions)) == sorted([wire.PDL_RECORDS, wire.IPP_RECORDS])
-    texts = [text for text in office.texts() if "192.168.77.10 " in text]
+    texts = [text for text in daemon_with_printer.texts() if "192.168.77.10 " in text]
     assert texts == [
         "[Bonjour] answer(192.168.77.1) query _pdl-datastream from 192.168.77.10 (65)",
         "[Bonjour] answer(192.168.77.1) query _ipp from 192.168.77.10 (65)",
     ]
 
 
-def test_every_question_is_answered_again(lab, office, host):
-    since, lines = lab.capture.mark(), office.mark()
+def test_every_question_is_answered_again(lab, daemon_with_printer, host):
+    since, lines = lab.capture.mark(), daemon_with_printer.mark()
     for _ in range(4):
         host.send(BROWSE_IPP)
     assert lab.answers(since, lines) == [wire.IPP_RECORDS] * 4
 
 
-def test_host_name_question_is_answered_with_the_cache_flush_bit_clear(lab, office):
+def test_host_name_question_is_answered_with_the_cache_flush_bit_clear(lab, daemon_with_printer):
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
 
 
-def test_host_name_in_front_of_a_service_hides_the_service(lab, office):
+def test_host_name_in_front_of_a_service_hides_the_service(lab, daemon_with_printer):
     both = hexbytes(f"{wire.QUERY_2} {wire.HOST} 0001 0001 {wire.IPP} 000C 0001")
     assert lab.ask(both) == [wire.HOST_ANSWER]
 
 
-def test_name_of_a_removed_service_is_not_answered(lab, router, office):
+def test_name_of_a_removed_service_is_not_answered(lab, router, daemon_with_printer):
     router.pull_out(0)
     lab.wait_for_transmissions(wire.PDL_GOODBYE)
     lab.wait_for_transmissions(wire.IPP_GOODBYE)

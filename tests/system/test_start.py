@@ -16,7 +16,7 @@ def banner(model):
 
 
 @pytest.mark.seconds(8)
-def test_silence_lets_the_name_stand_and_the_log_tells_each_step_in_order(router):
+def test_start_on_a_silent_link_keeps_the_name_and_logs_each_step_in_order(router):
     daemon = router.start(fast=False)
     *lines, last = daemon.texts()
     assert lines == [
@@ -38,7 +38,7 @@ def test_probe_listens_for_five_silent_seconds(lab, router):
     assert lab.capture.seen(lambda packet: packet.source != router.address) == []
 
 
-def test_host_name_is_probed_with_one_a_question_sent_three_times(lab, daemon):
+def test_probe_is_one_question_for_an_a_record_sent_three_times(lab, daemon):
     for packet in lab.wait_for_transmissions(wire.HOST_PROBE):
         assert (packet.source, packet.source_port) == ("192.168.77.1", 5353)
         assert (packet.destination, packet.port) == ("224.0.0.251", 5353)
@@ -49,7 +49,7 @@ def test_nothing_but_the_probe_is_sent_without_printers_or_questions(lab, daemon
     assert {packet.payload for packet in lab.sent()} == {wire.HOST_PROBE}
 
 
-def test_lines_can_be_read_as_they_happen(router):
+def test_log_is_line_buffered(router):
     # The name is still being probed: nothing but line buffering brings this line through the pipe.
     daemon = router.start(ready=False)
     daemon.wait_for_line(CONNECTED)

@@ -154,9 +154,9 @@ def test_printer_without_a_whole_fourth_line_is_there_but_not_published(lab, rou
     assert [packet for packet in lab.sent() if not packet.is_query] == []
 
 
-def test_emptied_file_withdraws_the_printer(lab, router, office):
+def test_emptied_file_withdraws_the_printer(lab, router, daemon_with_printer):
     router.status_file.rewrite("")
-    office.wait_for_line("[Bonjour] device remove lp0")
+    daemon_with_printer.wait_for_line("[Bonjour] device remove lp0")
     lab.wait_for_transmissions(wire.PDL_GOODBYE)
     lab.wait_for_transmissions(wire.IPP_GOODBYE)
 
@@ -172,16 +172,18 @@ def test_record_that_breaks_withdraws_the_printers_from_there_on(lab, router, da
 
 
 @pytest.mark.parametrize("make_unreadable", ["make_unreadable", "remove"])
-def test_file_that_cannot_be_opened_keeps_the_printer(lab, router, office, make_unreadable):
+def test_file_that_cannot_be_opened_keeps_the_printer(
+    lab, router, daemon_with_printer, make_unreadable
+):
     getattr(router.status_file, make_unreadable)()
-    office.wait_for_line(CANNOT_OPEN, count=2)
+    daemon_with_printer.wait_for_line(CANNOT_OPEN, count=2)
     since = lab.capture.mark()
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
     router.status_file.replace(Printer(0).record())
     router.status_file.wait_until_read()
     router.plug_in(1, "Acme", "Jet", "PCL")
-    office.wait_for_line("[Bonjour] device insert lp1")
-    assert presence(office) == ["insert lp0", "insert lp1"]
+    daemon_with_printer.wait_for_line("[Bonjour] device insert lp1")
+    assert presence(daemon_with_printer) == ["insert lp0", "insert lp1"]
     assert wire.PDL_GOODBYE not in {packet.payload for packet in lab.sent(since)}
 
 

@@ -8,7 +8,7 @@ from lab.printers import Printer
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])
-def test_signal_ends_the_daemon_with_status_0_and_without_a_line(router, daemon, number):
+def test_signal_ends_the_daemon_with_status_0_and_logs_nothing(router, daemon, number):
     before = daemon.texts()
     router.stop(number)
     assert daemon.wait_for_exit() == 0
@@ -16,7 +16,9 @@ def test_signal_ends_the_daemon_with_status_0_and_without_a_line(router, daemon,
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])
-def test_signal_withdraws_the_printer_with_three_goodbyes_a_service(lab, router, office, number):
+def test_signal_withdraws_the_printer_with_three_goodbyes_a_service(
+    lab, router, daemon_with_printer, number
+):
     since = lab.capture.mark()
     router.stop(number)
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
@@ -32,14 +34,14 @@ def test_every_printer_is_withdrawn(lab, router):
     router.stop()
     gone = lab.wait_for_packet(lambda packet: True, since, count=60)
     assert {packet.message.answers[0].data for packet in gone} == {
-        f"Acme Jet {port} (aa:bb:cc) {port}.{rrtype}.local"
+        f"Acme Jet {port} (aa:bb:cc) {port}.{service_type}.local"
         for port in range(10)
-        for rrtype in ("_pdl-datastream._tcp", "_ipp._tcp")
+        for service_type in ("_pdl-datastream._tcp", "_ipp._tcp")
     }
     assert len(lab.sent(since)) == 60
 
 
-def test_printer_that_was_removed_before_is_not_withdrawn_again(lab, router, office):
+def test_printer_that_was_removed_before_is_not_withdrawn_again(lab, router, daemon_with_printer):
     router.pull_out(0)
     lab.wait_for_transmissions(wire.PDL_GOODBYE)
     lab.wait_for_transmissions(wire.IPP_GOODBYE)
@@ -48,11 +50,11 @@ def test_printer_that_was_removed_before_is_not_withdrawn_again(lab, router, off
     assert lab.sent(since) == []
 
 
-def test_service_that_a_changed_line_left_behind_is_withdrawn(lab, router, office):
+def test_service_that_a_changed_line_left_behind_is_withdrawn(lab, router, daemon_with_printer):
     router.plug_in(0, "HP", "Model 13", "PJL,PCL")
     router.status_file.wait_until_read()
     router.pull_out(0)
-    office.wait_for_line("**********UnRegisterOneService error*************", count=2)
+    daemon_with_printer.wait_for_line("**********UnRegisterOneService error*************", count=2)
     since = lab.capture.mark()
     router.stop()
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
@@ -64,10 +66,10 @@ def test_broken_pipe_signal_is_ignored(lab, daemon):
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
 
 
-def test_second_signal_changes_nothing(lab, router, office):
+def test_second_signal_changes_nothing(lab, router, daemon_with_printer):
     since = lab.capture.mark()
-    office.signal(signal.SIGTERM)
-    office.signal(signal.SIGINT)
+    daemon_with_printer.signal(signal.SIGTERM)
+    daemon_with_printer.signal(signal.SIGINT)
     router.stop()
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)

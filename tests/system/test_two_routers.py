@@ -12,24 +12,24 @@ ANSWER_1 = hexbytes(f"{wire.RESPONSE_1} {HOST_1} 0001 0001 00000078 0004 C0A84D0
 
 
 @pytest.fixture
-def second(lab):
+def second_router(lab):
     """A second router with the same hardware address, and so with the same name at first."""
     return lab.add_router(mac=lab.router.mac, address="192.168.77.2/24")
 
 
 @pytest.mark.seconds(15)
-def test_second_router_of_the_same_name_takes_a_suffix(lab, router, second):
+def test_second_router_of_the_same_name_takes_a_suffix(lab, router, second_router):
     first_daemon = router.start()
-    second_daemon = second.start(fast=False)
+    second_daemon = second_router.start(fast=False)
     assert second_daemon.device_name == f"{NAME}-1"
     assert first_daemon.device_name == NAME
     assert second_daemon.count(REPEAT) == 1
 
 
 @pytest.mark.seconds(15)
-def test_each_router_answers_for_its_own_name(lab, router, host, second):
+def test_each_router_answers_for_its_own_name(lab, router, host, second_router):
     router.start()
-    second.start(fast=False)
+    second_router.start(fast=False)
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
     since = lab.capture.mark()
     host.send(PROBE_1)

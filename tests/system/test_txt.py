@@ -8,27 +8,27 @@ NOTE = "note=T5140_00-11-22-AA-BB-CC"
 
 
 @pytest.fixture
-def published(lab, router):
+def publish(lab, router):
     """Starts the daemon with one printer plugged in and returns the TXT strings it announces,
     those of the raw-port service and those of IPP."""
 
-    def publish(port, manufacturer, model, commands):
+    def run(port, manufacturer, model, commands):
         router.plug_in(port, manufacturer, model, commands)
         router.start()
-        return tuple(announced_txt(lab, rrtype) for rrtype in (PDL, IPP))
+        return tuple(announced_txt(lab, service_type) for service_type in (PDL, IPP))
 
-    return publish
+    return run
 
 
-def announced_txt(lab, rrtype):
+def announced_txt(lab, service_type):
     packet = lab.wait_for_packet(
-        lambda packet: not packet.is_query and packet.message.answers[1].name == rrtype
+        lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
     )[0]
     return packet.message.answers[3].data
 
 
-def test_keys_of_both_services_in_their_order(published):
-    pdl, ipp = published(4, "Acme", "Jet 5", "PCL,PostScript")
+def test_keys_of_both_services_in_their_order(publish):
+    pdl, ipp = publish(4, "Acme", "Jet 5", "PCL,PostScript")
     assert pdl == (
         "txtvers=1",
         "qtotal=1",
@@ -69,8 +69,8 @@ def test_keys_of_both_services_in_their_order(published):
         ("GRAPHP", "x"),
     ],
 )
-def test_hp_printer_prefers_the_raw_port(published, manufacturer, model):
-    pdl, ipp = published(0, manufacturer, model, "PCL")
+def test_hp_printer_prefers_the_raw_port(publish, manufacturer, model):
+    pdl, ipp = publish(0, manufacturer, model, "PCL")
     assert (pdl[-1], ipp[-1]) == ("priority=10", "priority=20")
 
 
@@ -84,9 +84,9 @@ def test_hp_printer_prefers_the_raw_port(published, manufacturer, model):
         ("hewlett-packard", ""),
     ],
 )
-def test_any_other_printer_prefers_ipp(router, published, manufacturer, model):
+def test_any_other_printer_prefers_ipp(router, publish, manufacturer, model):
     router.connect_device(0, "MODEL:Jet;")
-    pdl, ipp = published(0, manufacturer, model, "PCL")
+    pdl, ipp = publish(0, manufacturer, model, "PCL")
     assert (pdl[-1], ipp[-1]) == ("priority=20", "priority=10")
 
 
@@ -101,33 +101,33 @@ def test_any_other_printer_prefers_ipp(router, published, manufacturer, model):
         ("PCL 6, raw", "pdl=application/PCL 6,application/ raw"),
     ],
 )
-def test_command_set_gives_the_pdl_list_and_stands_whole_in_usb_cmd(published, commands, pdl_line):
-    for strings in published(0, "Acme", "Jet", commands):
+def test_command_set_gives_the_pdl_list_and_stands_whole_in_usb_cmd(publish, commands, pdl_line):
+    for strings in publish(0, "Acme", "Jet", commands):
         assert strings[2] == pdl_line
         assert strings[-2] == f"usb_CMD={commands}"
 
 
-def test_long_manufacturer_is_cut_to_15_characters(published):
-    _, ipp = published(0, "Manufacturer of printers", "Jet", "PCL")
+def test_long_manufacturer_is_cut_to_15_characters(publish):
+    _, ipp = publish(0, "Manufacturer of printers", "Jet", "PCL")
     assert ipp[6:8] == ("product=(Manufacturer of Jet)", "usb_MFG=Manufacturer of")
 
 
-def test_hp_behind_the_cut_does_not_count(published):
-    pdl, _ = published(0, "Manufacturer of HP", "Jet", "PCL")
+def test_hp_behind_the_cut_does_not_count(publish):
+    pdl, _ = publish(0, "Manufacturer of HP", "Jet", "PCL")
     assert pdl[-1] == "priority=20"
 
 
-def test_long_model_is_cut_to_63_characters(published):
+def test_long_model_is_cut_to_63_characters(publish):
     # The dot keeps the labels of the service name short.
     model = "A model with a name that is as long.as nobody would ever expect!"
     assert len(model) == 64
-    _, ipp = published(0, "Acme", model, "PCL")
+    _, ipp = publish(0, "Acme", model, "PCL")
     assert ipp[5] == "ty=A model with a name that is as long.as nobody would ever expect"
     assert ipp[8] == "usb_MDL=A model with a name that is as long.as nobody would ever expect"
 
 
-def test_long_pdl_list_is_cut_into_strings_of_128_characters_that_drop_one_between(published):
-    _, ipp = published(0, "Acme", "Jet", "A," * 19 + "A")
+def test_long_pdl_list_is_cut_into_strings_of_128_characters_that_drop_one_between(publish):
+    _, ipp = publish(0, "Acme", "Jet", "A," * 19 + "A")
     assert ipp[2:6] == (
         "pdl=" + "application/A," * 8 + "application/",
         "," + "application/A," * 9 + "a",
@@ -136,8 +136,8 @@ def test_long_pdl_list_is_cut_into_strings_of_128_characters_that_drop_one_betwe
     )
 
 
-def test_command_set_of_118_characters_is_published(published):
-    _, ipp = published(0, "Acme", "Jet", "C" * 118)
+def test_command_set_of_118_characters_is_published(publish):
+    _, ipp = publish(0, "Acme", "Jet", "C" * 118)
     assert f"usb_CMD={'C' * 118}" in ipp
 
 
