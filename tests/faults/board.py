@@ -1,4 +1,5 @@
-"""What the preloaded library shim.c is told, and what it reports: both sides map one file."""
+"""The board: rules for the preloaded library shim.c, which makes libc calls fail or wait, and the
+calls that it has seen. Both sides map one file."""
 
 import dataclasses
 import errno
@@ -55,7 +56,7 @@ def option(level, name):
 
 
 class Rule:
-    """One kind of call that is watched, and what the library did about it."""
+    """Which calls the library acts upon, and how often it did."""
 
     def __init__(self, board, number, text, is_fault):
         self.is_fault = is_fault
@@ -73,27 +74,27 @@ class Rule:
 
     @property
     def hits(self):
-        """Calls that were dealt with."""
+        """Calls that were made to fail or wait, were limited, or (observe) were counted."""
         return self._fields()[13]
 
     @property
     def bytes(self):
-        """Asked for by all calls that matched."""
+        """The bytes that all calls that matched asked for."""
         return self._fields()[14]
 
     @property
     def most_bytes(self):
-        """Asked for by the greediest of them."""
+        """The most that one of them asked for."""
         return self._fields()[15]
 
     @property
     def latest(self):
-        """When a call was last dealt with, in seconds of wall-clock time."""
+        """The wall-clock time of the last hit, in seconds."""
         return self._fields()[16] / 1e9
 
     @property
     def overdue(self):
-        """Whether a call was held until the library lost its patience."""
+        """Whether a call was held for so long that the library gave up."""
         return self._fields()[11] != 0
 
     @property
@@ -103,7 +104,7 @@ class Rule:
         return self.hits > 0 and time.time() - self.latest < duration
 
     def wait(self, hits=1, bound=10.0):
-        """Waits until so many calls were dealt with."""
+        """Waits until there were so many hits."""
         _wait(lambda: self.hits >= hits, bound, lambda: f"{self}: {self.hits} of {hits} hits")
 
     def release(self, calls=_FOR_GOOD):
@@ -111,11 +112,11 @@ class Rule:
         struct.pack_into("<i", self._board, self._offset + _RELEASED_OFFSET, calls)
 
     def arm(self):
-        """The library looks at the rule from now on, if it did not before."""
+        """Lets the rule apply from now on."""
         struct.pack_into("<i", self._board, self._offset, 1)
 
     def lift(self):
-        """The library looks at the rule no more."""
+        """Lets the rule apply no more."""
         struct.pack_into("<i", self._board, self._offset, 0)
 
     def __str__(self):
@@ -169,7 +170,7 @@ class Board:
 
     @property
     def attached(self):
-        """Whether the library has found its way into the program."""
+        """Whether the program has loaded the library."""
         return _HEADER.unpack_from(self._board)[0] == 1
 
     @property
@@ -251,9 +252,9 @@ class Board:
     ):
         """A rule for calls of `function` by `thread` that are about `about`: the size of an
         allocation, the request of an ioctl, option() of a setsockopt, JOINABLE or DETACHED of a
-        pthread_create; or about `path`, for open. `skip` of them are let through, then `times`
-        of them are dealt with, or all if that is None. Where two rules are about one call, the one
-        made first is looked at first."""
+        pthread_create; or about `path`, for open. `skip` of them are let through, then the rule
+        applies to `times` of them, or to all if that is None. Where two rules are about one call,
+        the one made first is looked at first."""
         text = f"{function} thread={thread} about={about} path={path} skip={skip} times={times}"
         rule = Rule(self._board, len(self.rules), text, action != _OBSERVE)
         fields = (
@@ -268,7 +269,7 @@ class Board:
         return rule
 
     def wait_until_the_monitor_runs(self, bound=10.0):
-        """Waits until the first heap block is held that lasts, the monitor's."""
+        """Waits until the program holds a heap block: the first one is the monitor's."""
         _wait(lambda: self.blocks > 0, bound, lambda: "the monitor does not start")
 
     def wait_for_blocks(self, wanted, bound=10.0):
