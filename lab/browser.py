@@ -26,7 +26,7 @@ class Service:
 
 
 class Browser:
-    """Knows what the responses that its host received say, goodbyes included."""
+    """Keeps the services in the responses that its host received, and drops them at a goodbye."""
 
     def __init__(self, host):
         self._host = host
@@ -48,8 +48,7 @@ class Browser:
         return self._addresses.get(name)
 
     def listen(self, until, bound):
-        """Takes in what is received until `until()` holds; whether it came to hold within `bound`
-        seconds."""
+        """Receives until `until()` holds; returns whether it did within `bound` seconds."""
         deadline = time.monotonic() + bound
         while not until():
             left = deadline - time.monotonic()

@@ -112,8 +112,8 @@ class Capture:
                 return
 
     def _take_frames(self):
-        """Takes what the kernel holds by now. What a process has reacted to is among it, so a
-        caller who knows of a packet by other means finds it behind this."""
+        """Takes what the kernel holds by now. That includes every packet that a process has
+        reacted to: a caller who knows of a packet by other means finds it after this."""
         with self._taking:
             now = time.time()
             while self._take_frame() < now:

@@ -16,14 +16,15 @@ from lab.waiting import PATIENCE, Journal, TimedOut
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
-# A line that finds no space is lost, so there is more of it than a busy lab may leave unread.
+# The daemon drops a line that finds no space in its pipe. This holds more than a busy lab may
+# leave unread.
 _PIPE_CAPACITY = 1 << 20
 _POLL = 0.01
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 
 
 def binary():
-    """The daemon: what the environment variable BONJOUR names, else the release build's."""
+    """The daemon's path: what the environment variable BONJOUR names, else the release build's."""
     root = pathlib.Path(__file__).resolve().parent.parent
     return pathlib.Path(os.environ.get("BONJOUR", root / "build/release/bonjour")).resolve()
 
@@ -108,8 +109,8 @@ class Daemon:
         self.lines.close()
 
     def _take_lines(self):
-        """Takes what has been printed by now, so that a caller who knows of a line by other means
-        finds it behind this. Returns the streams that have ended."""
+        """Takes what has been printed by now: a caller who knows of a line by other means finds it
+        after this. Returns the streams that have ended."""
         ended = []
         with self._taking:
             for stream in self._streams:

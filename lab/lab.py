@@ -1,4 +1,4 @@
-"""The lab as one thing: a link, a capture of it, routers and hosts; and what is kept of it."""
+"""A whole lab: a link and its capture, routers and hosts, and what is kept of a failed test."""
 
 import collections
 import contextlib
@@ -40,7 +40,7 @@ class Lab:
             self.capture = Capture(self.link.network, SWITCH)
             self._closing.callback(self.capture.close)
             self._hosts = 0
-            self._deliberate = []
+            self._exempt = []
             self.bystander = self._add(Host(self.link, _BYSTANDER, name="bystander"))
             self.host = self.add_host()
             self.routers = []
@@ -76,7 +76,7 @@ class Lab:
         )
 
     def sent(self, since=0):
-        """The packets of the routers so far."""
+        """The packets that the routers have sent so far."""
         return self.capture.seen(self.from_router, since)
 
     def wait_for_packet(self, wanted, since=0, count=1, bound=10.0):
@@ -120,9 +120,9 @@ class Lab:
     def answers(self, since, lines):
         """What the router answered from capture position `since` and log position `lines` on.
 
-        The daemon deals with one datagram after the other. So a question of the bystander's, sent
-        now, is answered when every earlier datagram has been dealt with; its own answer is not
-        among the result. The log tells how many answers to wait for.
+        The daemon handles one datagram after the other. So once a question that the bystander
+        sends now is answered, every earlier datagram has been handled; the answer to the
+        bystander is left out of the result. The log tells how many answers to wait for.
         """
         daemon = self.router.daemon
         marker = packets.query((f"{daemon.device_name}.local", "A"))
@@ -131,21 +131,21 @@ class Lab:
         texts = daemon.texts(since=lines)
         answered = sum(text.startswith("[Bonjour] answer(") for text in texts)
         answered -= texts.count("[MDNS_Answer] UpdateHostIP error")
-        whole = collections.Counter()
+        transmissions = collections.Counter()
 
         def completes_all(packet):
             # A probe may still be under way.
             if self.from_router(packet) and not packet.is_query:
-                whole[packet.payload] += 1
-            return whole.total() == answered * TRANSMISSIONS and all(
-                count % TRANSMISSIONS == 0 for count in whole.values()
+                transmissions[packet.payload] += 1
+            return transmissions.total() == answered * TRANSMISSIONS and all(
+                count % TRANSMISSIONS == 0 for count in transmissions.values()
             )
 
         self.capture.wait_for(completes_all, since=since, what="all transmissions of each answer")
         result = []
         for packet in self.sent(since):
             seen = result.count(packet.payload)
-            if seen < whole[packet.payload] // TRANSMISSIONS:
+            if seen < transmissions[packet.payload] // TRANSMISSIONS:
                 result.append(packet.payload)
         for index in range(len(result) - 1, -1, -1):
             if _answers_marker(result[index], daemon.device_name):
@@ -155,21 +155,21 @@ class Lab:
 
     # What is checked and kept
 
-    def deliberate_form(self, holds):
-        """Takes packets for which the predicate holds out of check_packets(): forms that the
-        daemon sends on purpose though parsers refuse them."""
-        self._deliberate.append(holds)
+    def allow_malformed(self, holds):
+        """Exempts packets for which the predicate holds from check_packets(): the daemon sends some
+        on purpose that parsers refuse, with labels of 64 characters for instance."""
+        self._exempt.append(holds)
 
-    def _to_be_well_formed(self, packet):
-        return self.from_router(packet) and not any(holds(packet) for holds in self._deliberate)
+    def _must_be_well_formed(self, packet):
+        return self.from_router(packet) and not any(holds(packet) for holds in self._exempt)
 
     def check_packets(self, pcap=None):
         """Raises Malformed if an independent parser refuses a packet that a router sent. Writes
         these packets to the path `pcap`, if given, for further opinions."""
-        for packet in self.capture.seen(self._to_be_well_formed):
+        for packet in self.capture.seen(self._must_be_well_formed):
             packets.parse(packet.payload)
         if pcap:
-            self.capture.write_pcap(pcap, self._to_be_well_formed)
+            self.capture.write_pcap(pcap, self._must_be_well_formed)
 
     def timeline(self):
         """Log lines and packets in the order of their times, in milliseconds from the first."""

@@ -6,7 +6,7 @@ SWITCH = "switch"
 
 
 class Link:
-    """The switch sees every frame that any of its ports sends; nothing is wired to the outside."""
+    """A switch that sees every frame on its ports; none of them leads out of the lab."""
 
     def __init__(self):
         self.network = NetworkNamespace()

@@ -15,7 +15,7 @@ import dns.wire
 _CLASS_IN = 1
 _TOP_BIT = 0x8000
 
-# A response without records: foreign to every host, of no interest to any.
+# A response without records: every host receives it and none has anything to do with it.
 HARMLESS = bytes.fromhex("0000 8400 0000 0000 0000 0000")
 
 
@@ -67,19 +67,22 @@ class Malformed(AssertionError):
 
 @dataclasses.dataclass(frozen=True)
 class Question:
+    """`unicast_response` is the top bit of the class (RFC 6762, section 5.4)."""
+
     name: str
     type: str
-    top_bit: bool
+    unicast_response: bool
 
 
 @dataclasses.dataclass(frozen=True)
 class Record:
     """A resource record; `data` is text for A and PTR, (port, target) for SRV, a tuple of strings
-    for TXT and dnspython's text for every other type."""
+    for TXT and dnspython's text for every other type. `cache_flush` is the top bit of the class
+    (RFC 6762, section 10.2)."""
 
     name: str
     type: str
-    top_bit: bool
+    cache_flush: bool
     ttl: int
     data: object
 
@@ -99,6 +102,7 @@ def _text(labels):
 
 
 def _class(value):
+    """The top bit of a class field, whose other bits must be IN."""
     if value & ~_TOP_BIT != _CLASS_IN:
         raise Malformed(f"class {value:#06x}")
     return bool(value & _TOP_BIT)
@@ -125,11 +129,11 @@ def _data(rrtype, rdata):
 def _record(parser):
     owner = parser.get_name()
     rrtype, rrclass, ttl, length = parser.get_struct("!HHIH")
-    top_bit = _class(rrclass)
+    cache_flush = _class(rrclass)
     with parser.restrict_to(length):
         rdata = dns.rdata.from_wire_parser(_CLASS_IN, rrtype, parser)
     rrtype_text = dns.rdatatype.to_text(rrtype)
-    return Record(_text(owner.labels), rrtype_text, top_bit, ttl, _data(rrtype, rdata))
+    return Record(_text(owner.labels), rrtype_text, cache_flush, ttl, _data(rrtype, rdata))
 
 
 def parse(payload):
@@ -149,7 +153,7 @@ def parse(payload):
 
 
 def summary(payload):
-    """A line for people."""
+    """One line about the message, for logs and failures."""
     try:
         message = parse(payload)
     except Malformed:

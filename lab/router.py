@@ -20,7 +20,7 @@ _PACKETS_THAT_END_THE_PROBE = 12
 class Router:
     def __init__(self, link, capture, bystander, mac, address, bridge=True):
         """`address` is "192.168.1.1/24" or None. Without `bridge` there is no br0 at first.
-        `bystander` is the host that keeps the link busy for quick starts and stops."""
+        `bystander` is the host whose packets end a probe before its five seconds."""
         self.mac = mac
         self.addresses = []
         self._capture = capture
@@ -28,7 +28,7 @@ class Router:
         self.network = NetworkNamespace()
         link.plug_in(self.network, _UPLINK)
         if bridge:
-            self.bring_bridge(address)
+            self.add_bridge(address)
         self.sandbox = Sandbox()
         self.status_file = StatusFile(self.sandbox)
         self._printers = {}
@@ -43,7 +43,7 @@ class Router:
         """The bridge's IPv4 address as text, or the last one that it had."""
         return self.addresses[-1]
 
-    def bring_bridge(self, address=None):
+    def add_bridge(self, address=None):
         """Makes br0 with this router's hardware address, and with an IPv4 address if given."""
         commands = [
             f"link add {BRIDGE} address {self.mac} type bridge mcast_snooping 0",
@@ -58,7 +58,7 @@ class Router:
     def _note_address(self, address):
         self.addresses.append(address.partition("/")[0])
 
-    def take_bridge_away(self):
+    def delete_bridge(self):
         self.network.ip(f"link del {BRIDGE}")
 
     def set_address(self, address):

@@ -32,7 +32,7 @@ def test_bridge_that_comes_late_is_used_without_probing(lab, router):
     gave_up = daemon.wait_for_line(GAVE_UP, bound=20)
     named = daemon.wait_for_line("[Bonjour] default device name = T5140_00-00-00-00-00-00")
     assert CONNECTED not in daemon.texts()
-    router.bring_bridge("192.168.77.1/24")
+    router.add_bridge("192.168.77.1/24")
     daemon.wait_for_line(CONNECTED, bound=20)
     router.wait_for_banner()
     assert named.time - gave_up.time < 5
@@ -91,7 +91,7 @@ def test_bridge_without_an_address_keeps_its_hardware_address_in_the_name(lab, r
 def test_bridge_that_comes_within_five_seconds_is_probed_under_the_name_of_no_address(lab, router):
     daemon = router.start(ready=False)
     daemon.wait_for_line(SETUP_FAILED)
-    router.bring_bridge("192.168.77.1/24")
+    router.add_bridge("192.168.77.1/24")
     lab.wait_for_packet(
         hexbytes(f"{wire.QUERY_1} 17 'T5140_00-00-00-00-00-00' 05 'local' 00 0001 0001")
     )
@@ -169,7 +169,7 @@ def test_question_is_not_answered_while_the_address_is_gone(lab, router, daemon_
 
 @pytest.mark.seconds(8)
 def test_failed_sending_is_reported_once_a_packet_and_not_repeated(router, daemon):
-    router.take_bridge_away()
+    router.delete_bridge()
     router.plug_in(0)
     daemon.wait_for_line("[Bonjour] device insert lp0")
     failed = re.compile(r"\[Bonjour\] send packet error: .*")

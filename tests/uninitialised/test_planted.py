@@ -33,7 +33,7 @@ def test_byte_that_was_never_written_is_noticed_when_it_leaves(
     lab, router, tool, plant, tmp_path, monkeypatch
 ):
     # One of these packets is a byte too long.
-    lab.deliberate_form(lambda packet: True)
+    lab.allow_malformed(lambda packet: True)
     source, *changes = plant
     copy_sources(tmp_path / "sources")
     path = tmp_path / "sources" / source
