@@ -432,7 +432,7 @@ TEST_F(SendPacketTest, TwoSendersThatCouldNotBeStartedAtTheSameTimeLeaveOneJob) 
   EXPECT_EQ(mappedBlocks, 1);
 }
 
-// Senders that wait in their first pause until they are let go.
+// Senders of long packets that wait in their first pause until they are let go.
 class WaitingSendersTest : public SendPacketTest {
  protected:
   WaitingSendersTest() {
@@ -440,51 +440,6 @@ class WaitingSendersTest : public SendPacketTest {
     onUsleep = [](unsigned) { mayGo.wait(false); };
   }
   ~WaitingSendersTest() override { LetGo(); }
-
-  void Send(size_t count) {
-    const Bytes packet = Wire("01");
-    const sockaddr_in destination = sink.Name();
-    for (size_t i = 0; i < count; ++i) SendPacket(packet.data(), 1, source.Get(), destination);
-  }
-  void LetGo() {
-    mayGo = true;
-    mayGo.notify_all();
-  }
-
-  static std::atomic<bool> mayGo;
-};
-
-std::atomic<bool> WaitingSendersTest::mayGo;
-
-TEST_F(WaitingSendersTest, EachSenderHasAJobOfItsOwnAndTwelveAreKept) {
-  Send(15);
-  EXPECT_EQ(mappedBlocks, 15);
-  LetGo();
-  ASSERT_TRUE(WaitForEndedThreads(15));
-  EXPECT_EQ(mappedBlocks, 12);
-}
-
-TEST_F(WaitingSendersTest, TwelvePacketsAtATimeNeedNoNewJob) {
-  Send(15);
-  LetGo();
-  ASSERT_TRUE(WaitForEndedThreads(15));
-  mayGo = false;
-  mmapFault.FailCall(1);
-  Send(12);
-  EXPECT_FALSE(mmapFault.HasStruck());
-  Send(1);
-  EXPECT_TRUE(mmapFault.HasStruck());
-  EXPECT_EQ(StartedThreads().size(), 27u);
-}
-
-// Senders of long packets that wait in their first pause until they are let go.
-class CrowdTest : public SendPacketTest {
- protected:
-  CrowdTest() {
-    mayGo = false;
-    onUsleep = [](unsigned) { mayGo.wait(false); };
-  }
-  ~CrowdTest() override { LetGo(); }
 
   void Send(size_t count) {
     const Bytes packet = NumberedBytes(769);
@@ -499,9 +454,9 @@ class CrowdTest : public SendPacketTest {
   static std::atomic<bool> mayGo;
 };
 
-std::atomic<bool> CrowdTest::mayGo;
+std::atomic<bool> WaitingSendersTest::mayGo;
 
-TEST_F(CrowdTest, EachSenderHasAJobAndFourAreKept) {
+TEST_F(WaitingSendersTest, EachSenderOfALongPacketHasAJobOfItsOwnAndFourAreKept) {
   Send(15);
   EXPECT_EQ(mappedBlocks, 15);
   LetGo();
@@ -509,7 +464,7 @@ TEST_F(CrowdTest, EachSenderHasAJobAndFourAreKept) {
   EXPECT_EQ(mappedBlocks, 4);
 }
 
-TEST_F(CrowdTest, KeptJobsCarryFourPacketsAtATime) {
+TEST_F(WaitingSendersTest, FourLongPacketsAtATimeNeedNoNewJob) {
   Send(15);
   LetGo();
   ASSERT_TRUE(WaitForEndedThreads(15));
