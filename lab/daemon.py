@@ -1,7 +1,9 @@
 """The daemon under test: its process, and each line it prints with the time it was seen."""
 
+import contextlib
 import dataclasses
 import fcntl
+import functools
 import os
 import pathlib
 import re
@@ -20,7 +22,9 @@ _SANITIZER_REPORT = re.compile(
 # leave unread.
 _PIPE_CAPACITY = 1 << 20
 _POLL = 0.01
+_PAGE = 4096
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
+BANNER_START = "[QX] "
 
 
 def binary():
@@ -52,7 +56,10 @@ class _Stream:
         self.pipe = pipe
         self._begun = b""
         os.set_blocking(pipe.fileno(), False)
-        fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, _PIPE_CAPACITY)
+        self.resize(_PIPE_CAPACITY)
+
+    def resize(self, capacity):
+        fcntl.fcntl(self.pipe, fcntl.F_SETPIPE_SZ, capacity)
 
     def take(self):
         """The lines that came since the last time, or None once the output has ended."""
@@ -92,6 +99,9 @@ class Daemon:
             _Stream("stderr", self._process.stderr),
         ]
         self._taking = threading.Lock()
+        self._is_up = False
+        self._is_read = threading.Event()
+        self._is_read.set()
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
@@ -100,6 +110,7 @@ class Daemon:
         for stream in self._streams:
             poll.register(stream.pipe, select.POLLIN)
         while self._streams:
+            self._is_read.wait()
             poll.poll()
             for stream in self._take_lines():
                 poll.unregister(stream.pipe)
@@ -111,15 +122,18 @@ class Daemon:
     def _take_lines(self):
         """Takes what has been printed by now: a caller who knows of a line by other means finds it
         after this. Returns the streams that have ended."""
-        ended = []
         with self._taking:
-            for stream in self._streams:
-                lines = stream.take()
-                if lines is None:
-                    ended.append(stream)
-                    continue
-                for line in lines:
-                    self.lines.append(Line(time.time(), stream.name, line))
+            return self._take_from_pipes() if self._is_read.is_set() else []
+
+    def _take_from_pipes(self):
+        ended = []
+        for stream in self._streams:
+            lines = stream.take()
+            if lines is None:
+                ended.append(stream)
+                continue
+            for line in lines:
+                self.lines.append(Line(time.time(), stream.name, line))
         return ended
 
     # Lines
@@ -150,10 +164,39 @@ class Daemon:
             lambda line: line.text == text, count, since, bound, f"line {text!r}"
         )[-1]
 
-    @property
+    @functools.cached_property
     def device_name(self):
         """The host name that it settled on at start, without ".local"."""
         return self.wait_for_line(_NAME_LINE).text.rpartition(" = ")[2]
+
+    @property
+    def is_up(self):
+        """Whether its start banner has come."""
+        if not self._is_up:
+            self._is_up = any(text.startswith(BANNER_START) for text in self.texts("stdout"))
+        return self._is_up
+
+    @contextlib.contextmanager
+    def unread(self):
+        """Nobody reads its lines while this is entered, and a page of them has space."""
+        with self._taking:
+            self._take_from_pipes()
+            self._is_read.clear()
+            for stream in self._streams:
+                stream.resize(_PAGE)
+        try:
+            yield
+        finally:
+            with self._taking:
+                for stream in self._streams:
+                    stream.resize(_PIPE_CAPACITY)
+                self._is_read.set()
+
+    def forget(self):
+        """Drops the lines so far of a daemon that is up, which a long life would heap up; positions
+        stay true."""
+        assert self.is_up and self.device_name
+        self.lines.forget()
 
     # Process
 

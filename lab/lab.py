@@ -166,8 +166,8 @@ class Lab:
     def check_packets(self, pcap=None):
         """Raises Malformed if an independent parser refuses a packet that a router sent. Writes
         these packets to the path `pcap`, if given, for further opinions."""
-        for packet in self.capture.seen(self._must_be_well_formed):
-            packets.parse(packet.payload)
+        for payload in {each.payload for each in self.capture.seen(self._must_be_well_formed)}:
+            packets.parse(payload)
         if pcap:
             self.capture.write_pcap(pcap, self._must_be_well_formed)
 

@@ -4,14 +4,13 @@ import signal
 import time
 
 from lab import packets
-from lab.daemon import Daemon
+from lab.daemon import BANNER_START, Daemon
 from lab.netns import NetworkNamespace
 from lab.printers import Printer, StatusFile, UsbDevice
 from lab.sandbox import Sandbox
 
 BRIDGE = "br0"
 _UPLINK = "lan0"
-_BANNER_START = "[QX] "
 
 # The host-name probe ends at the twelfth packet of another machine that is no conflict.
 _PACKETS_THAT_END_THE_PROBE = 12
@@ -137,14 +136,14 @@ class Router:
 
     def wait_for_banner(self, bound=20.0):
         self.daemon.lines.wait(
-            lambda line: line.text.startswith(_BANNER_START), 1, 0, bound, "the start banner"
+            lambda line: line.text.startswith(BANNER_START), 1, 0, bound, "the start banner"
         )
 
     def stop(self, number=signal.SIGTERM, bound=15.0):
         """Stops the daemon, waits for its end and checks that it was a clean one. Returns the
         seconds from the signal to the end."""
         daemon = self.daemon
-        is_up = any(text.startswith(_BANNER_START) for text in daemon.texts("stdout"))
+        is_up = daemon.is_up
         begun = time.monotonic()
         daemon.signal(number)
         if not is_up:

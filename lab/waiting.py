@@ -14,10 +14,11 @@ class TimedOut(AssertionError):
 
 
 class Journal:
-    """A list that is appended to and waited on by threads. Items are never removed."""
+    """A list that is appended to and waited on by threads. An item keeps its index for good."""
 
     def __init__(self):
         self._items = []
+        self._forgotten = 0
         self._changed = threading.Condition()
         self._closed = False
 
@@ -32,12 +33,19 @@ class Journal:
             self._closed = True
             self._changed.notify_all()
 
+    def forget(self):
+        """Drops the items so far, which a long life would heap up."""
+        with self._changed:
+            self._forgotten += len(self._items)
+            self._items.clear()
+
     def __len__(self):
-        return len(self._items)
+        with self._changed:
+            return self._forgotten + len(self._items)
 
     def items(self, since=0):
         with self._changed:
-            return self._items[since:]
+            return self._items[max(0, since - self._forgotten) :]
 
     def follow(self, take, at_end):
         """Gives every item to `take`, those so far now and later ones as they come; once the
@@ -47,11 +55,11 @@ class Journal:
             position = 0
             while True:
                 with self._changed:
-                    self._changed.wait_for(lambda: self._closed or position < len(self._items))
-                    fresh = self._items[position:]
+                    self._changed.wait_for(lambda: self._closed or position < len(self))
+                    fresh = self.items(position)
+                    position = len(self)
                 for item in fresh:
                     take(item)
-                position += len(fresh)
                 if not fresh:
                     at_end()
                     return
@@ -69,9 +77,9 @@ class Journal:
         position = since
         with self._changed:
             while True:
-                while position < len(self._items):
-                    item = self._items[position]
-                    position += 1
+                fresh = self.items(position)
+                position = len(self)
+                for item in fresh:
                     if wanted(item):
                         found.append(item)
                         if len(found) == count:

@@ -1,14 +1,12 @@
 """Limits of the machine under floods: what is lost is lost, nothing stays behind."""
 
-import os
-import shutil
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from lab.flooding import BROWSE_QUESTION, EVERYTHING_QUESTION, flood, quiet_router
 from lab.packaged import as_packaged
-from lab.daemon import binary
 from lab.usage import usage_once_senders_ended
+from ownuser import NO_THREAD, as_own_user
 
 pytestmark = [pytest.mark.alone, pytest.mark.release]
 
@@ -16,13 +14,6 @@ PRINTERS = 10
 FLOODS = 4
 # Beside the four lasting threads and what the user has otherwise: nothing.
 THREADS = 150
-# A user that nobody else is, for the limit counts all of a user's threads on the machine.
-USER = 100_000 + os.getpid()
-NO_THREAD = "[Bonjour] pthread_create: Resource temporarily unavailable"
-
-# Root is not subject to a limit on processes and threads.
-AS_A_USER = ["setpriv", f"--reuid={USER}", f"--regid={USER}", "--clear-groups"]
-INSIDE = "/dev/.bonjour"
 
 
 def flood_four_times(lab, daemon, rate, question=BROWSE_QUESTION):
@@ -43,10 +34,8 @@ def flood_four_times(lab, daemon, rate, question=BROWSE_QUESTION):
 
 @pytest.mark.seconds(40)
 def test_limit_on_threads_loses_packets_with_a_line_each_and_no_memory(lab, monkeypatch):
-    # Where a user without any right on the build's directories finds the daemon.
-    shutil.copy(binary(), lab.router.sandbox.path(INSIDE))
-    monkeypatch.setenv("BONJOUR", INSIDE)
-    limited = [*AS_A_USER, "prlimit", f"--nproc={THREADS}", "--"]
+    user = as_own_user(lab.router, monkeypatch)
+    limited = [*user, "prlimit", f"--nproc={THREADS}", "--"]
     daemon = quiet_router(lab, PRINTERS, wrapper=limited)
     at_rest, _ = flood_four_times(lab, daemon, 500)
     assert set(daemon.texts("stderr")) == {NO_THREAD}
