@@ -44,6 +44,8 @@ SETTLING = 300
 MEMORY_SLACK = 64
 # The sanitizers' own memory bears no limit, and a thousand threads at a time neither.
 GENTLE_RATE = 200
+# Bytes of address space: room for a job, but not for a sender with its 64 KiB and a guard.
+LESS_THAN_A_STACK = 64 * 1024
 
 
 def printer(port):
@@ -273,11 +275,16 @@ class Life:
     def _little_memory(self):
         pid = self._daemon.pid
         self._settle(PORTS)
-        since = self._daemon.mark()
-        with limited(pid, "as", address_space(pid)):
-            self._lab.host.send(EVERYTHING_QUESTION)
-            self._lab.host.send(EVERYTHING_QUESTION)
-            self._daemon.wait_for_line(NO_THREAD, since=since)
+        with self._asker.silent():
+            usage_once_senders_ended(pid)
+            since = self._daemon.mark()
+            with limited(pid, "as", address_space(pid) + LESS_THAN_A_STACK):
+                # The C library keeps fewer stacks than these take.
+                for _ in range(3):
+                    self._lab.host.send(EVERYTHING_QUESTION)
+                self._daemon.wait_for_line(NO_THREAD, since=since)
+        # No page at all.
+        with limited(pid, "as", 1):
             self._settle(self._some_ports())
         # A printer that came meanwhile may have been left out, until it comes again.
         self._settle(set())
