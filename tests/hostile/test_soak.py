@@ -24,8 +24,10 @@ PORTS = range(10)
 AT_REST = {0, 3, 7}
 DEVICE_LINE = re.compile(r"\[Bonjour\] device (insert|remove) lp(\d)")
 NO_ADDRESS = "[MDNS_Answer] UpdateHostIP error"
-# What each of the daemon's lines begins with; a torn or a mixed one does not.
-LINE = re.compile(r"\[(Bonjour|MDNS_Answer|QX)\] [^\[]*")
+# The daemon's lines; a torn or a mixed one is none.
+LINE = re.compile(
+    r"\[(Bonjour|MDNS_Answer|QX)\] [^\[]*|\*{10}(Un)?RegisterOneService error\*{13}"
+)
 SERVICES = ("_ipp._tcp", "_pdl-datastream._tcp")
 QUESTIONS = [
     packets.query(("T5140_00-11-22-AA-BB-CC.local", "A")),
