@@ -3,8 +3,8 @@
  * usage: flood ADDRESS QUESTION-HEX RATE SECONDS
  *
  * ADDRESS is this host's IPv4 address. Prints one line of JSON: how many questions were sent, in
- * how many seconds, and how many datagrams were received until a second and a half passed without
- * any.
+ * how many seconds, how many datagrams were received meanwhile, and how many until a second and a
+ * half passed without any.
  */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -92,6 +92,7 @@ int main(int argc, char** argv) {
 
   long sent = 0;
   long received = 0;
+  long meanwhile = 0;
   const double start = Now();
   double last = start;
   double end = start;
@@ -109,8 +110,10 @@ int main(int argc, char** argv) {
     const long taken = Drain(opened);
     if (taken > 0) last = Now();
     received += taken;
+    if (sent < questions) meanwhile = received;
   }
-  printf("{\"sent\": %ld, \"seconds\": %.3f, \"received\": %ld}\n", sent, end - start, received);
+  printf("{\"sent\": %ld, \"seconds\": %.3f, \"meanwhile\": %ld, \"received\": %ld}\n", sent,
+         end - start, meanwhile, received);
   close(opened);
   return 0;
 }
