@@ -13,7 +13,7 @@ import subprocess
 import threading
 import time
 
-from lab.waiting import PATIENCE, Journal, TimedOut
+from lab.waiting import PATIENCE, Journal, TimedOut, wait_until
 
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
@@ -21,7 +21,6 @@ _SANITIZER_REPORT = re.compile(
 # The daemon drops a line that finds no space in its pipe. This holds more than a busy lab may
 # leave unread.
 _PIPE_CAPACITY = 1 << 20
-_POLL = 0.01
 _PAGE = 4096
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
 BANNER_START = "[QX] "
@@ -76,7 +75,48 @@ class _Stream:
         return [line.decode(errors="backslashreplace") for line in lines]
 
 
-class Daemon:
+class Lines:
+    """What a daemon prints, line by line."""
+
+    def __init__(self):
+        self.lines = Journal()
+
+    def _take_lines(self):
+        """Takes what has been printed by now."""
+
+    def mark(self):
+        """The position behind the lines so far."""
+        self._take_lines()
+        return len(self.lines)
+
+    def texts(self, stream=None, since=0):
+        """The lines so far as text, of one stream or of both."""
+        self._take_lines()
+        return [
+            line.text for line in self.lines.items(since) if stream in (None, line.stream)
+        ]
+
+    def count(self, text, since=0):
+        return self.texts(since=since).count(text)
+
+    def wait_for_line(self, text, count=1, since=0, bound=10.0):
+        """The `count`th line from `since` on that is `text`, or that the compiled pattern `text`
+        matches whole; raises TimedOut."""
+        if isinstance(text, re.Pattern):
+            return self.lines.wait(
+                lambda line: text.fullmatch(line.text), count, since, bound, f"line {text.pattern}"
+            )[-1]
+        return self.lines.wait(
+            lambda line: line.text == text, count, since, bound, f"line {text!r}"
+        )[-1]
+
+    @functools.cached_property
+    def device_name(self):
+        """The host name that it settled on at start, without ".local"."""
+        return self.wait_for_line(_NAME_LINE).text.rpartition(" = ")[2]
+
+
+class Daemon(Lines):
     def __init__(self, sandbox, network, arguments=(), environment=None, wrapper=()):
         """Starts the daemon in `sandbox` and `network`.
 
@@ -84,7 +124,7 @@ class Daemon:
         must become the daemon in the same process (as env, prlimit or `strace -D` do), because
         that process is what signals go to.
         """
-        self.lines = Journal()
+        super().__init__()
         self._process = sandbox.spawn(
             [*wrapper, binary(), *arguments],
             network=network,
@@ -138,37 +178,6 @@ class Daemon:
 
     # Lines
 
-    def mark(self):
-        """The position behind the lines so far."""
-        self._take_lines()
-        return len(self.lines)
-
-    def texts(self, stream=None, since=0):
-        """The lines so far as text, of one stream or of both."""
-        self._take_lines()
-        return [
-            line.text for line in self.lines.items(since) if stream in (None, line.stream)
-        ]
-
-    def count(self, text, since=0):
-        return self.texts(since=since).count(text)
-
-    def wait_for_line(self, text, count=1, since=0, bound=10.0):
-        """The `count`th line from `since` on that is `text`, or that the compiled pattern `text`
-        matches whole; raises TimedOut."""
-        if isinstance(text, re.Pattern):
-            return self.lines.wait(
-                lambda line: text.fullmatch(line.text), count, since, bound, f"line {text.pattern}"
-            )[-1]
-        return self.lines.wait(
-            lambda line: line.text == text, count, since, bound, f"line {text!r}"
-        )[-1]
-
-    @functools.cached_property
-    def device_name(self):
-        """The host name that it settled on at start, without ".local"."""
-        return self.wait_for_line(_NAME_LINE).text.rpartition(" = ")[2]
-
     @property
     def is_up(self):
         """Whether its start banner has come."""
@@ -209,11 +218,7 @@ class Daemon:
 
     def wait_until(self, holds, what, bound=10.0):
         """Waits for a state of the process that no event tells of; raises TimedOut."""
-        deadline = time.monotonic() + bound * PATIENCE
-        while not holds():
-            if time.monotonic() > deadline:
-                raise TimedOut(f"{bound * PATIENCE} s passed without: {what}")
-            time.sleep(_POLL)
+        wait_until(holds, what, bound)
 
     @property
     def running(self):

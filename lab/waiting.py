@@ -13,6 +13,18 @@ class TimedOut(AssertionError):
     """What a test waited for did not happen within its bound."""
 
 
+_POLL = 0.01
+
+
+def wait_until(holds, what, bound=10.0):
+    """Waits for a state that no event tells of; raises TimedOut."""
+    deadline = time.monotonic() + bound * PATIENCE
+    while not holds():
+        if time.monotonic() > deadline:
+            raise TimedOut(f"{bound * PATIENCE} s passed without: {what}")
+        time.sleep(_POLL)
+
+
 class Journal:
     """A list that is appended to and waited on by threads. An item keeps its index for good."""
 
