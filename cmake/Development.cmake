@@ -32,6 +32,7 @@ if(BONJOUR_LAB)
   # others has nothing to do with this build.
   if(NOT BONJOUR_SANITIZE)
     bonjour_add_lab_tests(package)
+    bonjour_add_lab_tests(stock_kernel)
     bonjour_add_lab_tests(builds)
   endif()
 endif()

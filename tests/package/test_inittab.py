@@ -36,7 +36,10 @@ def test_documented_lines_respawn_the_daemon_and_stop_it_at_the_end(system):
     numbered = system.root / PIDFILE
     # This daemon ends by itself, at once.
     (system.root / DEFAULTS).write_text("MODEL=0\n")
-    starting = f"mount -t proc proc {system.root}/proc && exec chroot {system.root} busybox init"
+    # Its root is a mount of its own, as every system's is.
+    root = system.root
+    mounts = f"mount --bind {root} {root} && mount -t proc proc {root}/proc"
+    starting = f"{mounts} && exec chroot {root} busybox init"
     box = system.sandbox.spawn(
         ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-c", starting],
         stdin=subprocess.DEVNULL,

@@ -13,9 +13,18 @@ COMPONENTS = {
     "sysvinit": ["etc/init.d/bonjour"],
     "systemd": ["usr/lib/systemd/system/bonjour.service"],
     "manual": ["usr/share/man/man8/bonjour.8"],
+    "stock-kernel": [
+        "usr/lib/systemd/system/bonjour.service.d/stock-kernel.conf",
+        "usr/lib/udev/rules.d/70-bonjour-printers.rules",
+        "usr/sbin/bonjour-printers",
+        "usr/share/bonjour/hotplug-usbmisc",
+        "usr/share/bonjour/mdev.conf",
+        "usr/share/man/man8/bonjour-printers.8",
+    ],
 }
-PROGRAMS = ["usr/sbin/bonjour", "etc/init.d/bonjour"]
+PROGRAMS = ["usr/sbin/bonjour", "usr/sbin/bonjour-printers", "etc/init.d/bonjour"]
 UNIT = "lib/systemd/system/bonjour.service"
+DROP_IN = f"{UNIT}.d/stock-kernel.conf"
 
 
 def files(root):
@@ -50,6 +59,23 @@ def test_start_scripts_name_the_daemon_by_its_prefix(prefix, tmp_path):
     assert re.findall(r"^ExecStart=.*", unit, re.MULTILINE) == [
         f'ExecStart="{prefix}/sbin/bonjour" $MODEL'
     ]
+
+
+@pytest.mark.parametrize("prefix", ["/usr/local", "/opt/print services"])
+def test_what_tells_of_printers_is_named_by_its_prefix(prefix, tmp_path):
+    install(tmp_path, prefix=prefix)
+    below = tmp_path / prefix[1:]
+    program = f"{prefix}/sbin/bonjour-printers"
+    assert (tmp_path / program[1:]).exists()
+    named = {
+        tmp_path / SCRIPT[1:]: f'PRINTERS="{program}"\n',
+        below / DROP_IN: f'ExecStartPre=-+"{program}" update\n',
+        below / "lib/udev/rules.d/70-bonjour-printers.rules": f"RUN+=\"'{program}' update\"\n",
+        below / "share/bonjour/mdev.conf": f' *"{program}" update\n',
+        below / "share/bonjour/hotplug-usbmisc": f'"{program}" update\n',
+    }
+    for path, text in named.items():
+        assert text in path.read_text(), path
 
 
 def test_prefix_may_be_relative_to_where_it_is_installed_from(tmp_path):

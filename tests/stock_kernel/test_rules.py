@@ -1,0 +1,84 @@
+"""What calls the script when printers come and go: mdev's line, and OpenWrt's hotplug script."""
+
+import os
+import stat
+
+import pytest
+from stock_system import STATUS_FILE
+
+ACME = b"MFG:Acme;MDL:Jet;CMD:PCL;"
+RECORD = "usblp3\nAcme\nJet\nPCL\n\n"
+USB_CLASS_DRIVERS = 180
+PRINTERS = 7
+
+
+@pytest.fixture
+def printer(busybox):
+    """The small system in which the kernel has just made the printer 3 and its node."""
+    busybox.plug_in(3, ACME)
+    (busybox.root / "sys/devices/printer3/usbmisc/lp3/dev").write_text("180:3\n")
+    (busybox.root / "dev/usb").mkdir()
+    os.mknod(busybox.root / "dev/usb/lp3", stat.S_IFCHR, os.makedev(USB_CLASS_DRIVERS, 3))
+    return busybox
+
+
+def uevent(action, name="usb/lp3"):
+    return {
+        "ACTION": action,
+        "DEVNAME": name,
+        "DEVPATH": "/devices/printer3/usbmisc/lp3",
+        "SUBSYSTEM": "usbmisc",
+        "MAJOR": str(USB_CLASS_DRIVERS),
+        "MINOR": "3",
+    }
+
+
+def mdev(system, action):
+    conf = system.root / "usr/share/bonjour/mdev.conf"
+    (system.root / "etc/mdev.conf").write_text(conf.read_text())
+    done = system.run("/bin/mdev", env=uevent(action))
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+
+
+def hotplug(system, action, name="usb/lp3"):
+    script = "/usr/share/bonjour/hotplug-usbmisc"
+    done = system.run("/bin/sh", "-c", f". {script}; echo next", env=uevent(action, name))
+    assert (done.returncode, done.stdout, done.stderr) == (0, "next\n", "")
+
+
+def test_mdev_makes_the_node_and_the_record_and_takes_them_away(printer):
+    node = printer.root / "dev/usblp3"
+    mdev(printer, "add")
+    made = node.stat()
+    assert stat.S_ISCHR(made.st_mode)
+    assert made.st_rdev == os.makedev(USB_CLASS_DRIVERS, 3)
+    assert (made.st_uid, made.st_gid, made.st_mode & 0o777) == (0, PRINTERS, 0o660)
+    assert printer.status == RECORD
+    printer.pull_out(3)
+    mdev(printer, "remove")
+    assert not node.exists()
+    assert printer.status == ""
+
+
+def test_openwrt_makes_the_name_and_the_record_and_takes_them_away(printer):
+    node = printer.root / "dev/usblp3"
+    hotplug(printer, "add")
+    assert os.readlink(node) == "usb/lp3"
+    assert node.stat().st_rdev == os.makedev(USB_CLASS_DRIVERS, 3)
+    assert printer.status == RECORD
+    printer.pull_out(3)
+    hotplug(printer, "remove")
+    assert not node.is_symlink()
+    assert printer.status == ""
+
+
+def test_openwrt_replaces_the_name_that_a_power_cut_left(printer):
+    (printer.root / "dev/usblp3").symlink_to("nowhere")
+    hotplug(printer, "add")
+    assert os.readlink(printer.root / "dev/usblp3") == "usb/lp3"
+
+
+def test_other_usb_devices_are_none_of_ours(printer):
+    hotplug(printer, "add", "usb/hiddev0")
+    assert os.listdir(printer.root / "dev") == ["usb"]
+    assert not (printer.root / STATUS_FILE).exists()
