@@ -59,6 +59,7 @@ PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
 PKG_INSTALL_DIR = $(PKG_BUILD_DIR)/ipkg-install
 INSTALL_DIR := install -d -m0755
 INSTALL_BIN := install -m0755
+INSTALL_DATA := install -m0644
 INSTALL_CONF := install -m0600
 TARGET_CFLAGS := -Os -pipe -march=native -fno-caller-saves -fno-plt -fstack-protector \
   -D_FORTIFY_SOURCE=1 -Wl,-z,now -Wl,-z,relro
@@ -116,7 +117,7 @@ def test_openwrt_package_says_what_it_is(openwrt):
     assert openwrt.value("PKG_NAME") == "bonjour"
     assert openwrt.value("PKG_VERSION") == version()
     assert openwrt.value("CATEGORY") == "Network"
-    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer +unshare"
     assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
     assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
 
@@ -135,12 +136,16 @@ def test_openwrt_package_is_built_of_the_tree_and_holds_the_daemon(openwrt):
     package = openwrt.top / "package"
     assert files(package) == {
         "usr/sbin/bonjour": 0o755,
+        "usr/sbin/bonjour-printers": 0o755,
         "etc/default/bonjour": 0o600,
+        "etc/hotplug.d/usbmisc/bonjour": 0o644,
         "etc/init.d/bonjour": 0o755,
     }
     installed = sources / "ipkg-install"
-    for name in ("usr/sbin/bonjour", "etc/default/bonjour"):
+    for name in ("usr/sbin/bonjour", "usr/sbin/bonjour-printers", "etc/default/bonjour"):
         assert (package / name).read_bytes() == (installed / name).read_bytes(), name
+    hotplug = package / "etc/hotplug.d/usbmisc/bonjour"
+    assert hotplug.read_bytes() == (installed / "usr/share/bonjour/hotplug-usbmisc").read_bytes()
     script = (package / "etc/init.d/bonjour").read_text()
     assert script.startswith("#!/bin/sh /etc/rc.common\n")
 
@@ -181,12 +186,15 @@ def procd(tmp_path, sandbox):
     return call
 
 
+COMMAND = "set_param [command] [/usr/sbin/bonjour-printers] [run] [/usr/sbin/bonjour]"
+
+
 def test_procd_starts_the_daemon_with_its_settings(procd):
     settings = "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n"
     assert procd("start_service", settings) == [
         "1 95 05",
         "open_instance",
-        "set_param [command] [/usr/sbin/bonjour] [GLXE4700]",
+        f"{COMMAND} [GLXE4700]",
         "set_param [env] [GLIBC_TUNABLES=a.b=0]",
         "set_param [limits] [as=67108864 67108864] [stack=262144 262144]",
         "set_param [respawn] [3600] [5] [0]",
@@ -202,7 +210,7 @@ def test_procd_starts_the_daemon_without_settings(procd):
     assert procd("start_service") == [
         "1 95 05",
         "open_instance",
-        "set_param [command] [/usr/sbin/bonjour]",
+        COMMAND,
         "set_param [respawn] [3600] [5] [0]",
         "set_param [netdev] [br0]",
         "set_param [stdout] [1]",
@@ -270,16 +278,16 @@ def test_buildroot_package_says_what_it_is(buildroot):
 def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_path):
     buildroot.install("target", "sysv")
     whole = tmp_path / "whole"
-    install(whole, "--component", "runtime")
-    install(whole, "--component", "sysvinit")
+    for component in ("runtime", "stock-kernel", "sysvinit"):
+        install(whole, "--component", component)
     assert files(buildroot.target) == {**files(whole), "etc/init.d/S95bonjour": "bonjour"}
 
 
 def test_buildroot_package_for_systemd_holds_what_cmake_installs(buildroot, tmp_path):
     buildroot.install("target", "systemd")
     whole = tmp_path / "whole"
-    install(whole, "--component", "runtime")
-    install(whole, "--component", "systemd")
+    for component in ("runtime", "stock-kernel", "systemd"):
+        install(whole, "--component", component)
     assert files(buildroot.target) == files(whole)
 
 
@@ -368,6 +376,13 @@ def test_yocto_recipe_installs_what_it_names(recipe, tmp_path):
         f"etc/init.d/{recipe['INITSCRIPT_NAME']}": 0o755,
         f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}": 0o644,
     }
+    run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", "stock-kernel")
+    named = recipe["FILES:${PN}:append"].replace("${systemd_system_unitdir}", units)
+    named = named.replace("${prefix}", "/usr").replace("${datadir}", "/usr/share").split()
+    # These are in the package without being named.
+    named += ["/etc", "/usr/sbin", "/usr/share/man"]
+    for name in files(root):
+        assert f"/{name}".startswith(tuple(named)), name
     install(tmp_path / "runtime", "--component", "runtime")
     kept = recipe["CONFFILES:${PN}"].replace("${sysconfdir}", "etc")
     assert kept in files(tmp_path / "runtime")

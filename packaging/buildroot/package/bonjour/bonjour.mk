@@ -14,6 +14,7 @@ BONJOUR_REDISTRIBUTE = NO
 
 define BONJOUR_INSTALL_TARGET_CMDS
 	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component runtime
+	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component stock-kernel
 	$(SED) 's/^MODEL=.*/MODEL=$(call qstrip,$(BR2_PACKAGE_BONJOUR_MODEL))/' \
 		$(TARGET_DIR)/etc/default/bonjour
 endef
