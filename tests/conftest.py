@@ -71,6 +71,18 @@ def lab(request):
 
 
 @pytest.fixture
+def failed(request):
+    """Tells whether the test has failed."""
+    return lambda: request.node.stash.get(_failed, False)
+
+
+@pytest.fixture
+def failures(request):
+    """Where what is kept of this test belongs."""
+    return FAILURES / _file_name(request)
+
+
+@pytest.fixture
 def router(lab):
     return lab.router
 

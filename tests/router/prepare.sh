@@ -1,0 +1,22 @@
+# shellcheck shell=sh
+# For run and demo: what a virtual machine needs. Sourced at the tree's root, behind lab/prepare.sh.
+
+# prepare_machines all|x86-64: what is missing for machines of every kind, or for the first alone.
+prepare_machines() {
+  require_root
+  require_packages build router
+  if [ ! -c /dev/net/tun ]; then
+    echo "$0: there is no /dev/net/tun, through which a machine's network card is reached" >&2
+    exit 1
+  fi
+  build release bonjour flood
+  [ "$1" = all ] || return 0
+  require_packages routers
+  for preset in armhf mipsel; do
+    # A folder of its own, so that the preset's can have its tests.
+    folder=build/machines/$preset/build
+    echo "Building $preset"
+    quietly cmake --preset "$preset" -B "$folder" -DBONJOUR_TESTS=OFF
+    quietly cmake --build "$folder" --target bonjour
+  done
+}

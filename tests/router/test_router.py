@@ -1,0 +1,356 @@
+"""A router from its boot to its end: the installed package, a real kernel and its USB driver."""
+
+import json
+import pathlib
+import re
+import subprocess
+import time
+
+import pytest
+import wire
+
+from lab import packets
+from lab.browser import IPP, RAW
+from lab.lab import TRANSMISSIONS
+from lab.printers import Printer
+from lab.vm.router import device_id
+from lab.waiting import wait_until
+
+HP = device_id(Printer(0))
+UNIVERSAL = "_universal._sub._ipp._tcp.local"
+STATUS_FILE = "/var/run/bonjour/printer_status"
+NO_UPDATE = "! cat /proc/[0-9]*/cmdline 2> /dev/null | tr '\\0' ' ' | grep -q '[b]onjour-printers'"
+RECORD = "usblp0\nHP\nModel 12\nPJL,PCL\n\n"
+PUBLISHED = (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS)
+WITHDRAWN = (wire.PDL_GOODBYE, wire.IPP_GOODBYE)
+FIRST_DEVICE = "/sys/bus/usb/devices/1-1"
+SERVICES = 2
+LASTING_THREADS = 4
+BRIDGE_ANEW = {
+    "busybox": "/etc/init.d/network restart",
+    "debian": "ip link del br0; systemctl restart systemd-networkd",
+}
+# With the lines for inittab init starts another one.
+RESTART = {"busybox": "/etc/init.d/bonjour stop", "debian": "systemctl restart bonjour"}
+NET_RAW = "0000000000002000"
+FLOOD = pathlib.Path(__file__).resolve().parent.parent.parent / "build/release/lab/flood"
+FLOOD_SECONDS = 10
+LOOK_SECONDS = 0.25
+BROWSE_QUESTION = packets.query((IPP, "PTR"))
+BOOT_BOUND = 60.0
+RESPAWN_BOUND = 20.0
+
+
+def wait_for_packets(lab, wanted, since, bound=10.0):
+    for packet in wanted:
+        lab.wait_for_packet(packet, since, TRANSMISSIONS, bound)
+
+
+def wait_for_start(lab, since, bound):
+    """Waits until the daemon has probed for its name and published its printer."""
+    # The bridge's port may not be up yet when the first probes are sent.
+    lab.wait_for_packet(wire.HOST_PROBE, since, bound=bound)
+    wait_for_packets(lab, PUBLISHED, since, bound)
+
+
+def wait_for_services(lab, names, since):
+    """Waits until these services, and no others, are announced three times, of both kinds."""
+    count = len(names) * SERVICES * TRANSMISSIONS
+    announced = lab.wait_for_packet(lambda packet: not packet.is_query, since, count, 30)
+    expected = {f"{name}.{rrtype}" for name in names for rrtype in (IPP, RAW)}
+    assert {packet.message.answers[1].data for packet in announced} == expected
+
+
+def wait_for_goodbyes(lab, printers, since):
+    def is_goodbye(packet):
+        return not packet.is_query and all(record.ttl == 0 for record in packet.message.answers)
+
+    lab.wait_for_packet(is_goodbye, since, printers * SERVICES * TRANSMISSIONS, 30)
+
+
+def present(machine):
+    """The printers that the daemon that runs has published and not withdrawn."""
+    ports = set()
+    for text in machine.log.texts():
+        if text.startswith("[QX] "):
+            ports.clear()
+        elif changed := re.fullmatch(r"\[Bonjour\] device (insert|remove) lp(\d)", text):
+            (ports.add if changed[1] == "insert" else ports.discard)(int(changed[2]))
+    return ports
+
+
+def wait_until_present(machine, *ports):
+    wait_until(lambda: present(machine) == set(ports), f"printers {ports}")
+
+
+def wait_until_quiet(machine):
+    """Waits until the daemon sends nothing."""
+    machine.wait_until(f"[ $(ls /proc/{pid(machine)}/task | wc -l) = {LASTING_THREADS} ]")
+
+
+def pid(machine):
+    return int(machine.run("pidof bonjour"))
+
+
+def write_status_file(machine, text):
+    """By hand, as a vendor's kernel would, and behind what a rule has begun to write."""
+    machine.wait_until(NO_UPDATE)
+    lines = text.replace("\n", "\\n")
+    machine.run(f"printf '{lines}' > {STATUS_FILE}.new && mv {STATUS_FILE}.new {STATUS_FILE}")
+
+
+@pytest.fixture(autouse=True)
+def kept(request, lab, failed, failures):
+    """What is kept of a failed test."""
+    yield
+    if failed():
+        lab.keep(failures)
+        print(f"packets and log are kept in {failures}")
+        print(lab.timeline())
+    else:
+        lab.check_packets()
+
+
+@pytest.fixture
+def empty(lab, machine):
+    """The machine without its printer; behind the test it has it again, as before."""
+    since = lab.capture.mark()
+    machine.pull_out(0)
+    wait_for_packets(lab, WITHDRAWN, since)
+    yield machine
+    machine.pull_all_out()
+    machine.wait_until("! ls /sys/class/usbmisc | grep -q lp")
+    machine.wait_until(f"[ ! -s {STATUS_FILE} ]")
+    wait_until_present(machine)
+    wait_until_quiet(machine)
+    since = lab.capture.mark()
+    machine.plug_in(0, HP)
+    wait_for_packets(lab, PUBLISHED, since)
+
+
+def test_boot_ends_with_the_printer_published_and_no_hand_moved(request, lab, table):
+    wait_for_start(lab, 0, BOOT_BOUND)
+    for what, packet in (("probed", wire.HOST_PROBE), ("published", wire.IPP_RECORDS)):
+        seconds = lab.wait_for_packet(packet)[0].time - lab.router.switched_on
+        table.append(f"{request.node.callspec.id}: {what} {seconds:.1f} s after it was switched on")
+
+
+def test_daemon_is_the_packages_and_sees_one_file_of_proc(machine):
+    assert machine.run(f"readlink /proc/{pid(machine)}/exe") == "/usr/sbin/bonjour\n"
+    assert machine.run(f"ls -A /proc/{pid(machine)}/root/proc") == "printer_status\n"
+    assert machine.run("ls -d /proc/1") == "/proc/1\n"
+
+
+def test_status_file_has_the_record_of_the_devices_id(machine):
+    assert machine.run("cat /sys/class/usbmisc/lp0/device/ieee1284_id") == HP.decode()
+    assert machine.run(f"cat {STATUS_FILE}") == RECORD
+
+
+def test_node_has_the_daemons_name_and_is_for_the_group_of_printers(machine):
+    assert machine.run("stat -L -c '%F %t:%T %G %a' /dev/usblp0") == (
+        "character special file b4:0 lp 660\n"
+    )
+
+
+def test_bridge_snoops(machine):
+    assert machine.run("cat /sys/class/net/br0/bridge/multicast_snooping") == "1\n"
+
+
+def test_questions_are_answered_as_on_any_router(lab):
+    assert lab.ask(packets.query((IPP, "PTR"))) == [wire.IPP_RECORDS]
+    assert lab.ask(packets.query((UNIVERSAL, "PTR"))) == [wire.IPP_RECORDS]
+    assert lab.ask(packets.query((RAW, "PTR"))) == [wire.PDL_RECORDS]
+    assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
+
+
+def test_printer_is_withdrawn_when_pulled_out_and_published_when_plugged_in(lab, machine):
+    since = lab.capture.mark()
+    machine.pull_out(0)
+    wait_for_packets(lab, WITHDRAWN, since)
+    since = lab.capture.mark()
+    machine.plug_in(0, HP)
+    wait_for_packets(lab, PUBLISHED, since)
+
+
+def test_two_printers_at_the_same_moment(lab, empty):
+    since = lab.capture.mark()
+    for port in (1, 2):
+        empty.plug_in(port, HP)
+    names = [f"HP Model 12 (aa:bb:cc) {number}" for number in (0, 1)]
+    wait_for_services(lab, names, since)
+    since = lab.capture.mark()
+    empty.pull_all_out()
+    wait_for_goodbyes(lab, 2, since)
+
+
+def test_ten_printers_are_published_and_an_eleventh_gets_a_line(lab, empty):
+    since, lines = lab.capture.mark(), empty.log.mark()
+    for port in range(11):
+        empty.plug_in(port, HP)
+    empty.log.wait_for_line(
+        "bonjour-printers: lp10: port above 9, not published", since=lines, bound=30
+    )
+    wait_for_services(lab, [f"HP Model 12 (aa:bb:cc) {number}" for number in range(10)], since)
+    since = lab.capture.mark()
+    empty.pull_all_out()
+    wait_for_goodbyes(lab, 10, since)
+
+
+def test_printer_without_an_id_gets_a_line_and_no_service(lab, empty):
+    since, lines = lab.capture.mark(), empty.log.mark()
+    empty.plug_in(0, None)
+    empty.log.wait_for_line("bonjour-printers: lp0: no device id, not published", since=lines)
+    empty.plug_in(1, HP)
+    wait_for_services(lab, ["HP Model 12 (aa:bb:cc) 1"], since)
+
+
+def test_long_and_hostile_ids_are_published_well_formed(lab, empty):
+    ids = {
+        b"MFG:" + b"A" * 480 + b";MDL:" + b"B" * 510 + b";": "A" * 15 + " " + "B" * 34,
+        b"MFG:A;MDL:B\nusblp0\r\x07\x1b[2J;CMD:\nusblp1": "A B usb_lp0   [2J",
+        b"MFG:$(reboot);MDL:`reboot`\\n%s.;CMD:'\"": "$(reboot) `reboot`\\n%s_",
+    }
+    since = lab.capture.mark()
+    for port, hostile in enumerate(ids):
+        empty.plug_in(port, hostile)
+        empty.wait_until(f"[ -e /sys/class/usbmisc/lp{port} ]")
+    names = [f"{name} (aa:bb:cc) {port}" for port, name in enumerate(ids.values())]
+    wait_for_services(lab, names, since)
+
+
+def test_printer_pulled_out_while_the_driver_asks_for_its_id(lab, empty):
+    gone = empty.plug_in(0, HP, held=True)
+    gone.wait_until_asked()
+    empty.pull_out(0)
+    empty.wait_until(f"[ ! -e {FIRST_DEVICE} ]")
+    since = lab.capture.mark()
+    empty.plug_in(1, HP)
+    wait_for_services(lab, ["HP Model 12 (aa:bb:cc) 0"], since)
+
+
+def test_model_that_only_the_device_id_has_is_asked_of_the_driver(lab, empty):
+    empty.plug_in(0, b"MFG:Acme;MODEL:Of the driver;")
+    wait_until_present(empty, 0)
+    write_status_file(empty, "")
+    wait_until_present(empty)
+    wait_until_quiet(empty)
+    since = lab.capture.mark()
+    write_status_file(empty, "usblp0\nHP\n\nPJL,PCL\n\n")
+    wait_for_services(lab, ["HP  (aa:bb:cc) 0"], since)
+    assert all(
+        "ty=Of the driver" in packet.message.answers[3].data
+        for packet in lab.sent(since)
+        if not packet.is_query
+    )
+
+
+def test_printer_pulled_out_while_the_daemon_asks_for_its_id(lab, empty):
+    printer = empty.plug_in(0, b"MFG:Acme;MODEL:Of the driver;")
+    wait_until_present(empty, 0)
+    write_status_file(empty, "")
+    wait_until_present(empty)
+    wait_until_quiet(empty)
+    printer.hold_device_id()
+    lines = empty.log.mark()
+    write_status_file(empty, "usblp0\nHP\n\nPJL,PCL\n\n")
+    printer.wait_until_asked()
+    # A printer that is silent keeps nobody waiting for an answer.
+    assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
+    empty.pull_out(0)
+    empty.log.wait_for_line(
+        re.compile(r"\[Bonjour\] ioctl printer failed: .*"), since=lines, bound=20
+    )
+    empty.log.wait_for_line("[Bonjour] device remove lp0", since=lines, bound=20)
+
+
+def memory(machine):
+    """Threads of the daemon and KiB of its memory, of all kernel stacks, of slab, and of what is
+    left."""
+    text = machine.run(f"cat /proc/{pid(machine)}/status /proc/meminfo")
+    fields = dict(re.findall(r"^(\w+):\s+(\d+)", text, re.MULTILINE))
+    names = ("Threads", "RssAnon", "KernelStack", "Slab", "MemAvailable")
+    return {name: int(fields[name]) for name in names}
+
+
+def flood(lab, machine, rate):
+    """Asks for printers `rate` times a second; returns what flood counted, and the highest use of
+    memory that was seen, each figure's own."""
+    with lab.host.network.entered():
+        asking = subprocess.Popen(
+            [FLOOD, lab.host.address, BROWSE_QUESTION.hex(), str(rate), str(FLOOD_SECONDS)],
+            stdout=subprocess.PIPE,
+            text=True,
+        )
+    peak = memory(machine)
+    while asking.poll() is None:
+        now = memory(machine)
+        least = min(now["MemAvailable"], peak["MemAvailable"])
+        peak = {name: max(now[name], peak[name]) for name in now} | {"MemAvailable": least}
+        # To look is work for the machine too.
+        time.sleep(LOOK_SECONDS)
+    return json.loads(asking.stdout.read()), peak
+
+
+@pytest.mark.kinds("armhf", "mipsel")
+@pytest.mark.parametrize("rate", [500, 5000])
+def test_flood_kills_nothing_and_everything_answers_behind_it(request, lab, empty, table, rate):
+    for port in range(10):
+        empty.plug_in(port, HP)
+    wait_until_present(empty, *range(10))
+    wait_until_quiet(empty)
+    daemon, before = pid(empty), memory(empty)
+    counted, peak = flood(lab, empty, rate)
+    wait_until_quiet(empty)
+    after = memory(empty)
+    table.append(f"{request.node.callspec.id}: {counted}")
+    table.extend(f"  {name:12} {before[name]:7} {peak[name]:7} {after[name]:7}" for name in before)
+    assert counted["sent"] == rate * FLOOD_SECONDS
+    assert empty.run("dmesg | grep -A60 oom-killer || true") == ""
+    assert pid(empty) == daemon
+    assert len(lab.ask(BROWSE_QUESTION)) == 10
+
+
+@pytest.mark.kinds("debian")
+def test_unit_confines_the_daemon(machine):
+    status = machine.run(f"cat /proc/{pid(machine)}/status")
+    fields = dict(line.split(":\t", 1) for line in status.splitlines())
+    for field in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+        assert fields[field] == NET_RAW, field
+    assert fields["NoNewPrivs"] == "1"
+    assert fields["Seccomp"] == "2"
+    assert "0" not in fields["Uid"].split()
+    assert machine.run(f"nsenter -t {pid(machine)} -m touch /etc/x || echo no").endswith("no\n")
+
+
+def test_restart_says_goodbye_and_comes_back(lab, machine):
+    since = lab.capture.mark()
+    machine.run(RESTART[lab.router.kind.system])
+    wait_for_packets(lab, WITHDRAWN, since)
+    wait_for_start(lab, since, RESPAWN_BOUND)
+
+
+def test_daemon_that_is_killed_is_started_anew(lab, machine):
+    killed, since = pid(machine), lab.capture.mark()
+    machine.run(f"kill -9 {killed}")
+    wait_for_start(lab, since, RESPAWN_BOUND)
+    assert pid(machine) != killed
+
+
+def test_bridge_made_anew_is_answered_on(lab, machine):
+    since = lab.capture.mark()
+    machine.run(BRIDGE_ANEW[lab.router.kind.system])
+    wait_for_start(lab, since, RESPAWN_BOUND)
+    assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
+
+
+def test_reboot_says_goodbye_and_comes_back(lab, machine):
+    since = lab.capture.mark()
+    machine.reboot()
+    wait_for_packets(lab, WITHDRAWN, since, BOOT_BOUND)
+    wait_for_start(lab, since, BOOT_BOUND)
+
+
+def test_power_off_says_goodbye(lab, machine):
+    since = lab.capture.mark()
+    machine.power_off()
+    wait_for_packets(lab, WITHDRAWN, since)
