@@ -25,11 +25,11 @@ def _in_style(code, text):
     return f"\x1b[{code}m{text}\x1b[0m" if _colours else text
 
 
-def _print_title(text):
+def print_title(text):
     print(f"\n{_in_style('1', text)}", flush=True)
 
 
-def _print_step(seconds, text):
+def print_step(seconds, text):
     print(f"  {_in_style('36', f'{seconds * 1000:7.1f} ms')}  {text}", flush=True)
 
 
@@ -48,7 +48,7 @@ def _is_response(packet):
     return not packet.is_query
 
 
-def _is_goodbye(packet):
+def is_goodbye(packet):
     return _is_response(packet) and all(record.ttl == 0 for record in packet.message.answers)
 
 
@@ -67,21 +67,21 @@ class Demo:
         self.browser = None
 
     def start_router(self):
-        _print_title("The router starts and claims a name on the link")
+        print_title("The router starts and claims a name on the link")
         start, mark = time.time(), self.lab.capture.mark()
         daemon = self.router.start(MODEL, fast=False, ready=False)
         probes = self.lab.wait_for_packet(lambda packet: packet.is_query, mark, TRANSMISSIONS)
         wanted = probes[0].message.questions[0].name
         for probe, text in zip(probes, (f"it asks who has the name {wanted}", "again", "again")):
-            _print_step(probe.time - start, text)
+            print_step(probe.time - start, text)
         settled = daemon.wait_for_line(re.compile(r"\[Bonjour\] default device name = .*"))
-        _print_step(
+        print_step(
             settled.time - start, f"nobody objected: {daemon.device_name}.local is its name"
         )
         self.router.wait_for_banner()
 
     def plug_in(self, port, manufacturer, model, commands):
-        _print_title(f"A printer is plugged in: {manufacturer} {model}")
+        print_title(f"A printer is plugged in: {manufacturer} {model}")
         start, mark = time.time(), self.lab.capture.mark()
         self.router.plug_in(port, manufacturer, model, commands)
         for service_type, service in SERVICES.items():
@@ -91,12 +91,12 @@ class Demo:
                 TRANSMISSIONS,
             )
             times = ", ".join(f"{(packet.time - start) * 1000:.0f}" for packet in announced)
-            _print_step(
+            print_step(
                 announced[0].time - start, f"{service} is announced to all hosts (at {times} ms)"
             )
 
     def list_printers(self, count):
-        _print_title("A new host on the link looks for printers")
+        print_title("A new host on the link looks for printers")
         self.host = self.lab.add_host()
         self.browser = Browser(self.host)
         for service_type, service in reversed(SERVICES.items()):
@@ -110,31 +110,31 @@ class Demo:
 
     def ask_for_router(self):
         name = f"{self.router.daemon.device_name}.local"
-        _print_title("The host asks for the router's address")
+        print_title("The host asks for the router's address")
         self._ask(name, "A", f"what is the address of {name}?", _has_record_of(name))
         self._wait_until_heard(lambda: self.browser.address_of(name), "the address")
         print(f"              {name} is {self.browser.address_of(name)}", flush=True)
 
     def pull_out(self, port):
         gone = self.router.printer(port)
-        _print_title(f"A printer is pulled out: {gone.manufacturer} {gone.model}")
+        print_title(f"A printer is pulled out: {gone.manufacturer} {gone.model}")
         left = len(self.browser.services) - len(SERVICES)
         start, mark = time.time(), self.lab.capture.mark()
         self.router.pull_out(port)
-        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES) * TRANSMISSIONS)
-        _print_step(goodbyes[0].time - start, "the router says goodbye for its services")
+        goodbyes = self.lab.wait_for_packet(is_goodbye, mark, len(SERVICES) * TRANSMISSIONS)
+        print_step(goodbyes[0].time - start, "the router says goodbye for its services")
         self._wait_until_heard(lambda: len(self.browser.services) == left, "the goodbyes")
         print("              the host's list is now:")
         self._show_services()
 
     def stop_router(self):
-        _print_title("The router stops")
+        print_title("The router stops")
         start, mark = time.time(), self.lab.capture.mark()
         self.router.stop()
         ended = time.time()
-        goodbyes = self.lab.wait_for_packet(_is_goodbye, mark, len(SERVICES))
-        _print_step(goodbyes[0].time - start, "it says goodbye for every printer left")
-        _print_step(ended - start, "it ends, exit status 0")
+        goodbyes = self.lab.wait_for_packet(is_goodbye, mark, len(SERVICES))
+        print_step(goodbyes[0].time - start, "it says goodbye for every printer left")
+        print_step(ended - start, "it ends, exit status 0")
         self._wait_until_heard(lambda: not self.browser.services, "the goodbyes")
         print("              the host's list is empty", flush=True)
 
@@ -145,7 +145,7 @@ class Demo:
         answer = self.lab.wait_for_packet(
             lambda packet: _is_response(packet) and answers(packet), mark
         )[0]
-        _print_step(answer.time - asked.time, f"answered: {text}")
+        print_step(answer.time - asked.time, f"answered: {text}")
 
     def _wait_until_heard(self, until, what):
         if not self.browser.listen(until, bound=5.0):
@@ -232,7 +232,7 @@ def _run(lab, keep):
         demo.stop_router()
 
 
-def _end_on_signal(number, _):
+def end_on_signal(number, _):
     sys.exit(128 + number)
 
 
@@ -245,8 +245,8 @@ def main():
     # Whoever reads this may stop doing so. The lab goes with this process however it ends.
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     sys.stdout.reconfigure(errors="backslashreplace")
-    signal.signal(signal.SIGTERM, _end_on_signal)
-    signal.signal(signal.SIGHUP, _end_on_signal)
+    signal.signal(signal.SIGTERM, end_on_signal)
+    signal.signal(signal.SIGHUP, end_on_signal)
     begun = time.monotonic()
     try:
         with Lab() as lab:
