@@ -47,12 +47,6 @@ def tells_memory(pid):
     return not (_maps(pid, "libasan") or _maps(pid, "libtsan"))
 
 
-def has_own_memory(program):
-    """As tells_memory(), of a file."""
-    content = program.read_bytes()
-    return not (b"libasan" in content or b"libtsan" in content)
-
-
 def usage_once_senders_ended(pid, bound=10.0):
     """The daemon's usage as soon as its lasting threads are there and no other; raises TimedOut."""
     deadline = time.monotonic() + bound * PATIENCE

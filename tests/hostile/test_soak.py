@@ -11,11 +11,10 @@ import time
 import last_word
 import pytest
 from lab import packets
-from lab.daemon import binary
 from lab.flooding import EVERYTHING_QUESTION, HOST_QUESTION, flood
 from lab.packaged import as_packaged
 from lab.printers import Printer
-from lab.usage import has_own_memory, tells_memory, usage_once_senders_ended
+from lab.usage import tells_memory, usage_once_senders_ended
 from ownuser import NO_THREAD, as_own_user, limited
 
 SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "20"))
@@ -308,9 +307,8 @@ class Life:
 
 
 def start(lab, monkeypatch):
-    """A daemon as the package starts it, but that sanitizers bear no limits."""
-    none = {} if has_own_memory(binary()) else {"MEMORY_LIMIT": None, "STACK_LIMIT": None}
-    packaged = as_packaged(**none)
+    """A daemon as the package starts it."""
+    packaged = as_packaged()
     user = as_own_user(lab.router, monkeypatch)
     return lab.router.start(
         environment=packaged["environment"], wrapper=[*user, *packaged["wrapper"]]

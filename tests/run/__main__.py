@@ -154,6 +154,10 @@ def fuzz(options):
     return processes.run(["fuzz/run", options.count])
 
 
+def boot_routers(_):
+    return processes.run(["tests/router/run"])
+
+
 def build_targets(_):
     return processes.run(["tests/targets"])
 
@@ -173,6 +177,7 @@ def main():
         "sweep": sweep,
         "memory": look_for_unwritten_bytes,
         "targets": build_targets,
+        "router": boot_routers,
     }
     try:
         if options.long_run in long_runs:

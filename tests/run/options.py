@@ -12,13 +12,14 @@ GROUPS = (
     "hostile",
     "fuzz",
     "package",
+    "stock_kernel",
     "builds",
     "bench",
     "runner",
     "style",
 )
 # These are about the release build or about the sources.
-RELEASE_GROUPS = ("package", "builds", "bench", "runner", "style")
+RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style")
 PRESETS = ("release", "debug", "tsan", "clang")
 COVERAGE = "coverage"
 COVERAGE_GROUPS = ("unit", "system", "faults")
@@ -33,6 +34,7 @@ LONG_RUNS = {
     "sweep": None,
     "memory": None,
     "targets": None,
+    "router": None,
 }
 MOST_JOBS = 1000
 # System tests mostly wait for the daemon's own sleeps.

@@ -80,8 +80,8 @@ def test_groups_are_those_of_the_build(build):
 
 def test_each_folder_of_tests_is_a_group():
     folders = {path.parent.name for path in ROOT.glob("tests/*/test_*.py")}
-    # Those need builds of their own: tests/targets and tests/memory run them.
-    assert folders - {"devices", "uninitialised"} < set(options.GROUPS)
+    # Those need builds of their own: tests/targets, tests/memory and tests/router/run run them.
+    assert folders - {"devices", "uninitialised", "router"} < set(options.GROUPS)
 
 
 def test_each_unit_test_and_fuzzer_is_built(build):
