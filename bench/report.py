@@ -27,8 +27,8 @@ RATE_SECONDS = 1
 STEP_QUESTIONS = 150
 STEP_ROUNDS = 10
 MEMORY_RUNS = 3
-IDLE_SECONDS = 60
-IDLE_PARTS = 12
+IDLE_SECONDS = 120
+IDLE_PARTS = 24
 
 # What is to be reached, as packaged, against the floor program; memory in KiB.
 MEDIAN_LIMITS = (1.05, 1.08)

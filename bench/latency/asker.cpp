@@ -3,16 +3,18 @@
 // when the last answer has been transmitted for the last time.
 //
 //   bench_asker latency COUNT QUESTION TARGET...
-//       COUNT questions to each; lines: target number, tab, nanoseconds from the question to the
-//       first answer on the wire, or "late"
+//       COUNT questions to each, once as many senders begin as end; lines: target number, tab,
+//       nanoseconds from the question to the first answer on the wire, or "late"; then for each
+//       target "processor", tab, its number, tab, nanoseconds of processor time a question
 //   bench_asker again COUNT QUESTION TARGET...
 //       the same, but each question as soon as the last is answered, one target after the other
 //   bench_asker rate SECONDS QUESTION TARGET...
 //       as many questions as get answered, for SECONDS each; lines: target number, tab, answers
 //       per second, tab, answers, tab, transmissions per answer, tab, questions without an answer
 //
-// QUESTION is hexadecimal. TARGET is NETWORK:LOG:ADDRESS: descriptors of the network namespace of a
-// host on the link and of the reading end of the router's log, and the host's own address.
+// QUESTION is hexadecimal. TARGET is NETWORK:LOG:ADDRESS:PID: descriptors of the network namespace
+// of a host on the link and of the reading end of the router's log, the host's own address, and the
+// process that answers.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_ether.h>
@@ -73,6 +75,7 @@ Bytes FromHex(const std::string& text) {
 struct Target {
   int network;
   int log;
+  clockid_t processor;
   int sending;
   int wire;
 };
@@ -82,7 +85,10 @@ void Enter(const Target& target) { Require(setns(target.network, CLONE_NEWNET) =
 Target OpenTarget(const char* text) {
   char address[INET_ADDRSTRLEN] = {};
   Target target = {};
-  Require(sscanf(text, "%d:%d:%15s", &target.network, &target.log, address) == 3, text);
+  pid_t process = 0;
+  Require(sscanf(text, "%d:%d:%15[^:]:%d", &target.network, &target.log, address, &process) == 4,
+          text);
+  Require(clock_getcpuclockid(process, &target.processor) == 0, "its processor clock");
   Require(fcntl(target.log, F_SETFL, O_NONBLOCK) == 0, "the log");
   Enter(target);
 
@@ -203,17 +209,34 @@ void MeasureAgain(std::vector<Target>& targets, int count, const Bytes& question
   }
 }
 
+int64_t ProcessorTime(const Target& target) {
+  timespec now = {};
+  Require(clock_gettime(target.processor, &now) == 0, "its processor clock");
+  return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
 void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& question) {
   for (Target& target : targets) OpenWire(target);
+  std::vector<int64_t> processor(targets.size());
   auto next = Clock::now() + kPause;
-  for (int i = 0; i < count; ++i) {
+  const auto settled = next + kTransmissionsEnd;
+  int asked = 0;
+  while (asked < count) {
+    const bool counts = next >= settled;
     for (size_t turn = 0; turn < targets.size(); ++turn) {
       // Each comes first as often as the other: it finds the asker's caches as they are.
-      const size_t number = (turn + static_cast<size_t>(i)) % targets.size();
+      const size_t number = (turn + static_cast<size_t>(asked)) % targets.size();
       std::this_thread::sleep_until(next);
       next += kPause;
-      Report(number, AskOnce(targets[number], question));
+      if (counts && asked == 0) processor[number] = -ProcessorTime(targets[number]);
+      const std::optional<int64_t> latency = AskOnce(targets[number], question);
+      if (counts) Report(number, latency);
     }
+    if (counts) ++asked;
+  }
+  for (size_t number = 0; number < targets.size(); ++number) {
+    processor[number] += ProcessorTime(targets[number]);
+    printf("processor\t%zu\t%lld\n", number, static_cast<long long>(processor[number] / count));
   }
   std::this_thread::sleep_for(kTransmissionsEnd);
 }

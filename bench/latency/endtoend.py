@@ -43,7 +43,7 @@ def running(**changes):
 def ask(mode, amount, question, stages):
     """What the asker prints: a list of words a line."""
     targets = [
-        f"{network}:{log}:{stage.lab.host.address}"
+        f"{network}:{log}:{stage.lab.host.address}:{stage.process.pid}"
         for stage in stages
         for network, log in [stage.descriptors]
     ]
@@ -74,14 +74,15 @@ def _used(stages, before, answered):
 def latencies(stages, question, count):
     """A round of questions 10 ms apart: microseconds from each question to the first answer; late
     ones are infinite."""
-    before = _processor_time(stages)
-    values = {name: [] for name in stages}
     names = list(stages)
-    for number, nanoseconds in ask("latency", count, question, stages.values()):
-        values[names[int(number)]].append(
-            float("inf") if nanoseconds == "late" else int(nanoseconds) / 1000
-        )
-    return Round(values, _used(stages, before, dict.fromkeys(stages, count)))
+    values, processor = {name: [] for name in names}, {}
+    for first, *rest in ask("latency", count, question, stages.values()):
+        if first == "processor":
+            processor[names[int(rest[0])]] = [int(rest[1]) / 1000]
+        else:
+            late = rest[0] == "late"
+            values[names[int(first)]].append(float("inf") if late else int(rest[0]) / 1000)
+    return Round(values, processor)
 
 
 def rates(stages, question, seconds, first):
