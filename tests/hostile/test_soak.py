@@ -1,6 +1,7 @@
 """A long life: printers come and go, files break, the address changes and goes, floods come, the
 log is not read, threads and memory run out, and hosts ask all the while."""
 
+import contextlib
 import os
 import random
 import re
@@ -15,6 +16,7 @@ from lab.flooding import EVERYTHING_QUESTION, HOST_QUESTION, flood
 from lab.packaged import as_packaged
 from lab.printers import Printer
 from lab.usage import tells_memory, usage_once_senders_ended
+from lab.waiting import TimedOut
 from ownuser import NO_THREAD, as_own_user, limited
 
 SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "20"))
@@ -280,9 +282,13 @@ class Life:
             usage_once_senders_ended(pid)
             since = self._daemon.mark()
             with limited(pid, "as", address_space(pid) + LESS_THAN_A_STACK):
-                # The C library keeps fewer stacks than these take.
-                for _ in range(3):
+                # The C library keeps fewer stacks than these take. On a busy machine the first
+                # packets may want jobs, which are missing without a line, before their senders run.
+                for _ in range(50):
                     self._lab.host.send(EVERYTHING_QUESTION)
+                    with contextlib.suppress(TimedOut):
+                        self._daemon.wait_for_line(NO_THREAD, since=since, bound=0.1)
+                        break
                 self._daemon.wait_for_line(NO_THREAD, since=since)
         # No page at all.
         with limited(pid, "as", 1):
