@@ -170,9 +170,11 @@ class Life:
         self._file.replace(status_text(self._present))
 
     def _settle(self, ports):
-        self._present = set(ports)
-        self._write()
-        self._noticed.wait_until(self._present)
+        """Lets just these printers be there, and waits until the daemon has noticed them. They all
+        come anew: one is left out if its file goes while its texts are made, or memory does."""
+        for self._present in (set(), set(ports)):
+            self._write()
+            self._noticed.wait_until(self._present)
 
     def _plug(self):
         self._present.add(self._chance.choice(PORTS))
@@ -293,8 +295,6 @@ class Life:
         # No page at all.
         with limited(pid, "as", 1):
             self._settle(self._some_ports())
-        # A printer that came meanwhile may have been left out, until it comes again.
-        self._settle(set())
 
     def rest(self):
         """Leaves a plain file behind, and the daemon without a sender; its usage then. What is
