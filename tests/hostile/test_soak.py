@@ -172,7 +172,8 @@ class Life:
     def _settle(self, ports):
         """Lets just these printers be there, and waits until the daemon has noticed them. They all
         come anew: one is left out if its file goes while its texts are made, or memory does."""
-        for self._present in (set(), set(ports)):
+        for wanted in (set(), set(ports)):
+            self._present = wanted
             self._write()
             self._noticed.wait_until(self._present)
 
