@@ -218,15 +218,15 @@ def _leave_standing(demo):
         standing = False
 
 
-def _run(lab, keep):
-    demo = Demo(lab)
+def show(demo, leave_standing=None):
+    """The whole of it; `leave_standing` is called with it in place of the end."""
     demo.start_router()
     demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
     demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
     demo.list_printers(2)
     demo.ask_for_router()
-    if keep:
-        _leave_standing(demo)
+    if leave_standing:
+        leave_standing(demo)
     else:
         demo.pull_out(0)
         demo.stop_router()
@@ -250,7 +250,7 @@ def main():
     begun = time.monotonic()
     try:
         with Lab() as lab:
-            _run(lab, options.keep)
+            show(Demo(lab), _leave_standing if options.keep else None)
     except KeyboardInterrupt:
         print()
         return 0 if options.keep else 130

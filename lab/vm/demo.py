@@ -9,7 +9,7 @@ import sys
 import time
 
 from lab.browser import IPP
-from lab.demo import ROOT, Demo, end_on_signal, is_goodbye, print_title, print_step
+from lab.demo import ROOT, Demo, end_on_signal, is_goodbye, print_step, print_title, show
 from lab.lab import TRANSMISSIONS
 from lab.vm.kinds import KINDS
 from lab.vm.router import MachineLab
@@ -114,20 +114,6 @@ def _stand(demo):
                 print(f"that did not work: {problem}", flush=True)
 
 
-def _story(lab, keep):
-    demo = MachineDemo(lab)
-    demo.start_router()
-    demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
-    demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
-    demo.list_printers(2)
-    demo.ask_for_router()
-    if keep:
-        _stand(demo)
-    else:
-        demo.pull_out(0)
-        demo.stop_router()
-
-
 def main():
     parser = argparse.ArgumentParser(
         prog="demo", description="Shows the daemon's main job on a whole router."
@@ -142,7 +128,7 @@ def main():
     begun = time.monotonic()
     try:
         with MachineLab(options.kind) as lab:
-            _story(lab, options.keep)
+            show(MachineDemo(lab), _stand if options.keep else None)
     except KeyboardInterrupt:
         print()
         return 0 if options.keep else 130
