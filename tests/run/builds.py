@@ -11,7 +11,7 @@ PYTHON = "/usr/bin/python3"
 
 def build(preset, targets=(), output=None, nice=0):
     """Builds a preset, or these targets of it; how far it is goes to `output`. The exit status."""
-    command = [PYTHON, "-B", "lab/build.py", preset, *targets]
+    command = [PYTHON, "-BE", "lab/build.py", preset, *targets]
     return processes.run(["nice", "-n", nice, *command], stdout=output)
 
 

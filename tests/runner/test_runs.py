@@ -1,6 +1,7 @@
 """How ./test runs tests: what it shows, its exit status, and what an interrupted run leaves."""
 
 import signal
+import socket
 import sys
 import time
 
@@ -89,6 +90,22 @@ def test_several_builds_end_in_one_summary(run, stand_ins):
     ]
     assert output.count("% tests passed") == 1
     assert "100% tests passed, 0 tests failed out of 24\n" in output
+
+
+def test_each_line_is_one_write(start, stand_ins):
+    """What builds and tests print at the same time is not mixed."""
+    writes, written = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    with writes, written:
+        start(
+            *("./test", "unit", "--preset", "release", "--preset", "debug"),
+            environment={**stand_ins(cmake=BUILT, ctest=PASSED), "PYTHONUNBUFFERED": "1"},
+            stdout=written,
+        )
+        written.close()
+        writes.settimeout(BOUND)
+        chunks = list(iter(lambda: writes.recv(65536).decode(), ""))
+    assert len(chunks) > 8
+    assert all(chunk.endswith("\n") for chunk in chunks)
 
 
 def test_run_of_nothing_fails(run, stand_ins):
