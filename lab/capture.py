@@ -138,10 +138,10 @@ class Capture:
         self._take_frames()
         return len(self.packets)
 
-    def seen(self, wanted=lambda packet: True, since=0):
-        """The packets so far for which `wanted(packet)` holds."""
+    def seen(self, wanted=lambda packet: True, since=0, until=None):
+        """The packets so far, or up to the mark `until`, for which `wanted(packet)` holds."""
         self._take_frames()
-        return [packet for packet in self.packets.items(since) if wanted(packet)]
+        return [packet for packet in self.packets.items(since, until) if wanted(packet)]
 
     def wait_for(self, wanted, count=1, since=0, bound=10.0, what="a packet"):
         """The first `count` such packets from `since` on, as a list; raises TimedOut."""

@@ -75,9 +75,9 @@ class Lab:
             packet.source in router.addresses for router in self.routers
         )
 
-    def sent(self, since=0):
-        """The packets that the routers have sent so far."""
-        return self.capture.seen(self.from_router, since)
+    def sent(self, since=0, until=None):
+        """The packets that the routers have sent so far, or up to the mark `until`."""
+        return self.capture.seen(self.from_router, since, until)
 
     def wait_for_packet(self, wanted, since=0, count=1, bound=10.0):
         """The first `count` packets of a router that are the bytes `wanted`, or for which the
@@ -122,7 +122,8 @@ class Lab:
 
         The daemon handles one datagram after the other. So once a question that the bystander
         sends now is answered, every earlier datagram has been handled; the answer to the
-        bystander is left out of the result. The log tells how many answers to wait for.
+        bystander is left out of the result. The log tells how many answers to wait for. Last
+        transmissions of what was sent before may come among them.
         """
         daemon = self.router.daemon
         marker = packets.query((f"{daemon.device_name}.local", "A"))
@@ -131,14 +132,17 @@ class Lab:
         texts = daemon.texts(since=lines)
         answered = sum(text.startswith("[Bonjour] answer(") for text in texts)
         answered -= texts.count("[MDNS_Answer] UpdateHostIP error")
+        earlier = collections.Counter(packet.payload for packet in self.sent(until=since))
         transmissions = collections.Counter()
 
         def completes_all(packet):
             # A probe may still be under way.
             if self.from_router(packet) and not packet.is_query:
                 transmissions[packet.payload] += 1
-            return transmissions.total() == answered * TRANSMISSIONS and all(
-                count % TRANSMISSIONS == 0 for count in transmissions.values()
+            whole = sum(count // TRANSMISSIONS for count in transmissions.values())
+            return whole == answered and all(
+                count % TRANSMISSIONS in (0, -earlier[payload] % TRANSMISSIONS)
+                for payload, count in transmissions.items()
             )
 
         self.capture.wait_for(completes_all, since=since, what="all transmissions of each answer")

@@ -55,9 +55,10 @@ class Journal:
         with self._changed:
             return self._forgotten + len(self._items)
 
-    def items(self, since=0):
+    def items(self, since=0, until=None):
         with self._changed:
-            return self._items[max(0, since - self._forgotten) :]
+            end = len(self._items) if until is None else max(0, until - self._forgotten)
+            return self._items[max(0, since - self._forgotten) : end]
 
     def follow(self, take, at_end):
         """Gives every item to `take`, those so far now and later ones as they come; once the

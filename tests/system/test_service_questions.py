@@ -143,6 +143,12 @@ def test_every_question_is_answered_again(lab, daemon_with_printer, host):
     assert lab.answers(since, lines) == [wire.IPP_RECORDS] * 4
 
 
+def test_question_is_answered_while_the_service_is_announced(lab, router, daemon):
+    router.plug_in(0)
+    lab.wait_for_packet(wire.IPP_RECORDS)
+    assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
+
+
 def test_host_name_question_is_answered_with_the_cache_flush_bit_clear(lab, daemon_with_printer):
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
 
