@@ -7,7 +7,8 @@ import sys
 import pytest
 
 HERE = pathlib.Path(__file__).resolve().parent
-PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "--no-header"]
+CLIENT = [sys.executable, "-ES", str(HERE / "pytest_client.py")]
+PYTEST = [*CLIENT, "-q", "-p", "no:cacheprovider", "--no-header"]
 
 # Seconds before a test is given up, on a machine that is many times too busy.
 TIMEOUT = 600

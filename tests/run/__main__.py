@@ -45,6 +45,10 @@ def selection(options):
     return chosen
 
 
+def uses_pytest(options):
+    return not options.groups or not set(options.groups) <= {"unit", "fuzz"}
+
+
 def groups_in(preset, groups):
     if preset == "release":
         return list(groups)
@@ -76,7 +80,7 @@ def run_tests(options):
     tested = [preset for preset in options.presets if preset != "clang"] or options.presets
     for preset in builds.Builds(targets):
         if preset in tested:
-            suite.run(preset, selection(options))
+            suite.run(preset, selection(options), uses_pytest(options))
     status = suite.report()
     print(f"Total time {time.monotonic() - start:.0f} s")
     return status
@@ -90,7 +94,7 @@ def cover(options):
     # Nothing that ran before counts.
     for counts in pathlib.Path("build", directory).rglob("*.gcda"):
         counts.unlink()
-    suite.run(directory, selection(options))
+    suite.run(directory, selection(options), uses_pytest(options))
     if suite.report() != 0:
         return 1
     report = pathlib.Path("build", directory, "report")

@@ -1,10 +1,13 @@
 """Runs of ctest, one a build, that count as one."""
 
+import contextlib
+import os
 import pathlib
 import re
 import subprocess
 
 import processes
+from builds import PYTHON
 
 _RESULT = re.compile(r" *(\d+)/(\d+) Test +#\d+: (.*) \.+(?:\*\*\*| +)(\S.*?) +([\d.]+) sec\s*")
 # What ctest says beside it.
@@ -26,9 +29,27 @@ def _steady():
     return ["setarch", "-R"] if wide else []
 
 
+def _prefix(preset):
+    return _steady() if preset == "tsan" else []
+
+
 def _command(preset, selection):
-    steady = _steady() if preset == "tsan" else []
-    return [*steady, "ctest", "--test-dir", f"build/{preset}", "--no-tests=error", *selection]
+    ctest = ["ctest", "--test-dir", f"build/{preset}", "--no-tests=error"]
+    return [*_prefix(preset), *ctest, *selection]
+
+
+@contextlib.contextmanager
+def _pytest_server(preset):
+    """Has pytest loaded once for all tests of a build. Gives the environment by which they find
+    it."""
+    name = f"{pathlib.Path(os.environ['TMPDIR']).name}-{preset}"
+    server = processes.start(
+        [*_prefix(preset), PYTHON, "-B", "tests/pytest_server.py", name], stdout=subprocess.PIPE
+    )
+    listens = server.stdout.readline() != b""
+    yield {**os.environ, "BONJOUR_PYTEST_SERVER": name} if listens else None
+    server.terminate()
+    processes.finish(server)
 
 
 def listed(preset, selection):
@@ -48,12 +69,22 @@ class Suite:
         self.tests = 0
         self.failed = []
 
-    def run(self, preset, selection):
+    def run(self, preset, selection, with_pytest):
         """Runs a build's tests of that selection, and prints a line for each."""
         print(f"Testing {preset}", flush=True)
+        server = _pytest_server(preset) if with_pytest else contextlib.nullcontext()
+        with server as environment:
+            self._run(preset, selection, environment)
+
+    def _run(self, preset, selection, environment):
         command = _command(preset, ["--output-on-failure", "--parallel", self._jobs, *selection])
         running = processes.start(
-            command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace"
+            command,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            env=environment,
+            text=True,
+            errors="replace",
         )
         tests = None
         for line in running.stdout:
