@@ -1,8 +1,10 @@
-"""Builds a preset and tells how far it is: build.py PRESET [TARGET...]
+"""Builds a preset and tells how far it is: build.py [--background] PRESET [TARGET...]
 
-Of what the compiler prints nothing is shown unless the build fails.
+Of what the compiler prints nothing is shown unless the build fails. With --background it leaves the
+processor to whatever else wants it.
 """
 
+import contextlib
 import os
 import pathlib
 import re
@@ -14,6 +16,8 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 QUIET_SECONDS = 10
+BACKGROUND = "--background"
+NICENESS = 10
 # What make and Ninja say before each step.
 _STEP = re.compile(rb"\[ *(\d+(?:%|/\d+))\] ")
 
@@ -54,7 +58,18 @@ def _follow(output, preset, start):
             print(f"  {preset}: {done or 'starting'}, {told - start:.0f} s", flush=True)
 
 
-def main(preset, *targets):
+def _give_way():
+    os.nice(NICENESS)
+    # Where the kernel shares the processor between sessions first, niceness counts within one only.
+    with contextlib.suppress(OSError):
+        pathlib.Path("/proc/self/autogroup").write_text(str(NICENESS))
+
+
+def main(*arguments):
+    if arguments[0] == BACKGROUND:
+        _give_way()
+        arguments = arguments[1:]
+    preset, *targets = arguments
     start = time.monotonic()
     print(f"Building {preset}", flush=True)
     status = _configure(preset)

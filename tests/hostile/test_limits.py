@@ -8,7 +8,7 @@ from lab.packaged import as_packaged
 from lab.usage import usage_once_senders_ended
 from ownuser import NO_THREAD, as_own_user
 
-pytestmark = [pytest.mark.alone, pytest.mark.release]
+pytestmark = pytest.mark.release
 
 PRINTERS = 10
 FLOODS = 4
@@ -42,6 +42,7 @@ def test_limit_on_threads_loses_packets_with_a_line_each_and_no_memory(lab, monk
     assert at_rest[-1] <= at_rest[0] + 64
 
 
+@pytest.mark.alone
 @pytest.mark.seconds(40)
 @pytest.mark.parametrize("rate", [500, 5000])
 def test_packaged_limit_bounds_what_a_flood_takes_of_the_router(lab, rate):
@@ -53,6 +54,7 @@ def test_packaged_limit_bounds_what_a_flood_takes_of_the_router(lab, rate):
     assert min(most) < 16 * 1024
 
 
+@pytest.mark.alone
 @pytest.mark.seconds(15)
 def test_printer_that_is_plugged_in_during_a_flood_is_published(lab):
     daemon = quiet_router(lab, PRINTERS - 1, **as_packaged())

@@ -9,10 +9,11 @@ import processes
 PYTHON = "/usr/bin/python3"
 
 
-def build(preset, targets=(), output=None, nice=0):
+def build(preset, targets=(), output=None, background=False):
     """Builds a preset, or these targets of it; how far it is goes to `output`. The exit status."""
-    command = [PYTHON, "-BE", "lab/build.py", preset, *targets]
-    return processes.run(["nice", "-n", nice, *command], stdout=output)
+    options = ["--background"] if background else []
+    command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
+    return processes.run(command, stdout=output)
 
 
 class Builds:
@@ -28,7 +29,7 @@ class Builds:
     def _build_all(self):
         for number, (preset, targets) in enumerate(self._targets.items()):
             # Tests are to find the processor free: they look at times.
-            status = build(preset, targets, nice=10 if number else 0)
+            status = build(preset, targets, background=number > 0)
             self._done.put(status)
             if status != 0:
                 return
