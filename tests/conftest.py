@@ -106,3 +106,16 @@ def daemon_with_printer(lab, router):
     for payload in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
         lab.wait_for_transmissions(payload)
     return started
+
+
+@pytest.fixture
+def announced_txt(lab):
+    """Waits for the announcement of a service of a type, and gives its TXT strings."""
+
+    def wait(service_type):
+        announcement = lab.wait_for_packet(
+            lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
+        )[0]
+        return announcement.message.answers[3].data
+
+    return wait

@@ -9,13 +9,6 @@ IPP = "_ipp._tcp.local"
 FAILED = "[Bonjour] GetTXTData error"
 
 
-def announced_txt(lab, service_type):
-    packet = lab.wait_for_packet(
-        lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
-    )[0]
-    return packet.message.answers[3].data
-
-
 @pytest.mark.parametrize(
     "device_id, model",
     [
@@ -31,12 +24,12 @@ def announced_txt(lab, service_type):
         ("MFG:X;MODEL:A:B;", "A:B"),
     ],
 )
-def test_model_is_taken_from_the_device_id(lab, router, device_id, model):
+def test_model_is_taken_from_the_device_id(router, device_id, model, announced_txt):
     router.connect_device(0, device_id)
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
     for service_type in (PDL, IPP):
-        strings = announced_txt(lab, service_type)
+        strings = announced_txt(service_type)
         assert f"ty={model}" in strings
         assert f"product=(Acme {model})" in strings
         assert f"usb_MDL={model}" in strings
@@ -74,44 +67,44 @@ def test_name_of_a_printer_without_a_model_line_has_two_blanks(lab, router):
     assert packet.message.answers[1].data == f"Acme  (aa:bb:cc) 0.{IPP}"
 
 
-def test_each_port_asks_its_own_device(lab, router):
+def test_each_port_asks_its_own_device(router, announced_txt):
     router.connect_device(0, "MODEL:Of port 0;")
     router.connect_device(9, "MODEL:Of port 9;")
     router.plug_in(9, "Acme", "", "PCL")
     router.start()
-    assert "ty=Of port 9" in announced_txt(lab, IPP)
+    assert "ty=Of port 9" in announced_txt(IPP)
 
 
-def test_model_line_is_preferred_to_the_device_id(lab, router):
+def test_model_line_is_preferred_to_the_device_id(router, announced_txt):
     router.connect_device(0, "MODEL:Not this;")
     router.plug_in(0, "Acme", "Jet", "PCL")
     router.start()
-    assert "ty=Jet" in announced_txt(lab, IPP)
+    assert "ty=Jet" in announced_txt(IPP)
 
 
-def test_hp_in_the_device_id_counts_for_the_priority(lab, router):
+def test_hp_in_the_device_id_counts_for_the_priority(router, announced_txt):
     router.connect_device(0, "MODEL:HP Jet;")
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    assert announced_txt(lab, PDL)[-1] == "priority=10"
-    assert announced_txt(lab, IPP)[-1] == "priority=20"
+    assert announced_txt(PDL)[-1] == "priority=10"
+    assert announced_txt(IPP)[-1] == "priority=20"
 
 
-def test_answer_that_fills_the_buffer_without_an_end_is_used_to_its_end(lab, router):
+def test_answer_that_fills_the_buffer_without_an_end_is_used_to_its_end(router, announced_txt):
     filler = "K:" + "v" * 498
     answer = b"\x02\x00" + f"{filler};MODEL:Y".encode()
     assert len(answer) == 510
     router.connect_device(0, answer=answer + b"zz")
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    assert "ty=Yzz" in announced_txt(lab, IPP)
+    assert "ty=Yzz" in announced_txt(IPP)
 
 
-def test_length_field_of_the_answer_is_not_read(lab, router):
+def test_length_field_of_the_answer_is_not_read(router, announced_txt):
     router.connect_device(0, answer=b"\xff\xffMODEL:Y;")
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    assert "ty=Y" in announced_txt(lab, IPP)
+    assert "ty=Y" in announced_txt(IPP)
 
 
 @pytest.mark.parametrize(
@@ -119,21 +112,21 @@ def test_length_field_of_the_answer_is_not_read(lab, router):
     [b"", b"\xff" * 512, b"MODEL:" * 85, b"\x00\x10MODEL"],
     ids=["zeros", "ones", "keys without an end", "key without a value"],
 )
-def test_garbage_for_an_answer_does_no_harm(lab, router, answer):
+def test_garbage_for_an_answer_does_no_harm(router, answer, announced_txt):
     router.connect_device(0, answer=answer)
     router.plug_in(0, "Acme", "", "PCL")
     daemon = router.start()
     daemon.wait_for_line("[Bonjour] device insert lp0")
     router.plug_in(1, "Acme", "Jet", "PCL")
     daemon.wait_for_line("[Bonjour] device insert lp1")
-    announced_txt(lab, IPP)
+    announced_txt(IPP)
 
 
-def test_slow_printer_is_waited_for(lab, router):
+def test_slow_printer_is_waited_for(router, announced_txt):
     router.connect_device(0, "MODEL:Slow;", delay=1.5)
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    assert "ty=Slow" in announced_txt(lab, IPP)
+    assert "ty=Slow" in announced_txt(IPP)
 
 
 @pytest.mark.parametrize(

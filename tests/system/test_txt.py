@@ -8,23 +8,16 @@ NOTE = "note=T5140_00-11-22-AA-BB-CC"
 
 
 @pytest.fixture
-def publish(lab, router):
+def publish(router, announced_txt):
     """Starts the daemon with one printer plugged in and returns the TXT strings it announces,
     those of the raw-port service and those of IPP."""
 
     def run(port, manufacturer, model, commands):
         router.plug_in(port, manufacturer, model, commands)
         router.start()
-        return tuple(announced_txt(lab, service_type) for service_type in (PDL, IPP))
+        return tuple(announced_txt(service_type) for service_type in (PDL, IPP))
 
     return run
-
-
-def announced_txt(lab, service_type):
-    packet = lab.wait_for_packet(
-        lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
-    )[0]
-    return packet.message.answers[3].data
 
 
 def test_keys_of_both_services_in_their_order(publish):
