@@ -1,4 +1,4 @@
-// A gate that threads pass until it is closed, and behind which they are counted.
+// A gate that threads pass until it is closed; those that are inside are counted.
 #pragma once
 
 #include <atomic>

@@ -22,7 +22,7 @@ constexpr char kNoPassingThread[] = "[Bonjour] pthread_create";
 /// are. Without it lines are written too, but may wait. Initial thread, before any other runs.
 void InitLog();
 
-/// Writes a line to standard output: a text, or several behind one another. Any thread.
+/// Writes a line to standard output: a text, or several one after the other. Any thread.
 void LogLine(const char* text);
 void LogLine(std::initializer_list<std::string_view> parts);
 

@@ -56,5 +56,5 @@ NumberText FormatNumber(int32_t number);
 /// A zero-filled heap text for `length` characters; null when there is no memory.
 HeapText NewText(size_t length);
 
-/// The parts, one behind the other, as a new heap text; null when there is no memory.
+/// The parts, one after the other, as a new heap text; null when there is no memory.
 HeapText JoinTexts(std::initializer_list<std::string_view> parts);

@@ -74,8 +74,8 @@ def measure(seconds, parts):
         return {
             name: {
                 "milliseconds": [
-                    (behind[name][0] - before[name][0]) * scale * parts
-                    for before, behind in zip(seen, seen[1:])
+                    (after[name][0] - before[name][0]) * scale * parts
+                    for before, after in zip(seen, seen[1:])
                 ],
                 "wakeups": (seen[-1][name][1] - seen[0][name][1]) * scale,
                 "calls": {

@@ -1,4 +1,4 @@
-"""What the daemon holds as it is packaged: private memory with ten printers, and behind a burst."""
+"""What the daemon holds as it is packaged: private memory with ten printers, and after a burst."""
 
 import time
 
@@ -13,7 +13,7 @@ _BEHIND_SECONDS = 1.0
 
 def measure():
     """Private memory in KiB by occasion: without a printer, with ten that were plugged in at once,
-    and a second behind a burst of browse questions."""
+    and a second after a burst of browse questions."""
     with Stage() as stage:
         stage.run_daemon(printers=0, **as_packaged())
         pid = stage.process.pid
@@ -32,5 +32,5 @@ def measure():
         for _ in range(BURST):
             stage.lab.host.send(browse)
         time.sleep(_BEHIND_SECONDS)
-        found["a second behind a burst"] = private_memory(pid)
+        found["a second after a burst"] = private_memory(pid)
         return found

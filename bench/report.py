@@ -36,7 +36,7 @@ LATE_LIMIT = 1.10
 CPU_LIMIT = 1.10
 RATE_LIMIT = 0.97
 IDLE_LIMIT = 1.3
-MEMORY_LIMITS = {"ten printers": 400, "a second behind a burst": 600}
+MEMORY_LIMITS = {"ten printers": 400, "a second after a burst": 600}
 
 missed = []
 

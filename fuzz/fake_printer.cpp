@@ -36,7 +36,7 @@ int32_t ReadPrinterStatus(char* buffer) {
   return static_cast<int32_t>(held);
 }
 
-// One byte smaller than the real one's block, which has a terminator behind the id: nothing relies
+// One byte smaller than the real one's block, which has a terminator after the id: nothing relies
 // on that.
 HeapText ReadDeviceId(int32_t port) {
   REQUIRE(port >= 0 && port < 10, "only the ports 0 to 9 are asked");

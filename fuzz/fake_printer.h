@@ -20,5 +20,5 @@ extern FakePrinters fakePrinters;
 /// What a reader sees of a status file: its first 40960 bytes, up to the first zero byte.
 std::string VisibleStatus(const std::string& content);
 
-/// The text in a device id: behind the length field, up to the first zero byte or the 512th byte.
+/// The text in a device id: after the length field, up to the first zero byte or the 512th byte.
 std::string VisibleId(const std::string& id);

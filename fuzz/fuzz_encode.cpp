@@ -54,7 +54,7 @@ ModelRecord ReadRecord(Input& script) {
   return model;
 }
 
-// One run of labels anywhere: in front of the buffer's end, across it and behind it.
+// One run of labels anywhere: in front of the buffer's end, across it and after it.
 void CheckLabels(Input& script) {
   const int32_t capacity = script.Word() % kCapacityLimit;
   const int32_t position = script.Word();
@@ -81,7 +81,7 @@ void CheckRecord(const ModelRecord& record, int32_t capacity, int32_t position, 
   REQUIRE(buffer.Text() == model.Bytes(), "a record is written as far as the buffer reaches");
 }
 
-// A packet of records, one behind the other, from the first to the last.
+// A packet of records, one after the other, from the first to the last.
 void CheckPacket(Input& script) {
   const int32_t capacity = 12 + script.Word() % kCapacityLimit;
   const int32_t start = script.Word();

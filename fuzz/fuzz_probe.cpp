@@ -28,7 +28,7 @@ constexpr size_t kReceiveMax = 1518;
 // What the link brings next. An echo holds the name that is being probed as its first label.
 struct Delivery {
   uint32_t sender;    // host byte order
-  std::string bytes;  // a datagram, or what stands behind an echo's label; empty: nothing comes
+  std::string bytes;  // a datagram, or what stands after an echo's label; empty: nothing comes
   bool isEcho;
   unsigned repeats;
 };

@@ -1,5 +1,5 @@
 // An input as a script: fixed and counted fields that a target reads one by one. Every input is
-// valid: behind its end all fields are zero and empty.
+// valid: after its end all fields are zero and empty.
 #pragma once
 
 #include <cstddef>
@@ -40,9 +40,9 @@ class Input {
     left -= taken;
     return bytes;
   }
-  /// A byte that counts the bytes behind it, and these up to the first zero byte.
+  /// A byte that counts the bytes after it, and these up to the first zero byte.
   std::string Text() { return CutAtZero(Bytes(Byte())); }
-  /// A word that counts the bytes behind it, and these.
+  /// A word that counts the bytes after it, and these.
   std::string Block() { return Bytes(Word()); }
   /// As Block, up to the first zero byte.
   std::string LongText() { return CutAtZero(Block()); }

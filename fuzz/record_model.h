@@ -52,7 +52,7 @@ ModelPacket ServiceGoodbye(const ModelService& service, bool hasSubtype);
 Labels SplitText(std::string_view text, char separator, size_t maxLabel);
 
 /// A zero-filled buffer of `capacity` bytes that is written as the encoders should write it: each
-/// field whole or not at all, positions going on behind the end.
+/// field whole or not at all, positions going on after the end.
 class ModelBuffer {
  public:
   explicit ModelBuffer(int32_t capacity) : bytes(static_cast<size_t>(capacity), '\0') {}

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int32_t kPacketCapacity = 1518;
 
-// The text of a fixed field, which has zeros behind it up to its end.
+// The text of a fixed field, which has zeros after it up to its end.
 template <size_t kSize>
 bool FieldHolds(const char (&field)[kSize], const std::string& text) {
   std::string bytes(text);

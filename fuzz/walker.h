@@ -35,7 +35,7 @@ struct WireMessage {
 /// `packet` belongs to a record that the header counts.
 bool WalkMessage(std::string_view packet, WireMessage& message);
 
-/// Reads the name at `offset`, which moves behind it. Returns false when it is not whole.
+/// Reads the name at `offset`, which moves past it. Returns false when it is not whole.
 bool WalkName(std::string_view bytes, size_t& offset, Labels& name);
 
 /// Reads counted strings up to the end of `bytes`. Returns false when the last is not whole.

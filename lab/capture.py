@@ -134,7 +134,7 @@ class Capture:
         return passed
 
     def mark(self):
-        """The position behind the packets so far."""
+        """The position after the packets so far."""
         self._take_frames()
         return len(self.packets)
 

@@ -85,7 +85,7 @@ class Lines:
         """Takes what has been printed by now."""
 
     def mark(self):
-        """The position behind the lines so far."""
+        """The position after the lines so far."""
         self._take_lines()
         return len(self.lines)
 

@@ -42,7 +42,7 @@ def name(text):
 
 
 def question(owner, rrtype="PTR", rrclass=_CLASS_IN):
-    """One question, to be put behind a header. `owner` is dotted text or wire bytes."""
+    """One question, to be put after a header. `owner` is dotted text or wire bytes."""
     wire = owner if isinstance(owner, bytes) else name(owner)
     return wire + struct.pack("!HH", dns.rdatatype.from_text(rrtype), rrclass)
 

@@ -91,7 +91,7 @@ class UsbDevice:
     def __init__(
         self, sandbox, port, device_id="", *, answer=None, open_error=0, request_error=0, delay=0.0
     ):
-        """`device_id` is the id's text, sent behind its two length bytes; `answer`, if given, is
+        """`device_id` is the id's text, sent after its two length bytes; `answer`, if given, is
         instead every byte of the answer, up to 512. `open_error` and `request_error` are errno
         numbers with which opens and requests fail; `delay` is the printer's time to answer, in
         seconds."""

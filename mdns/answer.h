@@ -27,7 +27,7 @@ struct AnsweringState {
   in_addr_t ownAddress;  ///< network byte order, as it was at the start; the own-packet filter's
   char deviceName[kDeviceNameSize];
   char hostName[kHostLabelMax + sizeof(kLocalDomain)];  ///< device name, cut, and domain
-  /// Not cleared between messages: what lies behind the bytes just received is left over.
+  /// Not cleared between messages: what lies after the bytes just received is left over.
   uint8_t receiveBuffer[kReceiveSize];
   uint8_t packetBytes[kAnswerSize];
   Packet packet;  ///< over `packetBytes`

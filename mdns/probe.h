@@ -35,6 +35,6 @@ bool IsNameConflict(const MessageReader& message, const char (&name)[kDeviceName
 void SetNumberedName(char (&name)[kDeviceNameSize], std::string_view deviceName, int32_t number);
 
 /// Thread body of one probing pass; `argument` is a ProbeRecord. Sends the probe and listens, again
-/// and again with a new number behind the device name until no other host has the name or a stop is
+/// and again with a new number after the device name until no other host has the name or a stop is
 /// asked for. Runs alone on the socket.
 void* MDNS_CheckName(void* argument);

@@ -8,7 +8,7 @@
 
 /// True when the first label of the first question, cut at a zero byte if it holds one, equals
 /// `deviceName` without regard to ASCII case (RFC 6762, section 16). The rest of the name is not
-/// looked at. `buffer` is the whole receive buffer: what lies behind the received bytes is left
+/// looked at. `buffer` is the whole receive buffer: what lies after the received bytes is left
 /// over from earlier messages and counts.
 bool AsksForHostName(const MessageReader& buffer, std::string_view deviceName);
 

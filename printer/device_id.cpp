@@ -13,8 +13,8 @@ constexpr char kValueMark = ':';
 constexpr char kPairEnd = ';';
 
 bool IsKeyAt(std::string_view text, size_t position) {
-  const size_t behind = position + kModelKey.size();
-  if (behind >= text.size() || text[behind] != kValueMark) return false;
+  const size_t after = position + kModelKey.size();
+  if (after >= text.size() || text[after] != kValueMark) return false;
   return position < kLeadingPositions || text[position - 1] == kPairEnd;
 }
 

@@ -14,7 +14,7 @@ constexpr size_t kModelMax = 63;
 std::string_view DeviceIdText(const char* id);
 
 /// Finds the value of the key MODEL in an id text. The key counts at one of the first two
-/// characters or behind a ';', and only with ':' behind it; the short key MDL does not. Returns
+/// characters or after a ';', and only with ':' after it; the short key MDL does not. Returns
 /// false when there is none or the value is longer than kModelMax; otherwise `model` views it
 /// within `text`.
 bool FindModel(std::string_view text, std::string_view& model);

@@ -25,11 +25,11 @@ constexpr int kRecordLines = 5;
 constexpr int32_t kPrinterPorts = 10;
 
 /// Reads the file into `buffer`, which holds kStatusBufferSize bytes, and terminates the text
-/// behind the last byte. Returns the number of bytes read, 0 when there were none, or -1 when the
+/// after the last byte. Returns the number of bytes read, 0 when there were none, or -1 when the
 /// file can't be opened (errno says why). A read that fails ends the text. Monitor thread.
 int32_t ReadPrinterStatus(char* buffer);
 
-/// The position of the `count`-th line feed of `text` at or behind `from`, npos when there are
+/// The position of the `count`-th line feed of `text` at or after `from`, npos when there are
 /// fewer.
 inline size_t FindLineEnd(std::string_view text, size_t from, int count) {
   size_t end = text.find('\n', from);

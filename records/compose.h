@@ -33,7 +33,7 @@ struct PacketHeader {
   uint8_t authorities;
 };
 
-/// Zero-fills the packet and writes its header; the first record goes behind it.
+/// Zero-fills the packet and writes its header; the first record goes after it.
 void BeginPacket(Packet& packet, const PacketHeader& header);
 
 /// Adds a question. `unicastResponse` sets class bit 15 (RFC 6762, section 5.4). Owner names are

@@ -55,7 +55,7 @@ struct Output {
   }
 };
 
-// Writes the labels of a text without the zero byte that ends a name; returns the position behind
+// Writes the labels of a text without the zero byte that ends a name; returns the position after
 // the last. A label whose length byte does not fit advances by its characters only.
 int32_t WriteLabels(const Output& out, int32_t position, char separator, std::string_view text,
                     int32_t maxLabel) {
@@ -99,7 +99,7 @@ int32_t WritePointerData(const Output& out, int32_t dataLength, int32_t data,
   return end;
 }
 
-// The strings of a TXT record stand without a zero byte behind them, so the next record begins
+// The strings of a TXT record stand without a zero byte after them, so the next record begins
 // where the label encoder would put one. The length is that of the strings also where the buffer's
 // end left no space for that byte: a record that just fits is whole.
 int32_t WriteTextData(const Output& out, int32_t dataLength, int32_t data,

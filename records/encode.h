@@ -55,16 +55,16 @@ struct MdnsRecord {
 };
 
 /// Writes `text` at `position` of `buffer` as labels, each a length byte and 1 to `maxLabel`
-/// characters, and a zero byte behind the last. `separator` ends a label and is not part of it;
-/// empty labels vanish. A label that is cut at `maxLabel` swallows the character behind it. No byte
-/// at or beyond `capacity` is written. Returns the position behind the zero byte; when the buffer
+/// characters, and a zero byte after the last. `separator` ends a label and is not part of it;
+/// empty labels vanish. A label that is cut at `maxLabel` swallows the character after it. No byte
+/// at or beyond `capacity` is written. Returns the position after the zero byte; when the buffer
 /// is too small it runs on as if everything had been written, but for the length bytes and the zero
 /// byte that did not fit. `position` is 0 or more and at least 8 KiB below the type's limit.
 int32_t EncodeLabels(uint8_t* buffer, int32_t capacity, int32_t position, char separator,
                      std::string_view text, int32_t maxLabel);
 
 /// Writes `record` at `position` of `buffer`: as a question (name, type, class) when `questionOnly`
-/// is non-zero, else as a full resource record. Returns the position behind it, which runs past
+/// is non-zero, else as a full resource record. Returns the position after it, which runs past
 /// `capacity` when the buffer is too small; nothing is written there. The buffer must be
 /// zero-filled: the type's high byte, SRV priority and weight are left as they are. `position` as
 /// above.

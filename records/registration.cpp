@@ -9,8 +9,8 @@
 
 namespace {
 
-// The registrations under way are inside. At the stop a service's goodbye must come behind its
-// announcement, and no service may come behind the goodbyes.
+// The registrations under way are inside. At the stop a service's goodbye must come after its
+// announcement, and no service may come after the goodbyes.
 Gate registrations;
 
 bool AreParamsValid(const char* name, const char* type, const char* domain, const char* txt,

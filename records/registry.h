@@ -18,7 +18,7 @@ constexpr uint32_t kPortLimit = 65536;
 /// One registered service. Heap block, owned by the registry.
 struct ServiceEntry {
   ServiceEntry* previous;  ///< the entry before this one, null for the first
-  ServiceEntry* next;      ///< the entry behind this one, null for the last
+  ServiceEntry* next;      ///< the entry after this one, null for the last
   char serviceName[kServiceNameSize];
   char serviceType[kServiceTypeMax + 1];
   char serviceDomain[kServiceDomainMax + 1];

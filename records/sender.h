@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Each packet is sent this often, with this pause behind each transmission.
+/// Each packet is sent this often, with this pause after each transmission.
 constexpr int kTransmissions = 3;
 constexpr unsigned kTransmissionPauseMicroseconds = 250000;
 /// What all of that takes, the time of the transmissions themselves not counted.
@@ -31,7 +31,7 @@ constexpr size_t kUsualPacketSize = 768;
 /// One pending transmission. Owned by the creating thread until the sender thread starts, by that
 /// thread alone afterwards.
 struct SendJob {
-  uint8_t data[kJobDataSize];  ///< copy of the packet, zeros behind it as far as it is sent
+  uint8_t data[kJobDataSize];  ///< copy of the packet, zeros after it as far as it is sent
   int32_t length;              ///< bytes to send as the caller gave them, may exceed `data`
   int32_t socket;              ///< UDP socket, owned by the responder
   sockaddr_in destination;

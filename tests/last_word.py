@@ -61,7 +61,7 @@ class Moment:
     printers: int = 1
     rate: int = 0  # questions a second, for a second before the signal and until the end
     before: float = None  # seconds from one question to the signal
-    behind: float = None  # seconds from the signal to one question
+    after: float = None  # seconds from the signal to one question
     coming: bool = False  # the printers are plugged in at that moment
     # They are pulled out at that moment. Not for a link with questions: the monitor's goodbye may
     # meet an answer that is under way, as it may without a stop.
@@ -140,8 +140,8 @@ def stop_at(lab, moment):
         if moment.before is not None:
             lab.host.send(BROWSE)
             time.sleep(moment.before)  # the moment itself, not a wait for something
-        if moment.behind is not None:
-            late = threading.Timer(moment.behind, lab.host.send, [BROWSE])
+        if moment.after is not None:
+            late = threading.Timer(moment.after, lab.host.send, [BROWSE])
             late.start()
             asking.callback(late.join)
         took = router.stop()

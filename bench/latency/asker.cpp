@@ -45,7 +45,7 @@ using std::chrono::nanoseconds;
 
 constexpr char kHostInterface[] = "eth0";
 constexpr uint16_t kMdnsPort = 5353;
-constexpr size_t kUdpPayload = 28;  // behind IPv4 and UDP headers
+constexpr size_t kUdpPayload = 28;  // after IPv4 and UDP headers
 
 // From one question to the next. An answer is transmitted again 250 ms and 500 ms after the first
 // time: at this pace that falls a third of the pause away from any question.

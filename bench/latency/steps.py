@@ -72,7 +72,7 @@ def _answers(notes):
 def measure(count, rounds):
     """Medians in nanoseconds by target and mode and then by step: of `count` answers to the
     host-name question a round, asked 10 ms apart, when the caches have gone cold, and one right
-    behind the other, when they are warm. The daemon runs as packaged."""
+    after the other, when they are warm. The daemon runs as packaged."""
     with contextlib.ExitStack() as stack:
         directory = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
         daemon, floor = stages = [stack.enter_context(Stage()) for _ in TARGETS]

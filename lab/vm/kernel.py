@@ -42,7 +42,7 @@ def _fetch(directory, architecture, flavour, wanted):
 
 
 def _load_order(unpacked, version, wanted):
-    """The files of these modules and of those that they need, each behind what it needs."""
+    """The files of these modules and of those that they need, each after what it needs."""
     found = []
     for name in wanted:
         shown = subprocess.run(

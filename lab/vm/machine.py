@@ -139,7 +139,7 @@ class Machine:
                 raise TimedOut(f"{command}: no end, only {taken!r}")
             more = self._shell.recv(65536)
             if not more:
-                raise TimedOut(f"{command}: the machine ended behind {taken!r}")
+                raise TimedOut(f"{command}: the machine ended after {taken!r}")
             taken += more
         return int(done[1]), taken[: done.start()].decode(errors="backslashreplace")
 
@@ -191,7 +191,7 @@ class Machine:
         try:
             self._process.wait(bound * PATIENCE)
         except subprocess.TimeoutExpired:
-            raise TimedOut(f"the machine is still on behind {command}") from None
+            raise TimedOut(f"the machine is still on after {command}") from None
 
     def reboot(self, bound=30.0):
         """Tells it to, and returns when it has gone down and comes up again. Its printers stay

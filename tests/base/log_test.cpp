@@ -141,7 +141,7 @@ void ExpectThatNothingWaits(Redirected& log) {
   const int kept = CountWholeLines(log.ReadAll());
   EXPECT_GT(kept, 100);
   EXPECT_LT(kept, 2 * Redirected::kTooMany);
-  // The lines behind find a reader again.
+  // Later lines find a reader again.
   LogLine(Redirected::kLine);
   EXPECT_EQ(CountWholeLines(log.ReadAll()), 1);
 }

@@ -100,7 +100,7 @@ def test_file_that_comes_a_byte_at_a_time_is_read_whole(lab, router, board, daem
     lab.wait_for_transmissions(wire.IPP_RECORDS)
 
 
-# The third line of the record ends with the last byte that is read, or with the one behind it.
+# The third line of the record ends with the last byte that is read, or with the one after it.
 @pytest.mark.parametrize("beyond, inserts", [(0, [INSERTED]), (1, [])], ids=["last", "beyond"])
 def test_reads_ask_for_4096_bytes_and_40960_in_all(router, board, daemon, beyond, inserts):
     record = "usblp0\nHP\nModel 12\n"

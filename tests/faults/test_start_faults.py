@@ -123,7 +123,7 @@ def test_no_multicast_socket_is_no_line_and_another_try(board, start):
     daemon = start()
     assert daemon.texts("stderr") == []
     assert daemon.texts("stdout")[0] == CONNECTED
-    # Two set-ups, and the look of the supervision behind them.
+    # Two set-ups, and the look of the supervision after them.
     assert tries.hits == 3
 
 

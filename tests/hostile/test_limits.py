@@ -17,7 +17,7 @@ THREADS = 150
 
 
 def flood_four_times(lab, daemon, rate, question=BROWSE_QUESTION):
-    """Memory at rest in KiB behind each flood, behind which every question is answered, and the
+    """Memory at rest in KiB after each flood, after which every question is answered, and the
     most that daemon and kernel held during each."""
     at_rest = []
     most = []

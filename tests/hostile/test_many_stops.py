@@ -19,7 +19,7 @@ def test_no_service_is_left_behind_by_any_of_many_stops(lab):
             printers=chance.choice((1, 2, 10)),
             rate=chance.choice((3, 40, 100, 300)),
             before=chance.choice((None, 0.0, chance.uniform(0, 0.75))),
-            behind=chance.choice((None, 0.0, chance.uniform(0, 0.75))),
+            after=chance.choice((None, 0.0, chance.uniform(0, 0.75))),
             coming=chance.random() < 0.2,
         )
         longest = max(longest, stop_at(lab, moment))

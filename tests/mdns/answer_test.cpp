@@ -304,7 +304,7 @@ TEST_F(AnswerTest, WithoutAnAddressTheScanGoesOnWithoutAnswers) {
 TEST_F(AnswerTest, LeftOverBytesCountForTheHostNameButNotForServices) {
   Register("Office", "_ipp._tcp");
   Handle(Query("08 'myrouter' 05 'local' 00 00 1C 00 01"));
-  // A header alone: the name behind it is left from before.
+  // A header alone: the name after it is left from before.
   Handle("00 00 00 00 00 01 00 00 00 00 00 00");
   EXPECT_EQ(SentPackets().size(), 0u);
   Handle(Query(kHostQuestion));

@@ -81,7 +81,7 @@ TEST(HostQuestionType, IsTheLowByteBehindTwoLabels) {
 
 struct ServiceRow {
   const char* name;
-  std::string wire;  // the whole message behind the flags
+  std::string wire;  // the whole message after the flags
   const char* shortLabel;
   bool asks;
 };

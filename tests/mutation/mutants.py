@@ -349,8 +349,8 @@ class _Reader:
         for first, second in zip(rows, rows[1:]):
             self.swap("row", first, second)
         if len(rows) > 1:
-            for row, behind in zip(rows, rows[1:]):
-                self.add("row", self.span(row)[0], self.span(behind)[0], "")
+            for row, after in zip(rows, rows[1:]):
+                self.add("row", self.span(row)[0], self.span(after)[0], "")
             self.add("row", self.span(rows[-2])[1], self.span(rows[-1])[1], "")
 
 

@@ -18,7 +18,7 @@ namespace {
 // What the reads of the file are asked for, and what becomes of them.
 struct Reads {
   std::vector<size_t> sizes;
-  size_t failsAfter = SIZE_MAX;  // the read behind this many fails
+  size_t failsAfter = SIZE_MAX;  // the read after this many fails
   size_t firstGives = SIZE_MAX;  // the first read gives no more than this
 };
 

@@ -10,7 +10,7 @@ namespace {
 
 class ComposeTest : public testing::Test {
  protected:
-  // What was composed behind the header.
+  // What was composed after the header.
   std::string Records() const {
     return Hex(std::span(bytes).subspan(12, static_cast<size_t>(packet.length) - 12));
   }

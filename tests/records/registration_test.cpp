@@ -112,7 +112,7 @@ TEST_F(RegistrationTest, PortBeyondTheLastIsRefused) {
 
 TEST_F(RegistrationTest, FailedAnnouncementLeavesTheServiceRegistered) {
   CapturedOutput output;
-  callocFault.FailCall(2);  // behind the entry's own block
+  callocFault.FailCall(2);  // after the entry's own block
   EXPECT_EQ(Register(), 0u);
   EXPECT_TRUE(callocFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] malloc error: Cannot allocate memory\n");

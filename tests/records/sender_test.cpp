@@ -72,7 +72,7 @@ TEST_P(SendJobLengthTest, CopiesAtMost1518BytesAndSendsAtMost1520) {
   SendJob job;
   memset(&job, 0xEE, sizeof(job));
   FillSendJob(job, packet.Data(), row.length, 7, kDestination);
-  // Zeros behind the copied bytes as far as they are sent, and nothing written beyond.
+  // Zeros after the copied bytes as far as they are sent, and nothing written beyond.
   Bytes expected = NumberedBytes(row.copied);
   expected.resize(row.sent);
   expected.resize(1520, 0xEE);

@@ -15,7 +15,7 @@ def pytest_configure(config):
 
 def pytest_terminal_summary(terminalreporter, config):
     if config.stash[_TABLE]:
-        terminalreporter.section("figures; memory before, at the most and behind, in KiB")
+        terminalreporter.section("figures; memory before, at the most and after, in KiB")
         for line in config.stash[_TABLE]:
             terminalreporter.write_line(line)
 

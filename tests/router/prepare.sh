@@ -1,5 +1,5 @@
 # shellcheck shell=sh
-# For run and demo: what a virtual machine needs. Sourced at the tree's root, behind lab/prepare.sh.
+# For run and demo: what a virtual machine needs. Sourced at the tree's root, after lab/prepare.sh.
 
 # prepare_machines all|x86-64: what is missing for machines of every kind, or for the first alone.
 prepare_machines() {

@@ -93,7 +93,7 @@ def pid(machine):
 
 
 def write_status_file(machine, text):
-    """By hand, as a vendor's kernel would, and behind what a rule has begun to write."""
+    """By hand, as a vendor's kernel would, and after what a rule has begun to write."""
     machine.wait_until(NO_UPDATE)
     lines = text.replace("\n", "\\n")
     machine.run(f"printf '{lines}' > {STATUS_FILE}.new && mv {STATUS_FILE}.new {STATUS_FILE}")
@@ -113,7 +113,7 @@ def kept(request, lab, failed, failures):
 
 @pytest.fixture
 def empty(lab, machine):
-    """The machine without its printer; behind the test it has it again, as before."""
+    """The machine without its printer; after the test it has it again, as before."""
     since = lab.capture.mark()
     machine.pull_out(0)
     wait_for_packets(lab, WITHDRAWN, since)

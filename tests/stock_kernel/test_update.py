@@ -198,7 +198,7 @@ def test_printer_that_goes_while_its_id_is_read_is_none(debian):
 def test_full_file_system_keeps_the_old_file(system):
     system.plug_in(0, ACME)
     update = "/usr/sbin/bonjour-printers update"
-    # One page for a directory's files: the first is full behind its record.
+    # One page for a directory's files: the first is full after its record.
     script = f"""
         mkdir -p /var/run/bonjour
         mount -t tmpfs -o size=4k,mode=755 none /var/run/bonjour

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-/// The program's name and the arguments behind it.
+/// The program's name and the arguments after it.
 class CommandLine {
  public:
   explicit CommandLine(std::vector<std::string> arguments) : texts(std::move(arguments)) {

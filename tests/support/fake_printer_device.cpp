@@ -10,7 +10,7 @@ FakePrinterDevice fakePrinterDevice;
 HeapText ReadDeviceId(int32_t port) {
   fakePrinterDevice.askedForPort.push_back(port);
   if (!fakePrinterDevice.answers) return nullptr;
-  // The block has exactly its size, so that a sanitizer sees a read behind it.
+  // The block has exactly its size, so that a sanitizer sees a read after it.
   HeapText id(static_cast<char*>(calloc(1, kDeviceIdSize)));
   memcpy(id.get(), fakePrinterDevice.id.data(), fakePrinterDevice.id.size());
   return id;

@@ -25,5 +25,5 @@ bool WaitForSentPackets(size_t count);
 /// Forgets the packets so far.
 void ForgetSentPackets();
 
-/// Called on the sending thread for each packet, behind its recording. Set while nobody sends.
+/// Called on the sending thread for each packet, after its recording. Set while nobody sends.
 extern std::function<void()> onSendPacket;

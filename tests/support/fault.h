@@ -54,7 +54,7 @@ struct SocketOption {
 /// The options of the whole process, in the order of the calls; set by one thread.
 std::vector<SocketOption> SetOptions();
 
-/// WRAPS close: called with the descriptor, behind the real call; null means nothing.
+/// WRAPS close: called with the descriptor, after the real call; null means nothing.
 extern std::atomic<void (*)(int descriptor)> onClose;
 
 /// WRAPS pthread_create: the threads that were started through it.

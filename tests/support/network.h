@@ -16,7 +16,7 @@
 /// interface is up. Ends the process when that can't be done.
 void EnterOwnNetwork();
 
-/// A member of a fixture that enters an own network before the members behind it are made.
+/// A member of a fixture that enters an own network before the members after it are made.
 struct OwnNetwork {
   OwnNetwork() { EnterOwnNetwork(); }
 };

@@ -160,7 +160,7 @@ class Expectation:
             if body is not None:
                 body.send(call)
             elif call.function not in HARMLESS:
-                raise Unexpected(f"{call} behind all that the thread has to do")
+                raise Unexpected(f"{call} after all that the thread has to do")
         except StopIteration:
             self._threads[number] = None
 

@@ -174,7 +174,7 @@ class Walk:
         self._gate = Gate(self._board)
         self._expected = Expectation(lab.bystander.address)
         # The calls in the order of their beginning; of each thread the last one; those that have
-        # not returned or stand behind such a one.
+        # not returned or stand after such a one.
         self._calls = []
         self._last = {}
         self._pending = []

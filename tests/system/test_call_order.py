@@ -84,7 +84,7 @@ IPP_ANSWER = [
     THREAD,
 ]
 
-# The model is asked for behind the look at the file, once for each service.
+# The model is asked for after the look at the file, once for each service.
 PUBLISHING = [
     *READ_STATUS_FILE,
     "open /dev/usblp0 O_RDWR",

@@ -43,7 +43,7 @@ def test_answer_is_logged_with_the_senders_address_and_the_length(lab, daemon, h
         case("an ID", f"1234 0000 0001 0000 0000 0000 {LABEL} 05 'local' 00 0001 0001"),
         case("second flags byte", f"0000 00FF 0001 0000 0000 0000 {LABEL}"
              " 05 'local' 00 0001 0001"),
-        case("a question behind", f"0000 0000 0002 0000 0000 0000 {LABEL}"
+        case("a question after", f"0000 0000 0002 0000 0000 0000 {LABEL}"
              " 05 'local' 00 0001 0001 05 'other' 05 'local' 00 0001 0001"),
         case("known answer", f"0000 0000 0001 0001 0000 0000 {LABEL} 05 'local' 00 0001 0001"
              " C00C 0001 0001 00000078 0004 C0A84D01"),

@@ -49,16 +49,16 @@ def test_answer_is_sent_three_times_by_multicast(lab, daemon_with_printer, host)
         case("another type", f"{wire.QUERY_1} {wire.IPP} 0001 0001"),
         case("another class, unicast wanted", f"{wire.QUERY_1} {wire.IPP} 000C 8003"),
         case("name continued by a pointer", f"{wire.QUERY_1} 04 '_ipp' C00C 000C 0001"),
-        case("nothing behind the label", f"{wire.QUERY_1} 04 '_ipp'"),
+        case("nothing after the label", f"{wire.QUERY_1} 04 '_ipp'"),
         case("no questions claimed", f"{'0000 ' * 6} {wire.IPP} 000C 0001"),
         case("more questions claimed", f"0000 0000 0005 0000 0000 0000 {wire.IPP} 000C 0001"),
         case("another question first", f"{wire.QUERY_2} 05 'other' 05 'local' 00 0001 0001"
              f" {wire.IPP} 000C 0001"),
-        case("behind a question that ends in a pointer", f"{wire.QUERY_2} 01 'x' C00C 0001 0001"
+        case("after a question that ends in a pointer", f"{wire.QUERY_2} 01 'x' C00C 0001 0001"
              f" {wire.IPP} 000C 0001"),
-        case("behind a question that is a pointer", f"{wire.QUERY_2} C00C 0001 0001"
+        case("after a question that is a pointer", f"{wire.QUERY_2} C00C 0001 0001"
              f" {wire.IPP} 000C 0001"),
-        case("behind the root", f"{wire.QUERY_2} 00 0001 0001 {wire.IPP} 000C 0001"),
+        case("after the root", f"{wire.QUERY_2} 00 0001 0001 {wire.IPP} 000C 0001"),
         case("type asked twice", f"{wire.QUERY_2} {wire.IPP} 000C 0001 {wire.IPP} 000C 0001"),
         case("known answer", f"0000 0000 0001 0001 0000 0000 {wire.IPP} 000C 0001"
              f" C00C 000C 0001 00001194 002A {wire.INSTANCE} {wire.IPP}"),

@@ -90,7 +90,7 @@ def test_complete_record_is_a_printer(presence_in):
         "fourth line without its end",
         "four lines",
         "fifth line without its end",
-        "empty lines behind the first",
+        "empty lines after the first",
         "words around the port",
         "a second digit",
         "two records",
