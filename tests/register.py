@@ -37,6 +37,8 @@ def test_name(options, module, name):
 
 def is_for(item, build):
     """Whether a test is run on the build of that name."""
+    if build == "coverage" and item.get_closest_marker("uncounted"):
+        return False
     return build == "release" or not item.get_closest_marker("release")
 
 

@@ -30,12 +30,14 @@ def go(lab, path, **how):
         walk.close()
 
 
+@pytest.mark.uncounted
 @pytest.mark.seconds(8)
 @pytest.mark.parametrize("on_sockets", [False, True], ids=["pipes", "sockets"])
 def test_daemon_without_a_fault_does_what_the_sweep_describes(lab, tmp_path, on_sockets):
     go(lab, tmp_path / "board", on_sockets=on_sockets)
 
 
+@pytest.mark.uncounted
 @pytest.mark.seconds(8)
 @pytest.mark.parametrize("fault", FAULTS, ids=str)
 def test_daemon_with_a_fault_does_what_the_sweep_describes(lab, tmp_path, fault):
