@@ -195,6 +195,17 @@ TEST(StuckLog, SocketWithoutAReaderRaisesNoSignal) {
   close(ends[1]);
 }
 
+TEST(StuckLog, StreamThatIsNotThereIsPassedOver) {
+  {
+    const Descriptor out(dup(STDOUT_FILENO));
+    close(STDOUT_FILENO);
+    InitLog();
+    LogLine("lost");
+    dup2(out.Get(), STDOUT_FILENO);
+  }
+  EXPECT_EQ(StdoutOf([] { LogLine("kept"); }), "kept\n");
+}
+
 TEST(StuckLog, FileAndTerminalStayAsTheyAre) {
   for (const char* path : {"/dev/ptmx", "/dev/null"}) {
     const Descriptor target(open(path, O_RDWR | O_NOCTTY));
