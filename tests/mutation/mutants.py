@@ -10,6 +10,8 @@ import clang.cindex
 from clang.cindex import CursorKind as Kind
 from clang.cindex import TokenKind, TypeKind
 
+# What the build defines for a source; of what it stands for nothing is changed.
+DEFINED = ['-DBONJOUR_VERSION=""', '-DBONJOUR_BUILD_TIME=""']
 _OPERATORS = {
     "+": ["-"],
     "-": ["+"],
@@ -98,7 +100,7 @@ class _Reader:
         self.bounds = []
         language = "c++-header" if path.endswith(".h") else "c++"
         self.unit = clang.cindex.Index.create().parse(
-            str(root / path), args=["-x", language, "-std=c++17", f"-I{root}", "-w"]
+            str(root / path), args=["-x", language, "-std=c++17", f"-I{root}", "-w", *DEFINED]
         )
         errors = [note for note in self.unit.diagnostics if note.severity >= note.Error]
         if errors:
