@@ -145,6 +145,7 @@ def test_every_question_is_answered_again(lab, daemon_with_printer, host):
 
 def test_question_is_answered_while_the_service_is_announced(lab, router, daemon):
     router.plug_in(0)
+    lab.wait_for_packet(wire.PDL_RECORDS)
     lab.wait_for_packet(wire.IPP_RECORDS)
     assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
 
