@@ -1,5 +1,6 @@
 """How ./test runs tests: what it shows, its exit status, and what an interrupted run leaves."""
 
+import pathlib
 import signal
 import socket
 import sys
@@ -106,6 +107,23 @@ def test_each_line_is_one_write(start, stand_ins):
         chunks = list(iter(lambda: writes.recv(65536).decode(), ""))
     assert len(chunks) > 8
     assert all(chunk.endswith("\n") for chunk in chunks)
+
+
+def test_builds_beside_tests_leave_the_processor_to_them(run, stand_ins, tmp_path):
+    building = f"""
+[ "$1" = --build ] || exit 0
+{{ nice; cat /proc/self/autogroup; }} > {tmp_path}/$3 2> /dev/null || :
+"""
+    run(
+        *("./test", "unit", "--preset", "release", "--preset", "debug"),
+        environment=stand_ins(cmake=building, ctest=PASSED),
+    )
+    first, *_ = (tmp_path / "release").read_text().splitlines()
+    second, *group = (tmp_path / "debug").read_text().splitlines()
+    assert int(second) == int(first) + 10
+    # A root of the whole system, whom the kernel lets set it as often as it likes.
+    if pathlib.Path("/proc/self/uid_map").read_text().split() == ["0", "0", "4294967295"]:
+        assert all(line.endswith(" nice 10") for line in group)
 
 
 def test_run_of_nothing_fails(run, stand_ins):
