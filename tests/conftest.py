@@ -109,13 +109,20 @@ def daemon_with_printer(lab, router):
 
 
 @pytest.fixture
-def announced_txt(lab):
-    """Waits for the announcement of a service of a type, and gives its TXT strings."""
+def announcement(lab):
+    """Waits for the announcement of a service of a type, and gives its message."""
 
-    def wait(service_type):
-        announcement = lab.wait_for_packet(
-            lambda packet: not packet.is_query and packet.message.answers[1].name == service_type
-        )[0]
-        return announcement.message.answers[3].data
+    def is_one(packet, service_type):
+        answers = packet.message.answers
+        # An answer about the host name has one record.
+        return not packet.is_query and answers[1:] and answers[1].name == service_type
 
-    return wait
+    return lambda service_type: lab.wait_for_packet(
+        lambda packet: is_one(packet, service_type)
+    )[0].message
+
+
+@pytest.fixture
+def announced_txt(announcement):
+    """As announcement(), but gives its TXT strings."""
+    return lambda service_type: announcement(service_type).answers[3].data

@@ -57,14 +57,11 @@ def test_device_id_without_a_usable_model_gives_no_service(lab, router, device_i
     assert [packet for packet in lab.sent() if not packet.is_query] == []
 
 
-def test_name_of_a_printer_without_a_model_line_has_two_blanks(lab, router):
+def test_name_of_a_printer_without_a_model_line_has_two_blanks(router, announcement):
     router.connect_device(0, "MODEL:Y;")
     router.plug_in(0, "Acme", "", "PCL")
     router.start()
-    packet = lab.wait_for_packet(
-        lambda packet: not packet.is_query and packet.message.answers[1].name == IPP
-    )[0]
-    assert packet.message.answers[1].data == f"Acme  (aa:bb:cc) 0.{IPP}"
+    assert announcement(IPP).answers[1].data == f"Acme  (aa:bb:cc) 0.{IPP}"
 
 
 def test_each_port_asks_its_own_device(router, announced_txt):

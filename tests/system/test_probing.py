@@ -203,16 +203,14 @@ def test_name_with_a_suffix_is_answered(lab, router, host, probing):
     assert lab.ask(PROBE) == []
 
 
-def test_name_with_a_suffix_is_in_the_records_of_a_printer(lab, router, host, probing):
+def test_name_with_a_suffix_is_in_the_records_of_a_printer(
+    lab, router, host, probing, announcement
+):
     host.send(SAME)
     lab.wait_for_packet(PROBE_1)
     settle(lab, router, PROBE_1)
     router.plug_in(0)
-    announcement = lab.wait_for_packet(
-        lambda packet: not packet.is_query
-        and packet.message.answers[1:]
-        and packet.message.answers[1].name == "_ipp._tcp.local"
-    )[0].message
-    assert announcement.answers[0].name == f"{NAME}-1.local"
-    assert announcement.answers[2].data == (631, f"{NAME}-1.local")
-    assert f"note={NAME}-1" in announcement.answers[3].data
+    answers = announcement("_ipp._tcp.local").answers
+    assert answers[0].name == f"{NAME}-1.local"
+    assert answers[2].data == (631, f"{NAME}-1.local")
+    assert f"note={NAME}-1" in answers[3].data
