@@ -9,11 +9,9 @@
 
 #include "app/device_name.h"
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/stop_signals.h"
 #include "base/thread.h"
-#include "mdns/responder.h"
-#include "mdns/socket.h"
-#include "mdns/state.h"
 #include "printer/monitor.h"
 
 namespace {

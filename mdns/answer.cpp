@@ -7,12 +7,12 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/service_kinds.h"
 #include "base/text.h"
 #include "mdns/question.h"
 #include "mdns/socket.h"
 #include "records/registry.h"
 #include "records/sender.h"
-#include "records/service_kinds.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // What a received message asks for.
 #include "mdns/question.h"
 
+#include "base/service_kinds.h"
 #include "records/encode.h"
-#include "records/service_kinds.h"
 
 namespace {
 

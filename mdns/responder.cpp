@@ -8,11 +8,13 @@
 #include <ctime>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "mdns/answer.h"
 #include "mdns/probe.h"
 #include "mdns/socket.h"
+#include "mdns/state.h"
 #include "records/registration.h"
 #include "records/registry.h"
 #include "records/sender.h"

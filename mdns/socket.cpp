@@ -14,6 +14,7 @@
 
 #include "base/descriptor.h"
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "mdns/state.h"
 
@@ -134,7 +135,8 @@ uint32_t SocketSetup_For_Interface_N() {
 
 void EndReceive() {
   const GatePass use(multicastSocketUsers);
-  // The kernel wakes the receiver of an unconnected socket too, though it calls that an error.
+  // Packets can still be sent. The kernel wakes the receiver of an unconnected socket too, though
+  // it calls that an error.
   if (use.IsInside()) shutdown(multicastSocket.Get(), SHUT_RD);
 }
 

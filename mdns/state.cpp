@@ -5,7 +5,6 @@
 #include <cstring>
 
 ResponderState responderState{};
-SharedFlag bTerminate{0};
 SharedWord<int32_t> multicastSocket{-1};
 Gate multicastSocketUsers;
 

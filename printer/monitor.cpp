@@ -7,9 +7,8 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
-#include "mdns/state.h"
-#include "records/registry.h"
 
 PrinterTxt* printerTxtPdl[kPrinterPorts];
 PrinterTxt* printerTxtIpp[kPrinterPorts];

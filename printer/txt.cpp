@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "printer/printer_device.h"
 #include "printer/status_file.h"

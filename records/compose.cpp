@@ -3,8 +3,8 @@
 
 #include <cstring>
 
+#include "base/service_kinds.h"
 #include "base/text.h"
-#include "records/service_kinds.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 #include "records/packets.h"
 
 #include "base/log.h"
+#include "base/service_kinds.h"
 #include "base/text.h"
 #include "mdns/state.h"
 #include "records/sender.h"
-#include "records/service_kinds.h"
 
 namespace {
 

@@ -7,9 +7,7 @@
 
 #include "mdns/state.h"
 
-/// The longest texts of a service, in characters, and a field for the name.
-constexpr size_t kServiceNameMax = 128;
-constexpr size_t kServiceNameSize = kServiceNameMax + 1;
+/// The longest texts of a service beside its name, in characters.
 constexpr size_t kServiceTypeMax = 32;
 constexpr size_t kServiceDomainMax = 32;
 /// TCP ports are below this.
@@ -69,10 +67,6 @@ uint32_t ServiceRegistryUpdate(uint32_t operation, const char* name, const char*
 /// thread.
 uint32_t ValidateServiceParams(const char* name, const char* type, const char* domain,
                                const char* txt, int32_t txtLength, uint32_t port);
-
-/// True while an entry refers to `txt` (the reference, not the characters). Takes the registry
-/// mutex; any thread that does not hold it.
-bool IsTextRegistered(const char* txt);
 
 /// Copies the first entry, its key above all, to `copy` and returns false; or, when there is none,
 /// closes the registry in the same breath, so that nothing is added any more, and returns true.

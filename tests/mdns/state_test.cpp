@@ -35,11 +35,6 @@ TEST(State, InterfaceNamesHaveFieldsOf15Bytes) {
   EXPECT_EQ(sizeof(responderState.interfaceName[0]), 15u);
 }
 
-TEST(State, HardwareAddressIsTheStatesField) {
-  hw_addr[5] = 0xCC;
-  EXPECT_EQ(responderState.hw_addr[5], 0xCC);
-}
-
 TEST(GetDeviceName, CopiesFiveBytesAndNoTerminator) {
   SetDeviceName("T5140_00-11");
   char buffer[8];

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "base/responder.h"
 #include "base/text.h"
-#include "mdns/state.h"
 #include "printer/monitor.h"
 #include "tests/support/case_name.h"
 

@@ -1,6 +1,6 @@
 #include "tests/support/fake_registration.h"
 
-#include "records/registration.h"
+#include "base/responder.h"
 
 FakeRegistration fakeRegistration;
 

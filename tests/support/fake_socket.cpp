@@ -1,5 +1,6 @@
 #include "tests/support/fake_socket.h"
 
+#include "base/responder.h"
 #include "mdns/socket.h"
 
 FakeSocketModule fakeSocketModule;

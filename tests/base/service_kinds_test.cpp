@@ -1,4 +1,4 @@
-#include "records/service_kinds.h"
+#include "base/service_kinds.h"
 
 #include <gtest/gtest.h>
 
