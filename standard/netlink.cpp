@@ -6,6 +6,7 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -308,6 +309,10 @@ void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name) {
 
 bool ReadLink(int netlink, LinkWatch& watch, std::string_view name) {
   for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    // A socket that is full has no space for the reply.
+    bool isReplyOver = false;
+    while (TakeWaiting(netlink, watch, name, isReplyOver)) {
+    }
     Forget(watch);
     if (!RequestLink(netlink, name, ++watch.sequence) || !WaitForReply(netlink, watch, name)) break;
     watch.mustReread = false;

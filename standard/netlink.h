@@ -14,9 +14,9 @@ constexpr size_t kNetlinkDatagramMax = 8192;
 
 /// The interface under one name, as far as the messages so far tell.
 struct LinkWatch {
-  int32_t index;    ///< the kernel's number for it; 0 while there is none
-  LinkState link;   ///< all zero while there is none
-  bool mustReread;  ///< something was missed: ReadLink has to be called before `link` is right
+  int32_t index;      ///< the kernel's number for it; 0 while there is none
+  LinkState link;     ///< all zero while there is none
+  bool mustReread;    ///< something was missed: ReadLink has to be called before `link` is right
   uint32_t sequence;  ///< number of the last request to the kernel
 };
 
@@ -32,6 +32,6 @@ int OpenNetlink();
 /// Takes messages that wait on a socket of OpenNetlink; not all of them when there are very many.
 void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name);
 
-/// Asks the kernel for everything anew. Returns true, and `watch` is right and not to be read again,
-/// when all of it could be read.
+/// Asks the kernel for everything anew. Returns true, and `watch` is right and not to be read
+/// again, when all of it could be read.
 bool ReadLink(int netlink, LinkWatch& watch, std::string_view name);

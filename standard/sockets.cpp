@@ -45,7 +45,7 @@ bool BindToPort(int socket, Family family) {
 
 bool SetMulticastInterface(int socket, Family family, int32_t index) {
   if (family == Family::kIpv6) return SetNumber(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, index);
-  ip_mreqn interface{};
+  ip_mreqn interface {};
   interface.imr_ifindex = index;
   return setsockopt(socket, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof(interface)) == 0;
 }
@@ -109,7 +109,7 @@ bool ChangeMembership(int socket, Family family, int32_t index, bool isMember) {
                     &membership, sizeof(membership)) == 0;
 }
 
-union SocketAddress {
+union SocketName {
   sockaddr any;
   sockaddr_in ipv4;
   sockaddr_in6 ipv6;
@@ -154,7 +154,14 @@ bool IsOwn(const LinkState& link, const Address& address) {
   return false;
 }
 
-Endpoint ReadSource(const SocketAddress& address, Family family) {
+bool HasFamily(const LinkState& link, Family family) {
+  for (uint8_t i = 0; i < link.addressCount; ++i) {
+    if (link.addresses[i].address.family == family) return true;
+  }
+  return false;
+}
+
+Endpoint ReadSource(const SocketName& address, Family family) {
   Endpoint source = {};
   source.address.family = family;
   if (family == Family::kIpv4) {
@@ -188,13 +195,17 @@ SocketFailure OpenSockets(Sockets& sockets, std::string_view name, int32_t index
   return failure;
 }
 
-void JoinGroups(Sockets& sockets) {
+SocketFailure JoinGroups(Sockets& sockets, const LinkState& link) {
+  SocketFailure failure = {};
   for (const Family family : {Family::kIpv4, Family::kIpv6}) {
     const int descriptor = sockets.descriptors[Index(family)];
     bool& hasJoined = sockets.hasJoined[Index(family)];
     if (descriptor < 0 || hasJoined) continue;
     hasJoined = ChangeMembership(descriptor, family, sockets.index, true);
+    if (hasJoined || !HasFamily(link, family) || failure.text != nullptr) continue;
+    failure = {"[Bonjour] setsockopt ADD_MEMBERSHIP", errno};
   }
+  return failure;
 }
 
 void LeaveGroups(Sockets& sockets) {
@@ -214,7 +225,7 @@ void CloseSockets(Sockets& sockets) {
 
 bool ReceiveDatagram(const Sockets& sockets, Family family, const LinkState& link,
                      uint8_t (&buffer)[kDatagramMax], ReceivedDatagram& taken) {
-  SocketAddress source{};
+  SocketName source{};
   iovec bytes = {buffer, sizeof(buffer)};
   alignas(cmsghdr) uint8_t control[128];
   msghdr message{};
@@ -246,7 +257,7 @@ void SendDatagram(const Sockets& sockets, const OutgoingDatagram& datagram) {
   const Address& to = datagram.destination.address;
   const int descriptor = sockets.descriptors[Index(to.family)];
   if (descriptor < 0) return;
-  SocketAddress address{};
+  SocketName address{};
   socklen_t size = 0;
   if (to.family == Family::kIpv4) {
     address.ipv4.sin_family = AF_INET;

@@ -14,8 +14,8 @@ constexpr uint16_t kMulticastDnsPort = 5353;
 /// The sockets of one link; -1 stands for none.
 struct Sockets {
   int descriptors[kFamilies] = {-1, -1};
-  int32_t index = 0;                  ///< of the interface they are bound to
-  bool hasJoined[kFamilies] = {};     ///< member of the family's group
+  int32_t index = 0;               ///< of the interface they are bound to
+  bool hasJoined[kFamilies] = {};  ///< member of the family's group
 };
 
 /// What went wrong first: the text of a log line, null when nothing did, and the error.
@@ -30,9 +30,9 @@ struct SocketFailure {
 /// know is no failure.
 SocketFailure OpenSockets(Sockets& sockets, std::string_view name, int32_t index);
 
-/// Joins each group (RFC 6762, section 3) on the interface where that has not been done. A family
-/// without an address may refuse; it is tried again by the next call.
-void JoinGroups(Sockets& sockets);
+/// Joins each group (RFC 6762, section 3) on the interface where that has not been done. That a
+/// family refuses of which `link` has no address is no failure.
+SocketFailure JoinGroups(Sockets& sockets, const LinkState& link);
 
 /// Leaves the groups, so that JoinGroups joins them all anew.
 void LeaveGroups(Sockets& sockets);

@@ -33,7 +33,7 @@ class SocketTest : public testing::Test {
     strcpy(responderState.interfaceName[1], "qxSkipDevName");
     responderState.interfaceAddress[0].Set(INADDR_NONE);
     responderState.connected[0].Set(0);
-    responderState.mdnsDestination = Address("224.0.0.251", 5353);
+    responderState.mdnsDestination = SocketAddress("224.0.0.251", 5353);
     multicastSocket.Set(-1);
   }
   ~SocketTest() override {
@@ -221,7 +221,7 @@ TEST_F(BridgeTest, SocketHearsTheGroupAndNotItself) {
   SetUpSocket();
   const OtherHost host("br0");
   const Bytes own = Wire("01 01");
-  const sockaddr_in group = Address("224.0.0.251", 5353);
+  const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
   ASSERT_EQ(sendto(multicastSocket.Get(), own.data(), own.size(), 0,
                    reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
             2);
@@ -339,7 +339,7 @@ TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
   receiving.join();
   EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0);
   const Bytes packet = Wire("01 02");
-  const sockaddr_in group = Address("224.0.0.251", 5353);
+  const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
   EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
                    reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
             2);

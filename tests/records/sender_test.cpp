@@ -21,7 +21,7 @@ namespace {
 using testing::ElementsAre;
 using testing::Optional;
 
-const sockaddr_in kDestination = Address("224.0.0.251", 5353);
+const sockaddr_in kDestination = SocketAddress("224.0.0.251", 5353);
 
 Bytes NumberedBytes(size_t count) {
   Bytes bytes(count);
