@@ -20,6 +20,15 @@ if(BONJOUR_TESTS)
   add_subdirectory(tests)
 endif()
 
+# The daemon with each responder that was not chosen.
+foreach(responder ${responders})
+  if(NOT responder STREQUAL BONJOUR_RESPONDER)
+    add_executable(bonjour-${responder} app/main.cpp)
+    target_link_libraries(bonjour-${responder} PRIVATE bonjour_core bonjour_${responder})
+    bonjour_link_with_libc_only(bonjour-${responder})
+  endif()
+endforeach()
+
 if(BONJOUR_LAB)
   add_subdirectory(lab)
   include(tests/LabTests.cmake)

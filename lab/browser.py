@@ -60,10 +60,10 @@ class Browser:
         return True
 
     def _take(self, message):
-        for record in message.answers:
+        for record in message.answers + message.additional:
             if record.type == "A":
                 self._addresses[record.name] = record.data
-            elif record.type == "PTR" and "._sub." not in record.name:
+            elif record.type == "PTR" and record.name in (IPP, RAW):
                 if record.ttl == 0:
                     self._services.pop(record.data, None)
                 else:

@@ -24,6 +24,7 @@ _SO_TIMESTAMPNS = 35
 _SO_RCVBUFFORCE = 33
 _ETHERNET_HEADER = 14
 _ETHERTYPE_IPV4 = 0x0800
+_ETHERTYPE_IPV6 = 0x86DD
 _PROTOCOL_UDP = 17
 
 
@@ -55,22 +56,28 @@ class Packet:
 
 
 def _udp_datagram(time, frame):
-    if len(frame) < _ETHERNET_HEADER + 28:
-        return None
-    if struct.unpack_from("!H", frame, 12)[0] != _ETHERTYPE_IPV4:
-        return None
+    """The Packet in a frame, or None: IPv4, or IPv6 without extension headers."""
+    kind = struct.unpack_from("!H", frame, 12)[0] if len(frame) >= _ETHERNET_HEADER else 0
     ip = frame[_ETHERNET_HEADER:]
-    if ip[9] != _PROTOCOL_UDP:
+    if kind == _ETHERTYPE_IPV4 and len(ip) >= 28:
+        family, protocol, ttl, addresses = socket.AF_INET, ip[9], ip[8], ip[12:20]
+        udp = ip[(ip[0] & 0x0F) * 4 :]
+    elif kind == _ETHERTYPE_IPV6 and len(ip) >= 48:
+        family, protocol, ttl, addresses = socket.AF_INET6, ip[6], ip[7], ip[8:40]
+        udp = ip[40:]
+    else:
         return None
-    udp = ip[(ip[0] & 0x0F) * 4 :]
+    if protocol != _PROTOCOL_UDP:
+        return None
     source_port, port, length = struct.unpack_from("!HHH", udp)
+    half = len(addresses) // 2
     return Packet(
         time,
-        socket.inet_ntoa(ip[12:16]),
+        socket.inet_ntop(family, addresses[:half]),
         source_port,
-        socket.inet_ntoa(ip[16:20]),
+        socket.inet_ntop(family, addresses[half:]),
         port,
-        ip[8],
+        ttl,
         udp[8:length],
     )
 

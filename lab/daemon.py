@@ -117,8 +117,10 @@ class Lines:
 
 
 class Daemon(Lines):
-    def __init__(self, sandbox, network, arguments=(), environment=None, wrapper=()):
-        """Starts the daemon in `sandbox` and `network`.
+    def __init__(
+        self, sandbox, network, arguments=(), environment=None, wrapper=(), program=None
+    ):
+        """Starts the daemon in `sandbox` and `network`: `program`, or else binary().
 
         `environment` is added to ours for it alone. `wrapper` is put before its command line; it
         must become the daemon in the same process (as env, prlimit or `strace -D` do), because
@@ -126,7 +128,7 @@ class Daemon(Lines):
         """
         super().__init__()
         self._process = sandbox.spawn(
-            [*wrapper, binary(), *arguments],
+            [*wrapper, program or binary(), *arguments],
             network=network,
             environment=environment,
             stdin=subprocess.DEVNULL,

@@ -32,6 +32,7 @@ class Router:
         self.status_file = StatusFile(self.sandbox)
         self._printers = {}
         self._devices = {}
+        self.program = None
         self.daemon = None
         self.daemons = []
 
@@ -116,7 +117,9 @@ class Router:
         is cut short: other machines' packets let it end before its five silent seconds are over.
         """
         before = self._capture.mark()
-        self.daemon = Daemon(self.sandbox, self.network, arguments, environment, wrapper)
+        self.daemon = Daemon(
+            self.sandbox, self.network, arguments, environment, wrapper, self.program
+        )
         self.daemons.append(self.daemon)
         if ready:
             if fast:

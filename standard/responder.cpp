@@ -130,6 +130,20 @@ void Begin(const ResponderStartRecord& start) {
   isTakingServices = true;
 }
 
+bool AreLinksEqual(const LinkState& a, const LinkState& b) {
+  if (a.isUp != b.isUp || a.mtu != b.mtu || memcmp(a.mac, b.mac, sizeof(a.mac)) != 0 ||
+      a.addressCount != b.addressCount) {
+    return false;
+  }
+  for (uint8_t i = 0; i < a.addressCount; ++i) {
+    if (a.addresses[i].prefixLength != b.addresses[i].prefixLength ||
+        !AreAddressesEqual(a.addresses[i].address, b.addresses[i].address)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void GiveLink(const LinkState& link) {
   responder.link = link;
   const CoreLock lock;
@@ -172,7 +186,7 @@ void FollowLink() {
   if (isPrepared) responder.failure = nullptr;
   // What can't be listened on is not there.
   const LinkState link = isPrepared ? responder.watch.link : LinkState{};
-  if (memcmp(&link, &responder.link, sizeof(link)) != 0) GiveLink(link);
+  if (!AreLinksEqual(link, responder.link)) GiveLink(link);
 }
 
 // Only so many that a core that always has one more would not keep the thread from the rest.

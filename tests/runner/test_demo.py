@@ -33,7 +33,7 @@ def test_unknown_option_is_refused_before_anything_is_built(run, stand_ins, word
 def test_help_is_shown_to_anybody(run, stand_ins):
     status, output, errors = run("./demo", "--help", environment=stand_ins(id="echo 1000"))
     assert (status, errors) == (0, "")
-    assert output.startswith("usage: ./demo [--keep]\n       ./demo --router [--keep]\n")
+    assert output.startswith("usage: ./demo [--standard] [--keep]\n       ./demo --router [--keep]\n")
 
 
 def test_user_without_rights_is_told(run, stand_ins):
