@@ -9,13 +9,13 @@ import pytest
 from conftest import ROOT
 from lab.daemon import binary
 
-sys.path.insert(0, str(ROOT / "tests/run"))
+sys.path.insert(0, str(ROOT / "tools/runner"))
 
 import options  # noqa: E402
 
 pytestmark = pytest.mark.release
 
-HELP = (ROOT / "tests/run/help.txt").read_text()
+HELP = (ROOT / "tools/runner/help.txt").read_text()
 
 
 @pytest.mark.parametrize(
@@ -80,8 +80,8 @@ def test_groups_are_those_of_the_build(build):
 
 def test_each_folder_of_tests_is_a_group():
     folders = {path.parent.name for path in ROOT.glob("tests/*/test_*.py")}
-    # Those need builds of their own: tests/targets, tests/memory and tests/router/run run them.
-    assert folders - {"devices", "uninitialised", "router"} < set(options.GROUPS)
+    # Those need builds of their own: tools/targets, tools/memory and tests/router/run run them.
+    assert folders - {"targets", "memory", "router"} < set(options.GROUPS)
 
 
 def test_each_unit_test_and_fuzzer_is_built(build):

@@ -9,7 +9,7 @@ import time
 import pytest
 from conftest import BOUND, ROOT
 
-sys.path.insert(0, str(ROOT / "tests/run"))
+sys.path.insert(0, str(ROOT / "tools/runner"))
 
 from processes import PATIENCE_SECONDS  # noqa: E402
 

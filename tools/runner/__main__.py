@@ -140,17 +140,17 @@ def sweep(_):
     prepare("build", "test")
     if builds.build("release", ["faults_tests"]) != 0:
         return 1
-    return processes.run(["tests/sweep"])
+    return processes.run(["tools/sweep"])
 
 
 def look_for_unwritten_bytes(_):
     prepare("build", "test", "memory")
-    return processes.run(["tests/memory"])
+    return processes.run(["tools/memory"])
 
 
 def mutate(options):
     prepare("build", "test", "mutants")
-    return processes.run(["tests/mutate", "--mutants", options.count])
+    return processes.run(["tools/mutate", "--mutants", options.count])
 
 
 def fuzz(options):
@@ -163,7 +163,7 @@ def boot_routers(_):
 
 
 def build_targets(_):
-    return processes.run(["tests/targets"])
+    return processes.run(["tools/targets"])
 
 
 def main():
