@@ -3,7 +3,7 @@ cmake_minimum_required(VERSION 3.25)
 
 enable_testing()
 set(BONJOUR_PYTHON /usr/bin/python3 CACHE FILEPATH
-  "Python with pytest and dnspython, for the lab and the system tests")
+  "Python that looks at what benchmarks count")
 
 option(BONJOUR_TIDY_TESTS "clang-tidy looks at the tests too, which takes minutes" OFF)
 if(BONJOUR_TESTS OR BONJOUR_FUZZ)
@@ -22,17 +22,4 @@ endif()
 
 if(BONJOUR_LAB)
   add_subdirectory(lab)
-  include(tests/LabTests.cmake)
-  bonjour_add_lab_tests(system)
-  bonjour_add_lab_tests(hostile)
-  bonjour_add_lab_tests(faults)
-  bonjour_add_lab_tests(runner)
-  bonjour_add_lab_tests(style)
-  # A sanitizer's runtime needs more files and system calls than the daemon. How it is built by
-  # others has nothing to do with this build.
-  if(NOT BONJOUR_SANITIZE)
-    bonjour_add_lab_tests(package)
-    bonjour_add_lab_tests(stock_kernel)
-    bonjour_add_lab_tests(builds)
-  endif()
 endif()

@@ -1,9 +1,9 @@
-"""What the sweep of every call stands on: see tests/sweep, which is run by option."""
+"""What the sweep of every call stands on: see tools/sweep, which is run by option."""
 
 import pytest
 from lab.daemon import binary
-from sweeping.faults import unknown_calls
-from sweeping.walk import Fault, Walk, prepare
+from sweep.faults import unknown_calls
+from sweep.walk import Fault, Walk, prepare
 
 # A call of each thread whose failure the description has to follow.
 FAULTS = [

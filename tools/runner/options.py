@@ -21,6 +21,8 @@ GROUPS = (
 # These are about the release build or about the sources.
 RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style")
 PRESETS = ("release", "debug", "tsan", "clang")
+# What ctest runs; pytest runs the others.
+CTEST_GROUPS = ("unit", "fuzz", "bench")
 COVERAGE = "coverage"
 COVERAGE_GROUPS = ("unit", "system", "faults")
 # Runs of their own kind, each with what its argument counts and the most of it.
@@ -41,6 +43,16 @@ MOST_JOBS = 1000
 JOBS = 10 * (os.cpu_count() or 1)
 
 
+def folder(group):
+    """Where the tests of a group of pytest's are."""
+    return f"tests/{group}"
+
+
+def targets(groups):
+    """What has to be built for the tests of these groups."""
+    return sorted({f"{group if group in CTEST_GROUPS else 'lab'}_tests" for group in groups})
+
+
 class _Parser(argparse.ArgumentParser):
     def error(self, message):
         print(f"./test: {message}\n./test --help tells of the arguments", file=sys.stderr)
@@ -54,6 +66,7 @@ def _parser():
     parser.add_argument("--preset", action="append", default=[], dest="presets")
     parser.add_argument("--jobs", metavar="N")
     parser.add_argument("--list", action="store_true")
+    parser.add_argument("--kind", action="append", default=[], dest="kinds")
     for name, counted in LONG_RUNS.items():
         if counted:
             parser.add_argument(f"--{name}", metavar="N")
@@ -116,6 +129,8 @@ def parse(words):
         if counted:
             text = getattr(options, options.long_run)
             options.count = _number(parser, f"--{options.long_run}", text, *counted)
+    if options.kinds and options.long_run != "router":
+        parser.error("--kind goes with --router")
     _check_selection(parser, options)
     jobs = options.jobs
     if jobs is None:

@@ -26,14 +26,14 @@ import sys
 import tempfile
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.dont_write_bytecode = True
-for folder in ("", "tests", "tests/faults"):
+for folder in ("", "tests", "tests/faults", "tools"):
     sys.path.insert(0, str(ROOT / folder))
 
 from lab import Lab  # noqa: E402
-from sweeping.faults import all_faults  # noqa: E402
-from sweeping.walk import ERRORS, Unsuited, Walk, prepare  # noqa: E402
+from sweep.faults import all_faults  # noqa: E402
+from sweep.walk import ERRORS, Unsuited, Walk, prepare  # noqa: E402
 
 TARGETS = ("bonjour", "usblp_device", "fault_shim")
 # Ways without a fault, to learn which calls there are.

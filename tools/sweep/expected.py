@@ -12,7 +12,7 @@ import os
 import wire
 from board import THREAD_END
 from lab import packets
-from sweeping.printers import IPP_TYPE, PDL_TYPE, SERVICES, UNMODELLED
+from sweep.printers import IPP_TYPE, PDL_TYPE, SERVICES, UNMODELLED
 
 STATUS_FILE = "/proc/printer_status"
 DEVICE = f"/dev/usblp{UNMODELLED.port}"

@@ -11,9 +11,9 @@ from board import FIRST_DETACHED, SENDER, THREAD_END, Board, descriptors
 from lab import packets
 from lab.usage import usage
 from lab.waiting import PATIENCE, TimedOut
-from sweeping.expected import PACKETS_THAT_END_THE_PROBE, STDERR, STDOUT, Expectation, Question
-from sweeping.expected import Unexpected, questions
-from sweeping.printers import DEVICE_ID, LATER, MODELLED, UNMODELLED
+from sweep.expected import PACKETS_THAT_END_THE_PROBE, STDERR, STDOUT, Expectation, Question
+from sweep.expected import Unexpected, questions
+from sweep.printers import DEVICE_ID, LATER, MODELLED, UNMODELLED
 
 START, IN, ASK, CHANGE, STOP = "start", "printers in", "questions", "one out, one in", "stop"
 
