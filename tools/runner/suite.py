@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import xml.etree.ElementTree as ElementTree
@@ -63,7 +64,7 @@ def show_list(preset, groups, name):
         names += [line.partition(": ")[2] for line in shown if ": " in line and " Test " in line]
     if pytest:
         shown = _output(_pytest(preset, pytest, name, "--collect-only", "-qq", "--list-names"))
-        names += [line for line in shown if ": " in line]
+        names += [line for line in shown if re.match(r"\w+/\w+: ", line)]
     print(*names, sep="\n")
     return len(names)
 
