@@ -170,7 +170,7 @@ exec ./test unit
     assert status == 0
     inherited = output.partition("Testing release\n")[2].splitlines()
     # Standard input, output and error, and that of the directory.
-    assert inherited[:5] == ["0022", "0" * 16, "0" * 16, "4", "LC_ALL=C.UTF-8"]
+    assert inherited[:5] == ["0022", "0" * 16, "0" * 16, "4", "LC_ALL=C"]
 
 
 def test_run_needs_no_more_of_its_environment_than_path(start, stand_ins):

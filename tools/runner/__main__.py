@@ -14,6 +14,9 @@ import processes
 from suite import PYTHON, Suite, environment, show_list
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+# What clang looks at when other builds are tested; the tests themselves would be the release build's
+# again.
+CHECKED = ["bench_tests", "bonjour", "fuzz_tests"]
 FOLDERS = ("app", "base", "mdns", "records", "printer")
 
 
@@ -35,16 +38,10 @@ def prepare(*groups):
     need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
 
 
-def groups_in(preset, groups):
-    if preset == "release":
-        return list(groups)
-    return [group for group in groups if group not in command_line.RELEASE_GROUPS]
-
-
 def list_tests(options):
     """Names the tests; how far the builds are goes to standard error, apart from the names."""
     for preset in options.presets:
-        groups = groups_in(preset, options.groups or command_line.GROUPS)
+        groups = command_line.groups_of(preset, options.groups or command_line.GROUPS)
         # ctest knows a test once it is built.
         targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
         if targets and builds.build(preset, targets, sys.stderr) != 0:
@@ -58,13 +55,13 @@ def run_tests(options):
     start = time.monotonic()
     suite = Suite(options.jobs)
     groups = {
-        preset: groups_in(preset, options.groups or command_line.GROUPS)
+        preset: command_line.groups_of(preset, options.groups or command_line.GROUPS)
         for preset in options.presets
     }
     targets = {preset: command_line.targets(groups[preset]) for preset in options.presets}
-    # The build clang is the checks that its compiler made; its tests would be the release build's
-    # again.
     tested = [preset for preset in options.presets if preset != "clang"] or options.presets
+    if "clang" not in tested and "clang" in targets:
+        targets["clang"] = CHECKED
     for preset in builds.Builds(targets):
         if preset in tested:
             suite.run(preset, groups[preset], options.name)

@@ -23,4 +23,4 @@ def settle():
     for name in list(os.environ):
         if name.startswith(("LC_", "LANG")):
             del os.environ[name]
-    os.environ["LC_ALL"] = "C.UTF-8"
+    os.environ["LC_ALL"] = "C"

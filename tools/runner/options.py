@@ -20,6 +20,8 @@ GROUPS = (
 )
 # These are about the release build or about the sources.
 RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style")
+# No thread takes part in what is fuzzed.
+NOT_OF_TSAN = ("fuzz",)
 PRESETS = ("release", "debug", "tsan", "clang")
 # What ctest runs; pytest runs the others.
 CTEST_GROUPS = ("unit", "fuzz", "bench")
@@ -41,6 +43,12 @@ LONG_RUNS = {
 MOST_JOBS = 1000
 # System tests mostly wait for the daemon's own sleeps.
 JOBS = 10 * (os.cpu_count() or 1)
+
+
+def groups_of(preset, groups):
+    """Those of these groups that have tests of the preset."""
+    without = {"release": (), "tsan": RELEASE_GROUPS + NOT_OF_TSAN}.get(preset, RELEASE_GROUPS)
+    return [group for group in groups if group not in without]
 
 
 def folder(group):
@@ -102,9 +110,9 @@ def _check_selection(parser, options):
             re.compile(options.name)
         except re.error as error:
             parser.error(f"--name {options.name!r} is no regular expression: {error}")
-    others = [preset for preset in options.presets if preset != "release"]
-    if others and options.groups and set(options.groups) <= set(RELEASE_GROUPS):
-        parser.error(f"the group {options.groups[0]} is none of the preset {others[0]}")
+    for preset in options.presets:
+        if options.groups and not groups_of(preset, options.groups):
+            parser.error(f"the group {options.groups[0]} is none of the preset {preset}")
 
 
 def _number(parser, name, text, counted, most):
