@@ -1,17 +1,16 @@
 """Labs for the standard responder: one for a whole file of questions, or one for a test alone."""
 
-import pathlib
 import re
 
 import pytest
-from lab.dual import FAMILIES, DualLab
+from lab.dual import FAMILIES, DualLab, program
 from lab.capture import MDNS_PORT
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-FAILURES = ROOT / "build/lab-failures"
+# Beside the daemon, as the captures of other tests in the lab: tshark looks at all of them.
+BUILD = program().parent
 
 
-def _finish(lab):
+def _finish(lab, name):
     """What holds for everything that was ever sent, and for the daemon's end."""
     for packet in lab.sent():
         assert packet.ttl == 255, f"RFC 6762, section 11: {packet}"
@@ -19,7 +18,9 @@ def _finish(lab):
     for router in lab.routers:
         if router.daemon is not None and router.daemon.running:
             router.stop()
-    lab.check_packets()
+    captures = BUILD / "lab-captures"
+    captures.mkdir(parents=True, exist_ok=True)
+    lab.check_packets(captures / f"{name}.pcap")
 
 
 def _serve(lab, request):
@@ -28,12 +29,12 @@ def _serve(lab, request):
     try:
         yield lab
         if request.session.testsfailed == failures:
-            _finish(lab)
+            _finish(lab, name)
             return
     finally:
         if request.session.testsfailed != failures:
-            lab.keep(FAILURES / name)
-    print(f"packets and log are kept in {FAILURES / name}")
+            lab.keep(BUILD / "lab-failures" / name)
+    print(f"packets and log are kept in {BUILD / "lab-failures" / name}")
 
 
 @pytest.fixture(scope="module")
@@ -57,5 +58,3 @@ def dual(request):
 @pytest.fixture(params=FAMILIES)
 def family(request):
     return request.param
-
-

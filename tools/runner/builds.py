@@ -5,8 +5,7 @@ import sys
 import threading
 
 import processes
-
-PYTHON = "/usr/bin/python3"
+from suite import PYTHON
 
 
 def build(preset, targets=(), output=None, background=False):

@@ -30,8 +30,11 @@ _ENVIRONMENT = {
     "CTEST_OUTPUT_ON_FAILURE": "1",
 }
 _BUILD_SECONDS = 900
-_LAB = "^(system|faults)$"
-_FAILED = re.compile(r"tests FAILED:\n\s*\d+ - (.*) \(.*\)\n")
+_PYTEST = ["/usr/bin/python3", "-B", "-m", "pytest", "-x", "-q", "-p", "no:cacheprovider"]
+_LAB = ["tests/system", "tests/faults"]
+_FAILED = re.compile(
+    r"tests FAILED:\n\s*\d+ - (.*) \(.*\)\n|^(?:FAILED|ERROR) (\S.*?)(?: - .*)?$", re.MULTILINE
+)
 
 
 class Failure(Exception):
@@ -62,15 +65,16 @@ def end_all():
         _end_group(process)
 
 
-def _run(command, bound):
+def _run(command, bound, **options):
     """The exit status, None beyond `bound` seconds, and what it printed."""
     process = subprocess.Popen(
         command,
         stdin=subprocess.DEVNULL,
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
-        env=_ENVIRONMENT,
+        env={**_ENVIRONMENT, **options.pop("environment", {})},
         start_new_session=True,
+        **options,
     )
     _running.add(process)
     try:
@@ -91,8 +95,8 @@ class Build:
         self._directory = directory
         self._options = options
 
-    def _run(self, cpu, bound, *command):
-        return _run([*_LIMITS, f"--cpu={cpu}", "--", *command], bound)
+    def _run(self, cpu, bound, *command, **options):
+        return _run([*_LIMITS, f"--cpu={cpu}", "--", *command], bound, **options)
 
     def make(self, *targets):
         """Whether it could be built."""
@@ -108,15 +112,32 @@ class Build:
     def test(self, cpu, bound, *selection):
         """What failed: None when nothing did, else the name of a test."""
         ctest = ["ctest", "--test-dir", self._directory, "--stop-on-failure", "--no-tests=error"]
-        status, self.output = self._run(cpu, bound, *ctest, *selection)
+        return self._judge(bound, *self._run(cpu, bound, *ctest, *selection))
+
+    def test_in_lab(self, bound, parallel):
+        """The same of the tests in the lab, so many at a time."""
+        environment = {
+            "BONJOUR": str(self._directory / "bonjour"),
+            "BONJOUR_USBLP_DEVICE": str(self._directory / "lab/usblp_device"),
+        }
+        for chosen in (["-m", "not alone", "-n", parallel], ["-m", "alone"]):
+            command = [*_PYTEST, *chosen, *_LAB]
+            how = {"cwd": self._source, "environment": environment}
+            failed = self._judge(bound, *self._run(_LAB_CPU, bound, *command, **how))
+            if failed:
+                return failed
+        return None
+
+    def _judge(self, bound, status, output):
+        self.output = output
         if status == 0:
             return None
         if status is None:
             return f"no end within {bound:.0f} s"
-        failed = _FAILED.search(self.output)
+        failed = _FAILED.search(output)
         if not failed:
-            raise Failure(f"the tests can't be run: {self.output}")
-        return failed[1]
+            raise Failure(f"the tests can't be run: {output}")
+        return failed[1] or failed[2]
 
     def objects(self):
         """The compiled form of each source file of the daemon."""
@@ -176,7 +197,7 @@ class Scratch:
         """The tests in the lab pass without a mutant. How long they may take with one."""
         self._make_all(self._plain)
         start = time.monotonic()
-        self._check(self._plain.test(_LAB_CPU, 1800, "-L", _LAB, "-j", self._parallel))
+        self._check(self._plain.test_in_lab(1800, self._parallel))
         return 60 + 3 * (time.monotonic() - start)
 
     @contextlib.contextmanager
@@ -201,7 +222,7 @@ class Scratch:
         """The test of these modules that fails, or None."""
         if not build.make(*[f"{module.replace('/', '_')}_test" for module in modules]):
             return "the build of its test"
-        selection = f"^({'|'.join(modules)}) "
+        selection = f"^({'|'.join(modules)}):"
         return build.test(_UNIT_CPU, self._unit_bound, *_UNITS, "-R", selection)
 
     def _test_others(self, modules):
@@ -251,7 +272,5 @@ class Scratch:
         with self.mutated(mutant):
             if not self._plain.make():
                 return "killed", "the build of the tests"
-            noticed = self._plain.test(
-                _LAB_CPU, self.lab_bound, "-L", _LAB, "-j", self._parallel
-            )
+            noticed = self._plain.test_in_lab(self.lab_bound, self._parallel)
             return ("killed", noticed) if noticed else ("survived", "")

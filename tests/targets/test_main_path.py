@@ -1,5 +1,5 @@
 """The builds for devices go through the daemon's main job in the lab, unmodified; those for another
-CPU under qemu-user. Run by tests/targets, which makes the builds."""
+CPU under qemu-user. Run by tools/targets, which makes the builds."""
 
 import pathlib
 import re

@@ -8,12 +8,15 @@ import sys
 import time
 
 import builds
+import inherited
 import options as command_line
 import processes
-from builds import PYTHON
-from suite import Suite, listed
+from suite import PYTHON, Suite, environment, show_list
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+# What clang looks at when other builds are tested; the tests themselves would be the release build's
+# again.
+CHECKED = ["bench_tests", "bonjour", "fuzz_tests"]
 FOLDERS = ("app", "base", "mdns", "records", "printer")
 
 
@@ -35,66 +38,46 @@ def prepare(*groups):
     need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
 
 
-def selection(options):
-    """The arguments of ctest that choose the tests."""
-    chosen = []
-    if options.groups:
-        chosen += ["--label-regex", f"^({'|'.join(options.groups)})$"]
-    if options.name is not None:
-        chosen += ["--tests-regex", options.name]
-    return chosen
-
-
-def uses_pytest(options):
-    return not options.groups or not set(options.groups) <= {"unit", "fuzz"}
-
-
-def groups_in(preset, groups):
-    if preset == "release":
-        return list(groups)
-    return [group for group in groups if group not in command_line.RELEASE_GROUPS]
-
-
-def show_list(options):
+def list_tests(options):
     """Names the tests; how far the builds are goes to standard error, apart from the names."""
     for preset in options.presets:
-        groups = groups_in(preset, options.groups or command_line.GROUPS)
-        if builds.build(preset, [f"{group}_list" for group in groups], sys.stderr) != 0:
+        groups = command_line.groups_of(preset, options.groups or command_line.GROUPS)
+        # ctest knows a test once it is built.
+        targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
+        if targets and builds.build(preset, targets, sys.stderr) != 0:
             return 1
-        names = listed(preset, selection(options))
-        if not names:
+        if not show_list(preset, groups, options.name):
             sys.exit(f"./test: no test of {preset} is meant")
-        print("\n".join(names))
     return 0
 
 
 def run_tests(options):
     start = time.monotonic()
     suite = Suite(options.jobs)
-    targets = {
-        preset: [f"{group}_tests" for group in groups_in(preset, options.groups)]
+    groups = {
+        preset: command_line.groups_of(preset, options.groups or command_line.GROUPS)
         for preset in options.presets
     }
-    # The build clang is the checks that its compiler made; its tests would be the release build's
-    # again.
+    targets = {preset: command_line.targets(groups[preset]) for preset in options.presets}
     tested = [preset for preset in options.presets if preset != "clang"] or options.presets
+    if "clang" not in tested and "clang" in targets:
+        targets["clang"] = CHECKED
     for preset in builds.Builds(targets):
         if preset in tested:
-            suite.run(preset, selection(options), uses_pytest(options))
-    status = suite.report()
-    print(f"Total time {time.monotonic() - start:.0f} s")
-    return status
+            suite.run(preset, groups[preset], options.name)
+    print(f"\nTotal time {time.monotonic() - start:.0f} s")
+    return suite.report()
 
 
 def cover(options):
     suite = Suite(options.jobs)
     (directory,) = options.presets
-    if builds.build(directory, [f"{group}_tests" for group in options.groups]) != 0:
+    if builds.build(directory, command_line.targets(options.groups)) != 0:
         return 1
     # Nothing that ran before counts.
     for counts in pathlib.Path("build", directory).rglob("*.gcda"):
         counts.unlink()
-    suite.run(directory, selection(options), uses_pytest(options))
+    suite.run(directory, options.groups)
     if suite.report() != 0:
         return 1
     report = pathlib.Path("build", directory, "report")
@@ -116,16 +99,11 @@ def hostile(file, **own):
     """Runs the tests of a file of the group hostile, with these variables, for as long as it
     takes."""
     prepare("build", "test")
-    if builds.build("release", ["hostile_tests"]) != 0:
+    if builds.build("release", ["lab_tests"]) != 0:
         return 1
-    environment = {
-        **os.environ,
-        "PYTHONPATH": str(ROOT),
-        "PYTHONDONTWRITEBYTECODE": "1",
-        **{name: str(value) for name, value in own.items()},
-    }
     pytest = [PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider"]
-    return processes.run([*pytest, f"tests/hostile/{file}"], env=environment)
+    own = {name: str(value) for name, value in own.items()}
+    return processes.run([*pytest, f"tests/hostile/{file}"], env={**environment(), **own})
 
 
 def soak(options):
@@ -138,19 +116,19 @@ def stop(options):
 
 def sweep(_):
     prepare("build", "test")
-    if builds.build("release", ["faults_tests"]) != 0:
+    if builds.build("release", ["lab_tests"]) != 0:
         return 1
-    return processes.run(["tests/sweep"])
+    return processes.run([PYTHON, "tools/sweep"])
 
 
 def look_for_unwritten_bytes(_):
     prepare("build", "test", "memory")
-    return processes.run(["tests/memory"])
+    return processes.run(["tools/memory"])
 
 
 def mutate(options):
     prepare("build", "test", "mutants")
-    return processes.run(["tests/mutate", "--mutants", options.count])
+    return processes.run([PYTHON, "tools/mutate", "--mutants", options.count])
 
 
 def fuzz(options):
@@ -158,18 +136,21 @@ def fuzz(options):
     return processes.run(["fuzz/run", options.count])
 
 
-def boot_routers(_):
-    return processes.run(["tests/router/run"])
+def boot_routers(options):
+    kinds = [word for kind in options.kinds for word in ("--kind", kind)]
+    return processes.run(["tests/router/run", *kinds])
 
 
 def build_targets(_):
-    return processes.run(["tests/targets"])
+    return processes.run(["tools/targets"])
 
 
 def main():
     options = command_line.parse(sys.argv[1:])
+    inherited.settle()
     for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda number, _: sys.exit(128 + number))
+        if signal.getsignal(number) == signal.SIG_DFL:
+            signal.signal(number, lambda number, _: sys.exit(128 + number))
     # What is left over by tools and tests goes with it.
     temporary = processes.temporary_directory()
     os.chdir(ROOT)
@@ -191,7 +172,7 @@ def main():
             return cover(options)
         if options.list:
             install("build", "test")
-            return show_list(options)
+            return list_tests(options)
         prepare("build", "test")
         return run_tests(options)
     except KeyboardInterrupt:

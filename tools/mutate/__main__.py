@@ -21,12 +21,12 @@ import sys
 import threading
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(ROOT / "tests"))
+sys.path.insert(0, str(ROOT / "tools"))
 
-from mutation.mutants import mutants_of  # noqa: E402
-from mutation.scratch import Failure, Scratch, end_all  # noqa: E402
+from mutate.mutants import mutants_of  # noqa: E402
+from mutate.scratch import Failure, Scratch, end_all  # noqa: E402
 
 FOLDERS = ("app", "base", "mdns", "records", "printer")
 SCRATCH = ROOT / "build/mutate"

@@ -10,6 +10,7 @@ GROUPS = (
     "system",
     "faults",
     "hostile",
+    "standard_link",
     "fuzz",
     "package",
     "stock_kernel",
@@ -20,7 +21,11 @@ GROUPS = (
 )
 # These are about the release build or about the sources.
 RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style")
+# No thread takes part in what is fuzzed.
+NOT_OF_TSAN = ("fuzz",)
 PRESETS = ("release", "debug", "tsan", "clang")
+# What ctest runs; pytest runs the others.
+CTEST_GROUPS = ("unit", "fuzz", "bench")
 COVERAGE = "coverage"
 COVERAGE_GROUPS = ("unit", "system", "faults")
 # Runs of their own kind, each with what its argument counts and the most of it.
@@ -41,6 +46,22 @@ MOST_JOBS = 1000
 JOBS = 10 * (os.cpu_count() or 1)
 
 
+def groups_of(preset, groups):
+    """Those of these groups that have tests of the preset."""
+    without = {"release": (), "tsan": RELEASE_GROUPS + NOT_OF_TSAN}.get(preset, RELEASE_GROUPS)
+    return [group for group in groups if group not in without]
+
+
+def folder(group):
+    """Where the tests of a group of pytest's are."""
+    return f"tests/{group}"
+
+
+def targets(groups):
+    """What has to be built for the tests of these groups."""
+    return sorted({f"{group if group in CTEST_GROUPS else 'lab'}_tests" for group in groups})
+
+
 class _Parser(argparse.ArgumentParser):
     def error(self, message):
         print(f"./test: {message}\n./test --help tells of the arguments", file=sys.stderr)
@@ -54,6 +75,7 @@ def _parser():
     parser.add_argument("--preset", action="append", default=[], dest="presets")
     parser.add_argument("--jobs", metavar="N")
     parser.add_argument("--list", action="store_true")
+    parser.add_argument("--kind", action="append", default=[], dest="kinds")
     for name, counted in LONG_RUNS.items():
         if counted:
             parser.add_argument(f"--{name}", metavar="N")
@@ -89,9 +111,9 @@ def _check_selection(parser, options):
             re.compile(options.name)
         except re.error as error:
             parser.error(f"--name {options.name!r} is no regular expression: {error}")
-    others = [preset for preset in options.presets if preset != "release"]
-    if others and options.groups and set(options.groups) <= set(RELEASE_GROUPS):
-        parser.error(f"the group {options.groups[0]} is none of the preset {others[0]}")
+    for preset in options.presets:
+        if options.groups and not groups_of(preset, options.groups):
+            parser.error(f"the group {options.groups[0]} is none of the preset {preset}")
 
 
 def _number(parser, name, text, counted, most):
@@ -116,6 +138,8 @@ def parse(words):
         if counted:
             text = getattr(options, options.long_run)
             options.count = _number(parser, f"--{options.long_run}", text, *counted)
+    if options.kinds and options.long_run != "router":
+        parser.error("--kind goes with --router")
     _check_selection(parser, options)
     jobs = options.jobs
     if jobs is None:

@@ -3,7 +3,7 @@
 import itertools
 import subprocess
 
-from sweeping.walk import ERRORS, Fault
+from sweep.walk import ERRORS, Fault
 
 # A thread that makes the same call again and again is polling: so many of these are swept. The
 # longest series that is none are the datagrams that end the probe.
