@@ -34,7 +34,7 @@ def _serve(lab, request):
     finally:
         if request.session.testsfailed != failures:
             lab.keep(BUILD / "lab-failures" / name)
-    print(f"packets and log are kept in {BUILD / "lab-failures" / name}")
+    print("packets and log are kept in", BUILD / "lab-failures" / name)
 
 
 @pytest.fixture(scope="module")
