@@ -37,7 +37,7 @@ constexpr size_t kLinkAddressesMax = 16;
 struct LinkState {
   bool isUp;                                 ///< it exists, is up and has a carrier
   uint16_t mtu;                              ///< bytes of an IP packet
-  uint8_t mac[kHardwareAddressSize];                    ///< hardware address
+  uint8_t mac[kHardwareAddressSize];         ///< hardware address
   uint8_t addressCount;                      ///< entries of `addresses` in use
   LinkAddress addresses[kLinkAddressesMax];  ///< usable ones only: no tentative or failed address
 };

@@ -18,28 +18,9 @@
 #include <string_view>
 
 #include "standard/address.h"
+#include "standard/clock.h"
+#include "standard/datagram.h"
 #include "standard/state.h"
-
-/// The largest datagram that is read or written: RFC 6762, section 17, less the headers.
-constexpr size_t kDatagramMax = 9000 - 40 - 8;
-
-/// What NextTurn returns when nothing is due.
-constexpr int64_t kNever = INT64_MAX;
-
-/// A received datagram. The bytes are the caller's and looked at during the call alone.
-struct ReceivedDatagram {
-  const uint8_t* bytes;
-  size_t length;
-  Endpoint source;
-  bool isMulticast;  ///< sent to the group, not to an address of this host
-};
-
-/// A datagram to send from port 5353, with hop limit 255 (RFC 6762, section 11).
-struct OutgoingDatagram {
-  Endpoint destination;  ///< the group of its family, or a host of the link
-  size_t length;
-  uint8_t bytes[kDatagramMax];
-};
 
 /// Begins with no link and no service. `hostName` is the name without domain, at most 63 bytes;
 /// `randomSeed` is different on every host and at every start.
