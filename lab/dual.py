@@ -4,7 +4,9 @@ import contextlib
 import pathlib
 import socket
 import struct
+import time
 
+import dns.name
 import dns.rdatatype
 from lab import Lab, packets
 from lab.capture import MDNS_PORT
@@ -28,7 +30,8 @@ UNICAST = {"ipv4": IPV4, "ipv6": GLOBAL}
 
 IN = 1
 ANY = 255
-FLUSH = QU = 0x8000
+FLUSH = 0x8000
+QU = IN | FLUSH
 RESPONSE = 0x8400
 TRUNCATED = 0x0200
 
@@ -92,6 +95,10 @@ def a(address):
 
 def aaaa(address):
     return socket.inet_pton(socket.AF_INET6, address)
+
+
+def _text_of(owner):
+    return b".".join(label for label in owner.labels if label).decode(errors="backslashreplace")
 
 
 def family_of(packet):
@@ -229,7 +236,7 @@ class DualLab(Lab):
 
     def ask(self, payload, family, asker=None, port=MDNS_PORT, to=None, bound=10.0):
         """Sends a question and gives the response to its first record, as a Packet."""
-        wanted = packets.parse(payload).questions[0].name.lower()
+        wanted = _text_of(dns.name.from_wire(payload, 12)[0]).lower()
         since = self.capture.mark()
         (asker or self.asker).send(payload, family, port, to)
 
@@ -239,6 +246,19 @@ class DualLab(Lab):
             )
 
         return self.wait(answers, since, family, bound=bound)[0]
+
+    def rest(self, family, *owners):
+        """Waits until everything of these names may be multicast again (RFC 6762, section 6)."""
+        last = max(
+            (
+                packet.time
+                for packet in self.heard(0, family, is_multicast)
+                if not packet.is_query
+                and any(one.name in owners for one in records_of(packet))
+            ),
+            default=0,
+        )
+        time.sleep(max(0.0, last + 1.01 - time.time()))
 
     def hears_nothing(self, payloads, family, port=0, to=None):
         """Sends each, then a question of the same kind that is answered, and returns what came

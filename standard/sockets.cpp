@@ -34,12 +34,12 @@ bool BindToPort(int socket, Family family) {
   if (family == Family::kIpv4) {
     sockaddr_in any{};
     any.sin_family = AF_INET;
-    any.sin_port = htons(kMulticastDnsPort);
+    any.sin_port = htons(kMdnsPort);
     return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
   }
   sockaddr_in6 any{};
   any.sin6_family = AF_INET6;
-  any.sin6_port = htons(kMulticastDnsPort);
+  any.sin6_port = htons(kMdnsPort);
   return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
 }
 

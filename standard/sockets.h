@@ -8,9 +8,6 @@
 #include "standard/address.h"
 #include "standard/core.h"
 
-/// Multicast DNS port (RFC 6762, section 3).
-constexpr uint16_t kMulticastDnsPort = 5353;
-
 /// The sockets of one link; -1 stands for none.
 struct Sockets {
   int descriptors[kFamilies] = {-1, -1};

@@ -45,7 +45,7 @@ def test_flood_leaves_memory_flat_and_the_link_in_peace(dual):
         for question, port in (
             (query(HOST, "A"), 5353),
             (query(BROWSE, "PTR"), 5353),
-            (query(HOST, "AAAA", 1 | QU), 5353),
+            (query(HOST, "AAAA", QU), 5353),
             (query(HOST, "A", ident=1), 0),
             (query(BROWSE, "PTR", ident=1), 0),
         )
@@ -83,5 +83,5 @@ def test_printer_that_does_not_answer_holds_nothing_up(dual):
     dual.router.connect_device(0, "MODEL:X;", delay=5)
     dual.router.plug_in(0, model="")
     daemon.wait_for_line("[Bonjour] device insert lp0")
-    packet = dual.ask(query(HOST, "A", 1 | QU), "ipv4", bound=1)
+    packet = dual.ask(query(HOST, "A", QU), "ipv4", bound=1)
     assert {one.data for one in packet.message.answers} == {IPV4}
