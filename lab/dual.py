@@ -42,14 +42,19 @@ def program():
     return beside if beside.exists() else binary()
 
 
-def enable_ipv6(network, interface, *addresses):
-    """Lets the network have IPv6, without waiting for others that use the same address."""
+def set_ipv6(network, interface, is_on):
+    """Switches the network's IPv6 on, without waiting for others that use the same address, or off."""
     with network.entered():
-        for name, value in (("accept_dad", "0"), ("disable_ipv6", "0")):
+        for name, value in (("accept_dad", "0"), ("disable_ipv6", "0" if is_on else "1")):
             for scope in ("all", "default", interface):
                 path = pathlib.Path(f"/proc/sys/net/ipv6/conf/{scope}/{name}")
                 with contextlib.suppress(FileNotFoundError):
                     path.write_text(value)
+
+
+def enable_ipv6(network, interface, *addresses):
+    """Lets the network have IPv6 and the interface these addresses of it."""
+    set_ipv6(network, interface, True)
     for address in addresses:
         network.ip(f"addr add {address} dev {interface} nodad")
 
