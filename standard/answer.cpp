@@ -30,7 +30,7 @@ struct Answers {
 };
 
 void ReadRecords(const Core& core, Query& query) {
-  MessageReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
+  WireReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
   ReceivedRecord record;
   while (ReadRecord(reader, record)) {
     if (record.section == Section::kAdditional) return;
@@ -111,7 +111,7 @@ void AddAnswers(const Core& core, const Query& query, const RecordSet& records, 
 
 Answers AnswersToAll(const Core& core, const Query& query, int64_t now) {
   Answers answers = {};
-  MessageReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
+  WireReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
   Question question;
   while (ReadQuestion(reader, question)) {
     if (!IsClassAsked(question.classBits)) continue;
@@ -205,7 +205,7 @@ void AddKnownAnswers(Core& core, const Query& query, int64_t now) {
 
 // Takes the questions along that the reply repeats, as many as there is room for.
 void CopyQuestions(const Query& query, LegacyReply& reply) {
-  MessageReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
+  WireReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
   Question question;
   reply.questionCount = 0;
   while (reply.questionCount < kLegacyQuestionsMax && ReadQuestion(reader, question)) {
@@ -216,10 +216,11 @@ void CopyQuestions(const Query& query, LegacyReply& reply) {
 
 void ReplyToLegacy(Core& core, const Query& query, const Answers& answers) {
   LegacyReply& reply = core.legacy;
+  if (reply.isUsed || !query.canBeUnicast || query.datagram->source.port == 0) return;
   reply.records = answers.multicast;
   reply.records.AddAll(answers.unicast);
   reply.records.AddAll(answers.defence);
-  if (!query.canBeUnicast || query.datagram->source.port == 0 || reply.records.IsEmpty()) return;
+  if (reply.records.IsEmpty()) return;
   CompleteSets(core, reply.records);
   CopyQuestions(query, reply);
   reply.isUsed = true;

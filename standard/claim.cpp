@@ -19,6 +19,12 @@ bool HasName(const Claim& claim) {
   return claim.step == ClaimStep::kAnnouncing || claim.step == ClaimStep::kSettled;
 }
 
+// From the beginning of the random delay until the name is held.
+bool IsUnderWay(const Claim& claim) {
+  return claim.step == ClaimStep::kWaiting || claim.step == ClaimStep::kDeferring ||
+         claim.step == ClaimStep::kProbing;
+}
+
 void GoTo(Claim& claim, ClaimStep step, int64_t due) {
   claim.step = step;
   claim.due = due;
@@ -320,7 +326,7 @@ bool LosesAgainst(const Core& core, NameId name, const uint8_t* message, size_t 
   if (!DescribeName(core, name, own)) return false;
   Proposed theirs;
   theirs.isThere = false;
-  MessageReader reader = ReadMessage(message, length);
+  WireReader reader = ReadMessage(message, length);
   ReceivedRecord received;
   while (ReadRecord(reader, received)) {
     if (received.section != Section::kAuthority || !AreNamesEqual(received.name, own)) continue;
@@ -399,6 +405,7 @@ void StopClaims(Core& core) {
 
 void HandleConflict(Core& core, size_t index, int64_t now) {
   Claim& claim = core.claims[index];
+  if (claim.heldOn == 0 && !IsUnderWay(claim)) return;
   if (claim.heldOn != 0) {
     // RFC 6762, section 9: it is verified first; whoever answers the probes keeps the name.
     claim.heldOn = 0;
@@ -415,8 +422,7 @@ bool IsProbed(const Core& core, NameId name, Family family) {
   const Claim& claim = core.claims[ClaimOfName(name)];
   const bool isPublished = name == kHostName || ServiceAt(core, name - kServiceNames).isPublished;
   if (isPublished && (claim.heldOn & 1U << static_cast<unsigned>(family)) != 0) return false;
-  return claim.step == ClaimStep::kWaiting || claim.step == ClaimStep::kDeferring ||
-         claim.step == ClaimStep::kProbing;
+  return IsUnderWay(claim);
 }
 
 void HandleRivalProbe(Core& core, NameId name, const uint8_t* message, size_t length, int64_t now) {

@@ -47,7 +47,8 @@ void EndAllClaims(Core& core);
 /// Claims nothing any more; what is held stays so for its goodbyes.
 void StopClaims(Core& core);
 
-/// Another host has a record of the claim's name that is not this host's.
+/// Another host has a record of the claim's name that is not this host's: what is held is probed
+/// for again, what is probed for is given up. Nothing happens where neither is so.
 void HandleConflict(Core& core, size_t claim, int64_t now);
 
 /// True while a name that is claimed is probed for on `family` and not yet held there, so that any

@@ -61,7 +61,7 @@ void NoteMulticast(Core& core, Family family, RecordId id, int64_t now) {
   }
 }
 
-bool WriteStyled(MessageWriter& writer, const Core& core, Section section, RecordId id,
+bool WriteStyled(WireWriter& writer, const Core& core, Section section, RecordId id,
                  const Style& style) {
   Record record;
   if (!DescribeRecord(core, id, record)) return true;
@@ -72,7 +72,7 @@ bool WriteStyled(MessageWriter& writer, const Core& core, Section section, Recor
 }
 
 // A first record that is larger than a packet goes out alone (RFC 6762, section 17).
-bool WriteAnswer(MessageWriter& writer, const Core& core, RecordId id, const Style& style) {
+bool WriteAnswer(WireWriter& writer, const Core& core, RecordId id, const Style& style) {
   if (WriteStyled(writer, core, Section::kAnswer, id, style)) return true;
   if (writer.counts[static_cast<size_t>(Section::kAnswer)] != 0) return false;
   const size_t room = writer.capacity;
@@ -83,7 +83,7 @@ bool WriteAnswer(MessageWriter& writer, const Core& core, RecordId id, const Sty
 }
 
 // Writes as many of the records as fit, takes them out of the set and returns them.
-RecordSet WriteAnswers(MessageWriter& writer, const Core& core, RecordSet& records,
+RecordSet WriteAnswers(WireWriter& writer, const Core& core, RecordSet& records,
                        const Style& style) {
   RecordSet written = {};
   for (RecordId id = records.Next(0); id < kRecordsMax; id = records.Next(id + 1)) {
@@ -100,9 +100,9 @@ bool AreOneSet(const Core& core, RecordId a, RecordId b) {
          TypeOfRecord(core, a) == TypeOfRecord(core, b);
 }
 
-bool WriteSet(MessageWriter& writer, const Core& core, RecordId first, const RecordSet& records,
+bool WriteSet(WireWriter& writer, const Core& core, RecordId first, const RecordSet& records,
               const Style& style, RecordSet& written) {
-  const MessageWriter before = writer;
+  const WireWriter before = writer;
   RecordSet set = {};
   for (RecordId id = first; id < kRecordsMax; id = records.Next(id + 1)) {
     if (id != first && !AreOneSet(core, first, id)) continue;
@@ -117,7 +117,7 @@ bool WriteSet(MessageWriter& writer, const Core& core, RecordId first, const Rec
 }
 
 // Writes as many of the records as still fit into the packet and returns them.
-RecordSet WriteAdditionals(MessageWriter& writer, const Core& core, const RecordSet& records,
+RecordSet WriteAdditionals(WireWriter& writer, const Core& core, const RecordSet& records,
                            const Style& style) {
   RecordSet written = {};
   RecordSet tried = {};
@@ -159,7 +159,7 @@ void NoteAllMulticast(Core& core, Family family, const RecordSet& records, int64
 
 bool TakeGoodbyes(Core& core, Family family, OutgoingDatagram& out) {
   RecordSet& records = core.outbox[static_cast<size_t>(family)].goodbyes;
-  MessageWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
+  WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
   WriteAnswers(writer, core, records, {true, false});
   out.length = FinishMessage(writer, 0, kFlagsOfResponse);
   return writer.counts[static_cast<size_t>(Section::kAnswer)] != 0;
@@ -168,7 +168,7 @@ bool TakeGoodbyes(Core& core, Family family, OutgoingDatagram& out) {
 bool TakeAnswers(Core& core, Family family, int64_t now, OutgoingDatagram& out) {
   RecordSet& records = core.outbox[static_cast<size_t>(family)].answers;
   const Style style = {false, false};
-  MessageWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
+  WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
   const RecordSet answers = WriteAnswers(writer, core, records, style);
   NoteAllMulticast(core, family, answers, now);
   RecordSet additionals = AdditionalsFor(core, family, answers);
@@ -179,7 +179,7 @@ bool TakeAnswers(Core& core, Family family, int64_t now, OutgoingDatagram& out) 
   return writer.counts[static_cast<size_t>(Section::kAnswer)] != 0;
 }
 
-bool WriteProposals(MessageWriter& writer, const Core& core, NameId name) {
+bool WriteProposals(WireWriter& writer, const Core& core, NameId name) {
   const RecordSet records = RecordsOfName(core, name);
   for (RecordId id = records.Next(0); id < kRecordsMax; id = records.Next(id + 1)) {
     Record record;
@@ -191,7 +191,7 @@ bool WriteProposals(MessageWriter& writer, const Core& core, NameId name) {
 
 // Writes a probe for the first `count` names of the set (RFC 6762, section 8.1): a question for
 // each, then the records that are proposed for all of them.
-bool WriteProbe(MessageWriter& writer, const Core& core, const NameSet& names, size_t count) {
+bool WriteProbe(WireWriter& writer, const Core& core, const NameSet& names, size_t count) {
   size_t written = 0;
   for (NameId id = names.Next(0); id < kNamesMax && written < count; id = names.Next(id + 1)) {
     Name name;
@@ -229,12 +229,12 @@ bool TakeProbe(Core& core, Family family, OutgoingDatagram& out) {
   const size_t count = CountOf(names);
   size_t fitting = 0;
   while (fitting < count) {
-    MessageWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
+    WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
     if (!WriteProbe(writer, core, names, fitting + 1)) break;
     ++fitting;
   }
   const size_t taken = fitting != 0 ? fitting : 1;
-  MessageWriter writer =
+  WireWriter writer =
       WriteMessage(out.bytes, fitting != 0 ? MessageRoom(core) : kDatagramMax, true);
   WriteProbe(writer, core, names, taken);
   out.length = FinishMessage(writer, 0, 0);
@@ -295,7 +295,7 @@ bool TakeReply(Core& core, Reply& reply, int64_t now, OutgoingDatagram& out) {
     return false;
   }
   const Style style = {false, false};
-  MessageWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
+  WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
   const RecordSet answers = WriteAnswers(writer, core, reply.unicast, style);
   RecordSet additionals = AdditionalsFor(core, family, answers);
   additionals.RemoveAll(reply.unicast);
@@ -322,7 +322,7 @@ bool TakeLegacy(Core& core, int64_t now, OutgoingDatagram& out) {
   const Family family = reply.asker.address.family;
   if (!CanSend(core, family) || !SpendUnicast(core, reply.asker.address, now)) return false;
   const Style style = {false, true};
-  MessageWriter writer = WriteMessage(out.bytes, MessageRoom(core), false);
+  WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), false);
   for (size_t i = 0; i < reply.questionCount; ++i) {
     const Question& question = reply.questions[i];
     if (!WriteQuestion(writer, question.name, question.type, question.classBits)) break;

@@ -64,7 +64,7 @@ void JudgeRecord(const Core& core, const ReceivedRecord& record, Family family, 
 void HandleResponse(Core& core, const ReceivedDatagram& response, bool isFromSelf, int64_t now) {
   const Family family = response.source.address.family;
   Findings findings = {};
-  MessageReader reader = ReadMessage(response.bytes, response.length);
+  WireReader reader = ReadMessage(response.bytes, response.length);
   ReceivedRecord record;
   while (ReadRecord(reader, record)) {
     if (record.section == Section::kAuthority) continue;

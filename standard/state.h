@@ -168,7 +168,8 @@ struct Reply {
 };
 constexpr size_t kRepliesMax = 32;
 
-/// A reply to a conventional resolver (RFC 6762, section 6.7), which goes out at once.
+/// A reply to a conventional resolver (RFC 6762, section 6.7), which goes out at once: there is one
+/// at a time.
 constexpr size_t kLegacyQuestionsMax = 8;
 struct LegacyReply {
   bool isUsed;

@@ -48,18 +48,18 @@ void Store32(uint8_t* bytes, uint32_t value) {
   Store16(bytes + 2, static_cast<uint16_t>(value & 0xFFFF));
 }
 
-bool Has(const MessageReader& reader, size_t count) {
+bool Has(const WireReader& reader, size_t count) {
   return reader.offset <= reader.length && count <= reader.length - reader.offset;
 }
 
 // Appends the label of `length` bytes at `offset` to `name`.
-bool TakeLabel(const MessageReader& reader, size_t offset, size_t length, Name& name) {
+bool TakeLabel(const WireReader& reader, size_t offset, size_t length, Name& name) {
   if (reader.length - offset <= length) return false;
   return AppendLabel(name, {reinterpret_cast<const char*>(reader.bytes + offset + 1), length});
 }
 
 // Reads a name and moves behind it. Each pointer leads to before the run of labels that it ends.
-bool ReadName(MessageReader& reader, Name& name) {
+bool ReadName(WireReader& reader, Name& name) {
   name = RootName();
   size_t offset = reader.offset;
   size_t runStart = offset;
@@ -88,7 +88,7 @@ bool ReadName(MessageReader& reader, Name& name) {
 
 // The name at the reader's offset takes all of the data up to `end`, or leaves no more than what
 // `record` has room for.
-bool ExpandData(MessageReader& reader, ReceivedRecord& record, size_t end, size_t before) {
+bool ExpandData(WireReader& reader, ReceivedRecord& record, size_t end, size_t before) {
   if (record.dataLength <= before) return false;
   reader.offset = end - record.dataLength + before;
   Name name;
@@ -105,7 +105,7 @@ bool ExpandData(MessageReader& reader, ReceivedRecord& record, size_t end, size_
   return true;
 }
 
-bool ReadData(MessageReader& reader, ReceivedRecord& record) {
+bool ReadData(WireReader& reader, ReceivedRecord& record) {
   const size_t end = reader.offset + record.dataLength;
   bool isValid = true;
   switch (record.type) {
@@ -129,7 +129,7 @@ bool ReadData(MessageReader& reader, ReceivedRecord& record) {
   return isValid;
 }
 
-bool ReadQuestionAt(MessageReader& reader, Question& question) {
+bool ReadQuestionAt(WireReader& reader, Question& question) {
   if (!ReadName(reader, question.name) || !Has(reader, kQuestionTailSize)) return false;
   question.type = Load16(reader.bytes + reader.offset);
   question.classBits = Load16(reader.bytes + reader.offset + 2);
@@ -137,7 +137,7 @@ bool ReadQuestionAt(MessageReader& reader, Question& question) {
   return true;
 }
 
-bool ReadRecordAt(MessageReader& reader, ReceivedRecord& record) {
+bool ReadRecordAt(WireReader& reader, ReceivedRecord& record) {
   if (!ReadName(reader, record.name) || !Has(reader, kRecordTailSize)) return false;
   const uint8_t* tail = reader.bytes + reader.offset;
   record.type = Load16(tail);
@@ -150,20 +150,20 @@ bool ReadRecordAt(MessageReader& reader, ReceivedRecord& record) {
   return ReadData(reader, record);
 }
 
-bool Put(MessageWriter& writer, const void* bytes, size_t count) {
+bool Put(WireWriter& writer, const void* bytes, size_t count) {
   if (count > writer.capacity - writer.length) return false;
   memcpy(writer.bytes + writer.length, bytes, count);
   writer.length += count;
   return true;
 }
 
-bool Put16(MessageWriter& writer, uint16_t value) {
+bool Put16(WireWriter& writer, uint16_t value) {
   uint8_t bytes[2];
   Store16(bytes, value);
   return Put(writer, bytes, sizeof(bytes));
 }
 
-bool Put32(MessageWriter& writer, uint32_t value) {
+bool Put32(WireWriter& writer, uint32_t value) {
   uint8_t bytes[4];
   Store32(bytes, value);
   return Put(writer, bytes, sizeof(bytes));
@@ -171,7 +171,7 @@ bool Put32(MessageWriter& writer, uint32_t value) {
 
 // True when what was written at `offset` is the rest of a name. Own names keep their case, so they
 // are compared exactly.
-bool IsNameAt(const MessageWriter& writer, size_t offset, const uint8_t* rest) {
+bool IsNameAt(const WireWriter& writer, size_t offset, const uint8_t* rest) {
   for (;;) {
     uint8_t length = writer.bytes[offset];
     while ((length & kLengthKindMask) == kPointerKind) {
@@ -186,7 +186,7 @@ bool IsNameAt(const MessageWriter& writer, size_t offset, const uint8_t* rest) {
   }
 }
 
-bool PutPointer(MessageWriter& writer, const uint8_t* rest, bool& isWritten) {
+bool PutPointer(WireWriter& writer, const uint8_t* rest, bool& isWritten) {
   for (size_t i = 0; i < writer.targetCount; ++i) {
     if (!IsNameAt(writer, writer.targets[i], rest)) continue;
     isWritten = true;
@@ -195,7 +195,7 @@ bool PutPointer(MessageWriter& writer, const uint8_t* rest, bool& isWritten) {
   return true;
 }
 
-bool PutName(MessageWriter& writer, const Name& name, bool isCompressed) {
+bool PutName(WireWriter& writer, const Name& name, bool isCompressed) {
   if (!isCompressed) return Put(writer, name.bytes, name.length);
   // Places become targets once the whole name stands: until then there is nothing to compare with.
   uint16_t places[kNameMax / 2];
@@ -223,7 +223,7 @@ size_t NameLengthIn(const uint8_t* data) {
   return length + 1;
 }
 
-bool PutDataWithName(MessageWriter& writer, const Record& record, size_t before) {
+bool PutDataWithName(WireWriter& writer, const Record& record, size_t before) {
   Name name;
   const size_t nameLength = NameLengthIn(record.data + before);
   memcpy(name.bytes, record.data + before, nameLength);
@@ -233,7 +233,7 @@ bool PutDataWithName(MessageWriter& writer, const Record& record, size_t before)
          Put(writer, record.data + behind, record.dataLength - behind);
 }
 
-bool PutData(MessageWriter& writer, const Record& record) {
+bool PutData(WireWriter& writer, const Record& record) {
   const size_t lengthOffset = writer.length;
   if (!Put16(writer, 0)) return false;
   bool isPut = false;
@@ -254,17 +254,17 @@ bool PutData(MessageWriter& writer, const Record& record) {
   return true;
 }
 
-bool PutRecord(MessageWriter& writer, const Record& record) {
+bool PutRecord(WireWriter& writer, const Record& record) {
   return PutName(writer, record.name, true) && Put16(writer, record.type) &&
          Put16(writer, record.classBits) && Put32(writer, record.ttl) && PutData(writer, record);
 }
 
-bool PutQuestion(MessageWriter& writer, const Name& name, uint16_t type, uint16_t classBits) {
+bool PutQuestion(WireWriter& writer, const Name& name, uint16_t type, uint16_t classBits) {
   return PutName(writer, name, true) && Put16(writer, type) && Put16(writer, classBits);
 }
 
 // Counts an entry that was put, or takes back what was put of it.
-bool Settle(MessageWriter& writer, Section section, bool isPut, size_t length, size_t targetCount) {
+bool Settle(WireWriter& writer, Section section, bool isPut, size_t length, size_t targetCount) {
   if (isPut) {
     ++writer.counts[static_cast<size_t>(section)];
     return true;
@@ -323,14 +323,18 @@ uint16_t MessageFlags(const uint8_t* bytes, size_t length) {
   return length < kHeaderSize ? uint16_t{0} : Load16(bytes + kFlagsOffset);
 }
 
-MessageReader ReadMessage(const uint8_t* bytes, size_t length) {
-  MessageReader reader = {bytes, length, kHeaderSize, {}, length < kHeaderSize};
-  if (reader.isMalformed) return reader;
-  for (size_t i = 0; i < kSections; ++i) reader.left[i] = Load16(bytes + kCountsOffset + 2 * i);
+WireReader ReadMessage(const uint8_t* bytes, size_t length) {
+  WireReader reader = {bytes, length, kHeaderSize, {}, length < kHeaderSize};
+  size_t entries = 0;
+  for (size_t i = 0; !reader.isMalformed && i < kSections; ++i) {
+    reader.left[i] = Load16(bytes + kCountsOffset + 2 * i);
+    entries += reader.left[i];
+  }
+  if (entries > kEntriesMax) reader.isMalformed = true;
   return reader;
 }
 
-bool ReadQuestion(MessageReader& reader, Question& question) {
+bool ReadQuestion(WireReader& reader, Question& question) {
   uint16_t& left = reader.left[static_cast<size_t>(Section::kQuestion)];
   if (reader.isMalformed || left == 0) return false;
   --left;
@@ -338,7 +342,7 @@ bool ReadQuestion(MessageReader& reader, Question& question) {
   return !reader.isMalformed;
 }
 
-bool ReadRecord(MessageReader& reader, ReceivedRecord& record) {
+bool ReadRecord(WireReader& reader, ReceivedRecord& record) {
   Question question;
   while (ReadQuestion(reader, question)) {
   }
@@ -354,32 +358,32 @@ bool ReadRecord(MessageReader& reader, ReceivedRecord& record) {
 }
 
 bool IsWellFormed(const uint8_t* bytes, size_t length) {
-  MessageReader reader = ReadMessage(bytes, length);
+  WireReader reader = ReadMessage(bytes, length);
   ReceivedRecord record;
   while (ReadRecord(reader, record)) {
   }
   return !reader.isMalformed;
 }
 
-MessageWriter WriteMessage(uint8_t* bytes, size_t capacity, bool isDataCompressed) {
+WireWriter WriteMessage(uint8_t* bytes, size_t capacity, bool isDataCompressed) {
   return {bytes, capacity, kHeaderSize, {}, {}, 0, isDataCompressed};
 }
 
-bool WriteQuestion(MessageWriter& writer, const Name& name, uint16_t type, uint16_t classBits) {
+bool WriteQuestion(WireWriter& writer, const Name& name, uint16_t type, uint16_t classBits) {
   const size_t length = writer.length;
   const size_t targetCount = writer.targetCount;
   const bool isPut = PutQuestion(writer, name, type, classBits);
   return Settle(writer, Section::kQuestion, isPut, length, targetCount);
 }
 
-bool WriteRecord(MessageWriter& writer, Section section, const Record& record) {
+bool WriteRecord(WireWriter& writer, Section section, const Record& record) {
   const size_t length = writer.length;
   const size_t targetCount = writer.targetCount;
   const bool isPut = PutRecord(writer, record);
   return Settle(writer, section, isPut, length, targetCount);
 }
 
-size_t FinishMessage(MessageWriter& writer, uint16_t id, uint16_t flags) {
+size_t FinishMessage(WireWriter& writer, uint16_t id, uint16_t flags) {
   Store16(writer.bytes, id);
   Store16(writer.bytes + kFlagsOffset, flags);
   for (size_t i = 0; i < kSections; ++i) {

@@ -36,6 +36,10 @@ constexpr size_t kNameMax = 255;
 /// Priority, weight and port, which stand before an SRV record's target (RFC 2782).
 constexpr size_t kSrvTargetOffset = 6;
 
+/// The most questions and records of a message that is read: more than a packet of the usual size
+/// holds, and few enough to be looked at one by one.
+constexpr size_t kEntriesMax = 512;
+
 /// The longest data of a record that is written or, with its names uncompressed, compared.
 constexpr size_t kDataMax = 544;
 
@@ -88,7 +92,7 @@ struct ReceivedRecord {
 };
 
 /// Reads one message. The bytes are the caller's and stay until the last look.
-struct MessageReader {
+struct WireReader {
   const uint8_t* bytes;
   size_t length;
   size_t offset;             ///< of what is read next
@@ -100,15 +104,16 @@ struct MessageReader {
 uint16_t MessageId(const uint8_t* bytes, size_t length);
 uint16_t MessageFlags(const uint8_t* bytes, size_t length);
 
-/// Begins with the first question. A message without a whole header is malformed.
-MessageReader ReadMessage(const uint8_t* bytes, size_t length);
+/// Begins with the first question. A message without a whole header, or with more entries than are
+/// read, is malformed.
+WireReader ReadMessage(const uint8_t* bytes, size_t length);
 
 /// Reads the next question. False when there is none left or the message is malformed.
-bool ReadQuestion(MessageReader& reader, Question& question);
+bool ReadQuestion(WireReader& reader, Question& question);
 
 /// Reads the next record, whichever section it is in; questions before it are passed over. False
 /// when there is none left or the message is malformed.
-bool ReadRecord(MessageReader& reader, ReceivedRecord& record);
+bool ReadRecord(WireReader& reader, ReceivedRecord& record);
 
 /// True when the whole message can be read: RFC 6762, section 18, has no use for a part of one.
 /// Pointers lead backwards alone, behind the header, and there are at most 127 of them in a name,
@@ -131,7 +136,7 @@ constexpr size_t kPointerTargetsMax = 96;
 
 /// Writes one message. Sections are written in their order. A copy taken before a write and put
 /// back after it undoes the write.
-struct MessageWriter {
+struct WireWriter {
   uint8_t* bytes;
   size_t capacity;
   size_t length;
@@ -144,16 +149,16 @@ struct MessageWriter {
 /// Begins a message in `capacity` bytes, at least a header. Names within data are compressed when
 /// `isDataCompressed`, which a conventional resolver need not understand (RFC 2782; RFC 3597,
 /// section 4).
-MessageWriter WriteMessage(uint8_t* bytes, size_t capacity, bool isDataCompressed);
+WireWriter WriteMessage(uint8_t* bytes, size_t capacity, bool isDataCompressed);
 
 /// Writes a question. False when it does not fit: the message is then as it was.
-bool WriteQuestion(MessageWriter& writer, const Name& name, uint16_t type, uint16_t classBits);
+bool WriteQuestion(WireWriter& writer, const Name& name, uint16_t type, uint16_t classBits);
 
 /// Writes a record into `section`. False when it does not fit: the message is then as it was.
-bool WriteRecord(MessageWriter& writer, Section section, const Record& record);
+bool WriteRecord(WireWriter& writer, Section section, const Record& record);
 
 /// Writes the header and returns the message's length.
-size_t FinishMessage(MessageWriter& writer, uint16_t id, uint16_t flags);
+size_t FinishMessage(WireWriter& writer, uint16_t id, uint16_t flags);
 
 /// True when `data`, received for the type of `record`, say the same as the record's own: the same
 /// bytes, but for the case of names.
