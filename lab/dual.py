@@ -43,7 +43,7 @@ def program():
 
 
 def set_ipv6(network, interface, is_on):
-    """Switches the network's IPv6 on, without waiting for others that use the same address, or off."""
+    """Switches the network's IPv6 on, without waiting for others with the same address, or off."""
     with network.entered():
         for name, value in (("accept_dad", "0"), ("disable_ipv6", "0" if is_on else "1")):
             for scope in ("all", "default", interface):

@@ -1,4 +1,4 @@
-"""Measures the standard responder beside the classic one and a floor program, and writes the page."""
+"""Measures the standard responder beside the classic one and a floor program; writes the page."""
 
 import contextlib
 import pathlib

@@ -1,6 +1,9 @@
 """The bridge as it comes and goes (RFC 6762, sections 8.4 and 11): everything is claimed again
 within two seconds, and never a restart."""
 
+import fcntl
+import socket
+import struct
 import time
 
 import pytest
@@ -18,10 +21,12 @@ from lab.dual import (
     has,
     query,
 )
-from lab.waiting import PATIENCE
+from lab.waiting import PATIENCE, wait_until
 from test_sections_8_to_10 import probes
 
 QUICK = 2.0
+SIOCGIFFLAGS = 0x8913
+IFF_RUNNING = 0x40
 
 
 @pytest.fixture
@@ -41,6 +46,13 @@ def expect_claimed(lab, since, family):
         lab.wait_for_record(owner, rrtype, since, family)
 
 
+def is_running(network, interface):
+    request = struct.pack("16sH22x", interface.encode(), 0)
+    with network.entered(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asking:
+        flags = fcntl.ioctl(asking, SIOCGIFFLAGS, request)
+    return bool(struct.unpack("16xH22x", flags)[0] & IFF_RUNNING)
+
+
 def changing(lab, *commands):
     """Changes the router's network and notes when."""
     lab.changed_at = time.time()
@@ -51,6 +63,7 @@ def changing(lab, *commands):
 def test_cable_out_and_in(up, family):
     since = up.capture.mark()
     up.router.network.ip("link set lan0 down")
+    wait_until(lambda: not is_running(up.router.network, "br0"), "a bridge without a carrier")
     changing(up, "link set lan0 up")
     up.router.network.wait_until_running("br0")
     expect_claimed(up, since, family)

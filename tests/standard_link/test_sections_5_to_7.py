@@ -367,4 +367,3 @@ def test_section_15_programs_on_the_router_hear_and_ask(served, family):
         assert packets.parse(asking.recv(9000)).ident == 9
     finally:
         inside.close()
-

@@ -1,4 +1,4 @@
-"""The end (RFC 6762, section 10.1): goodbyes for everything, twice, and status 0 within a second."""
+"""The end (RFC 6762, section 10.1): goodbyes for everything, twice, and status 0 in a second."""
 
 import pathlib
 import signal
