@@ -239,16 +239,19 @@ class DualLab(Lab):
             for owner, rrtype in ((HOST, "A"), (IPP, "SRV"), (LPD, "SRV")):
                 self.wait_for_record(owner, rrtype, since, family, count=2)
 
-    def ask(self, payload, family, asker=None, port=MDNS_PORT, to=None, bound=10.0):
-        """Sends a question and gives the response to its first record, as a Packet."""
+    def ask(
+        self, payload, family, asker=None, port=MDNS_PORT, to=None, bound=10.0, alone=False
+    ):
+        """Sends a question and gives the response to its first record, as a Packet; with `alone`
+        the one that goes to the asker alone, whatever else is announced meanwhile."""
         wanted = _text_of(dns.name.from_wire(payload, 12)[0]).lower()
         since = self.capture.mark()
         (asker or self.asker).send(payload, family, port, to)
 
         def answers(packet):
-            return not packet.is_query and any(
-                one.name.lower() == wanted for one in packet.message.answers
-            )
+            if packet.is_query or (alone and is_multicast(packet)):
+                return False
+            return any(one.name.lower() == wanted for one in packet.message.answers)
 
         return self.wait(answers, since, family, bound=bound)[0]
 

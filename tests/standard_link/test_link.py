@@ -130,7 +130,7 @@ def test_address_that_goes_is_no_longer_published(up, family):
 @pytest.mark.dual(bridge=False)
 def test_without_a_bridge_it_waits_and_starts_when_there_is_one(dual):
     daemon = dual.start(ready=False)
-    dual.changed_at = 0
+    daemon.wait_for_line("[Bonjour] ioctl HWADDR error: No such device")
     dual.add_bridge_again()
     dual.router.wait_for_banner()
     name = HOST.replace("00-11-22-AA-BB-CC", "00-00-00-00-00-00")

@@ -104,7 +104,7 @@ def test_section_8_1_host_name_in_use_gets_a_number(dual, family, answer):
     assert f"{dual.router.daemon.device_name}.local" == RENAMED_HOST
     assert not dual.heard(since, wanted=lambda one: has(one, HOST, "A"))
     # The reverse name tells of the new one.
-    packet = dual.ask(query("1.77.168.192.in-addr.arpa", "PTR", QU), family)
+    packet = dual.ask(query("1.77.168.192.in-addr.arpa", "PTR", QU), family, alone=True)
     assert packet.message.answers[0].data == RENAMED_HOST
 
 
@@ -117,7 +117,7 @@ def test_section_8_1_printer_name_in_use_gets_a_number(dual, family):
     other = record(LPD, "SRV", srv(515, "other.local"), rrclass=1 | FLUSH)
     dual.asker.send(response(other), family)
     dual.wait_for_record(RENAMED_IPP, "SRV", since, family)
-    packet = dual.ask(query("_ipp._tcp.local", "PTR", QU), family)
+    packet = dual.ask(query("_ipp._tcp.local", "PTR", QU), family, alone=True)
     assert [one.data for one in packet.message.answers] == [RENAMED_IPP]
 
 
@@ -260,9 +260,9 @@ def test_section_10_1_printer_that_goes_gets_a_goodbye(dual, family):
     ):
         dual.wait_for_record(owner, rrtype, since, family, ttl=0)
     # The type stays with the other printer.
-    packet = dual.ask(query("_services._dns-sd._udp.local", "PTR", QU), family)
+    packet = dual.ask(query("_services._dns-sd._udp.local", "PTR", QU), family, alone=True)
     assert "_ipp._tcp.local" in {one.data for one in packet.message.answers}
-    packet = dual.ask(query("_ipp._tcp.local", "PTR", QU), family)
+    packet = dual.ask(query("_ipp._tcp.local", "PTR", QU), family, alone=True)
     assert [one.data for one in packet.message.answers] == [
         IPP.replace("Model 12", "Model 13").replace(" 0.", " 1.")
     ]
@@ -276,7 +276,7 @@ def test_rfc_6763_section_4_1_utf_8_and_dots_in_names(dual, family):
     start = owner[: len(label) + 1]
     dual.wait(lambda one: not one.is_query and start in one.payload, family=family)
     # Letters beyond ASCII have no case (section 16).
-    packet = dual.ask(message([question(owner, "SRV", QU)]), family)
+    packet = dual.ask(message([question(owner, "SRV", QU)]), family, alone=True)
     assert packet.message.answers[0].data == (631, HOST)
     capitals = "BÜRO.SÜD DRUCKER\u00a0№ 1 (AA:BB:CC) 0".encode()
     capitals = bytes([len(capitals)]) + capitals + packets.name("_ipp._tcp.local")
