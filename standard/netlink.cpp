@@ -69,17 +69,23 @@ void Forget(LinkWatch& watch) {
   watch.link = {};
 }
 
+void Lose(LinkWatch& watch) {
+  Forget(watch);
+  watch.wasDown = true;
+}
+
 void HandleLinkMessage(LinkWatch& watch, std::string_view name, const nlmsghdr& message,
                        Piece body) {
   ifinfomsg info;
   // The bridge itself tells of its ports in the same words, under a family of its own.
   if (!TakeHeader(body, info) || info.ifi_family != AF_UNSPEC || info.ifi_index <= 0) return;
   if (message.nlmsg_type == RTM_DELLINK) {
-    if (info.ifi_index == watch.index) Forget(watch);
+    if (info.ifi_index == watch.index) Lose(watch);
     return;
   }
 
   bool isNamed = false;
+  uint32_t carrierChanges = 0;
   LinkState link = {};
   constexpr unsigned kUp = IFF_UP | IFF_RUNNING;
   link.isUp = (info.ifi_flags & kUp) == kUp;
@@ -97,15 +103,21 @@ void HandleLinkMessage(LinkWatch& watch, std::string_view name, const nlmsghdr& 
       case IFLA_ADDRESS:
         if (value.length == sizeof(link.mac)) memcpy(link.mac, value.bytes, sizeof(link.mac));
         break;
+      case IFLA_CARRIER_CHANGES:
+        carrierChanges = Word(value);
+        break;
       default:
         break;
     }
   }
   if (!isNamed) {
     // It was renamed.
-    if (info.ifi_index == watch.index) Forget(watch);
+    if (info.ifi_index == watch.index) Lose(watch);
     return;
   }
+  // The kernel tells of a carrier late, and of one that came back at once only by this count.
+  if (!link.isUp || carrierChanges != watch.carrierChanges) watch.wasDown = true;
+  watch.carrierChanges = carrierChanges;
   if (info.ifi_index == watch.index) {
     link.addressCount = watch.link.addressCount;
     memcpy(link.addresses, watch.link.addresses, sizeof(link.addresses));

@@ -14,10 +14,12 @@ constexpr size_t kNetlinkDatagramMax = 8192;
 
 /// The interface under one name, as far as the messages so far tell.
 struct LinkWatch {
-  int32_t index;      ///< the kernel's number for it; 0 while there is none
-  LinkState link;     ///< all zero while there is none
-  bool mustReread;    ///< something was missed: ReadLink has to be called before `link` is right
-  uint32_t sequence;  ///< number of the last request to the kernel
+  int32_t index;    ///< the kernel's number for it; 0 while there is none
+  LinkState link;   ///< all zero while there is none
+  bool mustReread;  ///< something was missed: ReadLink has to be called before `link` is right
+  bool wasDown;     ///< it was not up, if only for a moment, since the reader last cleared this
+  uint32_t carrierChanges;  ///< how often the carrier came and went; 0 on kernels before 3.15
+  uint32_t sequence;        ///< number of the last request to the kernel
 };
 
 /// Takes the messages of one datagram from the kernel about the interface called `name`; malformed

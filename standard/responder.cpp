@@ -182,6 +182,8 @@ void FollowLink() {
     responder.retry = Now() + kRetryMilliseconds;
     return;
   }
+  if (responder.watch.wasDown && responder.link.isUp) GiveLink({});
+  responder.watch.wasDown = false;
   const bool isPrepared = PrepareSockets();
   if (isPrepared) responder.failure = nullptr;
   // What can't be listened on is not there.

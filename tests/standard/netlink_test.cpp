@@ -104,6 +104,32 @@ TEST_F(NetlinkTest, LinkIsUpOnlyWithACarrier) {
   }
 }
 
+// Also when it is up again before anybody looks.
+TEST_F(NetlinkTest, LossOfTheLinkIsKeptInMind) {
+  const auto carrier = [](uint32_t changes) {
+    return Message(RTM_NEWLINK, LinkHeader(kBridge, kRunning) + Attribute(3, Wire("'br0' 00")) +
+                                    Attribute(35, Number(changes)));
+  };
+  const struct {
+    const char* what;
+    Bytes messages;
+    bool wasDown;
+  } rows[] = {
+      {"nothing new", carrier(2), false},
+      {"an address", Ipv4Message(RTM_NEWADDR, "C0 A8 4D 01"), false},
+      {"another link", LinkMessage(0, 8, "'eth0' 00"), false},
+      {"down and up", LinkMessage(0) + carrier(2), true},
+      {"the carrier came and went", carrier(4), true},
+      {"deleted and made again", Message(RTM_DELLINK, LinkHeader(kBridge, 0)) + carrier(2), true},
+  };
+  for (const auto& row : rows) {
+    Take(carrier(2));
+    watch.wasDown = false;
+    Take(row.messages);
+    EXPECT_EQ(watch.wasDown, row.wasDown) << row.what;
+  }
+}
+
 TEST_F(NetlinkTest, ChangeOfTheLinkKeepsItsAddresses) {
   KnowBridge();
   Take(Ipv4Message(RTM_NEWADDR, "C0 A8 4D 01"));

@@ -58,9 +58,9 @@ def test_section_8_1_names_are_probed_three_times(dual, family):
         assert proposed(packet, HOST) >= {("A", IPV4)}
         assert not any(each.cache_flush for each in packet.message.authority)
     gaps = [later.time - earlier.time for earlier, later in zip(sent, sent[1:])]
-    assert all(0.249 <= gap < 0.5 for gap in gaps), gaps
+    assert all(0.24 <= gap < 0.5 for gap in gaps), gaps
     announced = dual.wait_for_record(HOST, "A", family=family)[0]
-    assert announced.time - sent[2].time >= 0.249
+    assert announced.time - sent[2].time >= 0.24
     dual.router.wait_for_banner()
 
     # The printer's three names together.
@@ -86,7 +86,7 @@ def test_section_8_3_everything_is_announced_twice_a_second_apart(dual, family):
         ("_services._dns-sd._udp.local", "PTR", False),
     ):
         first, second = dual.wait_for_record(owner, rrtype, family=family, count=2)
-        assert second.time - first.time >= 0.999, owner
+        assert second.time - first.time >= 0.98, owner
         for one in first.message.answers:
             if (one.name, one.type) == (owner, rrtype):
                 assert one.cache_flush == flush, owner
@@ -133,7 +133,7 @@ def test_section_8_2_simultaneous_probes_are_compared(dual, family, rdata, wins)
     dual.asker.send(rival, family)
     sent = probes(dual, HOST, since, family, 3)
     waited = max(later.time - earlier.time for earlier, later in zip([first, *sent], sent))
-    assert (waited < 0.9) if wins else (waited >= TIE_PAUSE - 0.001)
+    assert (waited < 0.9) if wins else (waited >= TIE_PAUSE - 0.02)
     # The other one does not go on, so the name is free.
     dual.router.wait_for_banner()
     assert f"{dual.router.daemon.device_name}.local" == HOST
