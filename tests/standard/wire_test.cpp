@@ -72,10 +72,10 @@ TEST(Wire, NamesHaveAtMost255Bytes) {
   // Three labels of 63 bytes take 192 of them, the root one.
   const std::string start = "3F 63*'a' 3F 63*'a' 3F 63*'a' ";
   const std::string tail = " 00 00 01 00 01";
-  EXPECT_TRUE(IsWellFormedCopy(
-      MessageWith("00 01 00 00 00 00 00 00", Wire(start + "3D 61*'a'" + tail))));
-  EXPECT_FALSE(IsWellFormedCopy(
-      MessageWith("00 01 00 00 00 00 00 00", Wire(start + "3E 62*'a'" + tail))));
+  EXPECT_TRUE(
+      IsWellFormedCopy(MessageWith("00 01 00 00 00 00 00 00", Wire(start + "3D 61*'a'" + tail))));
+  EXPECT_FALSE(
+      IsWellFormedCopy(MessageWith("00 01 00 00 00 00 00 00", Wire(start + "3E 62*'a'" + tail))));
 }
 
 // Each pointer leads to the one before, the first to a root.
@@ -131,11 +131,11 @@ TEST(Wire, DataHaveTheFormOfTheirType) {
 }
 
 TEST(Wire, EveryCutOfAMessageIsMalformed) {
-  const Bytes message = MessageWith(
-      "00 01 00 01 00 01 00 01",
-      Wire("01 'a' 00 00 FF 80 01  C0 0C 00 01 80 01 00 00 00 78 00 04 01 02 03 04"
-           "C0 0C 00 21 00 01 00 00 00 78 00 08 00 00 00 00 02 77 C0 0C"
-           "01 'b' C0 0C 00 10 00 01 00 00 11 94 00 01 00"));
+  const Bytes message =
+      MessageWith("00 01 00 01 00 01 00 01",
+                  Wire("01 'a' 00 00 FF 80 01  C0 0C 00 01 80 01 00 00 00 78 00 04 01 02 03 04"
+                       "C0 0C 00 21 00 01 00 00 00 78 00 08 00 00 00 00 02 77 C0 0C"
+                       "01 'b' C0 0C 00 10 00 01 00 00 11 94 00 01 00"));
   EXPECT_TRUE(IsWellFormedCopy(message));
   for (size_t length = 0; length < message.size(); ++length) {
     EXPECT_FALSE(IsWellFormedCopy({message.begin(), message.begin() + static_cast<long>(length)}));
@@ -153,11 +153,11 @@ TEST(Wire, MessagesHaveAtMost512Entries) {
 }
 
 TEST(Wire, ReadsRecordsOfAllSectionsWithTheirNamesWrittenOut) {
-  ExactBytes bytes(MessageWith(
-      "00 01 00 01 00 01 00 01",
-      Wire("01 'a' 00 00 FF 80 01  C0 0C 00 0C 00 01 00 00 00 78 00 04 01 'b' C0 0C"
-           "C0 0C 00 21 80 01 00 00 00 78 00 08 00 00 00 00 02 77 C0 0C"
-           "00 00 2F 00 01 00 00 11 94 00 05 C0 0C 00 01 40")));
+  ExactBytes bytes(
+      MessageWith("00 01 00 01 00 01 00 01",
+                  Wire("01 'a' 00 00 FF 80 01  C0 0C 00 0C 00 01 00 00 00 78 00 04 01 'b' C0 0C"
+                       "C0 0C 00 21 80 01 00 00 00 78 00 08 00 00 00 00 02 77 C0 0C"
+                       "00 00 2F 00 01 00 00 11 94 00 05 C0 0C 00 01 40")));
   struct Row {
     Section section;
     const char* name;
@@ -220,10 +220,11 @@ TEST(Wire, LeavesDataUncompressedForConventionalResolvers) {
   ASSERT_TRUE(WriteRecord(writer, Section::kAnswer, ServerRecord()));
   ASSERT_TRUE(WriteRecord(writer, Section::kAnswer, ServerRecord()));
   const size_t length = FinishMessage(writer, 0, 0);
-  EXPECT_EQ(Hex({bytes.Data() + 12, length - 12}),
-            WireHex("01 'P' 04 '_ipp' 00 00 21 80 01 00 00 00 78 00 11"
-                    "00 00 00 00 02 77 04 'host' 04 '_ipp' 00"
-                    "C0 0C 00 21 80 01 00 00 00 78 00 11 00 00 00 00 02 77 04 'host' 04 '_ipp' 00"));
+  EXPECT_EQ(
+      Hex({bytes.Data() + 12, length - 12}),
+      WireHex("01 'P' 04 '_ipp' 00 00 21 80 01 00 00 00 78 00 11"
+              "00 00 00 00 02 77 04 'host' 04 '_ipp' 00"
+              "C0 0C 00 21 80 01 00 00 00 78 00 11 00 00 00 00 02 77 04 'host' 04 '_ipp' 00"));
 }
 
 TEST(Wire, WhatDoesNotFitLeavesTheMessageAsItWas) {
