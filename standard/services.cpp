@@ -174,7 +174,11 @@ bool IsPrinter(const Core& core, const Device& device) {
 // with port 0.
 void ReserveFlagship(Core& core, Device& device) {
   Service& service = device.services[kFlagshipPlace];
-  if (service.presence != Presence::kFree || !IsPrinter(core, device)) return;
+  if (!IsPrinter(core, device)) return;
+  if (service.isReserved && service.presence == Presence::kLeaving) {
+    service.presence = Presence::kHere;
+  }
+  if (service.presence != Presence::kFree) return;
   const size_t type = EnterType(core, FlagshipType());
   if (type == kServiceTypesMax) return;
   service = {};
