@@ -4,7 +4,9 @@ cmake_minimum_required(VERSION 3.25)
 enable_testing()
 # Tests link the objects that ship, but only the daemon is optimised across files.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  target_compile_options(bonjour_core PRIVATE -ffat-lto-objects)
+  foreach(library base classic core standard standard_core)
+    target_compile_options(bonjour_${library} PRIVATE -ffat-lto-objects)
+  endforeach()
 endif()
 set(BONJOUR_PYTHON /usr/bin/python3 CACHE FILEPATH
   "Python that looks at what benchmarks count")

@@ -74,7 +74,7 @@ class Demo:
         print_title("The router starts and claims a name on the link")
         start, mark = time.time(), self.lab.capture.mark()
         daemon = self.router.start(MODEL, fast=False, ready=False)
-        probes = self.lab.wait_for_packet(lambda packet: packet.is_query, mark, TRANSMISSIONS)
+        probes = self._wait(lambda packet: packet.is_query, mark, TRANSMISSIONS)
         wanted = probes[0].message.questions[0].name
         for probe, text in zip(probes, (f"it asks who has the name {wanted}", "again", "again")):
             print_step(probe.time - start, text)
@@ -89,7 +89,7 @@ class Demo:
         start, mark = time.time(), self.lab.capture.mark()
         self.router.plug_in(port, manufacturer, model, commands)
         for service_type, service in SERVICES.items():
-            announced = self.lab.wait_for_packet(
+            announced = self._wait(
                 lambda packet: is_response(packet) and has_record_of(service_type)(packet),
                 mark,
                 self.transmissions,
@@ -128,7 +128,7 @@ class Demo:
         left = len(self.browser.services) - len(SERVICES)
         start, mark = time.time(), self.lab.capture.mark()
         self.router.pull_out(port)
-        goodbyes = self.lab.wait_for_packet(is_goodbye, mark, self.goodbyes)
+        goodbyes = self._wait(is_goodbye, mark, self.goodbyes)
         print_step(goodbyes[0].time - start, "the router says goodbye for its services")
         self._wait_until_heard(lambda: len(self.browser.services) == left, "the goodbyes")
         print("              the host's list is now:")
@@ -139,17 +139,20 @@ class Demo:
         start, mark = time.time(), self.lab.capture.mark()
         self.router.stop()
         ended = time.time()
-        goodbyes = self.lab.wait_for_packet(is_goodbye, mark)
+        goodbyes = self._wait(is_goodbye, mark)
         print_step(goodbyes[0].time - start, "it says goodbye for every printer left")
         print_step(ended - start, "it ends, exit status 0")
         self._wait_until_heard(lambda: not self.browser.services, "the goodbyes")
         print("              the host's list is empty", flush=True)
 
+    def _wait(self, wanted, since, count=1):
+        return self.lab.wait_for_packet(wanted, since, count)
+
     def _ask(self, name, record_type, text, answers):
         mark = self.lab.capture.mark()
         self.browser.ask(name, record_type)
         asked = self.lab.capture.wait_for(lambda packet: packet.is_query, since=mark)[0]
-        answer = self.lab.wait_for_packet(
+        answer = self._wait(
             lambda packet: is_response(packet) and answers(packet), mark
         )[0]
         print_step(answer.time - asked.time, f"answered: {text}")
