@@ -31,6 +31,8 @@ struct Answers {
 
 void ReadRecords(const Core& core, Query& query) {
   WireReader reader = ReadMessage(query.datagram->bytes, query.datagram->length);
+  const auto has = [&](Section section) { return reader.left[static_cast<size_t>(section)] != 0; };
+  if (!has(Section::kAnswer) && !has(Section::kAuthority)) return;
   ReceivedRecord record;
   while (ReadRecord(reader, record)) {
     if (record.section == Section::kAdditional) return;

@@ -93,10 +93,10 @@ void NoteConflict(Core& core, Claim& claim, int64_t now) {
   if (core.conflictAt[core.nextConflict] + kConflictPeriod >= now) claim.isSlow = true;
 }
 
-bool IsOtherDeviceCalled(const Core& core, size_t device, const char* label) {
+bool IsOtherDeviceCalled(const Core& core, size_t device, const Label& label) {
   for (size_t i = 0; i < kServicesMax; ++i) {
     if (i / kServicesPerDevice != device && ServiceAt(core, i).presence != Presence::kFree &&
-        AreLabelsEqual(DeviceOf(core, i).label, label)) {
+        AreLabelsEqual(TextOf(DeviceOf(core, i).label), TextOf(label))) {
       return true;
     }
   }
@@ -106,8 +106,7 @@ bool IsOtherDeviceCalled(const Core& core, size_t device, const char* label) {
 void MakeDeviceLabel(Core& core, size_t index) {
   Device& device = core.devices[index];
   const Suffix suffix = InstanceSuffix(core.claims[1 + index].number);
-  const Label label = MakeLabel(device.instance, suffix.text);
-  memcpy(device.label, label.text, sizeof(device.label));
+  device.label = MakeLabel(device.instance, suffix.text);
 }
 
 void RenameDevice(Core& core, size_t index) {
@@ -121,8 +120,7 @@ void RenameDevice(Core& core, size_t index) {
 void RenameHost(Core& core) {
   ++core.claims[kHostClaim].number;
   const Suffix suffix = HostSuffix(core.claims[kHostClaim].number);
-  const Label label = MakeLabel(core.hostBase, suffix.text);
-  memcpy(core.hostLabel, label.text, sizeof(core.hostLabel));
+  core.hostLabel = MakeLabel(TextOf(core.hostBase), suffix.text);
 }
 
 void Rename(Core& core, size_t claim) {

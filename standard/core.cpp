@@ -78,9 +78,8 @@ bool HasKnownMeaning(uint16_t flags) { return (flags & (kOpcodeMask | kResponseC
 void InitCore(Core& core, std::string_view hostName, uint64_t randomSeed) {
   memset(&core, 0, sizeof(core));
   SeedRandom(core, randomSeed);
-  const Label label = MakeLabel(hostName, {});
-  memcpy(core.hostBase, label.text, sizeof(core.hostBase));
-  memcpy(core.hostLabel, label.text, sizeof(core.hostLabel));
+  core.hostBase = MakeLabel(hostName, {});
+  core.hostLabel = core.hostBase;
   for (Claim& claim : core.claims) {
     claim.due = kNever;
     for (int64_t& time : claim.announcedAt) time = kLongAgo;
@@ -171,4 +170,4 @@ int64_t NextTurn(const Core& core) {
 
 bool HasHostName(const Core& core) { return core.hadHostName; }
 
-const char* HostName(const Core& core) { return core.hostLabel; }
+const char* HostName(const Core& core) { return core.hostLabel.text; }

@@ -80,6 +80,7 @@ Label MakeLabel(std::string_view text, std::string_view suffix) {
     text.remove_prefix(taken == 0 ? 1 : taken);
   }
   for (const char c : suffix) label.text[length++] = c;
+  label.length = static_cast<uint8_t>(length);
   return label;
 }
 

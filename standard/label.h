@@ -6,11 +6,6 @@
 
 #include "standard/wire.h"
 
-/// A label, zero-terminated.
-struct Label {
-  char text[kLabelMax + 1];
-};
-
 /// Makes a label of a text: control characters become blanks, bytes that are no UTF-8 question
 /// marks (RFC 6763, section 4.1.1), and it is cut between characters so that `suffix` fits behind
 /// it.

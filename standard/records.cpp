@@ -27,7 +27,7 @@ bool IsReverseName(NameId id) { return id >= kReverseNames && id < kTypeListName
 std::string_view Protocol(const ServiceType& type) { return type.isUdp ? kUdp : kTcp; }
 
 bool HasSubtype(const ServiceType& type) {
-  return !type.isUdp && AreLabelsEqual(type.label, kSubtypedLabel);
+  return !type.isUdp && AreLabelsEqual(TextOf(type.label), kSubtypedLabel);
 }
 
 bool IsHere(const Service& service) { return service.presence == Presence::kHere; }
@@ -37,30 +37,61 @@ bool IsOffered(const Service& service) { return IsHere(service) && !service.isRe
 
 // The labels of a name; none when nothing bears it.
 Labels LabelsOf(const Core& core, NameId id) {
-  if (id == kHostName) return {{core.hostLabel, kLocal}, 2};
+  if (id == kHostName) return {{TextOf(core.hostLabel), kLocal}, 2};
   if (id == kTypeListName) return {{"_services", "_dns-sd", kUdp, kLocal}, 4};
   if (id < kSubtypeNames) {
     const ServiceType& type = core.types[id - kTypeNames];
-    if (type.label[0] == 0) return {{}, 0};
-    return {{type.label, Protocol(type), kLocal}, 3};
+    if (type.label.length == 0) return {{}, 0};
+    return {{TextOf(type.label), Protocol(type), kLocal}, 3};
   }
   if (id < kServiceNames) {
     const ServiceType& type = core.types[id - kSubtypeNames];
     if (!HasSubtype(type)) return {{}, 0};
-    return {{kSubtypeLabel, "_sub", type.label, Protocol(type), kLocal}, 5};
+    return {{kSubtypeLabel, "_sub", TextOf(type.label), Protocol(type), kLocal}, 5};
   }
   const Service& service = ServiceAt(core, id - kServiceNames);
   if (service.presence == Presence::kFree) return {{}, 0};
   const ServiceType& type = core.types[service.type];
-  return {{DeviceOf(core, id - kServiceNames).label, type.label, Protocol(type), kLocal}, 4};
+  const Label& label = DeviceOf(core, id - kServiceNames).label;
+  return {{TextOf(label), TextOf(type.label), Protocol(type), kLocal}, 4};
 }
 
-bool MatchesLabels(const Name& name, const Labels& labels) {
+// The labels of any name; none when it has more than own names have.
+Labels Split(const Name& name) {
+  Labels labels = {};
   size_t offset = 0;
-  for (size_t i = 0; i < labels.count; ++i) {
-    if (!AreLabelsEqual(NextLabel(name, offset), labels.labels[i])) return false;
+  while (name.bytes[offset] != 0) {
+    if (labels.count == kLabelsMax) return {{}, 0};
+    labels.labels[labels.count++] = NextLabel(name, offset);
   }
-  return labels.count != 0 && name.bytes[offset] == 0;
+  return labels;
+}
+
+bool AreAllEqual(const Labels& a, const Labels& b) {
+  if (a.count != b.count) return false;
+  for (size_t i = 0; i < a.count; ++i) {
+    if (!AreLabelsEqual(a.labels[i], b.labels[i])) return false;
+  }
+  return true;
+}
+
+// The first name from `first` to before `end` with these labels; kNamesMax when there is none.
+NameId FindAmong(const Core& core, NameId first, NameId end, const Labels& labels) {
+  for (NameId id = first; id < end; ++id) {
+    if (AreAllEqual(labels, LabelsOf(core, id))) return id;
+  }
+  return kNamesMax;
+}
+
+// The names of printers, of which there are many: most are told apart by their first label.
+NameId FindServiceName(const Core& core, const Labels& labels) {
+  for (size_t i = 0; i < kDevicesMax; ++i) {
+    if (!AreLabelsEqual(labels.labels[0], TextOf(core.devices[i].label))) continue;
+    const NameId first = kServiceNames + i * kServicesPerDevice;
+    const NameId found = FindAmong(core, first, first + kServicesPerDevice, labels);
+    if (found != kNamesMax) return found;
+  }
+  return kNamesMax;
 }
 
 void AppendDecimalLabel(Name& name, uint8_t number) {
@@ -94,10 +125,10 @@ void DescribeReverseName(const Address& address, Name& name) {
 }
 
 bool EndsInArpa(const Name& name) {
-  size_t offset = 0;
-  std::string_view last;
-  while (name.bytes[offset] != 0) last = NextLabel(name, offset);
-  return AreLabelsEqual(last, "arpa");
+  constexpr size_t kEnd = sizeof("\4arpa");
+  return name.length >= kEnd &&
+         AreLabelsEqual({reinterpret_cast<const char*>(name.bytes) + name.length - kEnd, kEnd - 1},
+                        "\4arpa");
 }
 
 NameId FindReverseName(const Core& core, const Name& name) {
@@ -173,7 +204,7 @@ bool DoesExist(const Core& core, const RecordKey& key) {
     case RecordKind::kHostNsec:
       return true;
     case RecordKind::kTypeList:
-      return core.types[key.index].label[0] != 0;
+      return core.types[key.index].label.length != 0;
     default:
       return DoesServiceRecordExist(core, key);
   }
@@ -394,11 +425,21 @@ bool DescribeName(const Core& core, NameId id, Name& name) {
 
 NameId FindName(const Core& core, const Name& name) {
   if (EndsInArpa(name)) return FindReverseName(core, name);
-  if (MatchesLabels(name, LabelsOf(core, kHostName))) return kHostName;
-  for (NameId id = kTypeListName; id < kNamesMax; ++id) {
-    if (MatchesLabels(name, LabelsOf(core, id))) return id;
+  const Labels labels = Split(name);
+  switch (labels.count) {
+    case 2:
+      return FindAmong(core, kHostName, kHostName + 1, labels);
+    case 3:
+      return FindAmong(core, kTypeNames, kSubtypeNames, labels);
+    case 4: {
+      const NameId found = FindAmong(core, kTypeListName, kTypeListName + 1, labels);
+      return found != kNamesMax ? found : FindServiceName(core, labels);
+    }
+    case 5:
+      return FindAmong(core, kSubtypeNames, kServiceNames, labels);
+    default:
+      return kNamesMax;
   }
-  return kNamesMax;
 }
 
 NameId NameOfRecord(const Core& core, RecordId id) {

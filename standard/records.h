@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "standard/state.h"
 #include "standard/wire.h"
@@ -14,12 +15,12 @@ constexpr uint32_t kTtlHost = 120;
 constexpr uint32_t kTtlOther = 4500;
 
 /// The one service type with a subtype, under which system print dialogues look for it.
-constexpr const char* kSubtypedLabel = "_ipp";
-constexpr const char* kSubtypeLabel = "_universal";
+constexpr std::string_view kSubtypedLabel = "_ipp";
+constexpr std::string_view kSubtypeLabel = "_universal";
 
 /// The flagship type of printers: a device that prints by other means claims its name there too
 /// (RFC 6763, section 8).
-constexpr const char* kFlagshipLabel = "_printer";
+constexpr std::string_view kFlagshipLabel = "_printer";
 
 /// What a record is of.
 enum class RecordKind : uint8_t {

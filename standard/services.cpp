@@ -37,20 +37,15 @@ bool ParseType(std::string_view text, ServiceType& type) {
   if (dot == std::string_view::npos || !IsTypeLabel(text.substr(0, dot))) return false;
   const std::string_view protocol = text.substr(dot + 1);
   if (protocol != "_tcp" && protocol != "_udp") return false;
-  type = {};
-  memcpy(type.label, text.data(), dot);
+  type.label = MakeLabel(text.substr(0, dot), {});
   type.isUdp = protocol == "_udp";
   return true;
 }
 
-ServiceType FlagshipType() {
-  ServiceType type = {};
-  memcpy(type.label, kFlagshipLabel, strlen(kFlagshipLabel));
-  return type;
-}
+ServiceType FlagshipType() { return {MakeLabel(kFlagshipLabel, {}), false}; }
 
 bool IsSameType(const ServiceType& a, const ServiceType& b) {
-  return a.isUdp == b.isUdp && AreLabelsEqual(a.label, b.label);
+  return a.isUdp == b.isUdp && AreLabelsEqual(TextOf(a.label), TextOf(b.label));
 }
 
 bool IsTypeUsed(const Core& core, size_t type) {
@@ -164,7 +159,7 @@ bool IsPrinter(const Core& core, const Device& device) {
   for (const Service& service : device.services) {
     if (!IsOffered(service)) continue;
     for (const std::string_view label : kPrintingLabels) {
-      if (AreLabelsEqual(core.types[service.type].label, label)) return true;
+      if (AreLabelsEqual(TextOf(core.types[service.type].label), label)) return true;
     }
   }
   return false;

@@ -119,7 +119,7 @@ struct Leaving {
 };
 
 struct ServiceType {
-  char label[kTypeLabelMax + 1];  ///< like "_ipp"; zero-terminated, empty: not in use
+  Label label;  ///< like "_ipp"; empty: not in use
   bool isUdp;
 };
 
@@ -137,7 +137,7 @@ struct Service {
 /// All services of one instance name: a printer.
 struct Device {
   char instance[kInstanceTextMax + 1];  ///< as it was added; kept when it is gone
-  char label[kLabelMax + 1];            ///< as it is called on the link; zero-terminated
+  Label label;                          ///< as it is called on the link
   Service services[kServicesPerDevice];
 };
 
@@ -206,8 +206,8 @@ struct Core {
   bool isStopping;
   bool hadHostName;
 
-  char hostBase[kLabelMax + 1];  ///< the name that is wanted
-  char hostLabel[kLabelMax + 1];
+  Label hostBase;  ///< the name that is wanted
+  Label hostLabel;
   Claim claims[kClaimsMax];
   uint8_t nextConflict;
   int64_t conflictAt[kConflictsMax];  ///< the last ones, in a ring

@@ -43,6 +43,15 @@ constexpr size_t kEntriesMax = 512;
 /// The longest data of a record that is written or, with its names uncompressed, compared.
 constexpr size_t kDataMax = 544;
 
+/// A label as text, zero-terminated.
+struct Label {
+  char text[kLabelMax + 1];
+  uint8_t length;
+};
+
+/// The text of a label.
+inline std::string_view TextOf(const Label& label) { return {label.text, label.length}; }
+
 /// A name without compression: labels, each behind its length byte, and the root's zero byte.
 /// All zero but for a `length` of 1: the root.
 struct Name {

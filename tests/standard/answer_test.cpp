@@ -333,7 +333,9 @@ TEST_F(Answer, WhoAndHowIsAnswered) {
     host.Hear({0, {{"host.local", kTypeA, row.classBits}}}, row.from, row.port, row.isMulticast);
     const vector<string> lines = WordsWithin(0);
     ASSERT_EQ(lines.size(), row.expected == nullptr ? 0u : 1u);
-    if (row.expected != nullptr) EXPECT_EQ(lines[0].find(row.expected), 0u) << lines[0];
+    if (row.expected != nullptr) {
+      EXPECT_EQ(lines[0].find(row.expected), 0u) << lines[0];
+    }
   }
 }
 

@@ -466,8 +466,8 @@ TEST(Claim, TwoOwnDevicesOfOneLabelAreNumbered) {
   Host host;
   host.AddPrinter(string(63, 'a') + "b");
   host.AddPrinter(string(63, 'a') + "c");
-  EXPECT_EQ(string(host.State().devices[0].label), string(63, 'a'));
-  EXPECT_EQ(string(host.State().devices[1].label), string(59, 'a') + " (2)");
+  EXPECT_EQ(string(host.State().devices[0].label.text), string(63, 'a'));
+  EXPECT_EQ(string(host.State().devices[1].label.text), string(59, 'a') + " (2)");
 }
 
 TEST(Claim, AServiceThatIsAddedIsProbedForWhileTheOthersAreAnswered) {

@@ -84,7 +84,9 @@ TEST_F(Outgoing, QuestionsInGreatNumbersKeepTheInterval) {
       const int64_t time = std::stoll(line);
       for (const char* record : {"host A", "host AAAA", "_ipp._tcp PTR", "P._ipp._tcp TXT"}) {
         if (line.find(record) == string::npos) continue;
-        if (last.count(record) != 0) EXPECT_GE(time - last[record], 1000) << line;
+        if (last.count(record) != 0) {
+          EXPECT_GE(time - last[record], 1000) << line;
+        }
         last[record] = time;
       }
     }

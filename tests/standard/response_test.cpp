@@ -127,7 +127,7 @@ TEST_F(OthersResponse, AConflictOverTheHostTakesNoDevicesNameAway) {
              {{"host.local", kTypeA, "C0 A8 01 4D"}, {"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
   host.Settle();
   EXPECT_STREQ(HostName(host.State()), "host");
-  EXPECT_STREQ(host.State().devices[0].label, "P");
+  EXPECT_STREQ(host.State().devices[0].label.text, "P");
 }
 
 TEST_F(OthersResponse, AdditionalRecordsAreLookedAtToo) {

@@ -172,7 +172,7 @@ TEST(Services, APrinterThatComesBackIsClaimedAgainUnderItsLastName) {
   host.RunFor(1900);
   host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
   host.Settle();
-  ASSERT_STREQ(host.State().devices[0].label, "P");
+  ASSERT_STREQ(host.State().devices[0].label.text, "P");
   EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
   host.RunFor(100);
   host.AddPrinter("P");

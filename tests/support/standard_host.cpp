@@ -21,7 +21,8 @@ std::string TypeText(uint16_t type) {
   static const std::map<uint16_t, std::string> kTexts = {
       {kTypeA, "A"},     {kTypePtr, "PTR"},   {kTypeTxt, "TXT"}, {kTypeAaaa, "AAAA"},
       {kTypeSrv, "SRV"}, {kTypeNsec, "NSEC"}, {kTypeAny, "ANY"}};
-  return kTexts.at(type);
+  const auto text = kTexts.find(type);
+  return text != kTexts.end() ? text->second : "TYPE" + std::to_string(type);
 }
 
 std::string AddressText(const Address& address) {
