@@ -160,8 +160,11 @@ std::optional<Frame> TakeFrame(const Target& target) {
     memcpy(&time, CMSG_DATA(header), sizeof(time));
     frame.time = int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
   }
+  // Questions go to the port; answers come from it, to all hosts or to the asker alone.
+  const int sourcePort = (bytes[20] << 8) | bytes[21];
+  const int port = (bytes[22] << 8) | bytes[23];
   const bool isMdns = length > static_cast<ssize_t>(kUdpPayload) + 2 && bytes[9] == IPPROTO_UDP &&
-                      ((bytes[22] << 8) | bytes[23]) == kMdnsPort;
+                      (sourcePort == kMdnsPort || port == kMdnsPort);
   const bool isResponse = isMdns && (bytes[kUdpPayload + 2] & 0x80) != 0;
   frame.isQuestion = isMdns && !isResponse && link.sll_pkttype == PACKET_OUTGOING;
   frame.isAnswer = isResponse && link.sll_pkttype != PACKET_OUTGOING;
