@@ -1,8 +1,10 @@
-// The least that answers a question of a conventional resolver: it is received, and the ready-made
-// answer with its ID is sent back. `bench_echo PACKET`: the file that holds the answer.
+// The least that answers a question of a conventional resolver in two address families: it waits
+// for both sockets, receives the question and sends the ready-made answer with its ID back.
+// `bench_echo PACKET`: the file that holds the answer.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstdint>
@@ -43,8 +45,11 @@ int main(int argc, char** argv) {
   uint8_t answer[1500];
   const size_t length = argc == 2 ? ReadAnswer(argv[1], answer, sizeof(answer)) : 0;
   const int link = OpenSocket();
+  const int other = socket(AF_INET6, SOCK_DGRAM, 0);
   if (length < kIdSize || link < 0) return 1;
   for (;;) {
+    pollfd polled[] = {{link, POLLIN, 0}, {other, POLLIN, 0}};
+    if (ppoll(polled, 2, nullptr, nullptr) != 1 || polled[0].revents == 0) continue;
     uint8_t question[9000];
     sockaddr_in asker;
     socklen_t size = sizeof(asker);
