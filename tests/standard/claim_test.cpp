@@ -154,6 +154,16 @@ TEST(Claim, NumbersGoUpUntilANameIsFree) {
   EXPECT_STREQ(HostName(host.State()), "host-2");
 }
 
+TEST(Claim, ANameThatWasGivenUpStaysSoWhenTheLinkGoes) {
+  Host host;
+  host.RunFor(300);
+  host.Hear(HostConflict());
+  host.SetLink({});
+  host.SetLink(LinkWith({kOwnIpv4, kOwnIpv6}));
+  host.Settle();
+  EXPECT_STREQ(HostName(host.State()), "host-1");
+}
+
 TEST(Claim, WhatIsNoConflictWhileProbing) {
   struct Row {
     const char* what;
