@@ -163,10 +163,6 @@ void PublishServices(Core& core, size_t claim) {
 
 void Succeed(Core& core, size_t index, int64_t now) {
   Claim& claim = core.claims[index];
-  if (IsDevice(index) && !IsHeld(core, kHostClaim)) {
-    GoTo(claim, ClaimStep::kHeldBack, kNever);
-    return;
-  }
   claim.heldOn = core.families;
   claim.isSlow = false;
   claim.announcementsLeft = kAnnouncements;

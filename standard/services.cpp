@@ -17,8 +17,6 @@ constexpr size_t kFlagshipPlace = 0;
 // The types of printers that do not print by the flagship type's protocol.
 constexpr std::string_view kPrintingLabels[] = {"_ipp", "_pdl-datastream"};
 
-constexpr size_t kAddressKinds = 3;
-
 bool IsLabelCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
 }
@@ -56,11 +54,6 @@ bool IsTypeUsed(const Core& core, size_t type) {
   return false;
 }
 
-// No record is known by the number any more: what was sent under it was another.
-void ForgetRecord(Core& core, RecordId id) {
-  for (auto& times : core.multicastAt) times[id] = kLongAgo;
-}
-
 // The index of a type, which is entered if need be; kServiceTypesMax when there is no place.
 size_t EnterType(Core& core, const ServiceType& type) {
   size_t free = kServiceTypesMax;
@@ -70,7 +63,6 @@ size_t EnterType(Core& core, const ServiceType& type) {
   }
   if (free == kServiceTypesMax) return free;
   core.types[free] = type;
-  ForgetRecord(core, kTypeListRecords + free);
   return free;
 }
 
@@ -135,9 +127,6 @@ void SettleIn(Core& core, size_t index, std::string_view instance) {
   memcpy(device.instance, instance.data(), instance.size());
   ResetClaim(core, index);
   for (int64_t& time : core.claims[1 + index].announcedAt) time = kLongAgo;
-  const size_t first = kServiceRecords + index * kServicesPerDevice * kRecordsPerService;
-  for (size_t i = 0; i < kServicesPerDevice * kRecordsPerService; ++i)
-    ForgetRecord(core, first + i);
 }
 
 // The place of a service within its device: that of the same type, else a free one, else one whose
@@ -248,10 +237,6 @@ size_t FindFreeSlot(const Core& core) {
   return leaving;
 }
 
-void ForgetAddressRecords(Core& core, size_t slot) {
-  for (size_t i = 0; i < kAddressKinds; ++i) ForgetRecord(core, slot + i * kAddressSlots);
-}
-
 // Sends the next goodbye of what leaves. False when all were sent and taken: it is gone.
 bool StayForGoodbye(Core& core, Leaving& leaving, const RecordSet& records, int64_t now) {
   if (leaving.goodbyesLeft == 0) return false;
@@ -316,7 +301,6 @@ bool InsertAddress(Core& core, const Address& address) {
     slot = FindFreeSlot(core);
     if (slot == kAddressSlots) return false;
     core.addresses[slot].address = address;
-    ForgetAddressRecords(core, slot);
   } else if (core.addresses[slot].presence == Presence::kHere) {
     return false;
   }

@@ -338,10 +338,39 @@ TEST(Claim, TheLoserWaitsASecondAndProbesAgain) {
   EXPECT_THAT(host.RunFor(500), IsEmpty());
   host.Hear(rival);
   EXPECT_THAT(host.RunFor(499), IsEmpty());
+  EXPECT_EQ(NextTurn(host.State()), host.Now() + 1);
   EXPECT_THAT(
       Ipv4Lines(host.RunFor(5000)),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
                   "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+}
+
+TEST(Claim, DevicesWaitWithTheLoser) {
+  Host host;
+  host.AddPrinter("P");
+  host.RunUntil(300);
+  host.Hear({0, {{"host.local", kTypeAny}}, {}, {{"host.local", kTypeA, kOtherA}}});
+  EXPECT_THAT(ProbedNames(host.RunFor(3000)), ElementsAre("host", "host", "host", "P._printer._tcp",
+                                                          "P._printer._tcp", "P._printer._tcp"));
+}
+
+TEST(Claim, AnotherProgramOfThisHostIsNoRivalForItsName) {
+  Host host;
+  host.RunUntil(300);
+  host.Hear({0, {{"host.local", kTypeAny}}, {}, {{"host.local", kTypeA, kOtherA}}}, kOwnIpv4);
+  EXPECT_FALSE(host.RunFor(250).empty());
+}
+
+TEST(Claim, ARivalForANameThatIsAddedIsMet) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  ASSERT_TRUE(AddService(host.State(), "P", "_pdl-datastream._tcp", "", 9100, host.Now()));
+  host.RunFor(260);
+  const char* name = "P._pdl-datastream._tcp.local";
+  host.Hear({0, {{name, kTypeAny}}, {}, {{name, kTypeSrv, "FF FF 00 00 00 00 00"}}});
+  EXPECT_THAT(host.RunFor(999), IsEmpty());
+  EXPECT_FALSE(host.RunFor(1).empty());
 }
 
 TEST(Claim, TheLoserTakesAnotherNameWhenTheWinnerDefendsIt) {
@@ -374,6 +403,8 @@ TEST(Claim, FifteenConflictsInTenSecondsMakeItRestFiveSecondsBeforeEachAttempt) 
   }
   denied.Settle();
   EXPECT_STREQ(HostName(denied.State()), "host-17");
+  denied.Hear(HostConflict("host-17.local"));
+  EXPECT_FALSE(ProbedNames(denied.RunFor(250)).empty()) << "a name ends it";
 }
 
 TEST(Claim, ConflictsWhileItRestsAreOfNoAccount) {

@@ -225,6 +225,16 @@ TEST(Core, AFamilyThatComesIsClaimedBeforeItIsAnsweredOn) {
   EXPECT_EQ(CountOf(host.RunFor(2000), "v6 =_ipp._tcp PTR"), 1u);
 }
 
+TEST(Core, AFamilyThatComesBackIsClaimedAgain) {
+  Host host;
+  host.Settle();
+  host.SetLink(LinkWith({kOwnIpv4}));
+  host.Settle();
+  host.SetLink(LinkWith({kOwnIpv4, kOwnIpv6}));
+  host.Hear({0, {{"host.local", kTypeA}}}, kOtherIpv6);
+  EXPECT_EQ(CountOf(host.RunFor(500), "v6 =host A"), 0u);
+}
+
 TEST(Core, AnMtuAloneChangesNothing) {
   Host host;
   host.Settle();
@@ -259,6 +269,24 @@ TEST(Core, AStopSaysGoodbyeToEverythingTwice) {
   EXPECT_THAT(host.RunFor(250),
               ElementsAre(std::to_string(start) + goodbye, std::to_string(start + 250) + goodbye));
   EXPECT_TRUE(IsStopped(host.State()));
+}
+
+TEST(Core, AStopTakesBackTheVeryRecordsThatWereSent) {
+  Host host(false);
+  host.SetLink(LinkWith({kOwnIpv4}));
+  host.Settle();
+  BeginStop(host.State(), host.Now());
+  EXPECT_NE(Hex(host.BytesUntil(host.Now()).at(0))
+                .find(WireHex("C0 0C 00 2F 80 01 00 00 00 00 00 05 C0 0C 00 01 40")),
+            string::npos);
+}
+
+TEST(Core, AStopForgetsAnswersThatWait) {
+  Host host;
+  host.Settle();
+  host.Hear({0, {{"host.local", kTypeTxt}, {"host.local", kTypeTxt}}});
+  BeginStop(host.State(), host.Now());
+  EXPECT_EQ(host.RunFor(5000).size(), 4u) << "goodbyes, two on each family";
 }
 
 TEST(Core, AfterAStopNothingIsAnsweredAddedOrClaimed) {

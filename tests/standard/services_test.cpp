@@ -181,6 +181,30 @@ TEST(Services, APrinterThatComesBackIsClaimedAgainUnderItsLastName) {
   EXPECT_EQ(words[0].find("?P._printer._tcp ANY"), words[0].find('?'));
 }
 
+TEST(Services, APrinterThatIsGoneHoldsNothing) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(300);
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  host.RunFor(0);
+  EXPECT_STREQ(host.State().devices[0].label.text, "P (2)");
+}
+
+TEST(Services, OnlySharedRecordsOfADisputedNameSayGoodbye) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  const string goodbye =
+      " =_services._dns-sd._udp PTR 0 =_ipp._tcp PTR 0 =_universal._sub._ipp._tcp PTR 0";
+  EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
+}
+
 TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {
   Host host;
   host.AddPrinter("P");
