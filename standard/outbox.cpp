@@ -412,8 +412,6 @@ void ForgetAnswers(Core& core) {
   for (size_t i = 0; i < kFamilies; ++i) {
     core.answers[i] = {{}, kNever};
     core.defences[i] = {{}, kNever};
-    core.outbox[i].answers = {};
-    core.outbox[i].probes = {};
   }
   for (Reply& reply : core.replies) reply.isUsed = false;
   core.legacy.isUsed = false;

@@ -118,15 +118,13 @@ void ResetClaim(Core& core, size_t device) {
   claim.step = ClaimStep::kNone;
   claim.due = kNever;
   claim.heldOn = 0;
-  claim.isSlow = false;
 }
 
 void SettleIn(Core& core, size_t index, std::string_view instance) {
   Device& device = core.devices[index];
   device = {};
   memcpy(device.instance, instance.data(), instance.size());
-  ResetClaim(core, index);
-  for (int64_t& time : core.claims[1 + index].announcedAt) time = kLongAgo;
+  InitClaim(core.claims[1 + index]);
 }
 
 // The place of a service within its device: that of the same type, else a free one, else one whose
@@ -175,7 +173,6 @@ void ReserveFlagship(Core& core, Device& device) {
 void FreeService(Core& core, size_t index, int64_t now) {
   const size_t device = index / kServicesPerDevice;
   ServiceAt(core, index).presence = Presence::kFree;
-  ServiceAt(core, index).isPublished = false;
   if (IsFree(core.devices[device])) {
     ResetClaim(core, device);
     return;
@@ -336,10 +333,6 @@ void DropLeaving(Core& core) {
   for (AddressSlot& slot : core.addresses) {
     if (slot.presence == Presence::kLeaving) slot.presence = Presence::kFree;
   }
-}
-
-void DropAddresses(Core& core) {
-  for (AddressSlot& slot : core.addresses) slot.presence = Presence::kFree;
 }
 
 bool AdvanceLeaving(Core& core, int64_t now) {

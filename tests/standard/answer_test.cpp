@@ -209,6 +209,14 @@ TEST_F(Answer, KnownAnswersWithHalfTheirTimeLeftAreNotSent) {
   }
 }
 
+TEST_F(Answer, KnownAnswersCountForUnicastToo) {
+  Ask({{"_ipp._tcp.local", kTypePtr, kUnicast}}, {kKnownPointer});
+  EXPECT_THAT(WordsWithin(2000), IsEmpty());
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr, kUnicast}}});
+  host.Hear({0, {}, {kKnownPointer}});
+  EXPECT_THAT(WordsWithin(2000), IsEmpty());
+}
+
 TEST_F(Answer, KnownAnswersSuppressNothingElse) {
   Ask({{"host.local", kTypeAny}}, {kKnownA});
   EXPECT_THAT(WordsWithin(2000), ElementsAre("v4 =host AAAA +host A"));
@@ -240,6 +248,27 @@ TEST_F(Answer, ATruncatedQueryWaitsForMoreKnownAnswers) {
   host.RunFor(100);
   host.Hear({0, {}, {kKnownPointer}});
   EXPECT_THAT(WordsWithin(2000), IsEmpty());
+}
+
+TEST_F(Answer, TheLastOfTheKnownAnswersDoesNotExtendTheWait) {
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr}}});
+  host.RunFor(399);
+  host.Hear({0, {}, {kKnownA}});
+  EXPECT_EQ(host.RunFor(101).size(), 1u);
+}
+
+TEST_F(Answer, KnownAnswersBelongToTheLastTruncatedQuery) {
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr}}});
+  host.RunFor(10);
+  host.Hear({kFlagTruncated, {{"host.local", kTypeA}}});
+  host.Hear({0, {}, {kKnownPointer, kKnownA}});
+  EXPECT_THAT(WordsWithin(5000), ElementsAre(kPointerAnswer));
+}
+
+TEST_F(Answer, SharedNamesAreNotDefended) {
+  host.Hear({0, {{"_ipp._tcp.local", kTypePtr}}, {}, {kKnownPointer}});
+  EXPECT_THAT(host.RunFor(19), IsEmpty());
+  EXPECT_THAT(WordsWithin(2000), ElementsAre(kPointerAnswer));
 }
 
 TEST_F(Answer, WhatWasMulticastMeanwhileNeedNotBeWaitedFor) {

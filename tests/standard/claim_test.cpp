@@ -68,6 +68,7 @@ TEST(Claim, ProbesThreeTimesAndAnnouncesTwice) {
                           "500 " + HostProbe("host"), "750" + announcement, "1750" + announcement));
   EXPECT_EQ(lines.size(), 10u) << "the same on IPv6";
   EXPECT_EQ(NextTurn(host.State()), kNever);
+  EXPECT_EQ(host.State().claims[1].step, ClaimStep::kNone);
 }
 
 TEST(Claim, BeginsAfterARandomDelayOfUpTo250Milliseconds) {
@@ -234,6 +235,25 @@ TEST(Claim, AConflictLaterOnIsProbedForFirst) {
       Ipv4Lines(lines),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
                   "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+}
+
+TEST(Claim, DevicesKeepTheirNamesWhileTheHostsIsProbedForAgain) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  host.Hear(HostConflict());
+  EXPECT_THAT(ProbedNames(host.RunFor(10000)), ElementsAre("host", "host", "host"));
+}
+
+TEST(Claim, DevicesOnTheWayToTheirNamesWaitWhileTheHostsIsProbedForAgain) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(260);
+  host.Hear(HostConflict());
+  EXPECT_THAT(
+      ProbedNames(host.RunFor(10000)),
+      ElementsAre("host", "host", "host", "P._printer._tcp", "P._printer._tcp", "P._printer._tcp"));
 }
 
 TEST(Claim, AConflictLaterOnThatIsDefendedMakesItTakeAnotherName) {

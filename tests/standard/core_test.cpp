@@ -46,6 +46,37 @@ TEST(Core, WithoutALinkNothingIsDue) {
   EXPECT_FALSE(HasHostName(host.State()));
 }
 
+TEST(Core, WhenTheLinkGoesNothingIsDueAnyMore) {
+  Host host;
+  host.AddPrinter();
+  host.Settle();
+  host.Hear({0, {{"_ipp._tcp.local", kTypePtr}}});
+  host.SetLink({});
+  EXPECT_EQ(NextTurn(host.State()), kNever);
+}
+
+TEST(Core, AddressesThatLeaveMakeRoom) {
+  Host host;
+  host.Settle();
+  for (uint8_t round = 0; round < 4; ++round) {
+    vector<Address> addresses(kLinkAddressesMax, kOwnIpv4);
+    for (size_t i = 0; i < addresses.size(); ++i) {
+      addresses[i].bytes[3] = static_cast<uint8_t>(100 + round * 16 + i);
+    }
+    host.SetLink(LinkWith(addresses));
+    host.Hear({0, {{"host.local", kTypeA}}}, kOtherIpv4, 40000);
+    const vector<string> lines = host.RunFor(10);
+    size_t answers = 0;
+    for (const string& line : lines) {
+      for (size_t at = line.find("=host A "); at != string::npos;
+           at = line.find("=host A ", at + 1)) {
+        ++answers;
+      }
+    }
+    EXPECT_GE(answers, 16u) << static_cast<int>(round);
+  }
+}
+
 TEST(Core, TheHostsNameIsCutToALabel) {
   auto core = std::make_unique<Core>();
   InitCore(*core, string(70, 'a'), 1);

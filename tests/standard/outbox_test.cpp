@@ -48,6 +48,14 @@ TEST_F(Outgoing, NoRecordIsMulticastTwiceWithinASecond) {
   EXPECT_THAT(Within(5000), ElementsAre("700 v4 =host A +host AAAA"));
 }
 
+TEST_F(Outgoing, TheRestOfASetKeepsTheIntervalToo) {
+  AskForHost();
+  host.RunFor(300);
+  host.SetLink(LinkWith({kOwnIpv4, {Family::kIpv4, {192, 168, 1, 2}}, kOwnIpv6}));
+  AskForHost();
+  EXPECT_THAT(Within(0), ElementsAre("0 v4 =host A"));
+}
+
 TEST_F(Outgoing, AdditionalRecordsKeepTheIntervalToo) {
   host.Hear({0, {{"host.local", kTypeAaaa}}});
   host.RunFor(300);
@@ -222,6 +230,24 @@ TEST(OutgoingSizes, ASetOfAddressesIsAddedWholeOrNotAtAll) {
     }
     EXPECT_EQ(added, room == kRoom ? 16u : 0u) << lines[0];
   }
+}
+
+TEST(OutgoingSizes, NoRecordIsBothAddedAndAnswered) {
+  vector<Address> addresses(kLinkAddressesMax, kOwnIpv6);
+  for (size_t i = 0; i < addresses.size(); ++i)
+    addresses[i].bytes[15] = static_cast<uint8_t>(1 + i);
+  LinkState link = LinkWith(addresses);
+  // There is room for the NSEC record behind eight addresses, not for a ninth.
+  link.mtu = 48 + 12 + 26 + 12 + 7 * 28 + 20;
+  Host host(false);
+  host.SetLink(link);
+  host.Settle();
+  host.Hear({0, {{"host.local", kTypeAaaa}, {"host.local", kTypeNsec}}}, kOtherIpv6);
+  size_t count = 0;
+  for (const string& line : host.RunFor(5000)) {
+    if (line.find("host NSEC") != string::npos) ++count;
+  }
+  EXPECT_EQ(count, 1u);
 }
 
 TEST(OutgoingSizes, ProposedRecordsShareAPacketWithTheirQuestion) {

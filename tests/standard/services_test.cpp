@@ -98,6 +98,8 @@ TEST(Services, HaveThreePlacesAPrinterAndSixteenPrinters) {
   host.Settle();
   EXPECT_TRUE(Remove(host, "P1", "_ipp._tcp"));
   EXPECT_TRUE(Add(host, "one more", "_ipp._tcp")) << "instead of one that leaves";
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  EXPECT_TRUE(Add(host, "P", "_ipps._tcp")) << "instead of one that leaves";
 }
 
 TEST(Services, TypesAreFour) {
@@ -191,6 +193,19 @@ TEST(Services, APrinterThatIsGoneHoldsNothing) {
   host.RunFor(300);
   host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
   host.RunFor(0);
+  EXPECT_STREQ(host.State().devices[0].label.text, "P (2)");
+}
+
+TEST(Services, APrinterThatComesBackKeepsTheNameThatItHadToTake) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(300);
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  host.Settle();
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  host.Settle();
+  host.AddPrinter("P");
   EXPECT_STREQ(host.State().devices[0].label.text, "P (2)");
 }
 
