@@ -62,7 +62,7 @@ Suffix NumberedSuffix(std::string_view before, uint32_t number, std::string_view
 std::string_view TakeLine(std::string_view& text) {
   const size_t end = text.find('\n');
   const std::string_view line = text.substr(0, end);
-  text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+  text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   return line;
 }
 

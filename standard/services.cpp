@@ -23,7 +23,8 @@ bool IsLabelCharacter(char c) {
 
 bool IsTypeLabel(std::string_view label) {
   if (label.size() < 2 || label.size() > kTypeLabelMax || label[0] != '_') return false;
-  for (const char c : label.substr(1)) {
+  label.remove_prefix(1);
+  for (const char c : label) {
     if (!IsLabelCharacter(c)) return false;
   }
   return true;
@@ -33,9 +34,11 @@ bool IsTypeLabel(std::string_view label) {
 bool ParseType(std::string_view text, ServiceType& type) {
   const size_t dot = text.find('.');
   if (dot == std::string_view::npos || !IsTypeLabel(text.substr(0, dot))) return false;
-  const std::string_view protocol = text.substr(dot + 1);
-  if (protocol != "_tcp" && protocol != "_udp") return false;
   type.label = MakeLabel(text.substr(0, dot), {});
+  // Not by substr(), which with a position needs the C++ library.
+  std::string_view protocol = text;
+  protocol.remove_prefix(dot + 1);
+  if (protocol != "_tcp" && protocol != "_udp") return false;
   type.isUdp = protocol == "_udp";
   return true;
 }
