@@ -33,12 +33,11 @@ bool IsTypeLabel(std::string_view label) {
 // Reads a type like "_ipp._tcp". False when it is none.
 bool ParseType(std::string_view text, ServiceType& type) {
   const size_t dot = text.find('.');
-  if (dot == std::string_view::npos || !IsTypeLabel(text.substr(0, dot))) return false;
-  type.label = MakeLabel(text.substr(0, dot), {});
-  // Not by substr(), which with a position needs the C++ library.
-  std::string_view protocol = text;
-  protocol.remove_prefix(dot + 1);
-  if (protocol != "_tcp" && protocol != "_udp") return false;
+  if (dot == std::string_view::npos) return false;
+  const std::string_view label(text.data(), dot);
+  const std::string_view protocol(text.data() + dot + 1, text.size() - dot - 1);
+  if (!IsTypeLabel(label) || (protocol != "_tcp" && protocol != "_udp")) return false;
+  type.label = MakeLabel(label, {});
   type.isUdp = protocol == "_udp";
   return true;
 }
