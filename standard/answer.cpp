@@ -186,7 +186,7 @@ bool IsSameAsker(const Endpoint& a, const Endpoint& b) {
 Reply* FindOpenReply(Core& core, const Endpoint& asker) {
   Reply* found = nullptr;
   for (Reply& reply : core.replies) {
-    if (!reply.isUsed || !reply.isOpen || reply.isReady || !IsSameAsker(reply.asker, asker)) {
+    if (!reply.isUsed || !reply.isOpen || !IsSameAsker(reply.asker, asker)) {
       continue;
     }
     if (found == nullptr || reply.openedAt > found->openedAt) found = &reply;
@@ -223,7 +223,6 @@ void ReplyToLegacy(Core& core, const Query& query, const Answers& answers) {
   reply.records.AddAll(answers.unicast);
   reply.records.AddAll(answers.defence);
   if (reply.records.IsEmpty()) return;
-  CompleteSets(core, reply.records);
   CopyQuestions(query, reply);
   reply.isUsed = true;
   reply.asker = query.datagram->source;

@@ -163,10 +163,6 @@ void PublishServices(Core& core, size_t claim) {
 
 void Succeed(Core& core, size_t index, int64_t now) {
   Claim& claim = core.claims[index];
-  if (IsDevice(index) && !IsHeld(core, kHostClaim)) {
-    GoTo(claim, ClaimStep::kHeldBack, kNever);
-    return;
-  }
   claim.heldOn = core.families;
   claim.isSlow = false;
   claim.announcementsLeft = kAnnouncements;
@@ -352,10 +348,15 @@ void Defer(Core& core, size_t index, int64_t now) {
 
 }  // namespace
 
+void InitClaim(Claim& claim) {
+  claim = {};
+  claim.due = kNever;
+  for (int64_t& time : claim.announcedAt) time = kLongAgo;
+}
+
 void BeginAllClaims(Core& core, int64_t now) {
   for (Claim& claim : core.claims) claim.heldOn = 0;
   for (size_t i = 0; i < kClaimsMax; ++i) {
-    if (core.claims[i].step == ClaimStep::kRenaming) continue;
     if (IsDevice(i) && !HasServices(core, i)) continue;
     BeginAttempt(core, i, now);
   }

@@ -26,6 +26,9 @@ constexpr int64_t kAnnouncementInterval = 1000;
 /// The period of kAnnouncementsPerMinute.
 constexpr int64_t kAnnouncementPeriod = 60000;
 
+/// There is nothing to claim, nor ever was.
+void InitClaim(Claim& claim);
+
 /// Begins all claims from the beginning: nothing is held on this link yet.
 void BeginAllClaims(Core& core, int64_t now);
 

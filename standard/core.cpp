@@ -52,15 +52,6 @@ void LoseLink(Core& core) {
   EndAllClaims(core);
   ForgetAnswers(core);
   DropLeaving(core);
-  DropAddresses(core);
-}
-
-// Addresses of this host that are still being said goodbye to are its own too.
-bool IsOwnAddress(const Core& core, const Address& address) {
-  for (const AddressSlot& slot : core.addresses) {
-    if (slot.presence != Presence::kFree && AreAddressesEqual(slot.address, address)) return true;
-  }
-  return false;
 }
 
 // RFC 6762, sections 5.5 and 11: what came to this host alone counts only from the link.
@@ -80,10 +71,7 @@ void InitCore(Core& core, std::string_view hostName, uint64_t randomSeed) {
   SeedRandom(core, randomSeed);
   core.hostBase = MakeLabel(hostName, {});
   core.hostLabel = core.hostBase;
-  for (Claim& claim : core.claims) {
-    claim.due = kNever;
-    for (int64_t& time : claim.announcedAt) time = kLongAgo;
-  }
+  for (Claim& claim : core.claims) InitClaim(claim);
   for (int64_t& time : core.conflictAt) time = kLongAgo;
   for (auto& times : core.multicastAt) {
     for (int64_t& time : times) time = kLongAgo;
@@ -120,7 +108,7 @@ void HandleLink(Core& core, const LinkState& link, int64_t now) {
 void HandleDatagram(Core& core, const ReceivedDatagram& datagram, int64_t now) {
   const uint16_t flags = MessageFlags(datagram.bytes, datagram.length);
   if (core.isStopping || !IsFromLink(core, datagram) || !HasKnownMeaning(flags)) return;
-  const bool isFromSelf = IsOwnAddress(core, datagram.source.address);
+  const bool isFromSelf = HasAddress(core.link, datagram.source.address);
   if (isFromSelf && WasSentHere(core, datagram.bytes, datagram.length)) return;
   const bool isResponse = (flags & kFlagResponse) != 0;
   if (isResponse && datagram.source.port != kMdnsPort) return;

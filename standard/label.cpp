@@ -34,14 +34,14 @@ bool IsControl(char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }
 // What stands in a label for the character of `length` bytes that `text` begins with.
 std::string_view Printable(std::string_view text, size_t length) {
   if (length == 0) return "?";
-  return IsControl(text[0]) ? std::string_view(" ") : text.substr(0, length);
+  return IsControl(text[0]) ? std::string_view(" ") : std::string_view(text.data(), length);
 }
 
 // The first bytes of `text`, at most `limit`, that end between characters.
 std::string_view CutBetweenCharacters(std::string_view text, size_t limit) {
   if (text.size() <= limit) return text;
   while (limit > 0 && IsContinuation(text[limit])) --limit;
-  return text.substr(0, limit);
+  return {text.data(), limit};
 }
 
 Suffix NumberedSuffix(std::string_view before, uint32_t number, std::string_view behind) {
@@ -60,9 +60,11 @@ Suffix NumberedSuffix(std::string_view before, uint32_t number, std::string_view
 }
 
 std::string_view TakeLine(std::string_view& text) {
+  // Not by substr(), which may throw and so needs the C++ library.
   const size_t end = text.find('\n');
-  const std::string_view line = text.substr(0, end);
-  text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  const bool isLast = end == std::string_view::npos;
+  const std::string_view line(text.data(), isLast ? text.size() : end);
+  text.remove_prefix(isLast ? text.size() : end + 1);
   return line;
 }
 

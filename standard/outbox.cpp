@@ -54,7 +54,6 @@ void NoteMulticast(Core& core, Family family, RecordId id, int64_t now) {
   const size_t i = static_cast<size_t>(family);
   core.multicastAt[i][id] = now;
   core.answers[i].records.Remove(id);
-  core.defences[i].records.Remove(id);
   core.outbox[i].answers.Remove(id);
   for (Reply& reply : core.replies) {
     if (reply.isUsed && reply.asker.address.family == family) reply.multicast.Remove(id);
@@ -172,7 +171,6 @@ bool TakeAnswers(Core& core, Family family, int64_t now, OutgoingDatagram& out) 
   const RecordSet answers = WriteAnswers(writer, core, records, style);
   NoteAllMulticast(core, family, answers, now);
   RecordSet additionals = AdditionalsFor(core, family, answers);
-  additionals.RemoveAll(records);
   LeaveOutRecent(core, family, additionals, kRecordInterval, now);
   NoteAllMulticast(core, family, WriteAdditionals(writer, core, additionals, style), now);
   out.length = FinishMessage(writer, 0, kFlagsOfResponse);
@@ -297,9 +295,7 @@ bool TakeReply(Core& core, Reply& reply, int64_t now, OutgoingDatagram& out) {
   const Style style = {false, false};
   WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), true);
   const RecordSet answers = WriteAnswers(writer, core, reply.unicast, style);
-  RecordSet additionals = AdditionalsFor(core, family, answers);
-  additionals.RemoveAll(reply.unicast);
-  WriteAdditionals(writer, core, additionals, style);
+  WriteAdditionals(writer, core, AdditionalsFor(core, family, answers), style);
   out.length = FinishMessage(writer, 0, kFlagsOfResponse);
   out.destination = reply.asker;
   return true;
@@ -329,9 +325,7 @@ bool TakeLegacy(Core& core, int64_t now, OutgoingDatagram& out) {
   }
   RecordSet rest = reply.records;
   const RecordSet answers = WriteAnswers(writer, core, rest, style);
-  if (rest.IsEmpty()) {
-    WriteAdditionals(writer, core, AdditionalsFor(core, family, answers), style);
-  }
+  WriteAdditionals(writer, core, AdditionalsFor(core, family, answers), style);
   const uint16_t truncated = rest.IsEmpty() ? uint16_t{0} : kFlagTruncated;
   out.length = FinishMessage(writer, reply.id, kFlagsOfResponse | truncated);
   out.destination = reply.asker;
@@ -418,8 +412,6 @@ void ForgetAnswers(Core& core) {
   for (size_t i = 0; i < kFamilies; ++i) {
     core.answers[i] = {{}, kNever};
     core.defences[i] = {{}, kNever};
-    core.outbox[i].answers = {};
-    core.outbox[i].probes = {};
   }
   for (Reply& reply : core.replies) reply.isUsed = false;
   core.legacy.isUsed = false;

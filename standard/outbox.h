@@ -42,7 +42,7 @@ void SendProbes(Core& core, const NameSet& names);
 /// A place for a reply to one asker; null when all are taken. The caller fills it.
 Reply* NewReply(Core& core);
 
-/// Forgets all that is to be sent but goodbyes.
+/// Forgets all that waits to be sent.
 void ForgetAnswers(Core& core);
 
 /// Moves on what is due. True when it moved anything: there may then be something to send.

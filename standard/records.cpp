@@ -635,7 +635,6 @@ RecordSet GoodbyesOfService(const Core& core, size_t service) {
 
 RecordSet GoodbyesOfAddress(const Core& core, size_t slot) {
   RecordSet records = {};
-  if (core.claims[kHostClaim].heldOn == 0) return records;
   if (!HasAddressOfType(core, TypeOfAddress(core, slot))) records.Add(slot);
   records.Add(kReverseRecords + slot);
   records.Add(kReverseNsecRecords + slot);

@@ -67,7 +67,6 @@ void HandleResponse(Core& core, const ReceivedDatagram& response, bool isFromSel
   WireReader reader = ReadMessage(response.bytes, response.length);
   ReceivedRecord record;
   while (ReadRecord(reader, record)) {
-    if (record.section == Section::kAuthority) continue;
     JudgeRecord(core, record, family, isFromSelf, findings);
   }
   // A response to this host alone says nothing of what others heard.

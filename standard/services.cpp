@@ -17,8 +17,6 @@ constexpr size_t kFlagshipPlace = 0;
 // The types of printers that do not print by the flagship type's protocol.
 constexpr std::string_view kPrintingLabels[] = {"_ipp", "_pdl-datastream"};
 
-constexpr size_t kAddressKinds = 3;
-
 bool IsLabelCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
 }
@@ -35,12 +33,11 @@ bool IsTypeLabel(std::string_view label) {
 // Reads a type like "_ipp._tcp". False when it is none.
 bool ParseType(std::string_view text, ServiceType& type) {
   const size_t dot = text.find('.');
-  if (dot == std::string_view::npos || !IsTypeLabel(text.substr(0, dot))) return false;
-  type.label = MakeLabel(text.substr(0, dot), {});
-  // Not by substr(), which with a position needs the C++ library.
-  std::string_view protocol = text;
-  protocol.remove_prefix(dot + 1);
-  if (protocol != "_tcp" && protocol != "_udp") return false;
+  if (dot == std::string_view::npos) return false;
+  const std::string_view label(text.data(), dot);
+  const std::string_view protocol(text.data() + dot + 1, text.size() - dot - 1);
+  if (!IsTypeLabel(label) || (protocol != "_tcp" && protocol != "_udp")) return false;
+  type.label = MakeLabel(label, {});
   type.isUdp = protocol == "_udp";
   return true;
 }
@@ -59,11 +56,6 @@ bool IsTypeUsed(const Core& core, size_t type) {
   return false;
 }
 
-// No record is known by the number any more: what was sent under it was another.
-void ForgetRecord(Core& core, RecordId id) {
-  for (auto& times : core.multicastAt) times[id] = kLongAgo;
-}
-
 // The index of a type, which is entered if need be; kServiceTypesMax when there is no place.
 size_t EnterType(Core& core, const ServiceType& type) {
   size_t free = kServiceTypesMax;
@@ -73,7 +65,6 @@ size_t EnterType(Core& core, const ServiceType& type) {
   }
   if (free == kServiceTypesMax) return free;
   core.types[free] = type;
-  ForgetRecord(core, kTypeListRecords + free);
   return free;
 }
 
@@ -129,18 +120,13 @@ void ResetClaim(Core& core, size_t device) {
   claim.step = ClaimStep::kNone;
   claim.due = kNever;
   claim.heldOn = 0;
-  claim.isSlow = false;
 }
 
 void SettleIn(Core& core, size_t index, std::string_view instance) {
   Device& device = core.devices[index];
   device = {};
   memcpy(device.instance, instance.data(), instance.size());
-  ResetClaim(core, index);
-  for (int64_t& time : core.claims[1 + index].announcedAt) time = kLongAgo;
-  const size_t first = kServiceRecords + index * kServicesPerDevice * kRecordsPerService;
-  for (size_t i = 0; i < kServicesPerDevice * kRecordsPerService; ++i)
-    ForgetRecord(core, first + i);
+  InitClaim(core.claims[1 + index]);
 }
 
 // The place of a service within its device: that of the same type, else a free one, else one whose
@@ -189,7 +175,6 @@ void ReserveFlagship(Core& core, Device& device) {
 void FreeService(Core& core, size_t index, int64_t now) {
   const size_t device = index / kServicesPerDevice;
   ServiceAt(core, index).presence = Presence::kFree;
-  ServiceAt(core, index).isPublished = false;
   if (IsFree(core.devices[device])) {
     ResetClaim(core, device);
     return;
@@ -249,10 +234,6 @@ size_t FindFreeSlot(const Core& core) {
     if (core.addresses[i].presence == Presence::kLeaving) leaving = i;
   }
   return leaving;
-}
-
-void ForgetAddressRecords(Core& core, size_t slot) {
-  for (size_t i = 0; i < kAddressKinds; ++i) ForgetRecord(core, slot + i * kAddressSlots);
 }
 
 // Sends the next goodbye of what leaves. False when all were sent and taken: it is gone.
@@ -319,7 +300,6 @@ bool InsertAddress(Core& core, const Address& address) {
     slot = FindFreeSlot(core);
     if (slot == kAddressSlots) return false;
     core.addresses[slot].address = address;
-    ForgetAddressRecords(core, slot);
   } else if (core.addresses[slot].presence == Presence::kHere) {
     return false;
   }
@@ -355,10 +335,6 @@ void DropLeaving(Core& core) {
   for (AddressSlot& slot : core.addresses) {
     if (slot.presence == Presence::kLeaving) slot.presence = Presence::kFree;
   }
-}
-
-void DropAddresses(Core& core) {
-  for (AddressSlot& slot : core.addresses) slot.presence = Presence::kFree;
 }
 
 bool AdvanceLeaving(Core& core, int64_t now) {

@@ -21,9 +21,8 @@ bool WithdrawAddress(Core& core, const Address& address, int64_t now);
 /// Withdraws all that is there.
 void WithdrawAll(Core& core, int64_t now);
 
-/// Lets what is leaving go without its goodbyes, and the addresses with it: there is no link.
+/// Lets what is leaving go without its goodbyes: there is no link.
 void DropLeaving(Core& core);
-void DropAddresses(Core& core);
 
 /// Says the goodbyes that are due. True when it did anything.
 bool AdvanceLeaving(Core& core, int64_t now);

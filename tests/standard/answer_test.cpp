@@ -209,6 +209,14 @@ TEST_F(Answer, KnownAnswersWithHalfTheirTimeLeftAreNotSent) {
   }
 }
 
+TEST_F(Answer, KnownAnswersCountForUnicastToo) {
+  Ask({{"_ipp._tcp.local", kTypePtr, kUnicast}}, {kKnownPointer});
+  EXPECT_THAT(WordsWithin(2000), IsEmpty());
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr, kUnicast}}});
+  host.Hear({0, {}, {kKnownPointer}});
+  EXPECT_THAT(WordsWithin(2000), IsEmpty());
+}
+
 TEST_F(Answer, KnownAnswersSuppressNothingElse) {
   Ask({{"host.local", kTypeAny}}, {kKnownA});
   EXPECT_THAT(WordsWithin(2000), ElementsAre("v4 =host AAAA +host A"));
@@ -221,6 +229,8 @@ TEST_F(Answer, ASetOfAddressesIsSentWholeUnlessAllOfItIsKnown) {
   const Told second = {"host.local", kTypeA, "C0 A8 01 02", 120};
   Ask({{"host.local", kTypeA}}, {kKnownA});
   EXPECT_THAT(WordsWithin(2000), ElementsAre("v4 =host A =host A +host AAAA"));
+  Ask({{"host.local", kTypeA, kUnicast}}, {kKnownA});
+  EXPECT_THAT(WordsWithin(2000), ElementsAre("v4.77:5353 =host A =host A +host AAAA"));
   Ask({{"host.local", kTypeA}}, {kKnownA, second});
   EXPECT_THAT(WordsWithin(2000), IsEmpty());
 }
@@ -238,6 +248,33 @@ TEST_F(Answer, ATruncatedQueryWaitsForMoreKnownAnswers) {
   host.RunFor(100);
   host.Hear({0, {}, {kKnownPointer}});
   EXPECT_THAT(WordsWithin(2000), IsEmpty());
+}
+
+TEST_F(Answer, TheLastOfTheKnownAnswersDoesNotExtendTheWait) {
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr}}});
+  host.RunFor(399);
+  host.Hear({0, {}, {kKnownA}});
+  EXPECT_EQ(host.RunFor(101).size(), 1u);
+}
+
+TEST_F(Answer, KnownAnswersBelongToTheLastTruncatedQuery) {
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr}}});
+  host.RunFor(10);
+  host.Hear({kFlagTruncated, {{"host.local", kTypeA}}});
+  host.Hear({0, {}, {kKnownPointer, kKnownA}});
+  EXPECT_THAT(WordsWithin(5000), ElementsAre(kPointerAnswer));
+}
+
+TEST_F(Answer, SharedNamesAreNotDefended) {
+  host.Hear({0, {{"_ipp._tcp.local", kTypePtr}}, {}, {kKnownPointer}});
+  EXPECT_THAT(host.RunFor(19), IsEmpty());
+  EXPECT_THAT(WordsWithin(2000), ElementsAre(kPointerAnswer));
+}
+
+TEST_F(Answer, WhatWasMulticastMeanwhileNeedNotBeWaitedFor) {
+  host.Hear({kFlagTruncated, {{"_ipp._tcp.local", kTypePtr}}});
+  Ask({{"_ipp._tcp.local", kTypePtr}});
+  EXPECT_THAT(WordsWithin(5000), ElementsAre(kPointerAnswer));
 }
 
 TEST_F(Answer, EachTruncatedPacketExtendsTheWait) {
@@ -365,6 +402,20 @@ TEST_F(Answer, AConventionalResolverIsAnsweredAtOnceWhateverItAsks) {
   EXPECT_THAT(WordsWithin(0), ElementsAre("v4.77:40000 ?host TXT =host NSEC"));
   host.Hear({0, {{"guest.local", kTypeTxt}}}, kOtherIpv4, kLegacyPort);
   EXPECT_THAT(WordsWithin(0), IsEmpty());
+}
+
+TEST_F(Answer, AConventionalQuestionIsNotUpsetByTheNext) {
+  host.Hear({0, {{"host.local", kTypeTxt}}}, kOtherIpv4, kLegacyPort);
+  host.Hear({0, {{"guest.local", kTypeTxt}}}, kOtherIpv4, kLegacyPort + 1);
+  EXPECT_THAT(WordsWithin(0), ElementsAre("v4.77:40000 ?host TXT =host NSEC"));
+}
+
+TEST_F(Answer, WhatGoesIsNotAnsweredAnyMore) {
+  Ask({{"_ipp._tcp.local", kTypePtr}});
+  ASSERT_TRUE(RemoveService(host.State(), "P", "_ipp._tcp", host.Now()));
+  for (const string& line : WordsWithin(2000)) {
+    EXPECT_NE(line.find("=_ipp._tcp PTR 0"), string::npos) << line;
+  }
 }
 
 TEST_F(Answer, AProbeIsMetWithADefenceAtOnce) {

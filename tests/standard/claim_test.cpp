@@ -68,6 +68,7 @@ TEST(Claim, ProbesThreeTimesAndAnnouncesTwice) {
                           "500 " + HostProbe("host"), "750" + announcement, "1750" + announcement));
   EXPECT_EQ(lines.size(), 10u) << "the same on IPv6";
   EXPECT_EQ(NextTurn(host.State()), kNever);
+  EXPECT_EQ(host.State().claims[1].step, ClaimStep::kNone);
 }
 
 TEST(Claim, BeginsAfterARandomDelayOfUpTo250Milliseconds) {
@@ -154,6 +155,16 @@ TEST(Claim, NumbersGoUpUntilANameIsFree) {
   EXPECT_STREQ(HostName(host.State()), "host-2");
 }
 
+TEST(Claim, ANameThatWasGivenUpStaysSoWhenTheLinkGoes) {
+  Host host;
+  host.RunFor(300);
+  host.Hear(HostConflict());
+  host.SetLink({});
+  host.SetLink(LinkWith({kOwnIpv4, kOwnIpv6}));
+  host.Settle();
+  EXPECT_STREQ(HostName(host.State()), "host-1");
+}
+
 TEST(Claim, WhatIsNoConflictWhileProbing) {
   struct Row {
     const char* what;
@@ -224,6 +235,25 @@ TEST(Claim, AConflictLaterOnIsProbedForFirst) {
       Ipv4Lines(lines),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
                   "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+}
+
+TEST(Claim, DevicesKeepTheirNamesWhileTheHostsIsProbedForAgain) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  host.Hear(HostConflict());
+  EXPECT_THAT(ProbedNames(host.RunFor(10000)), ElementsAre("host", "host", "host"));
+}
+
+TEST(Claim, DevicesOnTheWayToTheirNamesWaitWhileTheHostsIsProbedForAgain) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(260);
+  host.Hear(HostConflict());
+  EXPECT_THAT(
+      ProbedNames(host.RunFor(10000)),
+      ElementsAre("host", "host", "host", "P._printer._tcp", "P._printer._tcp", "P._printer._tcp"));
 }
 
 TEST(Claim, AConflictLaterOnThatIsDefendedMakesItTakeAnotherName) {
@@ -328,10 +358,39 @@ TEST(Claim, TheLoserWaitsASecondAndProbesAgain) {
   EXPECT_THAT(host.RunFor(500), IsEmpty());
   host.Hear(rival);
   EXPECT_THAT(host.RunFor(499), IsEmpty());
+  EXPECT_EQ(NextTurn(host.State()), host.Now() + 1);
   EXPECT_THAT(
       Ipv4Lines(host.RunFor(5000)),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
                   "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+}
+
+TEST(Claim, DevicesWaitWithTheLoser) {
+  Host host;
+  host.AddPrinter("P");
+  host.RunUntil(300);
+  host.Hear({0, {{"host.local", kTypeAny}}, {}, {{"host.local", kTypeA, kOtherA}}});
+  EXPECT_THAT(ProbedNames(host.RunFor(3000)), ElementsAre("host", "host", "host", "P._printer._tcp",
+                                                          "P._printer._tcp", "P._printer._tcp"));
+}
+
+TEST(Claim, AnotherProgramOfThisHostIsNoRivalForItsName) {
+  Host host;
+  host.RunUntil(300);
+  host.Hear({0, {{"host.local", kTypeAny}}, {}, {{"host.local", kTypeA, kOtherA}}}, kOwnIpv4);
+  EXPECT_FALSE(host.RunFor(250).empty());
+}
+
+TEST(Claim, ARivalForANameThatIsAddedIsMet) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  ASSERT_TRUE(AddService(host.State(), "P", "_pdl-datastream._tcp", "", 9100, host.Now()));
+  host.RunFor(260);
+  const char* name = "P._pdl-datastream._tcp.local";
+  host.Hear({0, {{name, kTypeAny}}, {}, {{name, kTypeSrv, "FF FF 00 00 00 00 00"}}});
+  EXPECT_THAT(host.RunFor(999), IsEmpty());
+  EXPECT_FALSE(host.RunFor(1).empty());
 }
 
 TEST(Claim, TheLoserTakesAnotherNameWhenTheWinnerDefendsIt) {
@@ -364,6 +423,8 @@ TEST(Claim, FifteenConflictsInTenSecondsMakeItRestFiveSecondsBeforeEachAttempt) 
   }
   denied.Settle();
   EXPECT_STREQ(HostName(denied.State()), "host-17");
+  denied.Hear(HostConflict("host-17.local"));
+  EXPECT_FALSE(ProbedNames(denied.RunFor(250)).empty()) << "a name ends it";
 }
 
 TEST(Claim, ConflictsWhileItRestsAreOfNoAccount) {

@@ -46,6 +46,37 @@ TEST(Core, WithoutALinkNothingIsDue) {
   EXPECT_FALSE(HasHostName(host.State()));
 }
 
+TEST(Core, WhenTheLinkGoesNothingIsDueAnyMore) {
+  Host host;
+  host.AddPrinter();
+  host.Settle();
+  host.Hear({0, {{"_ipp._tcp.local", kTypePtr}}});
+  host.SetLink({});
+  EXPECT_EQ(NextTurn(host.State()), kNever);
+}
+
+TEST(Core, AddressesThatLeaveMakeRoom) {
+  Host host;
+  host.Settle();
+  for (uint8_t round = 0; round < 4; ++round) {
+    vector<Address> addresses(kLinkAddressesMax, kOwnIpv4);
+    for (size_t i = 0; i < addresses.size(); ++i) {
+      addresses[i].bytes[3] = static_cast<uint8_t>(100 + round * 16 + i);
+    }
+    host.SetLink(LinkWith(addresses));
+    host.Hear({0, {{"host.local", kTypeA}}}, kOtherIpv4, 40000);
+    const vector<string> lines = host.RunFor(10);
+    size_t answers = 0;
+    for (const string& line : lines) {
+      for (size_t at = line.find("=host A "); at != string::npos;
+           at = line.find("=host A ", at + 1)) {
+        ++answers;
+      }
+    }
+    EXPECT_GE(answers, 16u) << static_cast<int>(round);
+  }
+}
+
 TEST(Core, TheHostsNameIsCutToALabel) {
   auto core = std::make_unique<Core>();
   InitCore(*core, string(70, 'a'), 1);
@@ -225,6 +256,16 @@ TEST(Core, AFamilyThatComesIsClaimedBeforeItIsAnsweredOn) {
   EXPECT_EQ(CountOf(host.RunFor(2000), "v6 =_ipp._tcp PTR"), 1u);
 }
 
+TEST(Core, AFamilyThatComesBackIsClaimedAgain) {
+  Host host;
+  host.Settle();
+  host.SetLink(LinkWith({kOwnIpv4}));
+  host.Settle();
+  host.SetLink(LinkWith({kOwnIpv4, kOwnIpv6}));
+  host.Hear({0, {{"host.local", kTypeA}}}, kOtherIpv6);
+  EXPECT_EQ(CountOf(host.RunFor(500), "v6 =host A"), 0u);
+}
+
 TEST(Core, AnMtuAloneChangesNothing) {
   Host host;
   host.Settle();
@@ -259,6 +300,24 @@ TEST(Core, AStopSaysGoodbyeToEverythingTwice) {
   EXPECT_THAT(host.RunFor(250),
               ElementsAre(std::to_string(start) + goodbye, std::to_string(start + 250) + goodbye));
   EXPECT_TRUE(IsStopped(host.State()));
+}
+
+TEST(Core, AStopTakesBackTheVeryRecordsThatWereSent) {
+  Host host(false);
+  host.SetLink(LinkWith({kOwnIpv4}));
+  host.Settle();
+  BeginStop(host.State(), host.Now());
+  EXPECT_NE(Hex(host.BytesUntil(host.Now()).at(0))
+                .find(WireHex("C0 0C 00 2F 80 01 00 00 00 00 00 05 C0 0C 00 01 40")),
+            string::npos);
+}
+
+TEST(Core, AStopForgetsAnswersThatWait) {
+  Host host;
+  host.Settle();
+  host.Hear({0, {{"host.local", kTypeTxt}, {"host.local", kTypeTxt}}});
+  BeginStop(host.State(), host.Now());
+  EXPECT_EQ(host.RunFor(5000).size(), 4u) << "goodbyes, two on each family";
 }
 
 TEST(Core, AfterAStopNothingIsAnsweredAddedOrClaimed) {

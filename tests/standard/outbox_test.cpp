@@ -48,6 +48,14 @@ TEST_F(Outgoing, NoRecordIsMulticastTwiceWithinASecond) {
   EXPECT_THAT(Within(5000), ElementsAre("700 v4 =host A +host AAAA"));
 }
 
+TEST_F(Outgoing, TheRestOfASetKeepsTheIntervalToo) {
+  AskForHost();
+  host.RunFor(300);
+  host.SetLink(LinkWith({kOwnIpv4, {Family::kIpv4, {192, 168, 1, 2}}, kOwnIpv6}));
+  AskForHost();
+  EXPECT_THAT(Within(0), ElementsAre("0 v4 =host A"));
+}
+
 TEST_F(Outgoing, AdditionalRecordsKeepTheIntervalToo) {
   host.Hear({0, {{"host.local", kTypeAaaa}}});
   host.RunFor(300);
@@ -73,6 +81,14 @@ TEST_F(Outgoing, ADefenceMayBeRepeatedAfter250Milliseconds) {
   EXPECT_THAT(Within(249), ElementsAre("150 v4 =host A =host AAAA"));
   host.Hear(probe);
   EXPECT_THAT(Within(400), ElementsAre("151 v4 =host A =host AAAA"));
+}
+
+TEST_F(Outgoing, ADefenceIsAnAnswerToThoseWhoWait) {
+  AskForHost();
+  host.RunFor(300);
+  AskForHost();
+  host.Hear({0, {{"host.local", kTypeAny}}, {}, {{"host.local", kTypeA, "C0 A8 01 4D"}}});
+  EXPECT_THAT(Within(5000), ElementsAre("0 v4 =host A =host AAAA"));
 }
 
 TEST_F(Outgoing, QuestionsInGreatNumbersKeepTheInterval) {
@@ -188,6 +204,50 @@ TEST(OutgoingSizes, ARecordLargerThanAPacketGoesAlone) {
     EXPECT_EQ(reader.left[3], 0);
   }
   EXPECT_EQ(large, 10u * 3 + 10) << "probes and the announcement";
+}
+
+TEST(OutgoingSizes, ASetOfAddressesIsAddedWholeOrNotAtAll) {
+  vector<Address> addresses(kLinkAddressesMax, kOwnIpv4);
+  for (size_t i = 0; i < addresses.size(); ++i) addresses[i].bytes[3] = static_cast<uint8_t>(1 + i);
+  LinkState link = LinkWith(addresses);
+  Host host(false);
+  host.SetLink(link);
+  host.AddPrinter("P");
+  host.Settle();
+  // The answer takes 54 bytes with its header, each address 16.
+  constexpr size_t kRoom = 54 + 16 * 16;
+  for (const size_t room : {kRoom - 1, kRoom}) {
+    SCOPED_TRACE(room);
+    link.mtu = static_cast<uint16_t>(room + 48);
+    host.SetLink(link);
+    host.Hear({0, {{"P._ipp._tcp.local", kTypeSrv}}});
+    const vector<string> lines = host.RunFor(2000);
+    ASSERT_EQ(lines.size(), 1u);
+    size_t added = 0;
+    for (size_t at = lines[0].find("+host A"); at != string::npos;
+         at = lines[0].find("+host A", at + 1)) {
+      ++added;
+    }
+    EXPECT_EQ(added, room == kRoom ? 16u : 0u) << lines[0];
+  }
+}
+
+TEST(OutgoingSizes, NoRecordIsBothAddedAndAnswered) {
+  vector<Address> addresses(kLinkAddressesMax, kOwnIpv6);
+  for (size_t i = 0; i < addresses.size(); ++i)
+    addresses[i].bytes[15] = static_cast<uint8_t>(1 + i);
+  LinkState link = LinkWith(addresses);
+  // There is room for the NSEC record behind eight addresses, not for a ninth.
+  link.mtu = 48 + 12 + 26 + 12 + 7 * 28 + 20;
+  Host host(false);
+  host.SetLink(link);
+  host.Settle();
+  host.Hear({0, {{"host.local", kTypeAaaa}, {"host.local", kTypeNsec}}}, kOtherIpv6);
+  size_t count = 0;
+  for (const string& line : host.RunFor(5000)) {
+    if (line.find("host NSEC") != string::npos) ++count;
+  }
+  EXPECT_EQ(count, 1u);
 }
 
 TEST(OutgoingSizes, ProposedRecordsShareAPacketWithTheirQuestion) {

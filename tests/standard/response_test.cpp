@@ -122,11 +122,15 @@ TEST_F(OthersResponse, OneMessageIsOneConflict) {
 }
 
 TEST_F(OthersResponse, AConflictOverTheHostTakesNoDevicesNameAway) {
+  // Both are being probed for; the device goes on when the host has another name.
+  host.SetLink({});
+  host.SetLink(LinkWith({kOwnIpv4, kOwnIpv6}));
+  host.RunFor(300);
   host.Hear({kResponseFlags,
              {},
              {{"host.local", kTypeA, "C0 A8 01 4D"}, {"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
   host.Settle();
-  EXPECT_STREQ(HostName(host.State()), "host");
+  EXPECT_STREQ(HostName(host.State()), "host-1");
   EXPECT_STREQ(host.State().devices[0].label.text, "P");
 }
 

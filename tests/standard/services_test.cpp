@@ -98,6 +98,8 @@ TEST(Services, HaveThreePlacesAPrinterAndSixteenPrinters) {
   host.Settle();
   EXPECT_TRUE(Remove(host, "P1", "_ipp._tcp"));
   EXPECT_TRUE(Add(host, "one more", "_ipp._tcp")) << "instead of one that leaves";
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  EXPECT_TRUE(Add(host, "P", "_ipps._tcp")) << "instead of one that leaves";
 }
 
 TEST(Services, TypesAreFour) {
@@ -179,6 +181,43 @@ TEST(Services, APrinterThatComesBackIsClaimedAgainUnderItsLastName) {
   const vector<string> words = Ipv4WordsWithin(host, 60000);
   ASSERT_EQ(words.size(), 5u) << "three probes, two announcements, and no second goodbye";
   EXPECT_EQ(words[0].find("?P._printer._tcp ANY"), words[0].find('?'));
+}
+
+TEST(Services, APrinterThatIsGoneHoldsNothing) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(300);
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  host.RunFor(0);
+  EXPECT_STREQ(host.State().devices[0].label.text, "P (2)");
+}
+
+TEST(Services, APrinterThatComesBackKeepsTheNameThatItHadToTake) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  host.RunFor(300);
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  host.Settle();
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  host.Settle();
+  host.AddPrinter("P");
+  EXPECT_STREQ(host.State().devices[0].label.text, "P (2)");
+}
+
+TEST(Services, OnlySharedRecordsOfADisputedNameSayGoodbye) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  host.Hear({kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}});
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  const string goodbye =
+      " =_services._dns-sd._udp PTR 0 =_ipp._tcp PTR 0 =_universal._sub._ipp._tcp PTR 0";
+  EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
 }
 
 TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {

@@ -116,6 +116,8 @@ TEST(Wire, DataHaveTheFormOfTheirType) {
       {"SRV", "00 21 00 01 00 00 00 00 00 08 00 00 00 00 00 01 C0 0C", true},
       {"SRV without a target", "00 21 00 01 00 00 00 00 00 06 00 00 00 00 00 01", false},
       {"NSEC", "00 2F 00 01 00 00 00 00 00 05 C0 0C 00 01 40", true},
+      {"NSEC longer than any own data", "00 2F 00 01 00 00 00 00 02 5A C0 0C 600*'x'", true},
+      {"NSEC whose name passes the end", "00 2F 00 01 00 00 00 00 00 01 C0 0C", false},
       {"NSEC without a name", "00 2F 00 01 00 00 00 00 00 02 C0 FF", false},
       {"TXT of any bytes", "00 10 00 01 00 00 00 00 00 02 FF FF", true},
       {"a type unknown, empty", "FF FF 00 01 00 00 00 00 00 00", true},
