@@ -53,6 +53,17 @@ uint32_t GetBonjourInitStatus();
 /// capacity. Any thread; sees the name before or after a change, never a mixture.
 char* GetDeviceName(char* buffer, size_t size);
 
+/// The device name, zero-terminated.
+struct DeviceName {
+  char text[kDeviceNameSize];
+};
+/// The device name as GetDeviceName gives it. Any thread.
+inline DeviceName CurrentDeviceName() {
+  DeviceName name = {};
+  GetDeviceName(name.text, kDeviceNameMax);
+  return name;
+}
+
 /// Publishes a service (RFC 6763). `serviceName` is the instance name, 1 to kServiceNameMax
 /// characters; `serviceType` reads like "_ipp._tcp", at most 32; `serviceDomain` is kLocalDomain;
 /// `txt` holds the TXT strings separated by line feeds, or is null with `txtLength` 0; `port` is

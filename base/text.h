@@ -1,6 +1,8 @@
 // Texts in fixed fields and on the heap.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -52,6 +54,13 @@ struct NumberText {
   char text[12];
 };
 NumberText FormatNumber(int32_t number);
+
+/// An IPv4 address in dotted form, zero-terminated.
+struct AddressText {
+  char text[INET_ADDRSTRLEN];
+};
+/// The dotted form of an address in network byte order; the empty text for INADDR_NONE.
+AddressText FormatAddress(in_addr_t address);
 
 /// A zero-filled heap text for `length` characters; null when there is no memory.
 HeapText NewText(size_t length);

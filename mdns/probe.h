@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/message.h"
 #include "mdns/state.h"
 #include "records/compose.h"
+#include "records/message.h"
 
 /// Packets without a conflict that a probing cycle passes over; the next one ends it.
 constexpr uint32_t kIgnoredPacketsMax = 11;

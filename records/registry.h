@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/state.h"
+#include "records/state.h"
 
 /// The longest texts of a service beside its name, in characters.
 constexpr size_t kServiceTypeMax = 32;

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mdns/message.h"
+#include "records/message.h"
 #include "mdns/socket.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"

@@ -1,5 +1,6 @@
 #include "base/text.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,6 +14,13 @@ TEST(FormatNumber, WritesTheNumberInDecimal) {
   EXPECT_STREQ(FormatNumber(1518).text, "1518");
   EXPECT_STREQ(FormatNumber(-1).text, "-1");
   EXPECT_STREQ(FormatNumber(INT32_MIN).text, "-2147483648");
+}
+
+TEST(FormatAddress, WritesFourNumbersAndNothingForNoAddress) {
+  EXPECT_STREQ(FormatAddress(inet_addr("192.168.1.1")).text, "192.168.1.1");
+  EXPECT_STREQ(FormatAddress(inet_addr("255.255.255.254")).text, "255.255.255.254");
+  EXPECT_STREQ(FormatAddress(0).text, "0.0.0.0");
+  EXPECT_STREQ(FormatAddress(INADDR_NONE).text, "");
 }
 
 TEST(CopyText, CutsAtTheLimitAndZerosTheRest) {

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <thread>
 
-#include "mdns/state.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
@@ -230,7 +229,7 @@ TEST_F(SendPacketTest, ManySendersShareOneSocket) {
 TEST_F(SendPacketTest, SocketIsInUseBeforeTheSenderIsStarted) {
   static std::vector<bool> inUse;
   inUse.clear();
-  onCreateThread = [] { inUse.push_back(!multicastSocketUsers.IsEmpty()); };
+  onCreateThread = [] { inUse.push_back(IsAnyoneSending()); };
   const Bytes packet = Wire("01");
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
   onCreateThread = nullptr;
@@ -240,13 +239,13 @@ TEST_F(SendPacketTest, SocketIsInUseBeforeTheSenderIsStarted) {
 TEST_F(SendPacketTest, SocketIsInUseUntilTheSenderHasEnded) {
   static std::vector<bool> inUse;
   inUse.clear();
-  onUsleep = [](unsigned) { inUse.push_back(!multicastSocketUsers.IsEmpty()); };
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  onUsleep = [](unsigned) { inUse.push_back(IsAnyoneSending()); };
+  EXPECT_FALSE(IsAnyoneSending());
   const Bytes packet = Wire("01");
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
   ASSERT_TRUE(WaitForEndedThreads(1));
   EXPECT_THAT(inUse, ElementsAre(true, true, true));
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 TEST_F(SendPacketTest, SocketIsNotInUseAfterAFailure) {
@@ -254,21 +253,21 @@ TEST_F(SendPacketTest, SocketIsNotInUseAfterAFailure) {
     const Bytes packet = Wire("01");
     SendPacket(packet.data(), 1, -1, sink.Name());
     ASSERT_TRUE(WaitForEndedThreads(1));
-    EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+    EXPECT_FALSE(IsAnyoneSending());
     threadFault.FailCall(1);
     SendPacket(packet.data(), 1, source.Get(), sink.Name());
   });
   EXPECT_TRUE(threadFault.HasStruck());
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 TEST_F(SendPacketTest, NothingIsSentOrLoggedOnceTheSocketIsToBeClosed) {
   CapturedOutput output;
-  multicastSocketUsers.Close();
+  CloseSending();
   const Bytes packet = Wire("01");
   SendPacket(packet.data(), 1, source.Get(), sink.Name());
   EXPECT_EQ(StartedThreads().size(), 0u);
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
   EXPECT_EQ(output.Stdout() + output.Stderr(), "");
   EXPECT_TRUE(sink.HasNoPacket());
 }
@@ -283,7 +282,7 @@ TEST_F(SendPacketTest, FailedTransmissionIsLoggedOnceAndNotRepeated) {
   EXPECT_EQ(output.Stderr(), "[Bonjour] send packet error: Bad file descriptor\n");
   EXPECT_EQ(output.Stdout(), "");
   EXPECT_THAT(Pauses(), ElementsAre());
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 TEST_F(SendPacketTest, FailureAfterTheFirstTransmissionDropsTheRest) {
@@ -323,7 +322,7 @@ TEST_F(SendPacketTest, WithoutAThreadThePacketIsDroppedAndLogged) {
   EXPECT_TRUE(threadFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] pthread_create: Resource temporarily unavailable\n");
   EXPECT_EQ(output.Stdout(), "");
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
   EXPECT_TRUE(sink.HasNoPacket());
 }
 
@@ -406,29 +405,6 @@ TEST_F(SendPacketTest, AnyNumberOfSendersThatCouldNotBeStartedTakeNoMemory) {
   fail();
   EXPECT_EQ(mappedBlocks, 1);
   for (int i = 0; i < 1000; ++i) fail();
-  EXPECT_EQ(mappedBlocks, 1);
-}
-
-TEST_F(SendPacketTest, TwoSendersThatCouldNotBeStartedAtTheSameTimeLeaveOneJob) {
-  const CapturedOutput output;
-  static UdpSocket* from;
-  static sockaddr_in to;
-  UdpSocket own("127.0.0.1");
-  from = &own;
-  to = sink.Name();
-  const Bytes packet = Wire("01");
-  threadFault.FailCall(1);
-  SendPacket(packet.data(), 1, from->Get(), to);
-  EXPECT_EQ(mappedBlocks, 1);
-  // A second sender fails while the first is being started.
-  onCreateThread = [] {
-    onCreateThread = nullptr;
-    threadFault.FailCall(1);
-    const uint8_t other = 2;
-    SendPacket(&other, 1, from->Get(), to);
-    threadFault.FailCall(1);
-  };
-  SendPacket(packet.data(), 1, from->Get(), to);
   EXPECT_EQ(mappedBlocks, 1);
 }
 

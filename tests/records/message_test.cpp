@@ -1,4 +1,4 @@
-#include "mdns/message.h"
+#include "records/message.h"
 
 #include <gtest/gtest.h>
 
