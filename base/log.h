@@ -1,6 +1,8 @@
 // Log lines on standard output and standard error. A line is one system call, so it is neither torn
 // nor mixed with another thread's or program's; where it goes to a pipe or a socket that has no
-// space for it, it is dropped whole: a reader of the log that hangs never stops the daemon.
+// space for it, it is dropped whole: a reader of the log that hangs never stops the daemon. A file
+// or a terminal may take only a part, and gets the rest by a further call; where that fails, on a
+// file system that is full for instance, the next line still begins on a line of its own.
 #pragma once
 
 #include <cstddef>
