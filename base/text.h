@@ -44,11 +44,6 @@ std::string_view FieldText(const char (&field)[kCapacity]) {
   return {field, strnlen(field, kCapacity)};
 }
 
-/// True when `text` begins with `start`.
-inline bool BeginsWith(std::string_view text, std::string_view start) {
-  return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
-}
-
 /// A number in decimal form, zero-terminated.
 struct NumberText {
   char text[12];

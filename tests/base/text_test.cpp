@@ -47,14 +47,6 @@ TEST(FieldText, EndsAtTheZeroOrAtTheField) {
   EXPECT_EQ(FieldText(full), "abc");
 }
 
-TEST(BeginsWith, ComparesTheStartOnly) {
-  EXPECT_TRUE(BeginsWith("abc", "ab"));
-  EXPECT_TRUE(BeginsWith("abc", "abc"));
-  EXPECT_TRUE(BeginsWith("abc", ""));
-  EXPECT_FALSE(BeginsWith("abc", "abcd"));
-  EXPECT_FALSE(BeginsWith("abc", "b"));
-}
-
 TEST(NewText, IsEmptyWithRoomForItsLength) {
   const HeapText text = NewText(3);
   for (int i = 0; i <= 3; ++i) EXPECT_EQ(text.get()[i], 0);
