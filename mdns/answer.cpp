@@ -49,7 +49,8 @@ void AnswerHostName(AnsweringState& state, const Query& query) {
   LogQuery(state, query, "target");
   if (!RefreshAddress(state.slot)) return;
   BeginPacket(state.packet, {kFlagsResponse, 0, 1, 0});
-  // Without the cache-flush bit, unlike the A record of a service's answer: on purpose.
+  // Without the cache-flush bit, unlike the A record of a service's answer: hosts on the link know
+  // the two so (docs/behaviour.md).
   AddAddress(state.packet, state.hostName.text, false, GetInterfaceAddress(state.slot).text);
   Send(state, query.socket);
 }

@@ -17,7 +17,7 @@ constexpr size_t kHostLabelMax = 57;
 
 /// Argument of MDNS_Answer. Owned by the responder thread, outlives the answering thread.
 struct AnswerStartRecord {
-  int32_t socket;  ///< the multicast socket, read anew before every receive
+  int32_t socket;  ///< the multicast socket, read again before every receive
   uint32_t slot;   ///< interface slot whose address is logged and put into A records
 };
 
