@@ -4,8 +4,14 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -406,6 +412,58 @@ TEST_F(SendPacketTest, AnyNumberOfSendersThatCouldNotBeStartedTakeNoMemory) {
   EXPECT_EQ(mappedBlocks, 1);
   for (int i = 0; i < 1000; ++i) fail();
   EXPECT_EQ(mappedBlocks, 1);
+}
+
+// A sender that is held when it is about to copy its packet: the job's bytes end where a page ends,
+// which nobody may read until then, and what is behind them may be read.
+class HeldSenderTest : public SendPacketTest {
+ protected:
+  HeldSenderTest() : pageSize(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
+    sem_init(&isHeld, 0, 0);
+    sem_init(&mayGoOn, 0, 0);
+    memory = static_cast<uint8_t*>(std::aligned_alloc(pageSize, 3 * pageSize));
+    page = memory + pageSize;
+    nextMapping = page + pageSize - sizeof(SendJob::data);
+    struct sigaction hold = {};
+    hold.sa_handler = [](int) {
+      mprotect(page, static_cast<size_t>(sysconf(_SC_PAGESIZE)), PROT_READ | PROT_WRITE);
+      sem_post(&isHeld);
+      sem_wait(&mayGoOn);
+    };
+    sigaction(SIGSEGV, &hold, &before);
+    onCreateThread = [] {
+      onCreateThread = nullptr;
+      mprotect(page, static_cast<size_t>(sysconf(_SC_PAGESIZE)), PROT_NONE);
+    };
+  }
+  ~HeldSenderTest() override { sigaction(SIGSEGV, &before, nullptr); }
+
+  // False after ten seconds.
+  static bool WaitUntilHeld() {
+    timespec limit{};
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += 10;
+    return sem_timedwait(&isHeld, &limit) == 0;
+  }
+
+  const size_t pageSize;
+  struct sigaction before = {};
+  static inline uint8_t* memory;  // stays: the job in it is kept for the next packet
+  static inline uint8_t* page;
+  static inline sem_t isHeld;
+  static inline sem_t mayGoOn;
+};
+
+TEST_F(HeldSenderTest, JobIsNotFreeBeforeItsPacketIsCopied) {
+  const Bytes first = Wire("01 02 03");
+  const Bytes second = Wire("04 05 06");
+  const sockaddr_in destination = sink.Name();
+  SendPacket(first.data(), 3, source.Get(), destination);
+  ASSERT_TRUE(WaitUntilHeld());
+  SendPacket(second.data(), 3, source.Get(), destination);
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(second));
+  sem_post(&mayGoOn);
+  for (int i = 0; i < 3; ++i) EXPECT_THAT(sink.Receive(), Optional(first));
 }
 
 // Senders of long packets that wait in their first pause until they are let go.

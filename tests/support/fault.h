@@ -38,6 +38,8 @@ class Fault {
 extern Fault callocFault;
 /// WRAPS mmap and munmap: mmap returns MAP_FAILED with ENOMEM.
 extern Fault mmapFault;
+/// WRAPS mmap and munmap: memory of the test that the next mmap returns; null means a new mapping.
+extern std::atomic<void*> nextMapping;
 /// WRAPS mmap and munmap: mappings made and not given back.
 extern std::atomic<int> mappedBlocks;
 /// WRAPS pthread_create: the call returns EAGAIN.
