@@ -23,7 +23,7 @@ class BasicGate {
     Leave();
     return false;
   }
-  /// Steps outside. What was done inside has happened before whoever finds the gate empty.
+  /// Steps outside. Whoever then finds the gate empty sees all that was done inside.
   void Leave() { word.fetch_sub(1); }
   /// Nobody enters any more, for good. Those inside stay until they leave.
   void Close() { word.fetch_or(kClosed); }

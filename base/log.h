@@ -18,7 +18,7 @@ constexpr char kNoLastingThread[] = "[Bonjour] pthread_create error";
 /// A thread that ends by itself could not be created: a prober, a sender.
 constexpr char kNoPassingThread[] = "[Bonjour] pthread_create";
 
-/// Sees what standard output and standard error are and arranges that no line waits for a reader: a
+/// Looks at standard output and standard error and makes sure that no line waits for a reader: a
 /// pipe is opened once more for this process alone, so that no other writer's view of it changes,
 /// or, where /proc does not show it, made non-blocking itself. Terminals and files stay as they
 /// are. Without it lines are written too, but may wait. Initial thread, before any other runs.

@@ -59,7 +59,7 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
 /// nobody sending after CloseSending may close the socket. Any thread.
 bool IsAnyoneSending();
 
-/// From here on SendPacket sends nothing; who is sending goes on. Any thread.
+/// From here on SendPacket sends nothing; what was handed over before is still sent. Any thread.
 void CloseSending();
 
 /// Counts the caller as a sender for as long as the pass lives, so that the socket stays open. Not

@@ -80,15 +80,14 @@ class TornLineTest : public testing::TestWithParam<TornRow> {};
 
 INSTANTIATE_TEST_SUITE_P(
     , TornLineTest,
-    testing::Values(
-        TornRow{"RestIsWritten", {5}, "one line\nnext\n"},
-        TornRow{"RestIsWrittenInPieces", {5, 1, 2}, "one line\nnext\n"},
-        TornRow{"LostRestEndsTheLine", {5, -1}, "one l\nnext\n"},
-        TornRow{"LostLineFeedIsMadeUpFor", {8, -1}, "one line\nnext\n"},
-        TornRow{"WriteOfNothingIsAFailure", {5, 0}, "one l\nnext\n"},
-        TornRow{"LineThatIsLostWholeLeavesNothing", {-1}, "next\n"},
-        TornRow{"LineLostBehindATornOneLeavesTheNextOnItsOwn", {5, -1, -1}, "one l\nlast\n"},
-        TornRow{"EndOfATornLineIsWrittenOnce", {5, -1, 1, -1}, "one l\nlast\n"}),
+    testing::Values(TornRow{"RestIsWritten", {5}, "one line\nnext\n"},
+                    TornRow{"RestIsWrittenInPieces", {5, 1, 2}, "one line\nnext\n"},
+                    TornRow{"LostRestEndsTheLine", {5, -1}, "one l\nnext\n"},
+                    TornRow{"LostLineFeedIsMadeUpFor", {8, -1}, "one line\nnext\n"},
+                    TornRow{"WriteOfNothingIsAFailure", {5, 0}, "one l\nnext\n"},
+                    TornRow{"LineThatIsLostWholeLeavesNothing", {-1}, "next\n"},
+                    TornRow{"LineLostAfterATornOneChangesNothing", {5, -1, -1}, "one l\nlast\n"},
+                    TornRow{"EndOfATornLineIsWrittenOnce", {5, -1, 1, -1}, "one l\nlast\n"}),
     CaseName());
 
 TEST_P(TornLineTest, NextLineBeginsOnALineOfItsOwn) {

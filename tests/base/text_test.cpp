@@ -54,7 +54,7 @@ TEST(NewText, IsEmptyWithRoomForItsLength) {
   EXPECT_STREQ(text.get(), "abc");
 }
 
-TEST(JoinTexts, PutsThePartsBehindOneAnother) {
+TEST(JoinTexts, PutsThePartsOneAfterAnother) {
   EXPECT_STREQ(JoinTexts({"Office", ".", "_ipp._tcp", ".local"}).get(), "Office._ipp._tcp.local");
   EXPECT_STREQ(JoinTexts({}).get(), "");
   EXPECT_STREQ(JoinTexts({"", "a", std::string_view()}).get(), "a");

@@ -101,7 +101,7 @@ TEST(Flags, AreSetAndReleased) {
   EXPECT_EQ(responderState.notifyFlag.Get(), 1u);
 }
 
-TEST(Flags, ReleaseWakesEveryWaiterBehindTheClearing) {
+TEST(Flags, ReleaseClearsTheFlagAndThenWakesEveryWaiter) {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   int waiting = 0;
   SetWaitFlag();

@@ -415,7 +415,7 @@ TEST_F(SendPacketTest, AnyNumberOfSendersThatCouldNotBeStartedTakeNoMemory) {
 }
 
 // A sender that is held when it is about to copy its packet: the job's bytes end where a page ends,
-// which nobody may read until then, and what is behind them may be read.
+// which nobody may read until then; the rest of the job, after it, may be read.
 class HeldSenderTest : public SendPacketTest {
  protected:
   HeldSenderTest() : pageSize(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
