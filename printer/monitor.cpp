@@ -26,10 +26,9 @@ void SetServiceName(int32_t port, std::string_view lines) {
   static_assert(kNameLinesMax + sizeof(" (00:00:00) 0") == kServiceNameSize);
   char* name = printerServiceNames[port];
   const size_t length = lines.size() < kNameLinesMax ? lines.size() : kNameLinesMax;
-  memset(name, 0, kServiceNameSize);
-  snprintf(name, kServiceNameSize, "%.*s (%02x:%02x:%02x) %d", static_cast<int>(length),
-           lines.data(), unsigned{hw_addr[3]}, unsigned{hw_addr[4]}, unsigned{hw_addr[5]},
-           static_cast<int>(port));
+  CopyText(name, kServiceNameSize, length, lines);
+  snprintf(name + length, kServiceNameSize - length, " (%02x:%02x:%02x) %d", unsigned{hw_addr[3]},
+           unsigned{hw_addr[4]}, unsigned{hw_addr[5]}, static_cast<int>(port));
   for (size_t i = 0; i < length; ++i) {
     if (name[i] == '\n') name[i] = ' ';
   }
