@@ -45,13 +45,25 @@ void* BonjourServiceInit(void* argument);
 /// packets. Nothing happens when none does. Initial thread.
 void EndReceive();
 
-/// 1 once the responder is up, else 0. Any thread.
+/// 1 once the responder is up, 0 before. Another value, which only some responders have: a stop was
+/// asked for first, it will not be up. Any thread.
 uint32_t GetBonjourInitStatus();
 
 /// Copies the first min(size, length) characters of the device name into `buffer` and returns
 /// `buffer`. No terminator is written: callers hand a zero-filled buffer and a size one below its
 /// capacity. Any thread; sees the name before or after a change, never a mixture.
 char* GetDeviceName(char* buffer, size_t size);
+
+/// The device name, zero-terminated.
+struct DeviceName {
+  char text[kDeviceNameSize];
+};
+/// The device name as GetDeviceName gives it. Any thread.
+inline DeviceName CurrentDeviceName() {
+  DeviceName name = {};
+  GetDeviceName(name.text, kDeviceNameMax);
+  return name;
+}
 
 /// Publishes a service (RFC 6763). `serviceName` is the instance name, 1 to kServiceNameMax
 /// characters; `serviceType` reads like "_ipp._tcp", at most 32; `serviceDomain` is kLocalDomain;

@@ -74,7 +74,7 @@ void SetupSocketWithRetry() {
 void ProbeDeviceName() {
   ProbeRecord record;
   memset(&record, 0, sizeof(record));
-  GetDeviceName(record.name, kDeviceNameMax);
+  CopyText(record.name, CurrentDeviceName().text);
   while (!IsTerminating() && IsAnyInterfaceConnected() && IsBridgeConnected()) {
     record.retry = 0;
     record.socket = multicastSocket.Get();
@@ -132,8 +132,6 @@ void WaitWhile(Condition isUnderWay) {
   for (unsigned i = 0; isUnderWay() && i < kEndPollsMax; ++i) usleep(kEndPollMicroseconds);
 }
 
-bool IsAnyoneSending() { return !multicastSocketUsers.IsEmpty(); }
-
 // Works on a copy: the monitor may remove the entry itself at the same moment.
 void WithdrawServices() {
   ServiceEntry first;
@@ -154,7 +152,7 @@ void Teardown(Answering& answering) {
   WaitWhile(IsRegistrationUnderWay);
   WaitWhile(IsAnyoneSending);
   WithdrawServices();
-  multicastSocketUsers.Close();
+  CloseSending();
   WaitWhile(IsAnyoneSending);
   if (connected) CloseMulticastSocket();
   DestroyRegistry();

@@ -9,10 +9,10 @@
 #include <cstdint>
 
 #include "base/annotations.h"
-#include "base/gate.h"
 #include "base/mutex.h"
 #include "base/responder.h"
 #include "base/shared.h"
+#include "base/text.h"
 
 struct ServiceEntry;
 
@@ -62,21 +62,8 @@ extern ResponderState responderState;
 /// The socket that sends and receives multicast DNS; -1 while none is open.
 extern SharedWord<int32_t> multicastSocket;
 
-/// Whoever uses the descriptor of `multicastSocket` beside the thread that receives on it is
-/// inside: every sender from the moment on that its packet is handed over. The responder thread
-/// closes the gate at the stop and the descriptor when nobody is inside any more.
-extern Gate multicastSocketUsers;
-
 /// Replaces the device name, cut to kDeviceNameMax characters. Responder thread only.
 void SetDeviceName(std::string_view name);
-
-/// An IPv4 address in dotted form, zero-terminated.
-struct AddressText {
-  char text[INET_ADDRSTRLEN];
-};
-
-/// The dotted form of an address in network byte order; the empty text for INADDR_NONE.
-AddressText FormatAddress(in_addr_t address);
 
 /// The slot's current address as dotted text, empty while none is known. Any thread.
 AddressText GetInterfaceAddress(uint32_t slot);

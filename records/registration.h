@@ -9,7 +9,7 @@
 
 #include "base/responder.h"
 
-/// Refuses every registration from here on; one that is under way goes on. Any thread.
+/// Refuses every registration from here on; one that is under way is completed. Any thread.
 void CloseRegistration();
 
 /// True while a registration is under way that began before CloseRegistration: its packets may not

@@ -17,12 +17,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mdns/message.h"
 #include "mdns/socket.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"
 #include "printer/status_file.h"
 #include "records/encode.h"
+#include "records/message.h"
 #include "records/sender.h"
 
 namespace {

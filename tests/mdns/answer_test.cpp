@@ -53,8 +53,8 @@ TEST_P(AnsweredHostNameTest, HostNameHasAtMost63Characters) {
   const HostNameRow& row = GetParam();
   SetDeviceName(std::string(row.deviceNameLength, 'x'));
   StartAnswering(state, 0);
-  EXPECT_EQ(std::string(state.hostName), std::string(row.kept, 'x') + ".local");
-  EXPECT_EQ(std::string(state.deviceName), std::string(row.deviceNameLength, 'x'));
+  EXPECT_EQ(std::string(state.hostName.text), std::string(row.kept, 'x') + ".local");
+  EXPECT_EQ(std::string(state.deviceName.text), std::string(row.deviceNameLength, 'x'));
 }
 
 // Which messages are looked at

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "mdns/state.h"
+#include "records/sender.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
@@ -344,14 +345,14 @@ TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
                    reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
             2);
   EXPECT_EQ(host.ReceiveMulticast(), packet);
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 TEST_F(BridgeTest, ReceiveIsNotEndedOnASocketThatIsToBeClosed) {
   SetUpSocket();
   const UdpSocket other("127.0.0.1");
   other.SetReceiveTimeout(10);
-  multicastSocketUsers.Close();
+  CloseSending();
   // The descriptor may stand for another socket by now.
   CloseMulticastSocket();
   multicastSocket.Set(other.Get());
@@ -363,7 +364,7 @@ TEST_F(BridgeTest, ReceiveIsNotEndedOnASocketThatIsToBeClosed) {
 
 TEST_F(SocketTest, EndingTheReceiveWithoutASocketDoesNothing) {
   EndReceive();
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 // The close

@@ -1,6 +1,5 @@
 #include "tests/support/fake_socket.h"
 
-#include "base/responder.h"
 #include "mdns/socket.h"
 
 FakeSocketModule fakeSocketModule;
@@ -11,10 +10,6 @@ uint32_t UpdateHostIP(uint32_t slot) {
 
 uint32_t SocketSetup_For_Interface_N() {
   return fakeSocketModule.setup ? fakeSocketModule.setup() : 1;
-}
-
-void EndReceive() {
-  if (fakeSocketModule.endReceive) fakeSocketModule.endReceive();
 }
 
 void CloseMulticastSocket() {

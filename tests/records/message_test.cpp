@@ -1,4 +1,4 @@
-#include "mdns/message.h"
+#include "records/message.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(MessageReader, SeesItsBytesAndZerosBehind) {
+TEST(MessageReader, SeesItsBytesAndZerosAfterThem) {
   ExactBytes bytes(Wire("12 34 56"));
   const MessageReader reader(bytes.Data(), bytes.Size());
   EXPECT_EQ(reader.Length(), 3u);
