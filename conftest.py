@@ -30,6 +30,7 @@ _build = pytest.StashKey()
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
+    parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
     parser.addoption("--list-names", action="store_true", help="to list them by name")
 
 
@@ -73,6 +74,9 @@ def pytest_collection_modifyitems(config, items):
     preset, name = config.getoption("preset"), config.getoption("name")
 
     def is_meant(item):
+        is_whole = item.get_closest_marker("whole") is not None
+        if is_whole != config.getoption("whole"):
+            return False
         return _is_for(item, preset) and re.search(name, f"{name_of(item)}\n{item.nodeid}")
 
     config.hook.pytest_deselected(items=[item for item in items if not is_meant(item)])
