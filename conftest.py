@@ -21,6 +21,7 @@ from runner import inherited  # noqa: E402
 TIMEOUT = 600
 TIMEOUT_FACTOR = 15
 SECONDS = 3
+SANITIZED = ("debug", "tsan")
 
 _failed = pytest.StashKey()
 _build = pytest.StashKey()
@@ -29,6 +30,7 @@ _build = pytest.StashKey()
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
+    parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
     parser.addoption("--list-names", action="store_true", help="to list them by name")
 
 
@@ -58,9 +60,13 @@ def _seconds(item):
 
 
 def _is_for(item, preset):
-    """Whether a test is run on the build of that preset."""
+    """Whether a test is run on the build of that preset. What a sanitizer sees needs each path
+    once: of a table it gets the first row alone."""
     if preset == "coverage" and item.get_closest_marker("uncounted"):
         return False
+    if preset in SANITIZED and hasattr(item, "callspec"):
+        if any(item.callspec.indices.values()):
+            return False
     return preset == "release" or not item.get_closest_marker("release")
 
 
@@ -68,6 +74,9 @@ def pytest_collection_modifyitems(config, items):
     preset, name = config.getoption("preset"), config.getoption("name")
 
     def is_meant(item):
+        is_whole = item.get_closest_marker("whole") is not None
+        if is_whole != config.getoption("whole"):
+            return False
         return _is_for(item, preset) and re.search(name, f"{name_of(item)}\n{item.nodeid}")
 
     config.hook.pytest_deselected(items=[item for item in items if not is_meant(item)])

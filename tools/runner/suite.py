@@ -102,9 +102,8 @@ class Suite:
             self.failed.append(f"no test of {preset} is meant")
 
     def _run(self, preset, program, command, option):
-        results = pathlib.Path("build", preset, f"{program}.xml").absolute()
-        results.parent.mkdir(parents=True, exist_ok=True)
-        results.unlink(missing_ok=True)
+        # In the directory of this run alone.
+        results = pathlib.Path(os.environ["TMPDIR"], f"{preset}-{program}.xml")
         running = processes.start(
             [*command, option, results],
             stdout=subprocess.PIPE,
