@@ -161,8 +161,8 @@ def main():
         f"kernel {platform.release().split('-')[0]} ({platform.machine()}).",
         "The question is one for the host name, asked from an ephemeral port and answered by "
         "unicast; the",
-        "floor program waits for two sockets, receives it and sends a ready-made answer. Daemons run "
-        "as packaged.",
+        "floor program waits for two sockets, receives it and sends a ready-made answer. Daemons "
+        "run as packaged.",
         "",
         "| | Measured | Limit |",
         "|---|---|---|",

@@ -51,8 +51,8 @@ def run(*command, **options):
 
 # OpenWrt
 
-# A package of one variant, whose CMake project is in PKG_BUILD_DIR, configured and installed with Ninja, with flags
-# as OpenWrt has them on devices.
+# A package of one variant, whose CMake project is in PKG_BUILD_DIR, configured and installed with
+# Ninja, with flags as OpenWrt has them on devices.
 OPENWRT_RULES = r"""
 INCLUDE_DIR := $(TOPDIR)
 PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
