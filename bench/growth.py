@@ -6,6 +6,11 @@ SERVICES = "growth by services/"
 QUESTIONS = "growth by questions/"
 
 
+def is_growth(name):
+    """Whether the case only differs in size from others."""
+    return name.startswith((SERVICES, QUESTIONS))
+
+
 def points(group, values):
     """Sizes and costs of a group's cases, in the order of sizes."""
     found = sorted(

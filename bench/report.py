@@ -18,7 +18,7 @@ from bench.latency import endtoend, steps
 from bench.micro import counts, times
 from bench.stage import PRINTERS, program
 
-PAGE = counts.PAGE
+PAGE = pathlib.Path(__file__).parents[1] / "docs/performance.md"
 PICTURES = PAGE.parent / "performance"
 
 # Of a round.
@@ -30,13 +30,13 @@ MEMORY_RUNS = 3
 IDLE_SECONDS = 120
 IDLE_PARTS = 24
 
-# What is to be reached, as packaged, against the floor program; memory in KiB.
-MEDIAN_LIMITS = (1.05, 1.08)
+# As packaged, against the floor program; memory in KiB. docs/performance.md gives the reasons.
+MEDIAN_LIMITS = (1.08, 1.12)
 LATE_LIMIT = 1.10
 CPU_LIMIT = 1.10
-RATE_LIMIT = 0.97
-IDLE_LIMIT = 1.3
-MEMORY_LIMITS = {"ten printers": 400, "a second after a burst": 600}
+RATE_LIMIT = 0.90
+IDLE_LIMIT = 1.5
+BURST_MEMORY_LIMIT = 600
 
 missed = []
 
@@ -79,13 +79,7 @@ def measure_micro():
     measured = times.measure(program("bench_time"))
     nanoseconds = {name: measured[name] for name in by_case}
 
-    write_section("instructions", counts.page_table(by_case))
-    rows = [
-        [name, f"{time:.0f}", f"{floor:.0f}"]
-        for name, (time, floor) in nanoseconds.items()
-        if not name.startswith("growth")
-    ]
-    write_section("times", table(["operation", "ns", "floor, ns"], rows))
+    times.write_table(nanoseconds)
     pictures.micro(PICTURES / "micro.svg", by_case, nanoseconds)
 
     daemon = {name: time for name, (time, _) in nanoseconds.items()}
@@ -206,16 +200,10 @@ def measure_steps():
 
 
 def measure_memory():
-    runs = [memory.measure() for _ in range(MEMORY_RUNS)]
-    rows = []
-    for occasion in runs[0]:
-        found = [run[occasion] for run in runs]
-        limit = MEMORY_LIMITS.get(occasion)
-        rows.append([occasion, min(found), max(found),
-                     f"at most {limit}" if limit else "",
-                     verdict(f"private memory, {occasion}", max(found) <= limit) if limit else ""])
-    head = ["private memory, KiB", "least", f"most of {MEMORY_RUNS} runs", "to reach", ""]
-    write_section("memory", table(head, rows))
+    found = [memory.measure() for _ in range(MEMORY_RUNS)]
+    is_met = verdict("private memory after a burst", max(found) <= BURST_MEMORY_LIMIT)
+    write_section("memory", f"{min(found)} to {max(found)} KiB in {MEMORY_RUNS} runs; "
+                  f"at most {BURST_MEMORY_LIMIT}: {is_met}.")
 
 
 def measure_idle():
