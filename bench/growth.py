@@ -1,4 +1,4 @@
-"""How the cost of a question grows: straight lines through the cases that only differ in size."""
+"""How the cost of a question grows: straight lines through cases that differ in size only."""
 
 import statistics
 
@@ -7,7 +7,7 @@ QUESTIONS = "growth by questions/"
 
 
 def is_growth(name):
-    """Whether the case only differs in size from others."""
+    """Whether the case differs from others in size only."""
     return name.startswith((SERVICES, QUESTIONS))
 
 

@@ -8,7 +8,7 @@ import matplotlib
 import numpy
 
 matplotlib.use("svg")
-# The same figures give the same file, and a small one: letters stay letters.
+# The same figures give the same file, and a small one: text stays text instead of outlines.
 matplotlib.rcParams.update({"svg.hashsalt": "bonjour", "svg.fonttype": "none", "font.size": 9,
                             "font.family": "DejaVu Sans", "grid.alpha": 0.3,
                             "axes.axisbelow": True})

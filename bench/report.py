@@ -1,4 +1,4 @@
-"""Measures and writes the figures and pictures of docs/performance.md. Started by ./bench/run."""
+"""Measures, and writes the figures and pictures of docs/performance.md. Started by ./bench/run."""
 
 import dataclasses
 import datetime
@@ -48,7 +48,7 @@ def verdict(what, is_met):
 
 
 def write_section(name, text):
-    """Replaces what stands between the page's two marks of that name."""
+    """Replaces the text between the page's two marks of that name."""
     begin, end = f"<!-- {name}: written by ./bench/run -->", f"<!-- end of {name} -->"
     head, _, rest = PAGE.read_text().partition(begin)
     _, found, tail = rest.partition(end)
@@ -113,7 +113,7 @@ def gathered(rounds, name):
 
 @dataclasses.dataclass(frozen=True)
 class Comparison:
-    """A figure of the daemon that is held against the floor program's."""
+    """A figure of the daemon that is compared with the floor program's."""
 
     title: str
     of: str  # the measured values of a round: "values" or "processor"

@@ -15,8 +15,8 @@ import tempfile
 TABLE = pathlib.Path(__file__).with_name("instructions.tsv")
 TOLERANCE = 1.10
 
-# The C library picks its string functions by processor. Held to the plainest ones of the
-# architecture the counts repeat from one machine to the next.
+# The C library chooses its string functions by processor. Restricted to the plainest ones of the
+# architecture, counts are the same on different machines.
 _PLAIN_PROCESSOR = "glibc.cpu.hwcaps=-AVX,-AVX2,-AVX512F,-AVX512VL,-ERMS,-FSRM,-BMI1,-BMI2,-LZCNT"
 
 
@@ -32,7 +32,7 @@ def measure(program):
             total = re.search(r"^(?:totals|summary): (\d+)", text, re.MULTILINE)
             if name:
                 counts[name[1]] = round(int(total[1]) / facts["runs"])
-    # Under valgrind the heap is another one.
+    # Valgrind replaces the heap.
     return counts, _run([program])["heap bytes per service"]
 
 

@@ -44,8 +44,8 @@ def measure(program):
 
 
 def write_table(times):
-    """Keeps the nanoseconds by case, and those of the floor of each that does not only differ in
-    size from another."""
+    """Writes the nanoseconds by case, and those of the floor, except for cases that differ
+    from others in size only."""
     lines = ["# operation\tns\tns of the floor"]
     for name, (time, floor) in times.items():
         columns = [name, f"{time:.0f}", *([] if growth.is_growth(name) else [f"{floor:.0f}"])]
