@@ -13,7 +13,7 @@ FUSE = pathlib.Path("/dev/fuse")
 
 
 def _problem(what, command, **options):
-    """What the command says when it fails, on one line; None when it does not."""
+    """The command's error message, on one line; None when it succeeds."""
     done = subprocess.run(
         command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, **options
     )
@@ -21,7 +21,7 @@ def _problem(what, command, **options):
         return None
     said = " ".join(done.stderr.split()) or f"{command[0]} fails"
     if "propagation" in said:
-        return "the root directory has to be a mount point; in this chroot it is none"
+        return "the root directory has to be a mount point, and in this chroot it is not"
     hint = ""
     if "not permitted" in said or "denied" in said:
         hint = "; a container must be given that right (docker run --privileged)"

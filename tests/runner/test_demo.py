@@ -17,7 +17,7 @@ from lab.daemon import binary
 pytestmark = pytest.mark.release
 
 STORY = ["/usr/bin/python3", "-B", "-m", "lab.demo"]
-LAST_LINE = "./demo --keep stays to explore."
+LAST_LINE = "./demo --keep leaves it running to explore."
 
 
 @pytest.mark.parametrize("word", ["--kep", "keep", "--keep=yes", ""])
