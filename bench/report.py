@@ -91,7 +91,7 @@ def measure_micro():
                      f"{time_straight:.4f}"])
     head = ["", "instructions", "correlation", "ns", "correlation"]
     write_section("growth", table(head, rows) + f"\n\nA registered service takes {heap} bytes of "
-                  "heap, its TXT text not counted, which belongs to whoever registered it.")
+                  "heap, its TXT text not counted, which belongs to the caller.")
     pictures.growth_lines(PICTURES / "growth.svg", by_case, daemon)
 
 
