@@ -21,7 +21,7 @@ def _problem(what, command, **options):
         return None
     said = " ".join(done.stderr.split()) or f"{command[0]} fails"
     if "propagation" in said:
-        return "the root directory has to be a mount point, and in this chroot it is not"
+        return "the root directory has to be a mount point; in this chroot it is none"
     hint = ""
     if "not permitted" in said or "denied" in said:
         hint = "; a container must be given that right (docker run --privileged)"
