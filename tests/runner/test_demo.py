@@ -154,7 +154,7 @@ class Standing:
         for line in self.process.stdout:
             if re.match(r"(cat|env|nsenter|kill) ", line):
                 self.hints.append(line.rstrip("\n"))
-            if line.startswith("The daemon's lines so far"):
+            if line.startswith("The daemon's log follows"):
                 return
         raise AssertionError(self.process.stderr.read())
 
@@ -215,7 +215,7 @@ def test_hints_of_a_lab_that_stands_can_be_pasted(standing):
     assert (status, "inet 192.168.77.11/24" in shown) == (0, True)
 
     assert standing.paste("kill ") == (0, "")
-    standing.wait_for_line("The daemon has ended with status 0. The lab still stands.")
+    standing.wait_for_line("The daemon has ended with status 0; the lab is still up.")
     assert standing.paste("lab.ask", name) == (1, "nobody answered within 1 s\n")
 
     standing.process.stdin.write("\n")
