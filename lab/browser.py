@@ -1,4 +1,4 @@
-"""What a program on a host does to find printers: asks, listens and keeps what it heard."""
+"""What a program on a host does to find printers: ask, listen and remember."""
 
 import dataclasses
 import time
@@ -11,7 +11,7 @@ RAW = "_pdl-datastream._tcp.local"
 
 @dataclasses.dataclass
 class Service:
-    """A printer service as heard on the link; a field is None until a record told it."""
+    """A printer service as heard on the link; a field is None until a record has told it."""
 
     instance: str
     type: str

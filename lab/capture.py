@@ -1,4 +1,4 @@
-"""Every frame on the link with the kernel's time of it, kept in memory and written as pcap."""
+"""Every frame on the link with the kernel's time stamp, kept in memory and written as pcap."""
 
 import dataclasses
 import functools
@@ -119,7 +119,7 @@ class Capture:
                 return
 
     def _take_frames(self):
-        """Takes what the kernel holds by now. That includes every packet that a process has
+        """Takes what the kernel has captured so far. That includes every packet that a process has
         reacted to: a caller who knows of a packet by other means finds it after this."""
         with self._taking:
             now = time.time()
@@ -155,7 +155,7 @@ class Capture:
         return self.packets.wait(wanted, count, since, bound, what)
 
     def forget(self):
-        """Drops the packets so far, which a long life would heap up; positions stay true."""
+        """Drops the packets so far, which would pile up in a long life; positions stay valid."""
         with self._taking:
             self._frames.clear()
             self.packets.forget()

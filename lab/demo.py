@@ -57,8 +57,8 @@ def has_record_of(owner):
 
 
 class Demo:
-    """Each step counts its milliseconds from what sets it off: the daemon's start, a change of
-    the printer status file, a question on the link, the signal to stop."""
+    """Milliseconds of a step count from what triggers it: the daemon's start, a change of the
+    printer status file, a question on the link, the signal to stop."""
 
     # How often a packet that tells of a service is sent, and in how many a printer's goodbye goes.
     transmissions = TRANSMISSIONS
@@ -182,12 +182,12 @@ def _instructions(demo):
     sandbox = f"/proc/{router.sandbox.pid}/ns"
     on_router = f"--mount={sandbox}/mnt --pid={sandbox}/pid_for_children"
     text = f"""
-        The lab stands. From another terminal, as root:
+        The lab is running. From another terminal, as root:
 
-        # what the router's kernel says of its printers; each change is noticed within a second
+        # what the router's kernel tells about its printers; a change is noticed within a second
         cat {router.status_file.path}
 
-        # plug a printer in, and pull it out
+        # plug a printer in, and unplug it
         {python} -m lab.plug {router.status_file.path} in Epson 'Stylus C62' ESCPL2,BDC
         {python} -m lab.plug {router.status_file.path} out 'Stylus C62'
 
@@ -205,7 +205,7 @@ def _instructions(demo):
         # stop the router's daemon
         kill {router.daemon.pid}
 
-        The daemon's lines so far, and from now on as they come. Enter or Ctrl-C takes all down.
+        The daemon's log follows. Enter or Ctrl-C ends the lab.
     """
     return textwrap.dedent(text)
 
@@ -217,7 +217,7 @@ def _leave_standing(demo):
     def tell_end():
         status = daemon.wait_for_exit()
         if standing:
-            print(f"The daemon has ended with status {status}. The lab still stands.", flush=True)
+            print(f"The daemon has ended with status {status}; the lab is still up.", flush=True)
 
     try:
         print(_instructions(demo))
@@ -229,7 +229,7 @@ def _leave_standing(demo):
 
 
 def show(demo, leave_standing=None):
-    """The whole of it; `leave_standing` is called with it in place of the end."""
+    """The whole demonstration; `leave_standing` is called with it in place of its end."""
     demo.start_router()
     demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
     demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
@@ -251,10 +251,10 @@ def run(make_lab, make_demo, command):
     """Shows the demonstration of `make_demo`; `command` is what it was started with."""
     parser = argparse.ArgumentParser(prog="demo", description="Shows the daemon's main job.")
     parser.add_argument(
-        "--keep", action="store_true", help="leave the lab standing until Enter or Ctrl-C"
+        "--keep", action="store_true", help="leave the lab running until Enter or Ctrl-C"
     )
     options = parser.parse_args()
-    # Whoever reads this may stop doing so. The lab goes with this process however it ends.
+    # The reader may go away. The lab ends with this process, whatever ends it.
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     sys.stdout.reconfigure(errors="backslashreplace")
     signal.signal(signal.SIGTERM, end_on_signal)
@@ -268,7 +268,7 @@ def run(make_lab, make_demo, command):
         return 0 if options.keep else 130
     if not options.keep:
         seconds = time.monotonic() - begun
-        print(f"\nThat was all, in {seconds:.1f} s. {command} --keep stays to explore.")
+        print(f"\nDone in {seconds:.1f} s. {command} --keep leaves it running to explore.")
     return 0
 
 

@@ -44,7 +44,7 @@ class Router:
         return self.addresses[-1]
 
     def add_bridge(self, address=None):
-        """Makes br0 with this router's hardware address, and with an IPv4 address if given."""
+        """Creates br0 with this router's hardware address, and with an IPv4 address if given."""
         commands = [
             f"link add {BRIDGE} address {self.mac} type bridge mcast_snooping 0",
             f"link set {_UPLINK} master {BRIDGE}",
@@ -104,7 +104,7 @@ class Router:
         )
 
     def connect_device(self, port, device_id="", **behaviour):
-        """Makes /dev/usblp<port>; for `behaviour` see UsbDevice."""
+        """Creates /dev/usblp<port>; for `behaviour` see UsbDevice."""
         self._devices[port] = UsbDevice(self.sandbox, port, device_id, **behaviour)
         return self._devices[port]
 

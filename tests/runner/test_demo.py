@@ -16,7 +16,7 @@ from lab.daemon import binary
 pytestmark = pytest.mark.release
 
 STORY = ["/usr/bin/python3", "-B", "-m", "lab.demo"]
-LAST_LINE = "./demo --keep stays to explore."
+LAST_LINE = "./demo --keep leaves it running to explore."
 
 
 def test_container_without_rights_is_told_before_anything_is_built(run, stand_ins):
@@ -121,7 +121,7 @@ class Standing:
         for line in self.process.stdout:
             if re.match(r"(cat|env|nsenter|kill) ", line):
                 self.hints.append(line.rstrip("\n"))
-            if line.startswith("The daemon's lines so far"):
+            if line.startswith("The daemon's log follows"):
                 return
         raise AssertionError(self.process.stderr.read())
 
@@ -182,7 +182,7 @@ def test_hints_of_a_lab_that_stands_can_be_pasted(standing):
     assert (status, "inet 192.168.77.11/24" in shown) == (0, True)
 
     assert standing.paste("kill ") == (0, "")
-    standing.wait_for_line("The daemon has ended with status 0. The lab still stands.")
+    standing.wait_for_line("The daemon has ended with status 0; the lab is still up.")
     assert standing.paste("lab.ask", name) == (1, "nobody answered within 1 s\n")
 
     standing.process.stdin.write("\n")

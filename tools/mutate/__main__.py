@@ -4,8 +4,8 @@
 Each mutant is built in a scratch copy below build/mutate/ and given to the module's own unit tests,
 then to all unit tests, then to its own ones under the sanitizers, then to the system and fault
 tests. It is killed when one of them fails or does not end. A change that the compiler turns into
-the very same code is set aside, and so is one that it refuses. What survives is listed;
-docs/mutation.md names those survivors that nobody can observe, with the reason.
+the very same code is set aside, and so is one that it refuses. What survives is listed, unless
+tools/mutate/survivors.toml says why nobody can observe it.
 """
 
 import argparse
@@ -20,6 +20,7 @@ import signal
 import sys
 import threading
 import time
+import tomllib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.dont_write_bytecode = True
@@ -31,7 +32,7 @@ from mutate.scratch import Failure, Scratch, end_all  # noqa: E402
 FOLDERS = ("app", "base", "mdns", "records", "printer")
 SCRATCH = ROOT / "build/mutate"
 RESULTS = SCRATCH / "results.jsonl"
-EXPLAINED = ROOT / "docs/mutation.md"
+EXPLAINED = ROOT / "tools/mutate/survivors.toml"
 GOAL = 95
 # Mutants that a worker takes at a time, all of one file: less to compile again.
 CHUNK = 8
@@ -49,12 +50,10 @@ def all_mutants(pattern):
 
 
 def explained():
-    """The survivors that docs/mutation.md gives a reason for: file, original and mutated line."""
-    if not EXPLAINED.exists():
-        return set()
-    line = re.compile(r"- `(.+?)`: `(.+)` -> `(.+)`")
-    matches = (line.fullmatch(text) for text in EXPLAINED.read_text().splitlines())
-    return {match.groups() for match in matches if match}
+    """The survivors that have a reason: file, original and mutated line."""
+    with open(EXPLAINED, "rb") as file:
+        listed = tomllib.load(file)["survivor"]
+    return {(each["file"], each["original"], each["mutated"]) for each in listed}
 
 
 class Run:
