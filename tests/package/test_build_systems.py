@@ -399,6 +399,7 @@ def test_yocto_recipe_installs_what_it_names(recipe, tmp_path):
     assert files(root) == {
         f"etc/init.d/{recipe['INITSCRIPT_NAME']}": 0o755,
         f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}": 0o644,
+        "usr/lib/udev/rules.d/70-bonjour.rules": 0o644,
     }
     run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", "stock-kernel")
     named = recipe["FILES:${PN}:append"].replace("${systemd_system_unitdir}", units)
