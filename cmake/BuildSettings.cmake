@@ -17,9 +17,17 @@ option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)
 option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
 option(BONJOUR_FUZZ "Instrument for libFuzzer and build the fuzzers (clang)" OFF)
 
+# Does this build optimise? The flags say so, which may come from outside without a build type.
+string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" flags_of_type)
+set(flags "${CMAKE_CXX_FLAGS} ${${flags_of_type}}")
+set(optimises OFF)
+if(CMAKE_CONFIGURATION_TYPES OR flags MATCHES "(^| )-O([1-3sgz]|fast)")
+  set(optimises ON)
+endif()
+
 # Optimise across files where the compiler can, unless somebody has decided about it.
-if(BONJOUR_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INTERPROCEDURAL_OPTIMIZATION
-    AND CMAKE_BUILD_TYPE MATCHES "^(MinSizeRel|Release|RelWithDebInfo)$")
+if(BONJOUR_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INTERPROCEDURAL_OPTIMIZATION AND optimises
+    AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   include(CheckIPOSupported)
   check_ipo_supported(RESULT lto_works OUTPUT lto_output)
   set(CMAKE_INTERPROCEDURAL_OPTIMIZATION ${lto_works} CACHE BOOL "Optimise across files")
@@ -50,10 +58,7 @@ if(BONJOUR_HARDEN)
   target_compile_options(bonjour_settings INTERFACE -fstack-protector-strong)
   # A level in the flags from outside stands; one that the compiler sets by itself gives way.
   # Without optimisation the C library warns about any.
-  string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" flags_of_type)
-  set(flags "${CMAKE_CXX_FLAGS} ${${flags_of_type}}")
-  if((CMAKE_CONFIGURATION_TYPES OR flags MATCHES "-O[1-3sgz]")
-      AND NOT flags MATCHES "_FORTIFY_SOURCE")
+  if(optimises AND NOT flags MATCHES "_FORTIFY_SOURCE")
     target_compile_options(bonjour_settings INTERFACE
       "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   endif()

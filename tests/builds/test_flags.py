@@ -42,6 +42,37 @@ def test_level_of_checked_calls_is_the_one_given_or_2(given, level, tmp_path):
         assert len(levels) == 1 or levels[-2] == "-U_FORTIFY_SOURCE"
 
 
+# What toolchain files say, in the manner of Buildroot, of Buildroot with debugging switched on, and
+# of OpenEmbedded, which names no build type.
+RELEASE = """
+set(CMAKE_BUILD_TYPE Release CACHE STRING "")
+set(CMAKE_CXX_FLAGS_RELEASE " -DNDEBUG" CACHE STRING "")
+"""
+DEBUG = """
+set(CMAKE_BUILD_TYPE Debug CACHE STRING "")
+set(CMAKE_CXX_FLAGS_DEBUG "" CACHE STRING "")
+"""
+
+
+@pytest.mark.parametrize(
+    "lines, build_type, across_files",
+    [(RELEASE, "Release", True), (DEBUG, "Debug", False), ("", "", True)],
+    ids=["release", "debug", "flags_alone"],
+)
+def test_build_type_and_flags_of_a_toolchain_file_stand(
+    lines, build_type, across_files, tmp_path
+):
+    toolchain = tmp_path / "toolchain.cmake"
+    toolchain.write_text(lines + 'set(CMAKE_CXX_FLAGS "-O2 -g0" CACHE STRING "")\n')
+    build = tmp_path / "build"
+    for _ in ("first", "again"):
+        building.configure(build, f"-DCMAKE_TOOLCHAIN_FILE={toolchain}")
+        assert building.cached(build)["CMAKE_BUILD_TYPE"] == build_type
+        for words in building.compiled_with(build).values():
+            assert [word for word in words if word.startswith("-O")] == ["-O2"]
+            assert ("-flto=auto" in words) == across_files
+
+
 def test_unoptimised_build_has_no_checked_calls(tmp_path):
     building.configure(tmp_path, building.UNOPTIMISED)
     for words in building.compiled_with(tmp_path).values():

@@ -2,6 +2,7 @@
 Makefiles are evaluated by GNU make with the few macros that they use written down here, their shell
 parts run by BusyBox, and what they install is held against `cmake --install`."""
 
+import hashlib
 import os
 import pathlib
 import re
@@ -81,6 +82,7 @@ endef
 OPENWRT_CMAKE = """
 define Build/Configure
 \tcd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \\
+\t  -DCMAKE_C_FLAGS_RELEASE=-DNDEBUG -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG \\
 \t  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
 endef
 define Build/Compile
@@ -245,6 +247,7 @@ BUILDROOT_MAKEFILE = r"""
 SED = sed -i -e
 qstrip = $(strip $(subst ",,$(1)))
 cmake-package = $(info cmake-package)
+KCONFIG_ENABLE_OPT = $(1)
 BR2_CMAKE = cmake
 include $(BR2_EXTERNAL_BONJOUR_PATH)/external.mk
 $(D)/target: ; @$(BONJOUR_INSTALL_TARGET_CMDS)
@@ -268,9 +271,9 @@ class Buildroot:
         )
 
     def value(self, variable):
-        kind, value = self.make("show", f"SHOWN={variable}").splitlines()
+        kind, *value = self.make("show", f"SHOWN={variable}").splitlines()
         assert kind == "cmake-package"
-        return value
+        return "\n".join(value)
 
     def install(self, *steps):
         for step in steps:
@@ -287,6 +290,14 @@ def test_buildroot_package_says_what_it_is(buildroot):
     assert pathlib.Path(buildroot.value("BONJOUR_SITE")).resolve() == ROOT
     assert buildroot.value("BONJOUR_SITE_METHOD") == "local"
     assert (ROOT / buildroot.value("BONJOUR_LICENSE_FILES")).exists()
+
+
+def test_buildroot_package_asks_the_kernel_for_its_driver_and_multicast(buildroot):
+    options = buildroot.value("BONJOUR_LINUX_CONFIG_FIXUPS").split()
+    assert options == [
+        *("CONFIG_NET", "CONFIG_INET", "CONFIG_IP_MULTICAST"),
+        *("CONFIG_USB_SUPPORT", "CONFIG_USB", "CONFIG_USB_PRINTER"),
+    ]
 
 
 def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_path):
@@ -371,6 +382,9 @@ def test_buildroot_knows_the_external_tree_by_the_name_in_its_paths():
 
 # Yocto
 
+# A variable, or a flag of one.
+NAME = r"[\w:${}]+(?:\[[\w.-]+\])?"
+
 
 @pytest.fixture
 def recipe():
@@ -378,10 +392,10 @@ def recipe():
     (path,) = RECIPES.glob("*.bb")
     assert path.name == f"bonjour_{version()}.bb"
     text = path.read_text()
-    found = dict(re.findall(r'^([\w:${}[\]]+) (?:\?\?)?= "(.*)"$', text, re.MULTILINE))
+    found = dict(re.findall(rf'^({NAME}) (?:\?\?)?= "(.*)"$', text, re.MULTILINE))
     found["inherit"] = re.search(r"^inherit (.*)$", text, re.MULTILINE)[1].split()
     for line in text.splitlines():
-        assert re.match(r'#|inherit |[\w:${}[\]]+ (\?\?)?= ".*"$|$', line), line
+        assert re.match(rf'#|inherit |{NAME} (\?\?)?= ".*"$|$', line), line
     return found
 
 
@@ -421,7 +435,28 @@ def test_yocto_recipe_builds_the_tree_around_it(recipe):
     assert sorted(recipe["inherit"]) == ["cmake", "externalsrc", "systemd", "update-rc.d"]
     (up,) = re.findall(r"d\.getVar\('THISDIR'\) \+ '/([./]+)'", recipe["EXTERNALSRC"])
     assert (RECIPES / up).resolve() == ROOT
-    assert recipe["LICENSE"] == "CLOSED"
+    # Links to the build, which would be left in the tree.
+    assert recipe["EXTERNALSRC_SYMLINKS"] == ""
+
+
+def test_yocto_recipe_names_the_file_that_grants_no_licence(recipe):
+    reference = "bonjour-CLOSED"
+    assert recipe["LICENSE"] == f"LicenseRef-{reference}"
+    for flag in (reference, f"LicenseRef-{reference}"):
+        assert recipe[f"NO_GENERIC_LICENSE[{flag}]"] == "LICENSE"
+    checksum = hashlib.md5((ROOT / "LICENSE").read_bytes()).hexdigest()
+    assert recipe["LIC_FILES_CHKSUM"] == f"file://LICENSE;md5={checksum}"
+
+
+SERIES = ["kirkstone", "langdale", "mickledore", "nanbield"]  # 4.0 to 4.3
+SERIES += ["scarthgap", "styhead", "walnascar", "whinlatter"]  # 5.0 to 5.3
+SERIES += ["wrynose", "blacksail"]  # 6.0, 6.1
+
+
+def test_yocto_layer_is_for_every_series_since_4_0():
+    configuration = (ROOT / "packaging/yocto/conf/layer.conf").read_text()
+    lines = re.findall(r'^LAYERSERIES_COMPAT_bonjour \+?= "(.*)"$', configuration, re.MULTILINE)
+    assert " ".join(lines).split() == SERIES
 
 
 def test_yocto_recipe_offers_the_standard_responder(recipe):

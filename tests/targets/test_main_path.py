@@ -13,6 +13,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 HERE = pathlib.Path(__file__).resolve().parent
 LIBRARIES = {
     "mips": ("qemu-mips", "mips-linux-gnu"),
+    "mips16": ("qemu-mips", "mips-linux-gnu"),
     "mipsel": ("qemu-mipsel", "mipsel-linux-gnu"),
     "armel": ("qemu-arm -cpu arm926", "arm-linux-gnueabi"),
     "armhf": ("qemu-arm", "arm-linux-gnueabihf"),

@@ -15,6 +15,16 @@ BONJOUR_REDISTRIBUTE = NO
 BONJOUR_CONF_OPTS = \
 	-DBONJOUR_RESPONDER=$(if $(BR2_PACKAGE_BONJOUR_STANDARD),standard,classic)
 
+# The driver usblp, and multicast; the USB host controller and the bridge are the board's.
+define BONJOUR_LINUX_CONFIG_FIXUPS
+	$(call KCONFIG_ENABLE_OPT,CONFIG_NET)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_INET)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_IP_MULTICAST)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_USB_SUPPORT)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_USB)
+	$(call KCONFIG_ENABLE_OPT,CONFIG_USB_PRINTER)
+endef
+
 define BONJOUR_INSTALL_TARGET_CMDS
 	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component runtime
 	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component stock-kernel

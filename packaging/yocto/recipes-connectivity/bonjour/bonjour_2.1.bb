@@ -1,10 +1,15 @@
 SUMMARY = "Publishes USB printers on the local link by multicast DNS"
-LICENSE = "CLOSED"
+# No licence is granted; the file says so. From 6.0 on its flag goes without the prefix.
+LICENSE = "LicenseRef-bonjour-CLOSED"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=7a9119b4f08d2ad9b25b1df61d540599"
+NO_GENERIC_LICENSE[LicenseRef-bonjour-CLOSED] = "LICENSE"
+NO_GENERIC_LICENSE[bonjour-CLOSED] = "LICENSE"
 
 inherit cmake systemd update-rc.d externalsrc
 
-# The tree that this layer lies in.
+# The tree that this layer lies in, which gets no links to the build.
 EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
+EXTERNALSRC_SYMLINKS = ""
 
 EXTRA_OECMAKE = "-DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
