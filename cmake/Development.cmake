@@ -33,6 +33,16 @@ if(BONJOUR_LAB)
   if(NOT BONJOUR_SANITIZE)
     bonjour_add_lab_tests(package)
     bonjour_add_lab_tests(stock_kernel)
+    # The daemon for a stock kernel, and what is installed with it.
+    add_custom_target(stock_build
+      COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock
+        -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
+        -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
+      COMMAND ${CMAKE_COMMAND} --build stock
+      VERBATIM)
+    foreach(group package stock_kernel)
+      add_dependencies(${group}_tests stock_build)
+    endforeach()
     bonjour_add_lab_tests(builds)
   endif()
 endif()

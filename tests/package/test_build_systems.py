@@ -9,7 +9,7 @@ import stat
 import subprocess
 
 import pytest
-from lab.daemon import binary
+from lab.daemon import binary, stock_build
 from small_system import SmallSystem, install, lay_out
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -117,7 +117,7 @@ def test_openwrt_package_says_what_it_is(openwrt):
     assert openwrt.value("PKG_NAME") == "bonjour"
     assert openwrt.value("PKG_VERSION") == version()
     assert openwrt.value("CATEGORY") == "Network"
-    assert openwrt.value("DEPENDS") == "+kmod-usb-printer +unshare"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
     assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
     assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
 
@@ -174,6 +174,10 @@ def procd(tmp_path, sandbox):
     script = root / "etc/init.d/bonjour"
     script.write_bytes((OPENWRT / "files/bonjour.init").read_bytes())
     script.chmod(0o755)
+    printers = root / "usr/sbin/bonjour-printers"
+    printers.parent.mkdir(parents=True)
+    printers.write_text("#!/bin/sh\necho \"bonjour-printers [$*]\"\n")
+    printers.chmod(0o755)
     system = SmallSystem(root, sandbox)
 
     def call(function, settings=None):
@@ -186,13 +190,15 @@ def procd(tmp_path, sandbox):
     return call
 
 
-COMMAND = "set_param [command] [/usr/sbin/bonjour-printers] [run] [/usr/sbin/bonjour]"
+COMMAND = "set_param [command] [/usr/sbin/bonjour]"
+UPDATE = "bonjour-printers [update]"
 
 
 def test_procd_starts_the_daemon_with_its_settings(procd):
     settings = "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n"
     assert procd("start_service", settings) == [
         "1 95 05",
+        UPDATE,
         "open_instance",
         f"{COMMAND} [GLXE4700]",
         "set_param [env] [GLIBC_TUNABLES=a.b=0]",
@@ -209,6 +215,7 @@ def test_procd_starts_the_daemon_with_its_settings(procd):
 def test_procd_starts_the_daemon_without_settings(procd):
     assert procd("start_service") == [
         "1 95 05",
+        UPDATE,
         "open_instance",
         COMMAND,
         "set_param [respawn] [3600] [5] [0]",
@@ -248,7 +255,7 @@ class Buildroot:
 
     def make(self, *words):
         return run(
-            *("make", "-s", "-f", self._makefile, f"D={binary().parent}"),
+            *("make", "-s", "-f", self._makefile, f"D={stock_build()}"),
             *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", f"TARGET_DIR={self.target}"),
             *('BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"', *words),
         )
@@ -260,7 +267,7 @@ class Buildroot:
 
     def install(self, *steps):
         for step in steps:
-            self.make(binary().parent / step)
+            self.make(stock_build() / step)
 
 
 @pytest.fixture
@@ -279,7 +286,7 @@ def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_
     buildroot.install("target", "sysv")
     whole = tmp_path / "whole"
     for component in ("runtime", "stock-kernel", "sysvinit"):
-        install(whole, "--component", component)
+        install(whole, "--component", component, stock_kernel=True)
     assert files(buildroot.target) == {**files(whole), "etc/init.d/S95bonjour": "bonjour"}
 
 
@@ -287,7 +294,7 @@ def test_buildroot_package_for_systemd_holds_what_cmake_installs(buildroot, tmp_
     buildroot.install("target", "systemd")
     whole = tmp_path / "whole"
     for component in ("runtime", "stock-kernel", "systemd"):
-        install(whole, "--component", component)
+        install(whole, "--component", component, stock_kernel=True)
     assert files(buildroot.target) == files(whole)
 
 

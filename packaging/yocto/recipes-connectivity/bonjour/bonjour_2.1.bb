@@ -6,11 +6,11 @@ inherit cmake systemd update-rc.d externalsrc
 # The tree that this layer lies in.
 EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
 
-EXTRA_OECMAKE = "-DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
+EXTRA_OECMAKE = "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 SYSTEMD_SERVICE:${PN} = "bonjour.service"
 INITSCRIPT_NAME = "bonjour"
 INITSCRIPT_PARAMS = "defaults 95 05"
 FILES:${PN}:append = " ${systemd_system_unitdir} ${prefix}/lib/udev ${datadir}/bonjour"
-RRECOMMENDS:${PN} = "kernel-module-usblp util-linux-unshare"
+RRECOMMENDS:${PN} = "kernel-module-usblp"
 CONFFILES:${PN} = "${sysconfdir}/default/bonjour"
