@@ -216,14 +216,17 @@ def test_without_setsid_the_rest_is_done_all_the_same(debian):
 def test_rest_is_done_and_holds_nothing_of_the_callers(published):
     """Neither pipes nor locks: the caller is waited for through the descriptors 1, 2, 3 and 9."""
     system = published
-    os.mkfifo(system.root / "goes-on")
-    sleep = "#!/bin/sh\nread -r _ < /goes-on\necho 2000.00 > /proc/uptime\n"
-    system.replace_program("sleep", sleep)
+    goes_on = system.root / "goes-on"
+    nap = system.real("sleep")
+    sleep = f"until [ -e /goes-on ]; do {nap} 0.01; done; echo 2000.00 > /proc/uptime"
+    system.replace_program("sleep", f"#!/bin/sh\n{sleep}\n")
     replace(system, 0, OTHER)
-    done = system.run("/bin/sh", "-c", f"{PRINTERS} update 3>&1 9>&2")
-    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
-    assert system.status == other(1)
-    (system.root / "goes-on").write_text("\n")
+    try:
+        done = system.run("/bin/sh", "-c", f"{PRINTERS} update 3>&1 9>&2", timeout=10 * PATIENCE)
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+        assert system.status == other(1)
+    finally:
+        goes_on.touch()
     wait_until(lambda: system.status == other(0) + other(1), "the rest is done")
 
 
@@ -257,14 +260,6 @@ def test_file_of_the_kernel_that_appears_and_goes_is_followed_with_a_pause(publi
 # Several at once
 
 
-@pytest.fixture
-def paused(system):
-    """Lets the next call that has looked at the printers say so, and wait until it is told to go on
-    with writing the file."""
-    hold(system, "cat")
-    return system
-
-
 def hold(system, name):
     """Has the next call of a program say so on /held, and wait for /goes-on before it is run."""
     os.mkfifo(system.root / "held")
@@ -287,30 +282,35 @@ def start_settling(system):
     return subprocess.Popen(words, start_new_session=True)
 
 
-def test_one_that_was_overtaken_leaves_the_newer_state(paused):
-    system = paused
-    system.plug_in(0, ACME)
-    late = start_settling(system)
-    (system.root / "held").read_text()
-    system.pull_out(0)
-    system.plug_in(1, ACME)
-    system.settle()
-    assert system.status == record(1)
-    (system.root / "goes-on").write_text("\n")
+# Between looking at the printers and changing the file, and in the middle of that.
+@pytest.mark.parametrize("program", ["cat", "mv"])
+def test_one_that_was_overtaken_leaves_the_newer_state(debian, program):
+    debian.settle()
+    debian.plug_in(0, ACME)
+    hold(debian, program)
+    late = start_settling(debian)
+    (debian.root / "held").read_text()
+    debian.pull_out(0)
+    debian.plug_in(1, ACME)
+    debian.settle()
+    assert debian.status == record(1)
+    (debian.root / "goes-on").write_text("\n")
     assert late.wait() == 0
-    assert system.status == record(1)
+    assert debian.status == record(1)
 
 
-def test_one_that_was_killed_is_in_no_later_ones_way(paused):
-    system = paused
-    system.plug_in(0, ACME)
-    killed = start_settling(system)
-    (system.root / "held").read_text()
+@pytest.mark.parametrize("program", ["cat", "mv"])
+def test_one_that_was_killed_is_in_no_later_ones_way(debian, program):
+    debian.settle()
+    debian.plug_in(0, ACME)
+    hold(debian, program)
+    killed = start_settling(debian)
+    (debian.root / "held").read_text()
     os.killpg(killed.pid, signal.SIGKILL)
     killed.wait()
-    assert system.status == ""
-    system.settle()
-    assert system.status == record(0)
+    assert debian.status == ""
+    debian.settle()
+    assert debian.status == record(0)
 
 
 def test_many_at_once_leave_the_state_of_the_end(system):
@@ -408,14 +408,16 @@ def test_one_that_is_told_to_end_leaves_nothing_behind(debian, number):
     assert debian.status == ""
 
 
-@pytest.mark.parametrize("program", ["awk", "mv", "cat"])
-def test_want_of_memory_for_a_program_keeps_the_old_file(debian, program):
+@pytest.mark.parametrize("program, call", [("awk", 1), ("awk", 2), ("cat", 1), ("mv", 1)])
+def test_want_of_memory_for_a_program_keeps_the_old_file(debian, program, call):
     debian.plug_in(0, ACME)
     debian.update()
     debian.plug_in(1, ACME)
-    debian.replace_program(program, "#!/bin/sh\nexit 1\n")
-    for word in ("update", "settle"):
-        assert debian.run(PRINTERS, word).returncode == 1
+    before = [f"! mkdir /call-{number} 2> /dev/null || " for number in range(1, call + 1)]
+    real = f'exec {debian.real(program)} "$@"'
+    steps = [f"{condition}{real}" for condition in before[:-1]] + [f"{before[-1]}exit 1", real]
+    debian.replace_program(program, "\n".join(["#!/bin/sh", *steps, ""]))
+    assert debian.run(PRINTERS, "update").returncode == 1
     assert debian.status == record(0)
     assert debian.files == ["printer_status"]
 

@@ -279,6 +279,7 @@ def test_buildroot_package_says_what_it_is(buildroot):
     assert buildroot.value("BONJOUR_VERSION") == version()
     assert pathlib.Path(buildroot.value("BONJOUR_SITE")).resolve() == ROOT
     assert buildroot.value("BONJOUR_SITE_METHOD") == "local"
+    assert buildroot.value("BONJOUR_CONF_OPTS") == "-DBONJOUR_STOCK_KERNEL=ON"
     assert (ROOT / buildroot.value("BONJOUR_LICENSE_FILES")).exists()
 
 
