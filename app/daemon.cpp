@@ -9,11 +9,9 @@
 
 #include "app/device_name.h"
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/stop_signals.h"
 #include "base/thread.h"
-#include "mdns/responder.h"
-#include "mdns/socket.h"
-#include "mdns/state.h"
 #include "printer/monitor.h"
 
 namespace {
@@ -54,7 +52,7 @@ void PrintBanner(const char* model) {
   LogLine({"[QX] ", model, " Bonjour v", BONJOUR_VERSION, " Start (", BONJOUR_BUILD_TIME, ")"});
 }
 
-// A thread of the daemon could not be created: the others are told to end.
+// A thread of the daemon could not be created: the others end too.
 void StopForThreadError(int error) {
   LogError(kNoLastingThread, error);
   bTerminate.Set(1);
@@ -80,7 +78,7 @@ int RunDaemon(int argc, char* const* argv) {
     StopForThreadError(error);
     return 0;
   }
-  // The stop flag is deliberately not consulted here.
+  // Whether or not a stop is asked for meanwhile (docs/behaviour.md).
   while (GetBonjourInitStatus() == 0) sleep(kStatusPollSeconds);
 
   JoinableThread monitor = {};

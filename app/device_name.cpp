@@ -1,15 +1,10 @@
 // The router's model and the device name.
 #include "app/device_name.h"
 
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
-#include "base/descriptor.h"
+#include "base/interface.h"
 #include "base/log.h"
 #include "base/text.h"
 
@@ -40,14 +35,9 @@ void FormatDeviceName(char (&name)[kDeviceNameSize], const char* model,
 }
 
 bool ReadBridgeMac(uint8_t (&mac)[kMacSize]) {
-  const Descriptor control(socket(AF_INET, SOCK_DGRAM, 0));
-  if (!control.IsOpen()) return false;
-  ifreq request{};
-  CopyText(request.ifr_name, kBridgeName);
-  if (ioctl(control.Get(), SIOCGIFHWADDR, &request) < 0) {
-    LogError("[Bonjour] ioctl HWADDR error", errno);
-    return false;
-  }
-  memcpy(mac, request.ifr_hwaddr.sa_data, sizeof(mac));
-  return true;
+  InterfaceQuery bridge(kBridgeName);
+  if (!bridge.IsOpen()) return false;
+  if (bridge.ReadMac(mac)) return true;
+  LogError("[Bonjour] ioctl HWADDR error", errno);
+  return false;
 }

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/state.h"
+#include "base/responder.h"
 
 /// A field for a model name: at most 42 characters and a terminator.
 constexpr size_t kModelNameSize = 43;

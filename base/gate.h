@@ -6,35 +6,40 @@
 
 /// Lets threads in until it is closed and tells whether any is still inside. Whoever closes it and
 /// then finds it empty knows that nobody is inside and that nobody will be: a thread that was not
-/// counted has seen it closed. Takes no lock. Any thread.
-class Gate {
+/// counted has seen it closed. Takes no lock. Any thread. `Word` is an atomic of 32 bits; Gate,
+/// below, is the one in use.
+template <typename Word>
+class BasicGate {
  public:
-  constexpr Gate() = default;
-  Gate(const Gate&) = delete;
-  Gate& operator=(const Gate&) = delete;
+  constexpr BasicGate() = default;
+  BasicGate(const BasicGate&) = delete;
+  BasicGate& operator=(const BasicGate&) = delete;
 
   /// Steps inside, unless the gate is closed. On true the caller leaves later, on any thread.
   bool Enter() {
-    inside.fetch_add(1);
-    if (closed.load() == 0) return true;
+    // Counting and looking are one operation: between the two somebody else could close the gate
+    // and find it empty.
+    if ((word.fetch_add(1) & kClosed) == 0) return true;
     Leave();
     return false;
   }
-  /// Steps outside. What was done inside has happened before whoever finds the gate empty.
-  void Leave() { inside.fetch_sub(1); }
+  /// Steps outside. Whoever then finds the gate empty sees all that was done inside.
+  void Leave() { word.fetch_sub(1); }
   /// Nobody enters any more, for good. Those inside stay until they leave.
-  void Close() { closed.store(1); }
+  void Close() { word.fetch_or(kClosed); }
   /// True once nobody enters any more.
-  bool IsClosed() const { return closed.load() != 0; }
+  bool IsClosed() const { return (word.load() & kClosed) != 0; }
   /// True when nobody is inside.
-  bool IsEmpty() const { return inside.load() == 0; }
+  bool IsEmpty() const { return (word.load() & ~kClosed) == 0; }
 
  private:
-  // Sequentially consistent, both: entering counts first and then looks, closing marks first and
-  // then counts, so at least one of them sees the other.
-  std::atomic<uint32_t> inside{0};
-  std::atomic<uint32_t> closed{0};
+  static constexpr uint32_t kClosed = uint32_t{1} << 31;
+
+  // The threads inside, and kClosed once it is closed.
+  Word word{0};
 };
+
+using Gate = BasicGate<std::atomic<uint32_t>>;
 
 /// Is inside a gate for as long as it lives, if it was let in.
 class GatePass {

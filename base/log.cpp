@@ -9,12 +9,18 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/shared.h"
 #include "base/text.h"
 
 namespace {
 
-// Which of the standard descriptors are sockets. Set before any thread but the initial one runs.
+// Which of the standard descriptors are sockets, and whether standard output and standard error
+// are one and the same file. Set before any thread but the initial one runs.
 bool isSocket[STDERR_FILENO + 1];
+bool isOneFile;
+
+// Of standard output and of standard error: 1 while the last line there lacks its end.
+SharedFlag tornFlags[] = {SharedFlag(0), SharedFlag(0)};
 
 // What /proc shows of this process's standard output and standard error.
 constexpr const char* kOwnDescriptors[] = {"", "/proc/self/fd/1", "/proc/self/fd/2"};
@@ -29,17 +35,24 @@ void StopWaiting(int pipe) {
   close(own);
 }
 
-void InitStream(int descriptor) {
-  struct stat status;
-  if (fstat(descriptor, &status) != 0) return;
+// Returns what the stream is, zeros when it is not there.
+struct stat InitStream(int descriptor) {
+  struct stat status = {};
+  fstat(descriptor, &status);
   isSocket[descriptor] = S_ISSOCK(status.st_mode);
   if (S_ISFIFO(status.st_mode)) StopWaiting(descriptor);
+  return status;
+}
+
+SharedFlag& TornFlag(int descriptor) {
+  return tornFlags[descriptor == STDERR_FILENO && !isOneFile ? 1 : 0];
 }
 
 // What can't be written is lost.
 void Write(int descriptor, std::initializer_list<std::string_view> parts) {
-  char line[kLogLineSize];
-  size_t length = 0;
+  char line[1 + kLogLineSize];  // the end of a torn line, and the line
+  line[0] = '\n';
+  size_t length = 1;
   for (const std::string_view part : parts) {
     const size_t left = sizeof(line) - 1 - length;
     const size_t copied = part.size() < left ? part.size() : left;
@@ -47,17 +60,26 @@ void Write(int descriptor, std::initializer_list<std::string_view> parts) {
     length += copied;
   }
   line[length++] = '\n';
-  const ssize_t written = isSocket[descriptor]
-                              ? send(descriptor, line, length, MSG_DONTWAIT | MSG_NOSIGNAL)
-                              : write(descriptor, line, length);
-  static_cast<void>(written);
+
+  SharedFlag& isTorn = TornFlag(descriptor);
+  const char* from = isTorn.Get() != 0 ? line : line + 1;
+  while (from < line + length) {
+    const auto left = static_cast<size_t>(line + length - from);
+    const ssize_t written = isSocket[descriptor]
+                                ? send(descriptor, from, left, MSG_DONTWAIT | MSG_NOSIGNAL)
+                                : write(descriptor, from, left);
+    if (written <= 0) return;
+    from += written;
+    isTorn.Set(from[-1] != '\n');
+  }
 }
 
 }  // namespace
 
 void InitLog() {
-  InitStream(STDOUT_FILENO);
-  InitStream(STDERR_FILENO);
+  const struct stat output = InitStream(STDOUT_FILENO);
+  const struct stat error = InitStream(STDERR_FILENO);
+  isOneFile = output.st_dev == error.st_dev && output.st_ino == error.st_ino;
 }
 
 void LogLine(const char* text) { Write(STDOUT_FILENO, {text}); }

@@ -1,6 +1,8 @@
 // Log lines on standard output and standard error. A line is one system call, so it is neither torn
 // nor mixed with another thread's or program's; where it goes to a pipe or a socket that has no
-// space for it, it is dropped whole: a reader of the log that hangs never stops the daemon.
+// space for it, it is dropped whole: a reader of the log that hangs never stops the daemon. A file
+// or a terminal may take only a part, and gets the rest by a further call; where that fails, on a
+// file system that is full for instance, the next line still begins on a line of its own.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +18,7 @@ constexpr char kNoLastingThread[] = "[Bonjour] pthread_create error";
 /// A thread that ends by itself could not be created: a prober, a sender.
 constexpr char kNoPassingThread[] = "[Bonjour] pthread_create";
 
-/// Sees what standard output and standard error are and arranges that no line waits for a reader: a
+/// Looks at standard output and standard error and makes sure that no line waits for a reader: a
 /// pipe is opened once more for this process alone, so that no other writer's view of it changes,
 /// or, where /proc does not show it, made non-blocking itself. Terminals and files stay as they
 /// are. Without it lines are written too, but may wait. Initial thread, before any other runs.

@@ -1,4 +1,4 @@
-// Numbers as texts, and texts on the heap.
+// Numbers and addresses as texts, and texts on the heap.
 #include "base/text.h"
 
 #include <charconv>
@@ -7,6 +7,19 @@ NumberText FormatNumber(int32_t number) {
   NumberText decimal{};
   std::to_chars(decimal.text, decimal.text + sizeof(decimal.text), number);
   return decimal;
+}
+
+AddressText FormatAddress(in_addr_t address) {
+  AddressText dotted{};
+  if (address == INADDR_NONE) return dotted;
+  uint8_t bytes[sizeof(address)];
+  memcpy(bytes, &address, sizeof(address));
+  char* end = dotted.text;
+  for (const uint8_t byte : bytes) {
+    if (end != dotted.text) *end++ = '.';
+    end = std::to_chars(end, dotted.text + sizeof(dotted.text), byte).ptr;
+  }
+  return dotted;
 }
 
 HeapText NewText(size_t length) { return HeapText(static_cast<char*>(calloc(1, length + 1))); }

@@ -1,6 +1,8 @@
 // Texts in fixed fields and on the heap.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -42,16 +44,18 @@ std::string_view FieldText(const char (&field)[kCapacity]) {
   return {field, strnlen(field, kCapacity)};
 }
 
-/// True when `text` begins with `start`.
-inline bool BeginsWith(std::string_view text, std::string_view start) {
-  return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
-}
-
 /// A number in decimal form, zero-terminated.
 struct NumberText {
   char text[12];
 };
 NumberText FormatNumber(int32_t number);
+
+/// An IPv4 address in dotted form, zero-terminated.
+struct AddressText {
+  char text[INET_ADDRSTRLEN];
+};
+/// The dotted form of an address in network byte order; the empty text for INADDR_NONE.
+AddressText FormatAddress(in_addr_t address);
 
 /// A zero-filled heap text for `length` characters; null when there is no memory.
 HeapText NewText(size_t length);

@@ -14,8 +14,8 @@ struct JoinableThread {
 /// pthread_create(3); `thread` is then marked as none.
 ///
 /// A body ends its thread by returning, which POSIX defines as an implicit pthread_exit(3) with the
-/// returned value. The explicit call is avoided on purpose: some C libraries unwind the stack for
-/// it and load the compiler's runtime library at that moment, which a router's flash does not hold.
+/// returned value. It never makes the explicit call: some C libraries unwind the stack for that and
+/// load the compiler's runtime library at that moment, which a router's flash does not hold.
 int StartThread(JoinableThread& thread, void* (*body)(void*), void* argument);
 
 /// Waits for the thread's end. Returns at once when there is none.

@@ -1,9 +1,14 @@
-"""How the cost of a question grows: straight lines through the cases that only differ in size."""
+"""How the cost of a question grows: straight lines through cases that differ in size only."""
 
 import statistics
 
 SERVICES = "growth by services/"
 QUESTIONS = "growth by questions/"
+
+
+def is_growth(name):
+    """Whether the case differs from others in size only."""
+    return name.startswith((SERVICES, QUESTIONS))
 
 
 def points(group, values):

@@ -1,4 +1,4 @@
-"""What the daemon costs when nothing happens, beside the least that its polling needs."""
+"""What the daemon costs at idle, compared with the least that its polling needs."""
 
 import contextlib
 import pathlib
@@ -26,7 +26,7 @@ def _threads(stage):
 
 
 def _calls(trace, begin, end):
-    """System calls that strace saw begin between two times, by name."""
+    """System calls that began between two times, by name, from a trace of strace."""
     calls = {}
     for line in trace.read_text().splitlines():
         entry = re.match(r"\d+ +(\d+\.\d+) ([a-z0-9_]+)\(", line)

@@ -1,4 +1,4 @@
-"""How the daemon compares with the floor program: a ratio, and how sure it is."""
+"""How the daemon compares with the floor program: a ratio and its 95 % bounds."""
 
 import dataclasses
 
@@ -12,7 +12,7 @@ _SEED = 1
 
 @dataclasses.dataclass(frozen=True)
 class Ratio:
-    """Between `low` and `high` it lies in 95 of 100 cases, judged by how the rounds differ."""
+    """`low` and `high` are the 95 % bounds, estimated from how much the rounds differ."""
 
     value: float
     low: float
@@ -27,8 +27,7 @@ class Ratio:
 
 def ratio(rounds, upper, lower, statistic):
     """The statistic of all values of the target `upper` divided by that of the target `lower`. Each
-    round has the values by target; rounds that are drawn at random from all of them tell how far
-    chance moves the ratio."""
+    round has the values by target; the bounds come from resampling the rounds."""
 
     def of(chosen):
         over, under = (
@@ -45,8 +44,8 @@ def ratio(rounds, upper, lower, statistic):
 
 
 def measure(one_round, judge):
-    """Rounds as one_round() gives them, until chance decides of no verdict any more: judge(rounds)
-    gives the ratios, each with the limit that it is to keep."""
+    """Calls one_round() until no limit lies within the bounds of its ratio, and returns the rounds.
+    judge(rounds) returns the ratios, each with its limit."""
     rounds = []
     while len(rounds) < MOST_ROUNDS:
         rounds.append(one_round())

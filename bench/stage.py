@@ -12,7 +12,7 @@ TRANSMISSIONS = 3
 
 
 def build_directory():
-    """Where bonjour and the bench's programs are built."""
+    """Where bonjour and the benchmarks are built."""
     return binary().parent
 
 
@@ -21,7 +21,7 @@ def program(name):
 
 
 class Stage:
-    """A lab whose router runs one program, with the end of a pipe that its log goes to."""
+    """A lab whose router runs one program, which logs to a pipe."""
 
     def __init__(self):
         self.lab = Lab()
@@ -41,7 +41,7 @@ class Stage:
         )
 
     def run_daemon(self, printers=PRINTERS, wrapper=(), environment=None):
-        """Starts the daemon and returns when it has announced that many printers' services."""
+        """Starts the daemon, returns when it has announced the services of that many printers."""
         self.run([binary()], wrapper, environment)
         self.lab.capture.wait_for(
             lambda packet: packet.source == self.router.address and packet.is_query
@@ -71,7 +71,7 @@ class Stage:
         )
 
     def record_answers(self, path):
-        """Writes what the daemon answers to both questions as the floor program reads it."""
+        """Writes the daemon's answers to both questions as the floor program reads them."""
         with open(path, "wb") as file:
             for question, answers in zip(self.questions(), (1, PRINTERS)):
                 mark = self.lab.capture.mark()
@@ -83,7 +83,7 @@ class Stage:
                     file.write(struct.pack("!H", len(payload)) + payload)
 
     def stop_capture(self):
-        """Lets nobody look at the packets any more: that costs time which is to be measured."""
+        """Stops looking at the packets, which would cost time that is being measured."""
         self.lab.capture.close()
 
     @property

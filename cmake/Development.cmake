@@ -2,11 +2,17 @@
 cmake_minimum_required(VERSION 3.25)
 
 enable_testing()
+# Tests link the objects that ship, but only the daemon is optimised across files.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  foreach(library base classic core standard standard_core)
+    target_compile_options(bonjour_${library} PRIVATE -ffat-lto-objects)
+  endforeach()
+endif()
 set(BONJOUR_PYTHON /usr/bin/python3 CACHE FILEPATH
-  "Python with pytest and dnspython, for the lab and the system tests")
+  "Python that looks at what benchmarks count")
 
 option(BONJOUR_TIDY_TESTS "clang-tidy looks at the tests too, which takes minutes" OFF)
-if(BONJOUR_TESTS OR BONJOUR_FUZZ)
+if((BONJOUR_TESTS OR BONJOUR_FUZZ) AND NOT BONJOUR_SANITIZE STREQUAL "thread")
   add_subdirectory(fuzz)
 endif()
 if(BONJOUR_BENCH)
@@ -20,29 +26,27 @@ if(BONJOUR_TESTS)
   add_subdirectory(tests)
 endif()
 
+# The daemon with each responder that was not chosen.
+set(other_daemons)
+foreach(responder ${responders})
+  if(NOT responder STREQUAL BONJOUR_RESPONDER)
+    add_executable(bonjour-${responder} app/main.cpp)
+    target_link_libraries(bonjour-${responder} PRIVATE bonjour_core bonjour_${responder})
+    bonjour_link_with_libc_only(bonjour-${responder})
+    list(APPEND other_daemons bonjour-${responder})
+  endif()
+endforeach()
+
 if(BONJOUR_LAB)
   add_subdirectory(lab)
-  include(tests/LabTests.cmake)
-  bonjour_add_lab_tests(system)
-  bonjour_add_lab_tests(hostile)
-  bonjour_add_lab_tests(faults)
-  bonjour_add_lab_tests(runner)
-  bonjour_add_lab_tests(style)
-  # A sanitizer's runtime needs more files and system calls than the daemon. How it is built by
-  # others has nothing to do with this build.
+  # The daemon for a stock kernel, and what is installed with it.
+  add_custom_target(stock_build
+    COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock
+      -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
+      -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
+    COMMAND ${CMAKE_COMMAND} --build stock
+    VERBATIM)
   if(NOT BONJOUR_SANITIZE)
-    bonjour_add_lab_tests(package)
-    bonjour_add_lab_tests(stock_kernel)
-    # The daemon for a stock kernel, and what is installed with it.
-    add_custom_target(stock_build
-      COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock
-        -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
-        -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
-      COMMAND ${CMAKE_COMMAND} --build stock
-      VERBATIM)
-    foreach(group package stock_kernel)
-      add_dependencies(${group}_tests stock_build)
-    endforeach()
-    bonjour_add_lab_tests(builds)
+    add_dependencies(lab_tests stock_build)
   endif()
 endif()

@@ -262,7 +262,7 @@ void Run::Receive(uint32_t sender, const std::string& bytes) {
   REQUIRE(fakeInterface.calls == refreshes, "the address is read once before each answer");
   REQUIRE(memcmp(state->receiveBuffer, buffer.data(), buffer.size()) == 0,
           "answering leaves the receive buffer as it was");
-  REQUIRE(state->hostName == deviceName.substr(0, 57) + ".local",
+  REQUIRE(state->hostName.text == deviceName.substr(0, 57) + ".local",
           "the host name is the device name, cut, and the domain");
 }
 

@@ -16,6 +16,7 @@
 #include "fuzz/input.h"
 #include "fuzz/registry_model.h"
 #include "fuzz/txt_model.h"
+#include "mdns/state.h"
 #include "printer/monitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);

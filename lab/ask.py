@@ -1,4 +1,4 @@
-"""Asks the link that it runs in one question and shows the answers, for looking into a lab by hand.
+"""Asks the link that it runs in one question and shows the answers, to explore a lab by hand.
 
 usage: python3 -m lab.ask NAME [TYPE]
 

@@ -1,4 +1,4 @@
-"""What a program on a host does to find printers: asks, listens and keeps what it heard."""
+"""What a program on a host does to find printers: ask, listen and remember."""
 
 import dataclasses
 import time
@@ -11,7 +11,7 @@ RAW = "_pdl-datastream._tcp.local"
 
 @dataclasses.dataclass
 class Service:
-    """A printer service as heard on the link; a field is None until a record told it."""
+    """A printer service as heard on the link; a field is None until a record has told it."""
 
     instance: str
     type: str
@@ -60,10 +60,10 @@ class Browser:
         return True
 
     def _take(self, message):
-        for record in message.answers:
+        for record in message.answers + message.additional:
             if record.type == "A":
                 self._addresses[record.name] = record.data
-            elif record.type == "PTR" and "._sub." not in record.name:
+            elif record.type == "PTR" and record.name in (IPP, RAW):
                 if record.ttl == 0:
                     self._services.pop(record.data, None)
                 else:

@@ -1,4 +1,4 @@
-"""Builds a preset and tells how far it is: build.py [--background] PRESET [TARGET...]
+"""Builds a preset and reports progress: build.py [--background] PRESET [TARGET...]
 
 Of what the compiler prints nothing is shown unless the build fails. With --background it leaves the
 processor to whatever else wants it.
@@ -18,7 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 QUIET_SECONDS = 10
 BACKGROUND = "--background"
 NICENESS = 10
-# What make and Ninja say before each step.
+# What make and Ninja print before each step.
 _STEP = re.compile(rb"\[ *(\d+(?:%|/\d+))\] ")
 
 
@@ -37,7 +37,7 @@ def _configure(preset):
 
 
 def _follow(output, preset, start):
-    """Tells every few seconds how many steps are done. Returns what else was printed."""
+    """Reports every few seconds how many steps are done. Returns what else was printed."""
     rest, line, done = [], b"", None
     told = start
     while True:

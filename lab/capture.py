@@ -1,4 +1,4 @@
-"""Every frame on the link with the kernel's time of it, kept in memory and written as pcap."""
+"""Every frame on the link with the kernel's time stamp, kept in memory and written as pcap."""
 
 import dataclasses
 import functools
@@ -24,6 +24,7 @@ _SO_TIMESTAMPNS = 35
 _SO_RCVBUFFORCE = 33
 _ETHERNET_HEADER = 14
 _ETHERTYPE_IPV4 = 0x0800
+_ETHERTYPE_IPV6 = 0x86DD
 _PROTOCOL_UDP = 17
 
 
@@ -55,22 +56,28 @@ class Packet:
 
 
 def _udp_datagram(time, frame):
-    if len(frame) < _ETHERNET_HEADER + 28:
-        return None
-    if struct.unpack_from("!H", frame, 12)[0] != _ETHERTYPE_IPV4:
-        return None
+    """The Packet in a frame, or None: IPv4, or IPv6 without extension headers."""
+    kind = struct.unpack_from("!H", frame, 12)[0] if len(frame) >= _ETHERNET_HEADER else 0
     ip = frame[_ETHERNET_HEADER:]
-    if ip[9] != _PROTOCOL_UDP:
+    if kind == _ETHERTYPE_IPV4 and len(ip) >= 28:
+        family, protocol, ttl, addresses = socket.AF_INET, ip[9], ip[8], ip[12:20]
+        udp = ip[(ip[0] & 0x0F) * 4 :]
+    elif kind == _ETHERTYPE_IPV6 and len(ip) >= 48:
+        family, protocol, ttl, addresses = socket.AF_INET6, ip[6], ip[7], ip[8:40]
+        udp = ip[40:]
+    else:
         return None
-    udp = ip[(ip[0] & 0x0F) * 4 :]
+    if protocol != _PROTOCOL_UDP:
+        return None
     source_port, port, length = struct.unpack_from("!HHH", udp)
+    half = len(addresses) // 2
     return Packet(
         time,
-        socket.inet_ntoa(ip[12:16]),
+        socket.inet_ntop(family, addresses[:half]),
         source_port,
-        socket.inet_ntoa(ip[16:20]),
+        socket.inet_ntop(family, addresses[half:]),
         port,
-        ip[8],
+        ttl,
         udp[8:length],
     )
 
@@ -112,7 +119,7 @@ class Capture:
                 return
 
     def _take_frames(self):
-        """Takes what the kernel holds by now. That includes every packet that a process has
+        """Takes what the kernel has captured so far. That includes every packet that a process has
         reacted to: a caller who knows of a packet by other means finds it after this."""
         with self._taking:
             now = time.time()
@@ -148,7 +155,7 @@ class Capture:
         return self.packets.wait(wanted, count, since, bound, what)
 
     def forget(self):
-        """Drops the packets so far, which a long life would heap up; positions stay true."""
+        """Drops the packets so far, which would pile up in a long life; positions stay valid."""
         with self._taking:
             self._frames.clear()
             self.packets.forget()

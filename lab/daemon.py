@@ -18,8 +18,8 @@ from lab.waiting import PATIENCE, Journal, TimedOut, wait_until
 _SANITIZER_REPORT = re.compile(
     r"(Address|Leak|Thread|Memory|UndefinedBehavior)Sanitizer|runtime error:"
 )
-# The daemon drops a line that finds no space in its pipe. This holds more than a busy lab may
-# leave unread.
+# The daemon drops a line that finds no space in its pipe. This holds more than a busy lab leaves
+# unread.
 _PIPE_CAPACITY = 1 << 20
 _PAGE = 4096
 _NAME_LINE = re.compile(r"\[Bonjour\] default device name = .*")
@@ -38,7 +38,7 @@ def stock_build():
 
 
 def has_sanitizer():
-    """Whether the daemon is built with one, whose runtime needs space and files of its own."""
+    """Whether the daemon is built with a sanitizer, whose runtime needs memory and files."""
     code = binary().read_bytes()
     return any(name in code for name in (b"__asan_init", b"__tsan_init", b"__msan_init"))
 
@@ -122,8 +122,10 @@ class Lines:
 
 
 class Daemon(Lines):
-    def __init__(self, sandbox, network, arguments=(), environment=None, wrapper=()):
-        """Starts the daemon in `sandbox` and `network`.
+    def __init__(
+        self, sandbox, network, arguments=(), environment=None, wrapper=(), program=None
+    ):
+        """Starts the daemon in `sandbox` and `network`: `program`, or else binary().
 
         `environment` is added to ours for it alone. `wrapper` is put before its command line; it
         must become the daemon in the same process (as env, prlimit or `strace -D` do), because
@@ -131,7 +133,7 @@ class Daemon(Lines):
         """
         super().__init__()
         self._process = sandbox.spawn(
-            [*wrapper, binary(), *arguments],
+            [*wrapper, program or binary(), *arguments],
             network=network,
             environment=environment,
             stdin=subprocess.DEVNULL,
@@ -185,14 +187,14 @@ class Daemon(Lines):
 
     @property
     def is_up(self):
-        """Whether its start banner has come."""
+        """Whether it has printed its start banner."""
         if not self._is_up:
             self._is_up = any(text.startswith(BANNER_START) for text in self.texts("stdout"))
         return self._is_up
 
     @contextlib.contextmanager
     def unread(self):
-        """Nobody reads its lines while this is entered, and a page of them has space."""
+        """Context in which nobody reads its lines and its pipe holds one page."""
         with self._taking:
             self._take_from_pipes()
             self._is_read.clear()
@@ -207,8 +209,8 @@ class Daemon(Lines):
                 self._is_read.set()
 
     def forget(self):
-        """Drops the lines so far of a daemon that is up, which a long life would heap up; positions
-        stay true."""
+        """Drops the lines so far of a daemon that is up, which would pile up in a long life;
+        positions stay valid."""
         assert self.is_up and self.device_name
         self.lines.forget()
 
@@ -222,7 +224,7 @@ class Daemon(Lines):
         return len(os.listdir(f"/proc/{self.pid}/task"))
 
     def wait_until(self, holds, what, bound=10.0):
-        """Waits for a state of the process that no event tells of; raises TimedOut."""
+        """Waits for a state of the process that no event announces; raises TimedOut."""
         wait_until(holds, what, bound)
 
     @property
@@ -248,7 +250,7 @@ class Daemon(Lines):
             raise AssertionError(f"the daemon ended with status {status}:\n{stderr}")
 
     def kill(self):
-        """Ends it by force, if it still runs, and waits for it."""
+        """Kills it if it still runs, and waits for it."""
         if self.running:
             self.signal(signal.SIGKILL)
         self._process.wait()

@@ -44,21 +44,25 @@ def _print_table(head, rows):
     print("\n".join(map(line, rows)), end="\n\n", flush=True)
 
 
-def _is_response(packet):
+def is_response(packet):
     return not packet.is_query
 
 
 def is_goodbye(packet):
-    return _is_response(packet) and all(record.ttl == 0 for record in packet.message.answers)
+    return is_response(packet) and all(record.ttl == 0 for record in packet.message.answers)
 
 
-def _has_record_of(owner):
+def has_record_of(owner):
     return lambda packet: any(record.name == owner for record in packet.message.answers)
 
 
 class Demo:
-    """Each step counts its milliseconds from what sets it off: the daemon's start, a change of
-    the printer status file, a question on the link, the signal to stop."""
+    """Milliseconds of a step count from what triggers it: the daemon's start, a change of the
+    printer status file, a question on the link, the signal to stop."""
+
+    # How often a packet that tells of a service is sent, and in how many a printer's goodbye goes.
+    transmissions = TRANSMISSIONS
+    goodbyes = len(SERVICES) * TRANSMISSIONS
 
     def __init__(self, lab):
         self.lab = lab
@@ -70,7 +74,7 @@ class Demo:
         print_title("The router starts and claims a name on the link")
         start, mark = time.time(), self.lab.capture.mark()
         daemon = self.router.start(MODEL, fast=False, ready=False)
-        probes = self.lab.wait_for_packet(lambda packet: packet.is_query, mark, TRANSMISSIONS)
+        probes = self._wait(lambda packet: packet.is_query, mark, TRANSMISSIONS)
         wanted = probes[0].message.questions[0].name
         for probe, text in zip(probes, (f"it asks who has the name {wanted}", "again", "again")):
             print_step(probe.time - start, text)
@@ -85,10 +89,10 @@ class Demo:
         start, mark = time.time(), self.lab.capture.mark()
         self.router.plug_in(port, manufacturer, model, commands)
         for service_type, service in SERVICES.items():
-            announced = self.lab.wait_for_packet(
-                lambda packet: _is_response(packet) and _has_record_of(service_type)(packet),
+            announced = self._wait(
+                lambda packet: is_response(packet) and has_record_of(service_type)(packet),
                 mark,
-                TRANSMISSIONS,
+                self.transmissions,
             )
             times = ", ".join(f"{(packet.time - start) * 1000:.0f}" for packet in announced)
             print_step(
@@ -100,7 +104,7 @@ class Demo:
         self.host = self.lab.add_host()
         self.browser = Browser(self.host)
         for service_type, service in reversed(SERVICES.items()):
-            self._ask(service_type, "PTR", f"who offers {service}?", _has_record_of(service_type))
+            self._ask(service_type, "PTR", f"who offers {service}?", has_record_of(service_type))
         self._wait_until_heard(
             lambda: len(self.browser.services) == count * len(SERVICES)
             and all(service.attributes for service in self.browser.services),
@@ -111,9 +115,12 @@ class Demo:
     def ask_for_router(self):
         name = f"{self.router.daemon.device_name}.local"
         print_title("The host asks for the router's address")
-        self._ask(name, "A", f"what is the address of {name}?", _has_record_of(name))
+        self._ask(name, "A", f"what is the address of {name}?", has_record_of(name))
         self._wait_until_heard(lambda: self.browser.address_of(name), "the address")
         print(f"              {name} is {self.browser.address_of(name)}", flush=True)
+
+    def show_more(self):
+        """What only some routers can."""
 
     def pull_out(self, port):
         gone = self.router.printer(port)
@@ -121,7 +128,7 @@ class Demo:
         left = len(self.browser.services) - len(SERVICES)
         start, mark = time.time(), self.lab.capture.mark()
         self.router.pull_out(port)
-        goodbyes = self.lab.wait_for_packet(is_goodbye, mark, len(SERVICES) * TRANSMISSIONS)
+        goodbyes = self._wait(is_goodbye, mark, self.goodbyes)
         print_step(goodbyes[0].time - start, "the router says goodbye for its services")
         self._wait_until_heard(lambda: len(self.browser.services) == left, "the goodbyes")
         print("              the host's list is now:")
@@ -132,18 +139,21 @@ class Demo:
         start, mark = time.time(), self.lab.capture.mark()
         self.router.stop()
         ended = time.time()
-        goodbyes = self.lab.wait_for_packet(is_goodbye, mark, len(SERVICES))
+        goodbyes = self._wait(is_goodbye, mark)
         print_step(goodbyes[0].time - start, "it says goodbye for every printer left")
         print_step(ended - start, "it ends, exit status 0")
         self._wait_until_heard(lambda: not self.browser.services, "the goodbyes")
         print("              the host's list is empty", flush=True)
 
+    def _wait(self, wanted, since, count=1):
+        return self.lab.wait_for_packet(wanted, since, count)
+
     def _ask(self, name, record_type, text, answers):
         mark = self.lab.capture.mark()
         self.browser.ask(name, record_type)
         asked = self.lab.capture.wait_for(lambda packet: packet.is_query, since=mark)[0]
-        answer = self.lab.wait_for_packet(
-            lambda packet: _is_response(packet) and answers(packet), mark
+        answer = self._wait(
+            lambda packet: is_response(packet) and answers(packet), mark
         )[0]
         print_step(answer.time - asked.time, f"answered: {text}")
 
@@ -172,12 +182,12 @@ def _instructions(demo):
     sandbox = f"/proc/{router.sandbox.pid}/ns"
     on_router = f"--mount={sandbox}/mnt --pid={sandbox}/pid_for_children"
     text = f"""
-        The lab stands. From another terminal, as root:
+        The lab is running. From another terminal, as root:
 
-        # what the router's kernel says of its printers; each change is noticed within a second
+        # what the router's kernel tells about its printers; a change is noticed within a second
         cat {router.status_file.path}
 
-        # plug a printer in, and pull it out
+        # plug a printer in, and unplug it
         {python} -m lab.plug {router.status_file.path} in Epson 'Stylus C62' ESCPL2,BDC
         {python} -m lab.plug {router.status_file.path} out 'Stylus C62'
 
@@ -195,7 +205,7 @@ def _instructions(demo):
         # stop the router's daemon
         kill {router.daemon.pid}
 
-        The daemon's lines so far, and from now on as they come. Enter or Ctrl-C takes all down.
+        The daemon's log follows. Enter or Ctrl-C ends the lab.
     """
     return textwrap.dedent(text)
 
@@ -207,7 +217,7 @@ def _leave_standing(demo):
     def tell_end():
         status = daemon.wait_for_exit()
         if standing:
-            print(f"The daemon has ended with status {status}. The lab still stands.", flush=True)
+            print(f"The daemon has ended with status {status}; the lab is still up.", flush=True)
 
     try:
         print(_instructions(demo))
@@ -219,12 +229,13 @@ def _leave_standing(demo):
 
 
 def show(demo, leave_standing=None):
-    """The whole of it; `leave_standing` is called with it in place of the end."""
+    """The whole demonstration; `leave_standing` is called with it in place of its end."""
     demo.start_router()
     demo.plug_in(0, "HP", "LaserJet 1018", "ZJS,PJL")
     demo.plug_in(1, "Brother", "HL-2140", "PCL,PJL")
     demo.list_printers(2)
     demo.ask_for_router()
+    demo.show_more()
     if leave_standing:
         leave_standing(demo)
     else:
@@ -236,30 +247,30 @@ def end_on_signal(number, _):
     sys.exit(128 + number)
 
 
-def main():
+def run(make_lab, make_demo, command):
+    """Shows the demonstration of `make_demo`; `command` is what it was started with."""
     parser = argparse.ArgumentParser(prog="demo", description="Shows the daemon's main job.")
     parser.add_argument(
-        "--keep", action="store_true", help="leave the lab standing until Enter or Ctrl-C"
+        "--keep", action="store_true", help="leave the lab running until Enter or Ctrl-C"
     )
     options = parser.parse_args()
-    # Whoever reads this may stop doing so. The lab goes with this process however it ends.
+    # The reader may go away. The lab ends with this process, whatever ends it.
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     sys.stdout.reconfigure(errors="backslashreplace")
     signal.signal(signal.SIGTERM, end_on_signal)
     signal.signal(signal.SIGHUP, end_on_signal)
     begun = time.monotonic()
     try:
-        with Lab() as lab:
-            show(Demo(lab), _leave_standing if options.keep else None)
+        with make_lab() as lab:
+            show(make_demo(lab), _leave_standing if options.keep else None)
     except KeyboardInterrupt:
         print()
         return 0 if options.keep else 130
     if not options.keep:
-        print(
-            f"\nThat was all, in {time.monotonic() - begun:.1f} s. ./demo --keep stays to explore."
-        )
+        seconds = time.monotonic() - begun
+        print(f"\nDone in {seconds:.1f} s. {command} --keep leaves it running to explore.")
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run(Lab, Demo, "./demo"))

@@ -16,7 +16,7 @@ EVERYTHING_QUESTION = packets.query(
 
 
 def flood(lab, question, rate, seconds):
-    """Asks `question` `rate` times a second; returns what flood counted, and the peak usage."""
+    """Asks `question` `rate` times a second; returns what `flood` counted, and the peak usage."""
     with lab.host.network.entered():
         asking = subprocess.Popen(
             [
@@ -35,8 +35,8 @@ def flood(lab, question, rate, seconds):
 
 
 def quiet_router(lab, printers=0, **how):
-    """A daemon with so many printers whose announcements are over, and no capture in its way. `how`
-    it is started, as for router.start()."""
+    """A daemon with so many printers whose announcements are over, without a capture. `how` it is
+    started is as for router.start()."""
     daemon = lab.router.start(**how)
     if printers:
         lab.router.plug_in_all([Printer(port) for port in range(printers)])

@@ -42,7 +42,7 @@ class Host:
         self.socket(port).sendto(payload, to)
 
     def receive(self, bound, port=MDNS_PORT):
-        """The next datagram that this host's socket got, as a Packet, or None after `bound`
+        """The next datagram that this host's socket received, as a Packet, or None after `bound`
         seconds (times the lab's patience)."""
         listening = self.socket(port)
         ready, _, _ = select.select([listening], [], [], bound * PATIENCE)

@@ -161,7 +161,7 @@ class Lab:
 
     def allow_malformed(self, holds):
         """Exempts packets for which the predicate holds from check_packets(): the daemon sends some
-        on purpose that parsers refuse, with labels of 64 characters for instance."""
+        that parsers refuse, with labels of 64 characters for instance: see docs/behaviour.md."""
         self._exempt.append(holds)
 
     def _must_be_well_formed(self, packet):
@@ -189,7 +189,7 @@ class Lab:
         return "".join(f"{(time - first) * 1000:10.3f}  {text}\n" for time, text in events)
 
     def keep(self, directory):
-        """Writes the capture and the time line to `directory`, which is made if need be."""
+        """Writes the capture and the time line to `directory`, which is created if needed."""
         directory.mkdir(parents=True, exist_ok=True)
         self.capture.write_pcap(directory / "capture.pcap")
         (directory / "timeline.txt").write_text(self.timeline())

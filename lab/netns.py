@@ -45,7 +45,7 @@ def children_in_pid_namespace(descriptor):
 
 
 class NetworkNamespace:
-    """An empty network with its loopback up and without IPv6, gone when closed or at our end."""
+    """An empty network with its loopback up and without IPv6, gone when closed or when we end."""
 
     def __init__(self):
         own = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)

@@ -1,4 +1,4 @@
-"""What the start scripts start the daemon with, beside its model: packaging/bonjour.default."""
+"""What the start scripts give the daemon beside its model: packaging/bonjour.default."""
 
 import pathlib
 
@@ -14,8 +14,8 @@ def defaults():
 
 
 def as_packaged(**changes):
-    """Arguments for router.start(): environment and limits as packaged, but for `changes` of the
-    file's settings, of which None takes one away. A sanitizer bears no limits."""
+    """Arguments for router.start(): environment and limits as packaged, with `changes` to the
+    file's settings; None removes one. A sanitizer gets no limits."""
     settings = {**defaults(), **changes}
     limits = ["prlimit"]
     for option, name in (("as", "MEMORY_LIMIT"), ("stack", "STACK_LIMIT")):

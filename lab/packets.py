@@ -15,7 +15,7 @@ import dns.wire
 _CLASS_IN = 1
 _TOP_BIT = 0x8000
 
-# A response without records: every host receives it and none has anything to do with it.
+# A response without records: every host receives it and none reacts.
 HARMLESS = bytes.fromhex("0000 8400 0000 0000 0000 0000")
 
 
@@ -36,7 +36,7 @@ def hexbytes(text):
 
 
 def name(text):
-    """Wire form of a name in which dots part the labels, for instance "_ipp._tcp.local"."""
+    """Wire form of a name in which dots separate the labels, for instance "_ipp._tcp.local"."""
     labels = [label.encode() for label in text.split(".") if label]
     return b"".join(bytes([len(label)]) + label for label in labels) + b"\0"
 

@@ -1,4 +1,4 @@
-"""Plugs printers into a router's status file and pulls them out, for looking into a lab by hand.
+"""Plugs printers into a router's status file and unplugs them, to explore a lab by hand.
 
 usage: python3 -m lab.plug STATUS_FILE in MANUFACTURER MODEL COMMANDS
        python3 -m lab.plug STATUS_FILE out MODEL

@@ -1,14 +1,14 @@
 # shellcheck shell=sh
-# For ./demo and ./test: what has to be on the machine, and the builds. Sourced at the tree's root.
+# What ./demo, ./test and others need: packages, rights, builds. Sourced in the top-level folder.
 
 require_root() {
   if [ "$(id -u)" != 0 ]; then
-    echo "$0: must be run as root: it makes network namespaces and installs packages" >&2
+    echo "$0: must be run as root: it creates network namespaces and installs packages" >&2
     exit 1
   fi
 }
 
-# require_packages GROUP...: installs what packages.txt lists for these groups and is missing.
+# require_packages GROUP...: installs the missing ones of the packages that packages.txt lists.
 require_packages() {
   missing=
   for group in "$@"; do
@@ -24,7 +24,7 @@ require_packages() {
     echo "Installing$missing"
     export DEBIAN_FRONTEND=noninteractive
     quietly apt-get -q update
-    # shellcheck disable=SC2086 # one word a package
+    # shellcheck disable=SC2086 # a word for each package
     quietly apt-get -q install -y --no-install-recommends $missing
   fi
 }

@@ -39,7 +39,7 @@ class StatusFile:
         self._opens = OpenWatch()
 
     def replace(self, content):
-        """Puts a new file in place of the old one at once: no reader sees a mixture."""
+        """Replaces the file at once: no reader sees a mixture."""
         self._next.unlink(missing_ok=True)
         self._next.write_bytes(_bytes(content))
         self._opens.watch(self._next)
@@ -58,7 +58,7 @@ class StatusFile:
         self.path.write_bytes(_bytes(content))
 
     def make_unreadable(self):
-        """Every open fails from now on, root's too, until the next replace()."""
+        """Makes every open fail, even root's, until the next replace()."""
         self._next.unlink(missing_ok=True)
         self._next.symlink_to("/proc/.nowhere")
         os.rename(self._next, self.path)
@@ -72,8 +72,8 @@ def _bytes(content):
 
 
 def device_tool():
-    """The program that plays a device node: beside the daemon's build, or where the environment
-    variable BONJOUR_USBLP_DEVICE says."""
+    """The program that acts as a device node: from the daemon's build, or what the environment
+    variable BONJOUR_USBLP_DEVICE names."""
     chosen = os.environ.get("BONJOUR_USBLP_DEVICE")
     if chosen:
         return pathlib.Path(chosen).resolve()

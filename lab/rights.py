@@ -13,7 +13,7 @@ FUSE = pathlib.Path("/dev/fuse")
 
 
 def _problem(what, command, **options):
-    """What the command says when it fails, on one line; None when it does not."""
+    """The command's error message, on one line; None when it succeeds."""
     done = subprocess.run(
         command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, **options
     )

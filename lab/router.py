@@ -32,6 +32,7 @@ class Router:
         self.status_file = StatusFile(self.sandbox)
         self._printers = {}
         self._devices = {}
+        self.program = None
         self.daemon = None
         self.daemons = []
 
@@ -43,7 +44,7 @@ class Router:
         return self.addresses[-1]
 
     def add_bridge(self, address=None):
-        """Makes br0 with this router's hardware address, and with an IPv4 address if given."""
+        """Creates br0 with this router's hardware address, and with an IPv4 address if given."""
         commands = [
             f"link add {BRIDGE} address {self.mac} type bridge mcast_snooping 0",
             f"link set {_UPLINK} master {BRIDGE}",
@@ -103,7 +104,7 @@ class Router:
         )
 
     def connect_device(self, port, device_id="", **behaviour):
-        """Makes /dev/usblp<port>; for `behaviour` see UsbDevice."""
+        """Creates /dev/usblp<port>; for `behaviour` see UsbDevice."""
         self._devices[port] = UsbDevice(self.sandbox, port, device_id, **behaviour)
         return self._devices[port]
 
@@ -116,7 +117,9 @@ class Router:
         is cut short: other machines' packets let it end before its five silent seconds are over.
         """
         before = self._capture.mark()
-        self.daemon = Daemon(self.sandbox, self.network, arguments, environment, wrapper)
+        self.daemon = Daemon(
+            self.sandbox, self.network, arguments, environment, wrapper, self.program
+        )
         self.daemons.append(self.daemon)
         if ready:
             if fast:

@@ -11,7 +11,7 @@ _INIT = pathlib.Path(__file__).with_name("sandbox.sh")
 
 class Sandbox:
     """Mount and process namespaces that end, with everything in them, when this is closed or when
-    this process is gone in whatever way."""
+    this process ends, whatever ends it."""
 
     def __init__(self):
         # A session of its own: Ctrl-C at the terminal is for the lab, which then ends the rest.

@@ -31,7 +31,7 @@ def usage(pid):
     with open(f"/proc/{pid}/status") as file:
         status = file.read()
     return Usage(
-        # The thread sanitizer has a thread of its own.
+        # The thread sanitizer has its own thread.
         _field(status, "Threads:") - _maps(pid, "libtsan"),
         _field(status, "RssAnon:"),
         len(os.listdir(f"/proc/{pid}/fd")),
@@ -79,8 +79,8 @@ def kernel_memory():
 
 
 class PeakUsage:
-    """Context in which a process's threads and memory, and the memory that the kernel takes beyond
-    what it held at the beginning, are looked at twenty times a second."""
+    """Context that samples, twenty times a second, a process's threads and memory, and the memory
+    that the kernel has taken since it was entered."""
 
     _PERIOD = 0.05
 
@@ -91,7 +91,7 @@ class PeakUsage:
         self.memory = 0
         self.kernel_stacks = 0
         self.slab = 0
-        # All of it at one and the same moment.
+        # All at the same moment.
         self.total = 0
 
     def _run(self):

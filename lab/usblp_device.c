@@ -16,7 +16,7 @@
 
 enum { kDeviceIdSize = 512, kTypePrinter = 'P', kNumberGetDeviceId = 1 };
 
-static const char* idPath; /* file with the answer, read anew at every request */
+static const char* idPath; /* file with the answer, read at every request */
 static int openError;      /* errno of every open, 0 = opens succeed */
 static int requestError;   /* errno of every request, 0 = requests succeed */
 static long delayMs;       /* time that the printer takes to answer */

@@ -1,11 +1,11 @@
-"""The one way anything here waits: for an event, with a bound."""
+"""The only way of waiting here: for an event, with a bound."""
 
 import os
 import threading
 import time
 
-# Sanitizers, emulators and a crowded machine make everything slower, never wrong: bounds say when
-# to give up, and are stretched with this factor.
+# Sanitizers, emulators and a busy machine make everything slower, never wrong: bounds say when to
+# give up, and this factor stretches them.
 PATIENCE = float(os.environ.get("BONJOUR_LAB_PATIENCE", "3"))
 
 
@@ -17,7 +17,7 @@ _POLL = 0.01
 
 
 def wait_until(holds, what, bound=10.0):
-    """Waits for a state that no event tells of; raises TimedOut."""
+    """Waits for a state that no event announces; raises TimedOut."""
     deadline = time.monotonic() + bound * PATIENCE
     while not holds():
         if time.monotonic() > deadline:
@@ -26,7 +26,7 @@ def wait_until(holds, what, bound=10.0):
 
 
 class Journal:
-    """A list that is appended to and waited on by threads. An item keeps its index for good."""
+    """A list that threads append to and wait on. An item keeps its index."""
 
     def __init__(self):
         self._items = []
@@ -46,7 +46,7 @@ class Journal:
             self._changed.notify_all()
 
     def forget(self):
-        """Drops the items so far, which a long life would heap up."""
+        """Drops the items so far, which would pile up in a long life."""
         with self._changed:
             self._forgotten += len(self._items)
             self._items.clear()
@@ -61,8 +61,8 @@ class Journal:
             return self._items[max(0, since - self._forgotten) : end]
 
     def follow(self, take, at_end):
-        """Gives every item to `take`, those so far now and later ones as they come; once the
-        journal is closed calls `at_end`. A thread of its own does so."""
+        """Starts a thread that passes every item to `take`, and calls `at_end` once the journal is
+        closed."""
 
         def run():
             position = 0

@@ -3,16 +3,15 @@
 
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "base/log.h"
+#include "base/service_kinds.h"
 #include "base/text.h"
 #include "mdns/question.h"
 #include "mdns/socket.h"
 #include "records/registry.h"
 #include "records/sender.h"
-#include "records/service_kinds.h"
 
 namespace {
 
@@ -50,8 +49,9 @@ void AnswerHostName(AnsweringState& state, const Query& query) {
   LogQuery(state, query, "target");
   if (!RefreshAddress(state.slot)) return;
   BeginPacket(state.packet, {kFlagsResponse, 0, 1, 0});
-  // Without the cache-flush bit, unlike the A record of a service's answer: on purpose.
-  AddAddress(state.packet, state.hostName, false, GetInterfaceAddress(state.slot).text);
+  // Without the cache-flush bit, unlike the A record of a service's answer: hosts on the link know
+  // the two so (docs/behaviour.md).
+  AddAddress(state.packet, state.hostName.text, false, GetInterfaceAddress(state.slot).text);
   Send(state, query.socket);
 }
 
@@ -81,7 +81,7 @@ void AnswerService(AnsweringState& state, const Query& query, const ServiceEntry
 
   const AddressText address = GetInterfaceAddress(state.slot);
   const std::string_view txt = texts.txt != nullptr ? texts.txt.get() : "";
-  ComposeServiceResponse(state.packet, {state.hostName, address.text, texts.typeName.get(),
+  ComposeServiceResponse(state.packet, {state.hostName.text, address.text, texts.typeName.get(),
                                         texts.instanceName.get(), txt, entry.port, hasSubtype});
   Send(state, query.socket);
 }
@@ -112,10 +112,8 @@ void ScanServices(AnsweringState& state, const Query& query) {
 void StartAnswering(AnsweringState& state, uint32_t slot) {
   state.slot = slot;
   state.ownAddress = responderState.interfaceAddress[slot].Get();
-  memset(state.deviceName, 0, sizeof(state.deviceName));
-  GetDeviceName(state.deviceName, kDeviceNameMax);
-  snprintf(state.hostName, sizeof(state.hostName), "%.*s%s", static_cast<int>(kHostLabelMax),
-           state.deviceName, kLocalDomain);
+  state.deviceName = CurrentDeviceName();
+  state.hostName = FormatHostName(state.deviceName.text, kHostLabelMax);
   memset(state.receiveBuffer, 0, sizeof(state.receiveBuffer));
   state.packet.bytes = state.packetBytes;
   state.packet.capacity = kAnswerSize;
@@ -130,7 +128,7 @@ void AnswerMessage(AnsweringState& state, size_t received, const sockaddr_in& se
   if (buffer.Byte(kFlagsOffset) != kFlagsQuery) return;
 
   const Query query = {received, sender.sin_addr.s_addr, socket};
-  if (AsksForHostName(buffer, FieldText(state.deviceName))) {
+  if (AsksForHostName(buffer, FieldText(state.deviceName.text))) {
     if (HostQuestionType(buffer) == kTypeA) AnswerHostName(state, query);
   } else {
     ScanServices(state, query);

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "mdns/message.h"
 #include "mdns/state.h"
 #include "records/compose.h"
+#include "records/message.h"
 
 /// Capacity of an answer packet.
 constexpr int32_t kAnswerSize = 4554;
@@ -17,7 +17,7 @@ constexpr size_t kHostLabelMax = 57;
 
 /// Argument of MDNS_Answer. Owned by the responder thread, outlives the answering thread.
 struct AnswerStartRecord {
-  int32_t socket;  ///< the multicast socket, read anew before every receive
+  int32_t socket;  ///< the multicast socket, read again before every receive
   uint32_t slot;   ///< interface slot whose address is logged and put into A records
 };
 
@@ -25,8 +25,8 @@ struct AnswerStartRecord {
 struct AnsweringState {
   uint32_t slot;
   in_addr_t ownAddress;  ///< network byte order, as it was at the start; the own-packet filter's
-  char deviceName[kDeviceNameSize];
-  char hostName[kHostLabelMax + sizeof(kLocalDomain)];  ///< device name, cut, and domain
+  DeviceName deviceName;
+  HostName hostName;  ///< with the first kHostLabelMax characters of the device name
   /// Not cleared between messages: what lies after the bytes just received is left over.
   uint8_t receiveBuffer[kReceiveSize];
   uint8_t packetBytes[kAnswerSize];

@@ -50,20 +50,15 @@ bool HearConflict(const ProbeRecord& record, in_addr_t ownAddress) {
 // The base is the device name as it was when probing began: numbers replace one another.
 void TakeNextName(ProbeRecord& record, int32_t number) {
   LogLine("[Bonjour] MDNS_CheckName: device name repeat");
-  char deviceName[kDeviceNameSize] = {};
-  GetDeviceName(deviceName, kDeviceNameMax);
-  SetNumberedName(record.name, deviceName, number);
+  SetNumberedName(record.name, CurrentDeviceName().text, number);
   record.retry = 1;
 }
 
 }  // namespace
 
 void ComposeHostProbe(Packet& packet, std::string_view name) {
-  char hostName[kDeviceNameSize + sizeof(kLocalDomain) - 1];
-  snprintf(hostName, sizeof(hostName), "%.*s%s", static_cast<int>(name.size()), name.data(),
-           kLocalDomain);
   BeginPacket(packet, {kFlagsQuery, 1, 0, 0});
-  AddQuestion(packet, hostName, kTypeA, false);
+  AddQuestion(packet, FormatHostName(name, kDeviceNameMax).text, kTypeA, false);
 }
 
 // A label length beyond the name's field can't be compared with it and is no conflict; a label that

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/message.h"
 #include "mdns/state.h"
 #include "records/compose.h"
+#include "records/message.h"
 
 /// Packets without a conflict that a probing cycle passes over; the next one ends it.
 constexpr uint32_t kIgnoredPacketsMax = 11;
@@ -22,7 +22,8 @@ struct ProbeRecord {
   uint32_t slot;               ///< interface slot, selects the own address
 };
 
-/// Composes the probe for `name`: one plain A question, deliberately without authority section.
+/// Composes the probe for `name`: one plain A question, without the authority section of RFC 6762,
+/// section 8.2, since the name alone decides (docs/behaviour.md).
 void ComposeHostProbe(Packet& packet, std::string_view name);
 
 /// True when another host's message claims or asks for `name`: when the larger of the name's length

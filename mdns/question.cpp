@@ -1,8 +1,8 @@
 // What a received message asks for.
 #include "mdns/question.h"
 
+#include "base/service_kinds.h"
 #include "records/encode.h"
-#include "records/service_kinds.h"
 
 namespace {
 
@@ -11,8 +11,6 @@ namespace {
 constexpr size_t kFirstLabelToType = 8;
 // What follows a name in a question: type and class.
 constexpr size_t kTypeAndClassSize = 4;
-constexpr uint8_t kRootLabel = 0x00;
-constexpr uint8_t kPointerMark = 0xC0;
 
 char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/message.h"
+#include "records/message.h"
 
 /// True when the first label of the first question, cut at a zero byte if it holds one, equals
 /// `deviceName` without regard to ASCII case (RFC 6762, section 16). The rest of the name is not

@@ -8,11 +8,13 @@
 #include <ctime>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "mdns/answer.h"
 #include "mdns/probe.h"
 #include "mdns/socket.h"
+#include "mdns/state.h"
 #include "records/registration.h"
 #include "records/registry.h"
 #include "records/sender.h"
@@ -72,7 +74,7 @@ void SetupSocketWithRetry() {
 void ProbeDeviceName() {
   ProbeRecord record;
   memset(&record, 0, sizeof(record));
-  GetDeviceName(record.name, kDeviceNameMax);
+  CopyText(record.name, CurrentDeviceName().text);
   while (!IsTerminating() && IsAnyInterfaceConnected() && IsBridgeConnected()) {
     record.retry = 0;
     record.socket = multicastSocket.Get();
@@ -130,8 +132,6 @@ void WaitWhile(Condition isUnderWay) {
   for (unsigned i = 0; isUnderWay() && i < kEndPollsMax; ++i) usleep(kEndPollMicroseconds);
 }
 
-bool IsAnyoneSending() { return !multicastSocketUsers.IsEmpty(); }
-
 // Works on a copy: the monitor may remove the entry itself at the same moment.
 void WithdrawServices() {
   ServiceEntry first;
@@ -152,7 +152,7 @@ void Teardown(Answering& answering) {
   WaitWhile(IsRegistrationUnderWay);
   WaitWhile(IsAnyoneSending);
   WithdrawServices();
-  multicastSocketUsers.Close();
+  CloseSending();
   WaitWhile(IsAnyoneSending);
   if (connected) CloseMulticastSocket();
   DestroyRegistry();

@@ -1,21 +1,20 @@
 // The multicast socket and the interface's address.
 #include "mdns/socket.h"
 
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
-#include "base/descriptor.h"
+#include "base/interface.h"
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "mdns/state.h"
+#include "records/sender.h"
 
 namespace {
 
@@ -90,24 +89,18 @@ constexpr SetupStep kSetupSteps[] = {
 }  // namespace
 
 uint32_t UpdateHostIP(uint32_t slot) {
-  const Descriptor control(socket(AF_INET, SOCK_DGRAM, 0));
-  if (!control.IsOpen()) return 0;
-
-  ifreq request{};
-  CopyText(request.ifr_name, SlotName(slot));
-  // The flags are of no interest: the request only tells whether the interface exists.
-  if (ioctl(control.Get(), SIOCGIFFLAGS, &request) < 0) {
+  InterfaceQuery interface(SlotName(slot));
+  if (!interface.IsOpen()) return 0;
+  if (!interface.Exists()) {
     LogRequestFailure("SIOCGIFFLAGS", slot);
     return 0;
   }
-  if (ioctl(control.Get(), SIOCGIFADDR, &request) < 0) {
+  in_addr_t address = INADDR_NONE;
+  if (!interface.ReadAddress(address)) {
     LogRequestFailure("SIOCGIFADDR", slot);
     return 0;
   }
-
-  sockaddr_in address{};
-  memcpy(&address, &request.ifr_addr, sizeof(address));
-  responderState.interfaceAddress[slot].Set(address.sin_addr.s_addr);
+  responderState.interfaceAddress[slot].Set(address);
   return 1;
 }
 
@@ -133,8 +126,9 @@ uint32_t SocketSetup_For_Interface_N() {
 }
 
 void EndReceive() {
-  const GatePass use(multicastSocketUsers);
-  // The kernel wakes the receiver of an unconnected socket too, though it calls that an error.
+  const GatePass use = UseAsSender();
+  // Packets can still be sent. The kernel wakes the receiver of an unconnected socket too, though
+  // it calls that an error.
   if (use.IsInside()) shutdown(multicastSocket.Get(), SHUT_RD);
 }
 

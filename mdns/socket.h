@@ -16,10 +16,6 @@ uint32_t UpdateHostIP(uint32_t slot);
 /// as connected, or 0 with no socket open. Responder thread.
 uint32_t SocketSetup_For_Interface_N();
 
-/// Lets the receive that is under way on the multicast socket return now, and every later one at
-/// once; packets can still be sent. Nothing happens when there is no socket. Any thread.
-void EndReceive();
-
 /// Marks the bridge slot as not connected and closes the socket. Responder thread, once no other
 /// thread receives on it or sends.
 void CloseMulticastSocket();

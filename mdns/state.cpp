@@ -1,13 +1,8 @@
 // The one process-wide responder state.
 #include "mdns/state.h"
 
-#include <charconv>
-#include <cstring>
-
 ResponderState responderState{};
-SharedFlag bTerminate{0};
 SharedWord<int32_t> multicastSocket{-1};
-Gate multicastSocketUsers;
 
 uint32_t GetBonjourInitStatus() { return responderState.initStatus.Get(); }
 
@@ -17,19 +12,6 @@ char* GetDeviceName(char* buffer, size_t size) {
 }
 
 void SetDeviceName(std::string_view name) { responderState.deviceName.Set(name); }
-
-AddressText FormatAddress(in_addr_t address) {
-  AddressText dotted{};
-  if (address == INADDR_NONE) return dotted;
-  uint8_t bytes[sizeof(address)];
-  memcpy(bytes, &address, sizeof(address));
-  char* end = dotted.text;
-  for (const uint8_t byte : bytes) {
-    if (end != dotted.text) *end++ = '.';
-    end = std::to_chars(end, dotted.text + sizeof(dotted.text), byte).ptr;
-  }
-  return dotted;
-}
 
 AddressText GetInterfaceAddress(uint32_t slot) {
   return FormatAddress(responderState.interfaceAddress[slot].Get());

@@ -3,13 +3,13 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
-#include "mdns/state.h"
-#include "records/registry.h"
 
 PrinterTxt* printerTxtPdl[kPrinterPorts];
 PrinterTxt* printerTxtIpp[kPrinterPorts];
@@ -21,27 +21,17 @@ namespace {
 PrinterTxt* keptTexts = nullptr;
 
 // Manufacturer and model, and what tells apart two printers of a kind on one link: the end of the
-// bridge's address and the port. Written without the formatted print, which is most of an idle
-// daemon's work otherwise: each pass writes each name.
+// bridge's address and the port.
 void SetServiceName(int32_t port, std::string_view lines) {
-  char suffix[] = " (00:00:00) 0";
-  static_assert(kNameLinesMax + sizeof(suffix) == kServiceNameSize);
-  constexpr char kDigits[] = "0123456789abcdef";
-  char* digit = suffix + strlen(" (");
-  for (const uint8_t byte : {hw_addr[3], hw_addr[4], hw_addr[5]}) {
-    *digit++ = kDigits[byte >> 4];
-    *digit++ = kDigits[byte & 0xF];
-    ++digit;
-  }
-  suffix[sizeof(suffix) - 2] = static_cast<char>('0' + port);
-
+  static_assert(kNameLinesMax + sizeof(" (00:00:00) 0") == kServiceNameSize);
   char* name = printerServiceNames[port];
-  const size_t linesLength = lines.size() < kNameLinesMax ? lines.size() : kNameLinesMax;
-  CopyText(name, kServiceNameSize, kNameLinesMax, lines);
-  for (size_t i = 0; i < linesLength; ++i) {
+  const size_t length = lines.size() < kNameLinesMax ? lines.size() : kNameLinesMax;
+  CopyText(name, kServiceNameSize, length, lines);
+  snprintf(name + length, kServiceNameSize - length, " (%02x:%02x:%02x) %d", unsigned{hw_addr[3]},
+           unsigned{hw_addr[4]}, unsigned{hw_addr[5]}, static_cast<int>(port));
+  for (size_t i = 0; i < length; ++i) {
     if (name[i] == '\n') name[i] = ' ';
   }
-  memcpy(name + linesLength, suffix, sizeof(suffix));
 }
 
 void InsertService(int32_t port, int32_t kind, PrinterTxt*& txt) {

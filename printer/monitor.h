@@ -36,8 +36,8 @@ struct PrinterPresence {
 /// over. Monitor thread.
 void ScanPrinters(std::string_view text, PrinterPresence& presence);
 
-/// Publishes the printers that are in `current` but not in `previous` and withdraws those of which
-/// it is the other way round, in the order of ports, and makes `previous` equal to `current`.
+/// Publishes the printers that are in `current` alone and withdraws those that are in `previous`
+/// alone, in the order of ports, and makes `previous` equal to `current`.
 /// Monitor thread.
 void ApplyPresence(PrinterPresence& previous, const PrinterPresence& current);
 

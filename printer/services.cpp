@@ -4,9 +4,8 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "mdns/state.h"
-#include "records/registration.h"
-#include "records/service_kinds.h"
+#include "base/responder.h"
+#include "base/service_kinds.h"
 
 char printerServiceNames[kPrinterPorts][kServiceNameSize];
 

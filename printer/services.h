@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
+#include "base/responder.h"
 #include "printer/status_file.h"
 #include "printer/txt.h"
-#include "records/registry.h"
 
 /// Actions of UpdatePrinterService.
 constexpr uint32_t kUnregisterPrinter = 0;

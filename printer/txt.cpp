@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "base/responder.h"
 #include "base/text.h"
 #include "printer/printer_device.h"
 #include "printer/status_file.h"
@@ -180,7 +181,5 @@ int32_t GetTXTData(char* txt, int32_t port, int32_t kind) {
 
   PrinterStatusRecord printer = {};
   if (!ReadStatusRecord(status.get(), port, printer)) return kTxtNoData;
-  char deviceName[kDeviceNameSize] = {};
-  GetDeviceName(deviceName, kDeviceNameMax);
-  return BuildTxtText(txt, port, kind, printer, deviceName);
+  return BuildTxtText(txt, port, kind, printer, CurrentDeviceName().text);
 }

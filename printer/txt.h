@@ -5,9 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/state.h"
+#include "base/service_kinds.h"
 #include "printer/device_id.h"
-#include "records/service_kinds.h"
 
 /// The longest TXT text, and a buffer for it with a terminator.
 constexpr size_t kTxtMax = 512;

@@ -3,8 +3,8 @@
 
 #include <cstring>
 
+#include "base/service_kinds.h"
 #include "base/text.h"
-#include "records/service_kinds.h"
 
 namespace {
 
@@ -33,6 +33,14 @@ void EndRecord(Packet& packet, bool questionOnly) {
 }
 
 }  // namespace
+
+HostName FormatHostName(std::string_view deviceName, size_t limit) {
+  HostName name = {};
+  const size_t length = deviceName.size() < limit ? deviceName.size() : limit;
+  CopyCharacters(name.text, {deviceName.data(), length});
+  memcpy(name.text + length, kLocalDomain, sizeof(kLocalDomain));
+  return name;
+}
 
 void BeginPacket(Packet& packet, const PacketHeader& header) {
   memset(packet.bytes, 0, static_cast<size_t>(packet.capacity));

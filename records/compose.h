@@ -2,9 +2,11 @@
 // function a kind, shared by every composer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "base/responder.h"
 #include "records/encode.h"
 
 /// Times to live in seconds (RFC 6762, section 10): records that hold the host's name or address,
@@ -15,6 +17,14 @@ constexpr uint32_t kGoodbyeTtl = 0;
 
 /// Capacity of a probe, announcement or goodbye packet.
 constexpr int32_t kPacketSize = 1518;
+
+/// The host's name with its domain, zero-terminated.
+struct HostName {
+  char text[kDeviceNameSize + sizeof(kLocalDomain) - 1];
+};
+
+/// The first `limit` characters of the device name, at most kDeviceNameMax, and the domain.
+HostName FormatHostName(std::string_view deviceName, size_t limit);
 
 /// A packet under construction.
 struct Packet {

@@ -12,7 +12,6 @@ namespace {
 
 constexpr uint8_t kClassInternet = 0x01;
 constexpr uint8_t kClassTopBit = 0x80;
-constexpr uint8_t kPointerMark = 0xC0;
 
 // Offsets from the end of a record's owner name (RFC 1035, section 4.1.3).
 constexpr int32_t kTypeOffset = 0;

@@ -26,8 +26,14 @@ constexpr int32_t kTypeSrv = 33;
 constexpr int32_t kTypeNsec = 47;
 constexpr int32_t kTypeAny = 255;
 
+/// In the place of a label's length: the end of a name, and the mark of a compression pointer
+/// (RFC 1035, sections 3.1 and 4.1.4).
+constexpr uint8_t kRootLabel = 0x00;
+constexpr uint8_t kPointerMark = 0xC0;
+
 /// The longest labels that are written. A name label may carry one character more than the 63 of
-/// RFC 1035, section 2.3.4, and TXT strings are cut at 128: both on purpose.
+/// RFC 1035, section 2.3.4, and TXT strings are cut at 128: what is published under such names and
+/// texts keeps its bytes (docs/behaviour.md).
 constexpr int32_t kNameLabelMax = 64;
 constexpr int32_t kTxtStringMax = 128;
 constexpr char kNameSeparator = '.';

@@ -2,10 +2,10 @@
 #include "records/packets.h"
 
 #include "base/log.h"
+#include "base/service_kinds.h"
 #include "base/text.h"
-#include "mdns/state.h"
 #include "records/sender.h"
-#include "records/service_kinds.h"
+#include "records/state.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ void ComposeServiceGoodbye(Packet& packet, const ServiceRecords& service) {
 
 uint32_t PacketsComposeAdd(const char* deviceName, const char* serviceName, const char* serviceType,
                            const char* domain, const char* txt, int32_t txtLength, uint32_t port) {
-  const HeapText hostName = JoinTexts({deviceName, domain});
+  const HeapText hostName = JoinTexts({FormatHostName(deviceName, kDeviceNameMax).text});
   const HeapText instanceName =
       hostName == nullptr ? nullptr : JoinTexts({serviceName, ".", serviceType, domain});
   const HeapText typeName = instanceName == nullptr ? nullptr : JoinTexts({serviceType, domain});

@@ -11,7 +11,8 @@
 void ComposeServiceProbe(Packet& packet, const ServiceRecords& service);
 
 /// Composes the withdrawal of the service's PTR records (RFC 6762, section 10.1). The SRV, TXT and
-/// A records are left to expire, on purpose. Uses the type name, the instance name and the subtype.
+/// A records are left to expire: without the PTR record nobody finds them. Uses the type name, the
+/// instance name and the subtype.
 void ComposeServiceGoodbye(Packet& packet, const ServiceRecords& service);
 
 /// Composes and sends the probe and the announcement of a service, the second without waiting for

@@ -3,7 +3,6 @@
 
 #include "base/gate.h"
 #include "base/log.h"
-#include "mdns/state.h"
 #include "records/packets.h"
 #include "records/registry.h"
 
@@ -32,10 +31,8 @@ uint32_t RegisterOneService(const char* serviceName, const char* serviceType,
     LogLine("[Bonjour] SERVICE_ADD error");
     return 0;
   }
-  char deviceName[kDeviceNameSize] = {};
-  GetDeviceName(deviceName, kDeviceNameMax);
-  if (PacketsComposeAdd(deviceName, serviceName, serviceType, serviceDomain, txt, txtLength,
-                        port) == 0) {
+  if (PacketsComposeAdd(CurrentDeviceName().text, serviceName, serviceType, serviceDomain, txt,
+                        txtLength, port) == 0) {
     LogLine("[Bonjour] PacketsComposeAdd error");
     return 0;
   }

@@ -5,11 +5,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include "mdns/state.h"
+#include "records/state.h"
 
-/// The longest texts of a service, in characters, and a field for the name.
-constexpr size_t kServiceNameMax = 128;
-constexpr size_t kServiceNameSize = kServiceNameMax + 1;
+/// The longest texts of a service beside its name, in characters.
 constexpr size_t kServiceTypeMax = 32;
 constexpr size_t kServiceDomainMax = 32;
 /// TCP ports are below this.
@@ -31,7 +29,7 @@ struct ServiceEntry {
 constexpr uint32_t SERVICE_REMOVE = 0;
 constexpr uint32_t SERVICE_ADD = 1;
 
-/// Holds the registry mutex for as long as it lives. After CloseRegistryIfEmpty had its way the
+/// Holds the registry mutex for as long as it lives. Once CloseRegistryIfEmpty has closed it the
 /// registry stays empty and the mutex is no longer taken, because it may be gone.
 class SCOPED_CAPABILITY RegistryLock {
  public:
@@ -49,8 +47,8 @@ class SCOPED_CAPABILITY RegistryLock {
 };
 
 /// Returns 1 if an entry matches the key (name, type, domain), else 0. An entry matches when each
-/// of its texts begins with the key's: the prefix is enough, on purpose. Takes the registry mutex;
-/// any thread that does not hold it.
+/// of its texts begins with the key's: the prefix is enough (docs/behaviour.md). Takes the registry
+/// mutex; any thread that does not hold it.
 uint32_t ServiceLookup(const char* name, const char* type, const char* domain);
 
 /// SERVICE_ADD appends a service, SERVICE_REMOVE takes out the first one that matches the key; any
@@ -70,12 +68,8 @@ uint32_t ServiceRegistryUpdate(uint32_t operation, const char* name, const char*
 uint32_t ValidateServiceParams(const char* name, const char* type, const char* domain,
                                const char* txt, int32_t txtLength, uint32_t port);
 
-/// True while an entry refers to `txt` (the reference, not the characters). Takes the registry
-/// mutex; any thread that does not hold it.
-bool IsTextRegistered(const char* txt);
-
 /// Copies the first entry, its key above all, to `copy` and returns false; or, when there is none,
-/// closes the registry in the same breath, so that nothing is added any more, and returns true.
+/// closes the registry under the same lock, so that nothing is added any more, and returns true.
 /// Takes the registry mutex; responder thread.
 bool CloseRegistryIfEmpty(ServiceEntry& copy);
 

@@ -12,7 +12,6 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "mdns/state.h"
 
 namespace {
 
@@ -28,13 +27,12 @@ void TransmitThreeTimes(const uint8_t* data, size_t length, int32_t socket,
   }
 }
 
-// Jobs that senders have done with. They carry the next packets: a mapping made and touched anew
-// costs more than all that an answer needs beside its thread.
-std::atomic<SendJob*> spareJobs[kSpareJobs];
+// Every sender is inside from the moment that its packet is handed over.
+Gate senders;
 
-// The job of a sender that could not be started; it carries the next packet. At most one is ever
-// left over, whatever the number of failures.
-std::atomic<SendJob*> leftJob{nullptr};
+// Jobs that senders have done with. They carry the next packets: a new mapping, and its first use,
+// cost more than all that an answer needs beside its thread.
+std::atomic<SendJob*> spareJobs[kSpareJobs];
 
 // A job is a mapping of its own, not a block in the heap: what the heap keeps of a flood of jobs
 // would never go back to the system, and where memory is limited the senders would take what the
@@ -46,16 +44,10 @@ SendJob* MapJob() {
 }
 
 SendJob* TakeJob() {
-  if (SendJob* const left = leftJob.exchange(nullptr)) return left;
   for (std::atomic<SendJob*>& spare : spareJobs) {
     if (SendJob* const job = spare.exchange(nullptr)) return job;
   }
   return MapJob();
-}
-
-void LeaveJob(SendJob* job) {
-  SendJob* const other = leftJob.exchange(job);
-  if (other != nullptr) munmap(other, sizeof(SendJob));
 }
 
 // Each place takes the job and gives back what it had.
@@ -82,7 +74,7 @@ void* RunSender(void* argument) {
     TransmitThreeTimes(job->data, length, socket, destination);
     SpareJob(job);
   }
-  multicastSocketUsers.Leave();
+  senders.Leave();
   return nullptr;
 }
 
@@ -109,7 +101,7 @@ bool StartSender(const uint8_t* packet, int32_t length, int32_t socket,
   const int error = pthread_create(&thread, &attributes, RunSender, job);
   pthread_attr_destroy(&attributes);
   if (error == 0) return true;
-  LeaveJob(job);
+  SpareJob(job);
   LogError(kNoPassingThread, error);
   return false;
 }
@@ -131,7 +123,13 @@ size_t BytesToSend(const SendJob& job) {
 }
 
 void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination) {
-  if (length <= 0 || !multicastSocketUsers.Enter()) return;
+  if (length <= 0 || !senders.Enter()) return;
   // A sender that was started leaves the gate itself when it ends.
-  if (!StartSender(packet, length, socket, destination)) multicastSocketUsers.Leave();
+  if (!StartSender(packet, length, socket, destination)) senders.Leave();
 }
+
+bool IsAnyoneSending() { return !senders.IsEmpty(); }
+
+void CloseSending() { senders.Close(); }
+
+GatePass UseAsSender() { return GatePass(senders); }

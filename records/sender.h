@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/gate.h"
+
 /// Each packet is sent this often, with this pause after each transmission.
 constexpr int kTransmissions = 3;
 constexpr unsigned kTransmissionPauseMicroseconds = 250000;
@@ -21,7 +23,8 @@ constexpr int32_t kJobCopyMax = 1518;
 /// which default stacks would leave no space in a 32-bit address space.
 constexpr size_t kSenderStackSize = size_t{64} * 1024;
 
-/// Jobs that are kept for the next packets when their senders have done with them.
+/// Jobs that are kept for the next packets: when their senders have done with them or could not be
+/// started.
 constexpr size_t kSpareJobs = 4;
 
 /// Packet bytes that a sender takes to its stack: as many as any answer about a usual printer has,
@@ -48,6 +51,17 @@ size_t BytesToSend(const SendJob& job);
 
 /// Copies the packet and starts a detached thread that sends it three times, the first time at
 /// once, 250 ms apart. Returns at once; the caller may reuse `packet`, of which min(`length`, 1518)
-/// bytes are read. A length of 0 or less, a lack of memory, or the closed gate multicastSocketUsers
-/// sends nothing without a message. Any thread.
+/// bytes are read. A length of 0 or less, a lack of memory, or CloseSending before it sends nothing
+/// without a message. Any thread.
 void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination);
+
+/// True from the moment that a packet is handed over until its sender has ended. Whoever finds
+/// nobody sending after CloseSending may close the socket. Any thread.
+bool IsAnyoneSending();
+
+/// From here on SendPacket sends nothing; what was handed over before is still sent. Any thread.
+void CloseSending();
+
+/// Counts the caller as a sender for as long as the pass lives, so that the socket stays open. Not
+/// inside after CloseSending. Any thread.
+GatePass UseAsSender();

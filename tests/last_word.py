@@ -25,7 +25,7 @@ AT_ANY_TIME = 3.0
 
 
 @functools.lru_cache(maxsize=4096)
-def _services_and_lifetime(payload):
+def services_and_lifetime(payload):
     """The instances that a packet is about, and whether it withdraws them."""
     message = packets.parse(payload)
     records = message.answers + message.authority
@@ -42,7 +42,7 @@ def check(sent, by_the_stop):
     were."""
     of_service = collections.defaultdict(list)
     for packet in sent:
-        names, is_goodbye = _services_and_lifetime(packet.payload)
+        names, is_goodbye = services_and_lifetime(packet.payload)
         for name in names:
             of_service[name].append(is_goodbye)
     for name, heard in of_service.items():
@@ -100,7 +100,7 @@ def _wait_until_announced(lab, since, count):
     instance = f"Maker Jet {count - 1} (aa:bb:cc) {count - 1}._ipp._tcp.local"
     lab.wait_for_packet(
         lambda packet: not packet.is_query
-        and instance in _services_and_lifetime(packet.payload)[0],
+        and instance in services_and_lifetime(packet.payload)[0],
         since,
         TRANSMISSIONS,
     )

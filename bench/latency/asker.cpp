@@ -1,15 +1,15 @@
-// Asks several routers, each on a link of its own, in turns: the daemon and the floor program meet
-// the same machine in the same second. Writes one line a measurement to standard output, and ends
-// when the last answer has been transmitted for the last time.
+// Asks several routers in turns, each on a link of its own, so that the daemon and the floor
+// program are measured on the same machine in the same second. Writes a line for each measurement
+// to standard output, and ends when the last answer has been transmitted for the last time.
 //
 //   bench_asker latency COUNT QUESTION TARGET...
-//       COUNT questions to each, once as many senders begin as end; lines: target number, tab,
+//       COUNT questions to each, once as many senders start as end; lines: target number, tab,
 //       nanoseconds from the question to the first answer on the wire, or "late"; then for each
 //       target "processor", tab, its number, tab, nanoseconds of processor time a question
 //   bench_asker again COUNT QUESTION TARGET...
 //       the same, but each question as soon as the last is answered, one target after the other
 //   bench_asker rate SECONDS QUESTION TARGET...
-//       as many questions as get answered, for SECONDS each; lines: target number, tab, answers
+//       as many questions as are answered, for SECONDS each; lines: target number, tab, answers
 //       per second, tab, answers, tab, transmissions per answer, tab, questions without an answer
 //
 // QUESTION is hexadecimal. TARGET is NETWORK:LOG:ADDRESS:PID: descriptors of the network namespace
@@ -47,8 +47,8 @@ constexpr char kHostInterface[] = "eth0";
 constexpr uint16_t kMdnsPort = 5353;
 constexpr size_t kUdpPayload = 28;  // after IPv4 and UDP headers
 
-// From one question to the next. An answer is transmitted again 250 ms and 500 ms after the first
-// time: at this pace that falls a third of the pause away from any question.
+// From one question to the next. An answer is sent again 250 ms and 500 ms after the first time; at
+// this interval that is a third of it away from any question.
 constexpr nanoseconds kPause{10'135'135};
 constexpr milliseconds kLate{3};
 
@@ -160,8 +160,11 @@ std::optional<Frame> TakeFrame(const Target& target) {
     memcpy(&time, CMSG_DATA(header), sizeof(time));
     frame.time = int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
   }
+  // Questions go to the port; answers come from it, to all hosts or to the asker alone.
+  const int sourcePort = (bytes[20] << 8) | bytes[21];
+  const int port = (bytes[22] << 8) | bytes[23];
   const bool isMdns = length > static_cast<ssize_t>(kUdpPayload) + 2 && bytes[9] == IPPROTO_UDP &&
-                      ((bytes[22] << 8) | bytes[23]) == kMdnsPort;
+                      (sourcePort == kMdnsPort || port == kMdnsPort);
   const bool isResponse = isMdns && (bytes[kUdpPayload + 2] & 0x80) != 0;
   frame.isQuestion = isMdns && !isResponse && link.sll_pkttype == PACKET_OUTGOING;
   frame.isAnswer = isResponse && link.sll_pkttype != PACKET_OUTGOING;
@@ -224,7 +227,7 @@ void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& questi
   while (asked < count) {
     const bool counts = next >= settled;
     for (size_t turn = 0; turn < targets.size(); ++turn) {
-      // Each comes first as often as the other: it finds the asker's caches as they are.
+      // Each goes first equally often, because the order matters to the asker's caches.
       const size_t number = (turn + static_cast<size_t>(asked)) % targets.size();
       std::this_thread::sleep_until(next);
       next += kPause;
@@ -241,7 +244,7 @@ void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& questi
   std::this_thread::sleep_for(kTransmissionsEnd);
 }
 
-// Packets that the host's interface got so far.
+// Packets that the host's interface has received so far.
 uint64_t ReceivedPackets(const Target& target) {
   Enter(target);
   FILE* file = fopen("/proc/thread-self/net/dev", "r");
@@ -256,8 +259,8 @@ uint64_t ReceivedPackets(const Target& target) {
   return packets;
 }
 
-// The router writes one line for every question that it answers, so the log tells when the next
-// question may be asked: the router never waits for one, and none is lost for want of space.
+// The router logs a line for every question that it answers, so the log tells when to ask the next
+// one: the router never waits for a question, and none is lost for lack of buffer space.
 void MeasureRate(const Target& target, size_t number, nanoseconds duration, const Bytes& question) {
   TakeLogLines(target);
   const uint64_t before = ReceivedPackets(target);

@@ -41,7 +41,7 @@ def running(**changes):
 
 
 def ask(mode, amount, question, stages):
-    """What the asker prints: a list of words a line."""
+    """What the asker prints: a list of words for each line."""
     targets = [
         f"{network}:{log}:{stage.lab.host.address}:{stage.process.pid}"
         for stage in stages
@@ -59,7 +59,7 @@ def ask(mode, amount, question, stages):
 
 def _processor_time(stages):
     """Microseconds that each process has used so far, its ended threads included."""
-    # The number of another process's clock is what clock_getcpuclockid(3) makes of its id.
+    # The clock of another process, as clock_getcpuclockid(3) computes it from the process id.
     return {
         name: time.clock_gettime_ns(~stage.process.pid << 3 | 2) / 1000
         for name, stage in stages.items()
@@ -72,8 +72,8 @@ def _used(stages, before, answered):
 
 
 def latencies(stages, question, count):
-    """A round of questions 10 ms apart: microseconds from each question to the first answer; late
-    ones are infinite."""
+    """A round of questions 10 ms apart: microseconds from each question to its first answer,
+    infinite if that is late."""
     names = list(stages)
     values, processor = {name: [] for name in names}, {}
     for first, *rest in ask("latency", count, question, stages.values()):
@@ -86,8 +86,8 @@ def latencies(stages, question, count):
 
 
 def rates(stages, question, seconds, first):
-    """A round of as many questions as get answered, one target after the other, beginning with the
-    one of that number: answered questions a second."""
+    """A round of as many questions as are answered, one target after the other, starting with
+    number `first`: answered questions a second."""
     names = list(stages)
     names = names[first % len(names) :] + names[: first % len(names)]
     before = _processor_time(stages)

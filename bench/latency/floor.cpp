@@ -1,8 +1,7 @@
 // The least that an answering daemon can do: only the system calls that its behaviour prescribes,
-// with ready-made packets. `bench_floor PACKETS`, where each packet stands after a big-endian
-// 16-bit length; the first answers a host-name question, each of the others is a service's answer
-// to a browse question. It also looks at the printer status file as often as the daemon does, and
-// like it until it is killed.
+// with ready-made packets. `bench_floor PACKETS`, a file of packets, each after a big-endian 16-bit
+// length: the first answers a host-name question, every other one is a service's answer to a browse
+// question. It reads the printer status file as often as the daemon does, until it is killed.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -17,12 +16,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mdns/message.h"
 #include "mdns/socket.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"
 #include "printer/status_file.h"
 #include "records/encode.h"
+#include "records/message.h"
 #include "records/sender.h"
 
 namespace {

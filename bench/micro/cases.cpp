@@ -113,7 +113,7 @@ size_t RunGoodbye() {
   return PacketLength();
 }
 
-// Messages as they are received, and the answering state that they meet.
+// Messages as they are received, and the answering state.
 
 AnsweringState answering;
 sockaddr_in questioner;
@@ -258,7 +258,7 @@ void PreparePrinters(size_t printers) {
   for (size_t port = 0; port < printers; ++port) AddPrinter(port);
 }
 
-// Ten printers, then records of a port that does not exist until the file is full.
+// Ten printers, then records of a port that does not exist, until the file is full.
 void PrepareFullFile(size_t) {
   PreparePrinters(kPrinterPorts);
   constexpr char kRecord[] = "usblpx\nHP\nLaserJet 1020\nPJL,PCL,POSTSCRIPT\n\n";

@@ -1,5 +1,5 @@
-// Runs every case so often under callgrind, which writes the instructions of each into a file of
-// its own with the case's name in it. Prints, on standard error, what is counted in bytes.
+// Runs every case several times under callgrind, which writes the instructions of each to a file of
+// its own with the case's name in it. Prints what is counted in bytes on standard error.
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
@@ -18,7 +18,7 @@ int main() {
   fprintf(stderr, "heap bytes per service\t%zu\n", HeapBytesPerService());
   for (const Case& one : AllCases()) {
     one.prepare(one.size);
-    // The first runs find their symbols and their heap blocks.
+    // The first runs resolve symbols and allocate heap blocks.
     for (int i = 0; i < kRuns; ++i) one.run();
     CALLGRIND_START_INSTRUMENTATION;
     CALLGRIND_ZERO_STATS;

@@ -1,4 +1,4 @@
-// Takes the place of the sender and of the socket module: the linker never looks for the real ones.
+// Replaces the sender and the socket module: the linker finds these first.
 #include "bench/micro/quiet_io.h"
 
 #include "mdns/socket.h"

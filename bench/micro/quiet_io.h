@@ -1,5 +1,5 @@
-// Stands in for the modules that talk to the kernel, so that what is measured is the work on bytes
-// alone: packets go nowhere and the address is always there.
+// Replaces the modules that talk to the kernel, so that only the work on bytes is measured: packets
+// go nowhere and the address is always available.
 #pragma once
 
 #include <cstddef>

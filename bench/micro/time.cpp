@@ -1,4 +1,4 @@
-// Times every case, and beside it the least that it could cost.
+// Times every case, and the least that it could cost.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -39,7 +39,8 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark(one.name.c_str(), RunCase, one);
     benchmark::RegisterBenchmark((one.name + "/floor").c_str(), RunCaseFloor, one);
   }
-  // The daemon's own lines cost what formatting them costs; the figures go to standard error.
+  // Formatting the daemon's lines is measured, writing them is not; the figures go to standard
+  // error.
   if (freopen("/dev/null", "w", stdout) == nullptr) return 1;
   benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
   reporter.SetOutputStream(&std::cerr);

@@ -1,9 +1,13 @@
-"""Nanoseconds per operation, by Google Benchmark."""
+"""Nanoseconds per operation, by Google Benchmark: measuring, and the kept table."""
 
 import json
 import pathlib
 import subprocess
 import tempfile
+
+from bench import growth
+
+TABLE = pathlib.Path(__file__).with_name("times.tsv")
 
 _REPETITIONS = 5
 _SECONDS = 0.02
@@ -37,3 +41,13 @@ def measure(program):
         for name, time in medians.items()
         if not name.endswith("/floor")
     }
+
+
+def write_table(times):
+    """Writes the nanoseconds by case, and those of the floor, except for cases that differ
+    from others in size only."""
+    lines = ["# operation\tns\tns of the floor"]
+    for name, (time, floor) in times.items():
+        columns = [name, f"{time:.0f}", *([] if growth.is_growth(name) else [f"{floor:.0f}"])]
+        lines.append("\t".join(columns))
+    TABLE.write_text("\n".join(lines) + "\n")

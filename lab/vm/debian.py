@@ -1,4 +1,4 @@
-"""Debian's packages for any CPU, downloaded and unpacked without a trace in this system's own."""
+"""Debian's packages for any CPU, downloaded and unpacked without touching this system's own."""
 
 import re
 import shutil
@@ -9,7 +9,7 @@ _KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
 
 
 def mirror():
-    """Where this machine has its Debian from."""
+    """The mirror that this machine uses."""
     shown = subprocess.run(
         ["apt-get", "indextargets", "--format", "$(REPO_URI) $(RELEASE)", "Created-By: Packages"],
         capture_output=True,
@@ -72,7 +72,7 @@ class Archive:
             self._updated = True
 
     def unpack(self, package, target):
-        """Puts a package's files into the directory `target`, nothing of it being run."""
+        """Unpacks a package into the directory `target` without running any of it."""
         self._update()
         download = self._directory / "download"
         shutil.rmtree(download, ignore_errors=True)

@@ -18,7 +18,7 @@ PACKAGE = "/root/bonjour.deb"
 
 
 def make_disk(directory, network, package):
-    """The file of the disk in `directory`, with a Debian that is downloaded at the first time.
+    """The disk image in `directory`, with a Debian that is downloaded the first time.
     `network` has the MAC and the ADDRESS of its bridge; `package` is found in it as PACKAGE."""
     root = directory / "root"
     ready = directory / "ready"
@@ -39,7 +39,7 @@ def make_disk(directory, network, package):
 def _debootstrap(root, log):
     options = ["--variant=minbase", f"--include={_PACKAGES}"]
     command = ["debootstrap", *options, RELEASE, root, mirror()]
-    # What it mounts goes with it, also when it is interrupted.
+    # Its mounts end with it, even when it is interrupted.
     with open(log, "w") as file:
         subprocess.run(
             ["unshare", "--mount", *command],
@@ -82,7 +82,7 @@ def _link(link, target):
 
 
 def make_initrd(directory, busybox, modules):
-    """The file in `directory` that the kernel starts with."""
+    """The initial RAM disk in `directory`."""
     first = directory / "first-root"
     shutil.rmtree(first, ignore_errors=True)
     for folder in ("bin", "dev", "root", "sbin", "usr/bin", "usr/sbin", "proc"):

@@ -18,10 +18,10 @@ from lab.waiting import TimedOut
 BOOT_BOUND = 120.0
 _HELP = """\
   plug PORT ID     plugs a printer with this IEEE 1284 device id into the USB port PORT
-  pull PORT        pulls it out
+  pull PORT        unplugs it
   log              shows the router's log
   (anything else)  is run by the router's shell
-  Ctrl-D           takes all down
+  Ctrl-D           ends it all
 """
 
 
@@ -57,7 +57,7 @@ class MachineDemo(Demo):
             print(f"              {line}", flush=True)
 
     def stop_router(self):
-        print_title("The router is switched off by its owner: poweroff")
+        print_title("The router's owner switches it off: poweroff")
         start, mark = time.time(), self.lab.capture.mark()
         left = len(self.browser.services)
         self.router.machine.power_off(BOOT_BOUND)
@@ -73,7 +73,7 @@ def _how_to_look_in(demo):
     host = demo.host
     python = f"env PYTHONPATH={shlex.quote(str(ROOT))} /usr/bin/python3"
     return f"""
-The router runs. At the prompt:
+The router is running. At the prompt:
 {_HELP}
 From another terminal, as root:
 
@@ -133,11 +133,11 @@ def main():
         print()
         return 0 if options.keep else 130
     except BrokenPipeError:
-        # Whoever reads this has stopped doing so.
+        # The reader has gone away.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 141
     if not options.keep:
-        print(f"\nThat was all, in {time.monotonic() - begun:.1f} s. --keep stays to explore.")
+        print(f"\nDone in {time.monotonic() - begun:.1f} s. --keep leaves it running to explore.")
     return 0
 
 

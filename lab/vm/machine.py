@@ -1,4 +1,4 @@
-"""A virtual machine on the lab's link: QEMU without hardware help, its console, log and shell."""
+"""A virtual machine on the lab's link: QEMU without KVM, its console, log and shell."""
 
 import re
 import select
@@ -97,7 +97,7 @@ class Machine:
             *("-chardev", f"socket,id=shell,fd={shell.fileno()}"),
             *("-chardev", f"socket,id=log,fd={log.fileno()}"),
         ]
-        # It ends with this process, in whatever way that ends.
+        # It ends with this process, whatever ends that.
         with self._switch.entered():
             self._process = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", *self._command, *channels],
@@ -186,7 +186,7 @@ class Machine:
         return self._process.poll() is None
 
     def _tell(self, command, bound):
-        """Has the machine run `command`, at whose end it is off; raises TimedOut."""
+        """Runs `command`, after which the machine is off; raises TimedOut."""
         self._shell.sendall(f"{command}\n".encode())
         try:
             self._process.wait(bound * PATIENCE)
@@ -194,8 +194,7 @@ class Machine:
             raise TimedOut(f"the machine is still on after {command}") from None
 
     def reboot(self, bound=30.0):
-        """Tells it to, and returns when it has gone down and comes up again. Its printers stay
-        plugged in."""
+        """Reboots it, and returns when it comes up again. Its printers stay plugged in."""
         self._tell("reboot", bound)
         self._end()
         printers = {port: printer.device_id for port, printer in self._printers.items()}
@@ -205,7 +204,7 @@ class Machine:
             self.plug_in(port, device_id)
 
     def power_off(self, bound=30.0):
-        """Tells it to, and waits until it is off; raises TimedOut."""
+        """Switches it off, and waits until it is; raises TimedOut."""
         self._tell("poweroff", bound)
 
     def close(self):

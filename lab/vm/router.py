@@ -15,7 +15,7 @@ from lab.vm.kinds import KINDS
 from lab.vm.machine import Machine
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-# What is downloaded, and what is made of it.
+# What is downloaded, and what is built from it.
 CACHE = ROOT / "build/machines"
 _BOOT_BOUND = 120.0
 _STICK_MEGABYTES = 8
@@ -78,7 +78,7 @@ _SYSTEMS = {"busybox": _busybox_system, "debian": _debian_system}
 
 
 class MachineRouter:
-    """What Lab wants of a router, with a machine behind it once it is started."""
+    """A router as Lab expects it, with a machine behind it once it is started."""
 
     def __init__(self, link, name, mac, address):
         """`name` is a key of KINDS."""

@@ -61,7 +61,7 @@ class Stall(Exception):
 
 
 class UsbPrinter:
-    """A printer that is plugged in from its making on until it is pulled out.
+    """A printer that is plugged in from its construction until it is unplugged.
 
     `device_id` is the IEEE 1284 id without its length bytes, or None for a printer that has none.
     With `held` it does not answer requests for it from the beginning.

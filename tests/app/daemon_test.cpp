@@ -11,12 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "mdns/responder.h"
-#include "mdns/state.h"
+#include "base/responder.h"
 #include "printer/monitor.h"
 #include "tests/support/command_line.h"
+#include "tests/support/fake_responder.h"
 #include "tests/support/fake_sleep.h"
-#include "tests/support/fake_socket.h"
 #include "tests/support/fake_stop.h"
 #include "tests/support/fake_thread.h"
 #include "tests/support/log_capture.h"
@@ -32,7 +31,7 @@ class Daemon : public testing::Test {
     fakeThread = {};
     fakeStop = {};
     bTerminate.Set(0);
-    responderState.initStatus.Set(0);
+    fakeResponder = {};
     ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
     ASSERT_TRUE(AddBridge({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC})) << strerror(errno);
     fakeThread.onStart = [this](ThreadBody body, void* argument) {
@@ -42,7 +41,7 @@ class Daemon : public testing::Test {
       }
       start = *static_cast<ResponderStartRecord*>(argument);
       macAtStart.assign(hw_addr, hw_addr + 6);
-      if (isUpAtOnce) responderState.initStatus.Set(1);
+      if (isUpAtOnce) fakeResponder.initStatus = 1;
     };
   }
 
@@ -156,7 +155,7 @@ TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
   };
   before = look();
   fakeThread.onStart = [&](ThreadBody, void*) {
-    responderState.initStatus.Set(1);
+    fakeResponder.initStatus = 1;
     during = look();
   };
   Run();
@@ -165,7 +164,7 @@ TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
 
 TEST_F(Daemon, SignalHandlersAreSetBeforeTheResponderStarts) {
   fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
+    fakeResponder.initStatus = 1;
     if (body == BonjourServiceInit) raise(SIGTERM);
   };
   Run();
@@ -201,7 +200,7 @@ TEST_F(Daemon, StopSignalsThatTheParentBlockedAreUnblocked) {
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stop, nullptr), 0);
   bool taken[2] = {};
   fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
+    fakeResponder.initStatus = 1;
     bTerminate.Set(0);
     raise(body == CheckUsbDevice ? SIGTERM : SIGINT);
     taken[body == CheckUsbDevice] = bTerminate.Get() == 1;
@@ -220,7 +219,7 @@ TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUp) {
   fakeSleep.hook = [&](unsigned seconds) {
     pauses.push_back(seconds);
     threadsAtPause.push_back(fakeThread.started.size());
-    if (pauses.size() == 5) responderState.initStatus.Set(1);
+    if (pauses.size() == 5) fakeResponder.initStatus = 1;
   };
   Run();
   fakeSleep.hook = nullptr;
@@ -243,7 +242,7 @@ TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
   fakeSleep.hook = [&](unsigned) {
     ++pauses;
     if (pauses == 2) raise(SIGTERM);
-    if (pauses == 6) responderState.initStatus.Set(1);
+    if (pauses == 6) fakeResponder.initStatus = 1;
   };
   const Log log = Run();
   fakeSleep.hook = nullptr;
@@ -255,7 +254,7 @@ TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
 
 TEST_F(Daemon, UnknownResponderStatusStartsNoMonitor) {
   isUpAtOnce = false;
-  fakeSleep.hook = [](unsigned) { responderState.initStatus.Set(2); };
+  fakeSleep.hook = [](unsigned) { fakeResponder.initStatus = 2; };
   const Log log = Run();
   fakeSleep.hook = nullptr;
   EXPECT_EQ(log.err, "");
@@ -292,7 +291,7 @@ TEST_F(Daemon, MonitorThatCannotBeStartedStopsTheResponder) {
 TEST_F(Daemon, BannerIsPrintedAfterTheMonitorsStartAndBeforeTheJoins) {
   std::string outputAtMonitorStart = "not started";
   fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
+    fakeResponder.initStatus = 1;
     if (body != CheckUsbDevice) return;
     fflush(stdout);
     outputAtMonitorStart = testing::internal::GetCapturedStdout();
@@ -313,7 +312,7 @@ TEST_F(Daemon, WaitsForTheStopAfterTheBannerThenEndsTheReceiveThenJoins) {
     testing::internal::CaptureStdout();
     if (events.size() == 3) bTerminate.Set(1);
   };
-  fakeSocketModule.endReceive = [&] {
+  fakeResponder.endReceive = [&] {
     events.push_back("end receive, joined " + std::to_string(fakeThread.joined.size()));
   };
   const Log log = Run();
@@ -331,7 +330,7 @@ TEST_F(Daemon, StopThatCameBeforeTheWaitIsNotWaitedFor) {
     bTerminate.Set(1);
   };
   fakeThread.onStart = [&](ThreadBody body, void*) {
-    responderState.initStatus.Set(1);
+    fakeResponder.initStatus = 1;
     if (body == CheckUsbDevice) raise(SIGTERM);
   };
   Run();

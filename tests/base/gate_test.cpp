@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -36,6 +37,45 @@ TEST(Gate, WhoIsInsideAtTheCloseStaysUntilItLeaves) {
   EXPECT_FALSE(gate.IsEmpty());
   gate.Leave();
   EXPECT_TRUE(gate.IsEmpty());
+}
+
+// A word of which one operation is followed by what somebody else does in that moment.
+class HeldWord {
+ public:
+  constexpr explicit HeldWord(uint32_t initial) : word(initial) {}
+  uint32_t fetch_add(uint32_t value) { return Held(word.fetch_add(value)); }
+  uint32_t fetch_sub(uint32_t value) { return Held(word.fetch_sub(value)); }
+  uint32_t fetch_or(uint32_t value) { return Held(word.fetch_or(value)); }
+  uint32_t load() const { return Held(word.load()); }
+
+  // The operations until then, and what is done.
+  static inline int left = 0;
+  static inline std::function<void()> meanwhile;
+
+ private:
+  static uint32_t Held(uint32_t result) {
+    if (--left == 0) meanwhile();
+    return result;
+  }
+
+  std::atomic<uint32_t> word;
+};
+
+TEST(Gate, CloseBetweenAnyTwoStepsOfAnEntryKeepsItOutOrFindsItInside) {
+  int steps = 0;
+  for (bool isOver = false; !isOver; ++steps) {
+    BasicGate<HeldWord> gate;
+    bool isClosedAndEmpty = false;
+    isOver = true;
+    HeldWord::meanwhile = [&] {
+      isOver = false;
+      gate.Close();
+      isClosedAndEmpty = gate.IsEmpty();
+    };
+    HeldWord::left = steps + 1;
+    EXPECT_FALSE(gate.Enter() && isClosedAndEmpty) << "after step " << steps + 1;
+  }
+  EXPECT_GT(steps, 1);
 }
 
 TEST(Gate, NobodyIsInsideOnceItIsClosedAndEmpty) {

@@ -8,12 +8,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <deque>
 #include <future>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "base/descriptor.h"
+#include "tests/support/case_name.h"
+#include "tests/support/fault.h"
 #include "tests/support/output.h"
 #include "tests/support/own_namespace.h"
 
@@ -62,6 +66,60 @@ TEST(Log, MissingMemoryShowsErrno) {
 TEST(Log, AddressFailureNamesItsCaller) {
   EXPECT_EQ(StdoutOf([] { LogUpdateHostIPError("MDNS_Answer"); }),
             "[MDNS_Answer] UpdateHostIP error\n");
+}
+
+// A file that takes only a part of a line, as one on a file system that fills up
+
+struct TornRow {
+  const char* name;
+  std::deque<ssize_t> results;  // of the writes
+  const char* kept;             // of the lines "one line" and "next"
+};
+
+class TornLineTest : public testing::TestWithParam<TornRow> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    , TornLineTest,
+    testing::Values(TornRow{"RestIsWritten", {5}, "one line\nnext\n"},
+                    TornRow{"RestIsWrittenInPieces", {5, 1, 2}, "one line\nnext\n"},
+                    TornRow{"LostRestEndsTheLine", {5, -1}, "one l\nnext\n"},
+                    TornRow{"LostLineFeedIsMadeUpFor", {8, -1}, "one line\nnext\n"},
+                    TornRow{"WriteOfNothingIsAFailure", {5, 0}, "one l\nnext\n"},
+                    TornRow{"LineThatIsLostWholeLeavesNothing", {-1}, "next\n"},
+                    TornRow{"LineLostAfterATornOneChangesNothing", {5, -1, -1}, "one l\nlast\n"},
+                    TornRow{"EndOfATornLineIsWrittenOnce", {5, -1, 1, -1}, "one l\nlast\n"}),
+    CaseName());
+
+TEST_P(TornLineTest, NextLineBeginsOnALineOfItsOwn) {
+  const TornRow& row = GetParam();
+  EXPECT_EQ(StdoutOf([&row] {
+              writeResults = row.results;
+              LogLine("one line");
+              LogLine("next");
+              if (std::string_view(row.kept).find("last") != std::string::npos) LogLine("last");
+            }),
+            row.kept);
+  EXPECT_TRUE(writeResults.empty());
+}
+
+// What stands in a file to which standard output leads, and standard error too or to another, when
+// a line to standard output was torn before one to standard error.
+std::string TornOutThenError(bool isOneFile) {
+  CapturedOutput output;
+  const Descriptor error(dup(STDERR_FILENO));
+  if (isOneFile) dup2(STDOUT_FILENO, STDERR_FILENO);
+  InitLog();
+  writeResults = {5, -1};
+  LogLine("one line");
+  LogError("failed", EAGAIN);
+  dup2(error.Get(), STDERR_FILENO);
+  return output.Stdout() + "|" + output.Stderr();
+}
+
+TEST(TornLine, StreamsThatLeadToOneFileAreOneAndOthersAreNot) {
+  EXPECT_EQ(TornOutThenError(true), "one l\nfailed: Resource temporarily unavailable\n|");
+  LogLine("");  // ends the torn line
+  EXPECT_EQ(TornOutThenError(false), "one l|failed: Resource temporarily unavailable\n");
 }
 
 // Standard output and standard error lead into one end of a pipe or of a pair of sockets, the test

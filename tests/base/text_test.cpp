@@ -1,5 +1,6 @@
 #include "base/text.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,6 +14,13 @@ TEST(FormatNumber, WritesTheNumberInDecimal) {
   EXPECT_STREQ(FormatNumber(1518).text, "1518");
   EXPECT_STREQ(FormatNumber(-1).text, "-1");
   EXPECT_STREQ(FormatNumber(INT32_MIN).text, "-2147483648");
+}
+
+TEST(FormatAddress, WritesFourNumbersAndNothingForNoAddress) {
+  EXPECT_STREQ(FormatAddress(inet_addr("192.168.1.1")).text, "192.168.1.1");
+  EXPECT_STREQ(FormatAddress(inet_addr("255.255.255.254")).text, "255.255.255.254");
+  EXPECT_STREQ(FormatAddress(0).text, "0.0.0.0");
+  EXPECT_STREQ(FormatAddress(INADDR_NONE).text, "");
 }
 
 TEST(CopyText, CutsAtTheLimitAndZerosTheRest) {
@@ -39,14 +47,6 @@ TEST(FieldText, EndsAtTheZeroOrAtTheField) {
   EXPECT_EQ(FieldText(full), "abc");
 }
 
-TEST(BeginsWith, ComparesTheStartOnly) {
-  EXPECT_TRUE(BeginsWith("abc", "ab"));
-  EXPECT_TRUE(BeginsWith("abc", "abc"));
-  EXPECT_TRUE(BeginsWith("abc", ""));
-  EXPECT_FALSE(BeginsWith("abc", "abcd"));
-  EXPECT_FALSE(BeginsWith("abc", "b"));
-}
-
 TEST(NewText, IsEmptyWithRoomForItsLength) {
   const HeapText text = NewText(3);
   for (int i = 0; i <= 3; ++i) EXPECT_EQ(text.get()[i], 0);
@@ -54,7 +54,7 @@ TEST(NewText, IsEmptyWithRoomForItsLength) {
   EXPECT_STREQ(text.get(), "abc");
 }
 
-TEST(JoinTexts, PutsThePartsBehindOneAnother) {
+TEST(JoinTexts, PutsThePartsOneAfterAnother) {
   EXPECT_STREQ(JoinTexts({"Office", ".", "_ipp._tcp", ".local"}).get(), "Office._ipp._tcp.local");
   EXPECT_STREQ(JoinTexts({}).get(), "");
   EXPECT_STREQ(JoinTexts({"", "a", std::string_view()}).get(), "a");

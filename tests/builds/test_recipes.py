@@ -42,7 +42,7 @@ def sections(program):
     return re.findall(r"^ +\[ *\d+\] (\S+)", building.run("readelf", "-SW", program), re.M)
 
 
-@pytest.mark.seconds(10)
+@pytest.mark.whole
 def test_readme_gives_an_image_with_a_stripped_daemon_and_keeps_the_symbols(checkout, image):
     (commands,) = blocks("README.md", "On a router", "sh")
     follow(commands, checkout, image=image)
@@ -74,7 +74,7 @@ def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkou
         assert re.search(trace, shown), trace
 
 
-@pytest.mark.seconds(10)
+@pytest.mark.whole
 def test_notes_give_the_daemon_for_another_cpu(checkout, image, tmp_path):
     (lines,) = blocks("docs/integration.md", "Build", "cmake")
     sdk = "/opt/sdk/bin/mips-openwrt-linux-"

@@ -142,7 +142,7 @@ class Record:
 
     def __str__(self):
         outcome = f"= {self.result}" if self.is_done else "..."
-        fault = f" FAULT {errno.errorcode[self.error]}" if self.is_fault else ""
+        fault = f" FAULT {errno.errorcode.get(self.error)}" if self.is_fault else ""
         return f"{self.number:5} thread {self.thread:4} {self.function}({self.about}) {outcome}" + (
             f"{fault} {self.text}".rstrip()
         )

@@ -1,17 +1,13 @@
-"""What the sweep of every call stands on: see tests/sweep, which is run by option."""
+"""What the sweep of every call stands on: see tools/sweep, which is run by option."""
 
 import pytest
 from lab.daemon import binary
-from sweeping.faults import unknown_calls
-from sweeping.walk import Fault, Walk, prepare
+from sweep.faults import unknown_calls
+from sweep.walk import Fault, Walk, prepare
 
-# A call of each thread whose failure the description has to follow.
 FAULTS = [
-    Fault("start", 0, "ioctl", 0),
     Fault("start", 1, "pthread_create", 1),
-    Fault("printers in", 4, "calloc", 4, lasts=True),
     Fault("questions", 3, "socket", 2, lasts=True),
-    Fault("one out, one in", -2, "sendto", 4),
     Fault("stop", 1, "calloc", 1, lasts=True),
 ]
 
@@ -33,12 +29,12 @@ def go(lab, path, **how):
 @pytest.mark.uncounted
 @pytest.mark.seconds(8)
 @pytest.mark.parametrize("on_sockets", [False, True], ids=["pipes", "sockets"])
-def test_daemon_without_a_fault_does_what_the_sweep_describes(lab, tmp_path, on_sockets):
+def test_walk_of_the_sweep_holds_without_a_fault(lab, tmp_path, on_sockets):
     go(lab, tmp_path / "board", on_sockets=on_sockets)
 
 
 @pytest.mark.uncounted
 @pytest.mark.seconds(8)
 @pytest.mark.parametrize("fault", FAULTS, ids=str)
-def test_daemon_with_a_fault_does_what_the_sweep_describes(lab, tmp_path, fault):
+def test_walk_of_the_sweep_holds_with_a_fault(lab, tmp_path, fault):
     go(lab, tmp_path / "board", fault=fault)

@@ -53,8 +53,8 @@ TEST_P(AnsweredHostNameTest, HostNameHasAtMost63Characters) {
   const HostNameRow& row = GetParam();
   SetDeviceName(std::string(row.deviceNameLength, 'x'));
   StartAnswering(state, 0);
-  EXPECT_EQ(std::string(state.hostName), std::string(row.kept, 'x') + ".local");
-  EXPECT_EQ(std::string(state.deviceName), std::string(row.deviceNameLength, 'x'));
+  EXPECT_EQ(std::string(state.hostName.text), std::string(row.kept, 'x') + ".local");
+  EXPECT_EQ(std::string(state.deviceName.text), std::string(row.deviceNameLength, 'x'));
 }
 
 // Which messages are looked at
@@ -324,7 +324,7 @@ TEST_F(AnswerTest, SequencesOfCutMessagesNeverAnswerAService) {
   const Bytes whole = Wire(Query(kIppQuestion));
   for (size_t size = 1; size < 17; ++size) {
     std::copy(whole.begin(), whole.end(), state.receiveBuffer);
-    StdoutOf([&] { AnswerMessage(state, size, Address("192.168.1.9", 5353), kSocket); });
+    StdoutOf([&] { AnswerMessage(state, size, SocketAddress("192.168.1.9", 5353), kSocket); });
     EXPECT_EQ(SentPackets().size(), 0u) << size;
   }
 }
@@ -338,7 +338,7 @@ TEST_F(AnswerTest, WithoutAShortLabelTheMessageIsDropped) {
   CapturedOutput output;
   const Bytes message = Wire(Query(kIppQuestion));
   std::copy(message.begin(), message.end(), state.receiveBuffer);
-  AnswerMessage(state, message.size(), Address("192.168.1.9", 5353), kSocket);
+  AnswerMessage(state, message.size(), SocketAddress("192.168.1.9", 5353), kSocket);
   EXPECT_TRUE(callocFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] malloc error: Cannot allocate memory\n");
   EXPECT_EQ(output.Stdout(), "");
@@ -359,7 +359,7 @@ TEST_P(AnswerWithoutMemoryTest, WithoutACopyTheScanGoesOnWithTheNextEntry) {
   CapturedOutput output;
   const Bytes message = Wire(Query(kIppQuestion));
   std::copy(message.begin(), message.end(), state.receiveBuffer);
-  AnswerMessage(state, message.size(), Address("192.168.1.9", 5353), kSocket);
+  AnswerMessage(state, message.size(), SocketAddress("192.168.1.9", 5353), kSocket);
   EXPECT_TRUE(callocFault.HasStruck());
   EXPECT_EQ(output.Stderr(), "[Bonjour] malloc error: Cannot allocate memory\n");
   ASSERT_EQ(SentPackets().size(), 1u);

@@ -136,7 +136,7 @@ class CheckNameTest : public testing::Test {
  protected:
   CheckNameTest() {
     responderState.interfaceAddress[0].Set(inet_addr("127.0.0.1"));
-    responderState.mdnsDestination = Address("224.0.0.251", 5353);
+    responderState.mdnsDestination = SocketAddress("224.0.0.251", 5353);
     own.SetReceiveTimeout(20);
     record.socket = own.Get();
     SetName("router");

@@ -63,7 +63,7 @@ TEST_P(HostNameTest, NoByteBeyondACutMessageIsRead) {
   }
 }
 
-TEST(HostQuestionType, IsTheLowByteBehindTwoLabels) {
+TEST(HostQuestionType, IsTheLowByteAfterTwoLabels) {
   for (const auto& [wire, type] : std::initializer_list<std::pair<const char*, uint8_t>>{
            {"08 'myrouter' 05 'local' 00 00 01 00 01", 1},
            {"08 'myrouter' 05 'local' 00 00 1C 00 01", 28},

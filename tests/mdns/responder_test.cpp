@@ -320,10 +320,10 @@ TEST_F(ResponderTest, ServicesAreWithdrawnWithoutAnInterfaceToo) {
 void StopSendingAtPoll(int count) {
   static std::atomic<int> left;
   left = count;
-  EXPECT_TRUE(multicastSocketUsers.Enter());
+  EXPECT_TRUE(fakeSenders.Enter());
   onUsleep = [](unsigned microseconds) {
     Note("poll " + std::to_string(microseconds));
-    if (--left == 0) multicastSocketUsers.Leave();
+    if (--left == 0) fakeSenders.Leave();
   };
 }
 
@@ -391,17 +391,22 @@ TEST_F(ResponderTest, NothingIsRegisteredAfterAnsweringHasEnded) {
     onUsleep = [](unsigned) {
       Note("refused " +
            std::to_string(1 - RegisterOneService("B", "_ipp._tcp", ".local", "b", 1, 631)));
-      multicastSocketUsers.Leave();
+      fakeSenders.Leave();
     };
   };
   Run();
   EXPECT_THAT(events, ElementsAre("refused 1", "send", "close 1"));
 }
 
-TEST_F(ResponderTest, NothingIsSentAfterTheGoodbyes) {
-  fakeSocketModule.close = [] { Note(multicastSocketUsers.IsClosed() ? "closed" : "open"); };
+// Somebody tries to send after each look at who is sending, the last one too, and hangs.
+TEST_F(ResponderTest, NobodySendsOnTheSocketThatIsClosed) {
+  fakeSocketModule.close = [] { Note(fakeSenders.IsEmpty() ? "nobody sends" : "somebody sends"); };
+  whileAnswering = [] {
+    RegisterOneService("A", "_ipp._tcp", ".local", "a", 1, 631);
+    onSendPacket = [] { onLookAtSenders = [] { static_cast<void>(fakeSenders.Enter()); }; };
+  };
   Run();
-  EXPECT_EQ(events.back(), "closed");
+  EXPECT_EQ(events.back(), "nobody sends");
 }
 
 TEST_F(ResponderTest, ServiceThatCannotBeWithdrawnIsTriedAgainAfterAPause) {
@@ -423,7 +428,7 @@ TEST_F(ResponderTest, ServiceThatCannotBeWithdrawnIsTriedAgainAfterAPause) {
 }
 
 TEST_F(ResponderTest, SenderThatHangsIsWaitedForThreeSecondsInAll) {
-  EXPECT_TRUE(multicastSocketUsers.Enter());
+  EXPECT_TRUE(fakeSenders.Enter());
   Run();
   // Twice 1.5 seconds: before the goodbyes and after them.
   EXPECT_EQ(Count("poll"), 300);

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "mdns/state.h"
+#include "records/sender.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
@@ -33,7 +34,7 @@ class SocketTest : public testing::Test {
     strcpy(responderState.interfaceName[1], "qxSkipDevName");
     responderState.interfaceAddress[0].Set(INADDR_NONE);
     responderState.connected[0].Set(0);
-    responderState.mdnsDestination = Address("224.0.0.251", 5353);
+    responderState.mdnsDestination = SocketAddress("224.0.0.251", 5353);
     multicastSocket.Set(-1);
   }
   ~SocketTest() override {
@@ -221,7 +222,7 @@ TEST_F(BridgeTest, SocketHearsTheGroupAndNotItself) {
   SetUpSocket();
   const OtherHost host("br0");
   const Bytes own = Wire("01 01");
-  const sockaddr_in group = Address("224.0.0.251", 5353);
+  const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
   ASSERT_EQ(sendto(multicastSocket.Get(), own.data(), own.size(), 0,
                    reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
             2);
@@ -339,19 +340,19 @@ TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
   receiving.join();
   EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0);
   const Bytes packet = Wire("01 02");
-  const sockaddr_in group = Address("224.0.0.251", 5353);
+  const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
   EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
                    reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
             2);
   EXPECT_EQ(host.ReceiveMulticast(), packet);
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 TEST_F(BridgeTest, ReceiveIsNotEndedOnASocketThatIsToBeClosed) {
   SetUpSocket();
   const UdpSocket other("127.0.0.1");
   other.SetReceiveTimeout(10);
-  multicastSocketUsers.Close();
+  CloseSending();
   // The descriptor may stand for another socket by now.
   CloseMulticastSocket();
   multicastSocket.Set(other.Get());
@@ -363,7 +364,7 @@ TEST_F(BridgeTest, ReceiveIsNotEndedOnASocketThatIsToBeClosed) {
 
 TEST_F(SocketTest, EndingTheReceiveWithoutASocketDoesNothing) {
   EndReceive();
-  EXPECT_TRUE(multicastSocketUsers.IsEmpty());
+  EXPECT_FALSE(IsAnyoneSending());
 }
 
 // The close

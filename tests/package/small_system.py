@@ -54,6 +54,8 @@ def lay_out(root, shell="busybox"):
     for directory in ("bin", "dev", "proc", "tmp", "var/run", "var/log"):
         (root / directory).mkdir(parents=True, exist_ok=True)
     copy_program("/bin/busybox", root, "bin/busybox")
+    # Routers have BusyBox's; Debian's BusyBox has none.
+    copy_program("/usr/bin/flock", root, "bin/flock")
     for applet in _APPLETS:
         (root / "bin" / applet).symlink_to("busybox")
     if shell != "busybox":

@@ -51,8 +51,8 @@ def run(*command, **options):
 
 # OpenWrt
 
-# A package whose CMake project is in PKG_BUILD_DIR, configured and installed with Ninja, with flags
-# as OpenWrt has them on devices.
+# A package of one variant, whose CMake project is in PKG_BUILD_DIR, configured and installed with
+# Ninja, with flags as OpenWrt has them on devices.
 OPENWRT_RULES = r"""
 INCLUDE_DIR := $(TOPDIR)
 PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
@@ -66,6 +66,9 @@ TARGET_CFLAGS := -Os -pipe -march=native -fno-caller-saves -fno-plt -fstack-prot
 """
 OPENWRT_PACKAGE = r"""
 define BuildPackage
+$(if $(findstring VARIANT:=$(BUILD_VARIANT),$(value Package/$(1))),$(eval $(call Build,$(1))))
+endef
+define Build
 $(call Package/$(1))
 prepare: ; $$(Build/Prepare)
 configure: ; $$(Build/Configure)
@@ -92,6 +95,7 @@ endef
 class OpenWrt:
     def __init__(self, top):
         self.top = top
+        self.variant = "classic"
         top.mkdir()
         for name, text in (
             ("rules", OPENWRT_RULES),
@@ -102,7 +106,8 @@ class OpenWrt:
 
     def make(self, *words):
         quiet = ["-s", "--no-print-directory"]
-        return run("make", *quiet, "-C", OPENWRT, f"TOPDIR={self.top}", *words)
+        variables = [f"TOPDIR={self.top}", f"BUILD_VARIANT={self.variant}"]
+        return run("make", *quiet, "-C", OPENWRT, *variables, *words)
 
     def value(self, variable):
         return self.make("show", f"SHOWN={variable}").strip()
@@ -120,6 +125,17 @@ def test_openwrt_package_says_what_it_is(openwrt):
     assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
     assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
     assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
+
+
+def test_openwrt_has_a_package_with_the_standard_responder(openwrt):
+    openwrt.variant = "standard"
+    assert openwrt.value("PROVIDES") == openwrt.value("CONFLICTS") == "bonjour"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
+    assert openwrt.value("Package/bonjour-standard/conffiles") == "/etc/default/bonjour"
+    assert "sbin/bonjour" in openwrt.value("Package/bonjour-standard/install")
+    assert openwrt.value("CMAKE_OPTIONS") == (
+        "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_RESPONDER=standard"
+    )
 
 
 @pytest.mark.seconds(30)
@@ -279,7 +295,6 @@ def test_buildroot_package_says_what_it_is(buildroot):
     assert buildroot.value("BONJOUR_VERSION") == version()
     assert pathlib.Path(buildroot.value("BONJOUR_SITE")).resolve() == ROOT
     assert buildroot.value("BONJOUR_SITE_METHOD") == "local"
-    assert buildroot.value("BONJOUR_CONF_OPTS") == "-DBONJOUR_STOCK_KERNEL=ON"
     assert (ROOT / buildroot.value("BONJOUR_LICENSE_FILES")).exists()
 
 
@@ -339,6 +354,18 @@ def test_buildroot_offers_the_package_and_its_model(menu):
     assert not says_what_is_missing(menu)
 
 
+def test_buildroot_offers_two_responders(menu, buildroot):
+    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
+    assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "y"
+    stock_kernel = "-DBONJOUR_STOCK_KERNEL=ON"
+    chosen = f"{stock_kernel} -DBONJOUR_RESPONDER=classic"
+    assert buildroot.value("BONJOUR_CONF_OPTS") == chosen
+    menu.syms["BR2_PACKAGE_BONJOUR_STANDARD"].set_value("y")
+    assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "n"
+    said = buildroot.make("BR2_PACKAGE_BONJOUR_STANDARD=y", "show", "SHOWN=BONJOUR_CONF_OPTS")
+    assert said.split()[-1] == "-DBONJOUR_RESPONDER=standard"
+
+
 @pytest.mark.parametrize("missing", TOOLCHAIN)
 def test_buildroot_says_what_the_toolchain_lacks(menu, missing):
     menu.syms[missing].set_value("n")
@@ -362,10 +389,10 @@ def recipe():
     (path,) = RECIPES.glob("*.bb")
     assert path.name == f"bonjour_{version()}.bb"
     text = path.read_text()
-    found = dict(re.findall(r'^([\w:${}]+) = "(.*)"$', text, re.MULTILINE))
+    found = dict(re.findall(r'^([\w:${}[\]]+) (?:\?\?)?= "(.*)"$', text, re.MULTILINE))
     found["inherit"] = re.search(r"^inherit (.*)$", text, re.MULTILINE)[1].split()
     for line in text.splitlines():
-        assert re.match(r'#|inherit |[\w:${}]+ = ".*"$|$', line), line
+        assert re.match(r'#|inherit |[\w:${}[\]]+ (\?\?)?= ".*"$|$', line), line
     return found
 
 
@@ -383,6 +410,7 @@ def test_yocto_recipe_installs_what_it_names(recipe, tmp_path):
     assert files(root) == {
         f"etc/init.d/{recipe['INITSCRIPT_NAME']}": 0o755,
         f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}": 0o644,
+        "usr/lib/udev/rules.d/70-bonjour.rules": 0o644,
     }
     run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", "stock-kernel")
     named = recipe["FILES:${PN}:append"].replace("${systemd_system_unitdir}", units)
@@ -405,6 +433,12 @@ def test_yocto_recipe_builds_the_tree_around_it(recipe):
     (up,) = re.findall(r"d\.getVar\('THISDIR'\) \+ '/([./]+)'", recipe["EXTERNALSRC"])
     assert (RECIPES / up).resolve() == ROOT
     assert recipe["LICENSE"] == "CLOSED"
+
+
+def test_yocto_recipe_offers_the_standard_responder(recipe):
+    assert recipe["PACKAGECONFIG"] == ""
+    chosen, other = recipe["PACKAGECONFIG[standard]"].split(",")
+    assert (chosen, other) == ("-DBONJOUR_RESPONDER=standard", "-DBONJOUR_RESPONDER=classic")
 
 
 def test_yocto_layer_finds_the_recipe():

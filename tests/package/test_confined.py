@@ -1,5 +1,6 @@
 """The daemon does its job with just what the packaged systemd unit leaves it."""
 
+import json
 import pathlib
 import re
 import shutil
@@ -78,16 +79,48 @@ def test_unit_does_not_limit_the_number_of_threads():
     assert unit("TasksMax") == ["infinity"]
 
 
-def test_unit_is_bound_to_the_bridge():
+def test_unit_needs_the_bridge_and_the_bridge_does_not_need_it():
     bridge = "sys-subsystem-net-devices-br0.device"
-    assert unit("BindsTo") == unit("RequiredBy") == [bridge]
-    assert bridge in unit("After")
-    assert unit("WantedBy") == []
+    assert unit("Requires") == unit("WantedBy") == [bridge]
+    assert unit("After") == [bridge, "network.target"]
+    # A stop that the bridge brings about is not followed by a start when the bridge comes back.
+    assert unit("BindsTo") == unit("PartOf") == []
+    # Something else requires or upholds what follows these, and a daemon that was stopped stays so.
+    assert unit("RequiredBy") == unit("UpheldBy") == unit("Also") == []
+    assert unit("StartLimitIntervalSec") == ["0"]
 
 
 def test_unit_keeps_one_capability():
     assert unit("CapabilityBoundingSet") == unit("AmbientCapabilities") == ["CAP_NET_RAW"]
     assert unit("SupplementaryGroups") == [PRINTERS]
+
+
+def test_systemd_finds_the_daemon_exposed_to_no_more_than_it_needs(tmp_path):
+    made = tmp_path / "bonjour.service"
+    made.write_text(UNIT.read_text().replace("@BONJOUR_DAEMON@", "/usr/sbin/bonjour"))
+    shown = subprocess.run(
+        ["systemd-analyze", "security", "--offline=true", "--json=short", made],
+        capture_output=True,
+        text=True,
+        check=True,
+    )
+    found = json.loads(shown.stdout)
+    # One of the names ends in a parenthesis that nothing opens.
+    exposed = {check["json_field"].rstrip(")") for check in found if check["exposure"]}
+    assert exposed == {
+        *("PrivateNetwork", "IPAddressDeny", "RestrictAddressFamilies_AF_INET_INET6"),
+        *("CapabilityBoundingSet_CAP_NET_BIND_SERVICE_BROADCAST_RAW", "AmbientCapabilities"),
+        *("PrivateUsers", "SupplementaryGroups", "PrivateDevices", "DeviceAllow"),
+        *("ProcSubset", "RootDirectoryOrRootImage", "PrivateMounts"),
+    }
+
+
+def test_unit_lets_the_daemon_have_printers_and_its_settings():
+    assert unit("DevicePolicy") == ["closed"]
+    assert unit("DeviceAllow") == ["char-usb", "rw"]
+    assert unit("EnvironmentFile") == ["-/etc/default/bonjour"]
+    # It goes on when a call is refused.
+    assert unit("SystemCallErrorNumber") == ["EPERM"]
 
 
 @pytest.mark.parametrize("capabilities", [["net_raw"], []], ids=["the unit's", "none"])

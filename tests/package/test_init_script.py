@@ -24,6 +24,13 @@ echo "$1" >> /tmp/sleep_arguments
 case $1 in *.*) exit 1 ;; esac
 exec /bin/busybox sleep 0.2
 """
+LOCK = "var/run/bonjour.lock"
+GATE = "tmp/gate"
+# Becomes the daemon when the gate is open.
+GATED_DAEMON = f"""#!/bin/sh
+[ ! -p /{GATE} ] || read -r _ < /{GATE}
+exec /opt/bonjour "$@"
+"""
 
 
 @pytest.fixture
@@ -214,7 +221,147 @@ def test_stop_of_a_daemon_that_does_not_run_succeeds(system):
 def test_stop_leaves_nothing(system):
     system.script("start")
     assert system.script("stop") == 0
-    assert not (system.root / PIDFILE).exists()
+    assert os.listdir((system.root / PIDFILE).parent) == [os.path.basename(LOCK)]
+    wait_until_gone(system)
+
+
+# Two calls at once
+
+
+@pytest.fixture
+def gate(system):
+    """Daemons are held before they are what they become, until open_gate()."""
+    (system.root / DAEMON).unlink()
+    copy_program(FAKE_DAEMON, system.root, "opt/bonjour")
+    (system.root / DAEMON).write_text(GATED_DAEMON)
+    (system.root / DAEMON).chmod(0o755)
+    close_gate(system)
+
+
+def close_gate(system):
+    os.mkfifo(system.root / GATE)
+
+
+def held_daemons(system):
+    return [words for words in system.processes().values() if f"/{DAEMON}" in words[1:]]
+
+
+def open_gate(system):
+    (system.root / GATE).rename(system.root / f"{GATE}.open")
+    # Those who wait for the first line see its end.
+    os.close(os.open(system.root / f"{GATE}.open", os.O_RDWR))
+    (system.root / f"{GATE}.open").unlink()
+
+
+class Call:
+    """A call of the init script that runs."""
+
+    def __init__(self, system, action):
+        self._system = system
+        noting = system.root / "tmp/call"
+        noting.unlink(missing_ok=True)
+        line = f"echo $$ > /tmp/call; exec {SCRIPT} {action}"
+        self._started = system.spawn("/bin/sh", "-c", line, stderr=subprocess.PIPE)
+        system.wait_until(lambda: noting.exists() and noting.read_text(), f"{action} runs")
+        self._pid = int(noting.read_text())
+
+    def wait_until_it_waits(self):
+        """Until it has opened the lock that another one holds."""
+        lock = self._system.of_process(self._pid, "fd/9")
+        self._system.wait_until(
+            lambda: lock.is_symlink() or self._started.poll() is not None, "it opens the lock"
+        )
+        assert self._started.poll() is None
+
+    def kill(self):
+        self._system.sh(f"kill -9 {self._pid}")
+        self.status()
+
+    def status(self):
+        return self._started.wait(20)
+
+
+@with_every_shell
+@pytest.mark.parametrize(
+    "first, second, left",
+    [
+        ("start", "start", ["bonjour", "logger"]),
+        ("start", "stop", []),
+        ("restart", "restart", ["bonjour", "logger"]),
+        ("run", "start", ["bonjour", "logger"]),
+        ("run", "stop", []),
+    ],
+)
+def test_second_call_waits_until_the_first_has_ended(system, gate, first, second, left):
+    calls = [Call(system, first)]
+    system.wait_until(lambda: held_daemons(system), "the first daemon")
+    calls.append(Call(system, second))
+    calls[1].wait_until_it_waits()
+    open_gate(system)
+    assert calls[1].status() == 0
+    assert first == "run" or calls[0].status() == 0
+    system.wait_until(lambda: system.programs() == left, left)
+    assert system.script("status") == (0 if left else 3)
+    system.script("stop")
+    wait_until_gone(system)
+
+
+@with_every_shell
+def test_daemon_of_a_start_that_was_killed_is_waited_for_and_taken_over(system, gate):
+    killed = Call(system, "start")
+    system.wait_until(lambda: held_daemons(system), "the first daemon")
+    killed.kill()
+    second = Call(system, "start")
+    second.wait_until_it_waits()
+    open_gate(system)
+    assert second.status() == 0
+    wait_until_started(system)
+    system.script("stop")
+    wait_until_gone(system)
+
+
+@with_dash
+@pytest.mark.parametrize("action", ["start", "run"])
+def test_daemon_of_a_stop_that_was_killed_is_ended_before_the_next_is_started(system, action):
+    install_sleep_of_whole_seconds(system)
+    system.script("start")
+    old = system.pid
+    freeze(system)
+    killed = Call(system, "stop")
+    system.wait_until(lambda: sleep_arguments(system), "it waits for the daemon's end")
+    killed.kill()
+    started = system.spawn(SCRIPT, action)
+    system.wait_until(lambda: old not in system.processes(), "the end of the old daemon")
+    wait_until_started(system)
+    # Nothing is left to be ended.
+    new = system.pid
+    assert system.script("start") == 0
+    assert system.pid == new
+    system.script("stop")
+    started.wait()
+
+
+@with_dash
+def test_call_gives_up_after_a_minute_of_another_one(system):
+    install_sleep_of_whole_seconds(system)
+    (system.root / "bin/sleep").write_text(SLEEP_OF_WHOLE_SECONDS.replace("0.2", "0"))
+    holder = system.spawn("/bin/flock", f"/{LOCK}", "/bin/cat", stdin=subprocess.PIPE)
+    system.wait_until(lambda: "cat" in system.programs(), "the lock is held")
+    for action in ("start", "stop", "restart", "run"):
+        (system.root / "tmp/sleep_arguments").unlink(missing_ok=True)
+        refused = system.run(SCRIPT, action)
+        assert refused.returncode == 1, action
+        assert refused.stderr == f"bonjour: another call of {SCRIPT} has not ended for 60 s\n"
+        assert sleep_arguments(system) == ["0.1", "1"] * 60
+    assert system.programs() == ["cat", "flock"]
+    holder.communicate()
+
+
+def test_without_flock_the_daemon_is_started_and_stopped(system):
+    (system.root / "bin/flock").unlink()
+    assert system.script("start") == 0
+    wait_until_started(system)
+    assert system.script("stop") == 0
     wait_until_gone(system)
 
 
@@ -267,9 +414,13 @@ def test_limit_that_is_not_a_number_does_not_keep_the_daemon_from_starting(syste
 
 @with_every_shell
 def test_run_becomes_the_daemon(system):
-    started = system.spawn(SCRIPT, "run")
+    # A descriptor that the caller has open is nothing to the script.
+    others = system.root / "tmp/others"
+    started = system.spawn("/bin/sh", "-c", f"exec 5> /tmp/others; exec {SCRIPT} run")
     wait_until_started(system)
+    assert others.read_text() == ""
     assert system.running
+    assert sorted(descriptors(system, system.pid)) == [0, 1, 2]
     assert system.script("stop") == 0
     assert started.wait() == -signal.SIGTERM
 
@@ -377,6 +528,7 @@ def test_missing_directory_of_the_pid_file_is_made(system):
     (system.root / PIDFILE).parent.rmdir()
     assert system.script("start") == 0
     assert system.running
+    assert (system.root / LOCK).exists()
 
 
 @with_every_shell

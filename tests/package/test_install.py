@@ -11,7 +11,10 @@ from small_system import DEFAULTS, SCRIPT, SmallSystem, copy_program, install, l
 COMPONENTS = {
     "runtime": ["etc/default/bonjour", "usr/sbin/bonjour"],
     "sysvinit": ["etc/init.d/bonjour"],
-    "systemd": ["usr/lib/systemd/system/bonjour.service"],
+    "systemd": [
+        "usr/lib/systemd/system/bonjour.service",
+        "usr/lib/udev/rules.d/70-bonjour.rules",
+    ],
     "manual": ["usr/share/man/man8/bonjour.8"],
 }
 STOCK_KERNEL = [

@@ -54,6 +54,7 @@ def test_package_holds_what_a_router_needs(root):
         "usr/sbin/bonjour": 0o755,
         "usr/lib/systemd/system/bonjour.service": 0o644,
         "usr/sbin/bonjour-printers": 0o755,
+        "usr/lib/udev/rules.d/70-bonjour.rules": 0o644,
         "usr/share/man/man8/bonjour.8.gz": 0o644,
         "usr/share/man/man8/bonjour-printers.8.gz": 0o644,
     }

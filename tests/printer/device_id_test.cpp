@@ -59,21 +59,20 @@ TEST_P(FindModelTest, FindsTheKey) {
 INSTANTIATE_TEST_SUITE_P(
     , FindModelTest,
     testing::Values(
-        ModelCase{"BehindAnotherKey", "MFG:X;MODEL:Y;CMD:Z;", true, "Y"},
+        ModelCase{"AfterAnotherKey", "MFG:X;MODEL:Y;CMD:Z;", true, "Y"},
         ModelCase{"AtTheVeryStart", "MODEL:Y;CMD:Z;", true, "Y"},
         ModelCase{"AtTheSecondCharacter", "XMODEL:Y;", true, "Y"},
         ModelCase{"NotAtTheThirdCharacter", "XXMODEL:Y;", false, ""},
-        ModelCase{"AtTheThirdCharacterBehindASemicolon", "X;MODEL:Y;", true, "Y"},
+        ModelCase{"AtTheThirdCharacterAfterASemicolon", "X;MODEL:Y;", true, "Y"},
         ModelCase{"NotAsTheEndOfAnotherKey", "MFG:X;XMODEL:Y;CMD:Z;", false, ""},
-        ModelCase{"NotBehindABlank", "MFG:X; MODEL:Y;", false, ""},
+        ModelCase{"NotAfterABlank", "MFG:X; MODEL:Y;", false, ""},
         ModelCase{"NotTheShortKey", "MFG:X;MDL:Y;CMD:Z;", false, ""},
         ModelCase{"NotInLowerCase", "MFG:X;model:Y;", false, ""},
         ModelCase{"NotWithoutColon", "MFG:X;MODEL;CMD:Z;", false, ""},
         ModelCase{"NotWithABlankBeforeTheColon", "MFG:X;MODEL :Y;", false, ""},
         ModelCase{"NotAtTheEndOfTheText", "MFG:X;MODEL", false, ""},
         ModelCase{"NotInAnEmptyText", "", false, ""},
-        ModelCase{"SearchGoesOnBehindOneThatDoesNotCount", "MFG:MODEL;XMODEL:A;MODEL:B;", true,
-                  "B"},
+        ModelCase{"SearchGoesOnAfterOneThatDoesNotCount", "MFG:MODEL;XMODEL:A;MODEL:B;", true, "B"},
         ModelCase{"SearchGoesOnFiveCharactersFurther", "MFG:X;MODELMODEL:Y;", false, ""},
         ModelCase{"SearchMissesNothingNextToOneThatDoesNotCount", "MFG:MODEL;MODEL:Y;", true, "Y"},
         ModelCase{"FirstThatCountsWins", "MODEL:A;MODEL:B;", true, "A"},
@@ -90,8 +89,8 @@ INSTANTIATE_TEST_SUITE_P(
                   std::string(63, 'y')},
         ModelCase{"NotAValueOfSixtyFourCharactersAtTheEnd", "MODEL:" + std::string(64, 'y'), false,
                   ""},
-        ModelCase{"NoSecondChanceBehindAValueTooLong",
-                  "MODEL:" + std::string(64, 'y') + ";MODEL:Y;", false, ""}),
+        ModelCase{"NoSecondChanceAfterAValueTooLong", "MODEL:" + std::string(64, 'y') + ";MODEL:Y;",
+                  false, ""}),
     CaseName());
 
 }  // namespace

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "base/responder.h"
 #include "base/text.h"
-#include "mdns/state.h"
 #include "printer/monitor.h"
 #include "tests/support/case_name.h"
 
@@ -65,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "usblp2\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n",
                  "12",
                  {"", "B N (aa:0b:c0) 1", "A M (aa:0b:c0) 2"}},
-        ScanCase{"OnlyTheDigitBehindTheTokenCounts",
+        ScanCase{"OnlyTheDigitAfterTheTokenCounts",
                  "printer at usblp10 ready\nA\nM\nX\n\n",
                  "1",
                  {"", "A M (aa:0b:c0) 1"}},
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "first\nA\nusblp4\nX\n\n",
                  "4",
                  {"", "", "", "", "A usblp4 (aa:0b:c0) 4"}},
-        ScanCase{"TokenBehindTheWholeRecord",
+        ScanCase{"TokenAfterTheWholeRecord",
                  "first\nA\nM\nX\n\nusblp5\nB\nN\nX\n\n",
                  "5",
                  {"", "", "", "", "", "B N (aa:0b:c0) 5"}},
@@ -161,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "usblp9\n" + std::string(500, 'a') + "\nM\nX\n\n",
                  "9",
                  {"", "", "", "", "", "", "", "", "", std::string(115, 'a') + " (aa:0b:c0) 9"}},
-        ScanCase{"CutBehindTheManufacturersLineFeed",
+        ScanCase{"CutAfterTheManufacturersLineFeed",
                  "usblp0\n" + std::string(114, 'a') + "\nM\nX\n\n",
                  "0",
                  {std::string(114, 'a') + "  (aa:0b:c0) 0"}}),

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/responder.h"
 #include "base/text.h"
-#include "mdns/state.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/fake_sleep.h"
 #include "tests/support/fake_status_file.h"

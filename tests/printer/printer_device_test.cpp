@@ -59,7 +59,7 @@ TEST_F(PrinterDevice, PathHoldsThePort) {
   }
 }
 
-TEST_F(PrinterDevice, IdIsWhatTheDriverAnswersWithZerosBehindIt) {
+TEST_F(PrinterDevice, IdIsWhatTheDriverAnswersWithZerosAfterIt) {
   ASSERT_TRUE(WriteFile("/dev/usblp7", ""));
   driver = [](int, unsigned long, char* bytes) {
     memcpy(bytes, "\x00\x0aMODEL:Y;", 10);

@@ -5,10 +5,9 @@
 #include <string>
 
 #include "base/text.h"
-#include "mdns/state.h"
 #include "tests/support/case_name.h"
 #include "tests/support/fake_printer_device.h"
-#include "tests/support/fake_registration.h"
+#include "tests/support/fake_responder.h"
 #include "tests/support/fake_status_file.h"
 #include "tests/support/log_capture.h"
 
@@ -30,9 +29,9 @@ constexpr char kPort3Other[] =
 class PrinterServices : public testing::Test {
  protected:
   void SetUp() override {
-    fakeRegistration = {};
+    fakeResponder = {};
     fakeStatusFile = {};
-    SetDeviceName("router");
+    fakeResponder.deviceName = "router";
     fakeStatusFile.text = "usblp3\nACME\nLaser\nPCL\n\n";
     CopyText(printerServiceNames[3], "ACME Laser (aa:bb:cc) 3");
     CopyText(printerServiceNames[4], "Another printer");
@@ -60,8 +59,8 @@ TEST_P(KindTest, IsRegisteredWithItsTypePortAndText) {
   const KindCase& row = GetParam();
   const Log log = Update(3, 1, row.kind);
   EXPECT_EQ(result, 1u);
-  ASSERT_EQ(fakeRegistration.calls.size(), 1u);
-  const RegistrationCall& call = fakeRegistration.calls[0];
+  ASSERT_EQ(fakeResponder.calls.size(), 1u);
+  const RegistrationCall& call = fakeResponder.calls[0];
   EXPECT_TRUE(call.registers);
   EXPECT_EQ(call.name, "ACME Laser (aa:bb:cc) 3");
   EXPECT_EQ(call.type, row.type);
@@ -79,8 +78,8 @@ TEST_P(KindTest, IsUnregisteredWithoutText) {
   CopyText(txt, "whatever the buffer holds");
   const Log log = Update(3, 0, row.kind);
   EXPECT_EQ(result, 1u);
-  ASSERT_EQ(fakeRegistration.calls.size(), 1u);
-  const RegistrationCall& call = fakeRegistration.calls[0];
+  ASSERT_EQ(fakeResponder.calls.size(), 1u);
+  const RegistrationCall& call = fakeResponder.calls[0];
   EXPECT_FALSE(call.registers);
   EXPECT_EQ(call.name, "ACME Laser (aa:bb:cc) 3");
   EXPECT_EQ(call.type, row.type);
@@ -105,7 +104,7 @@ TEST_F(PrinterServices, UnknownKindBuildsItsTextAndRegistersNothing) {
   const Log log = Update(3, 1, 4);
   EXPECT_EQ(result, 0u);
   EXPECT_STREQ(txt, kPort3Other);
-  EXPECT_TRUE(fakeRegistration.calls.empty());
+  EXPECT_TRUE(fakeResponder.calls.empty());
   EXPECT_EQ(log.out, "");
   EXPECT_EQ(log.err, "");
 }
@@ -116,7 +115,7 @@ TEST_F(PrinterServices, UnknownKindUnregistersNothing) {
     EXPECT_EQ(result, 0u);
     EXPECT_EQ(log.out, "");
   }
-  EXPECT_TRUE(fakeRegistration.calls.empty());
+  EXPECT_TRUE(fakeResponder.calls.empty());
 }
 
 TEST_F(PrinterServices, AnyOtherActionDoesNothing) {
@@ -126,7 +125,7 @@ TEST_F(PrinterServices, AnyOtherActionDoesNothing) {
     EXPECT_EQ(log.out, "");
     EXPECT_EQ(log.err, "");
   }
-  EXPECT_TRUE(fakeRegistration.calls.empty());
+  EXPECT_TRUE(fakeResponder.calls.empty());
   EXPECT_EQ(fakeStatusFile.reads, 0);
   EXPECT_STREQ(txt, "");
 }
@@ -135,14 +134,14 @@ TEST_F(PrinterServices, PortWithoutRecordIsNotRegistered) {
   const Log log = Update(4, 1, 1);
   EXPECT_EQ(result, 0u);
   EXPECT_EQ(log.out, "[Bonjour] GetTXTData error\n");
-  EXPECT_TRUE(fakeRegistration.calls.empty());
+  EXPECT_TRUE(fakeResponder.calls.empty());
 }
 
 TEST_F(PrinterServices, TextThatDoesNotFitIsNotRegistered) {
   fakeStatusFile.text = "usblp3\nACME\nLaser\n" + std::string(119, 'c') + "\n\n";
   const Log log = Update(3, 1, 1);
   EXPECT_EQ(log.out, "[Bonjour] GetTXTData error\n");
-  EXPECT_TRUE(fakeRegistration.calls.empty());
+  EXPECT_TRUE(fakeResponder.calls.empty());
 }
 
 TEST_F(PrinterServices, TextThatCannotBeHadIsLoggedForAnUnknownKindToo) {
@@ -150,23 +149,23 @@ TEST_F(PrinterServices, TextThatCannotBeHadIsLoggedForAnUnknownKindToo) {
 }
 
 TEST_F(PrinterServices, FailedRegistrationIsLogged) {
-  fakeRegistration.result = 0;
+  fakeResponder.result = 0;
   const Log log = Update(3, 1, 2);
   EXPECT_EQ(result, 0u);
   EXPECT_EQ(log.out, "**********RegisterOneService error*************\n");
-  EXPECT_EQ(fakeRegistration.calls.size(), 1u);
+  EXPECT_EQ(fakeResponder.calls.size(), 1u);
 }
 
 TEST_F(PrinterServices, FailedUnregistrationIsLogged) {
-  fakeRegistration.result = 0;
+  fakeResponder.result = 0;
   const Log log = Update(3, 0, 2);
   EXPECT_EQ(result, 0u);
   EXPECT_EQ(log.out, "**********UnRegisterOneService error*************\n");
-  EXPECT_EQ(fakeRegistration.calls.size(), 1u);
+  EXPECT_EQ(fakeResponder.calls.size(), 1u);
 }
 
 TEST_F(PrinterServices, ResultOfTheRegistrationIsHandedOn) {
-  fakeRegistration.result = 7;
+  fakeResponder.result = 7;
   Update(3, 1, 1);
   EXPECT_EQ(result, 7u);
   Update(3, 0, 1);
@@ -175,26 +174,26 @@ TEST_F(PrinterServices, ResultOfTheRegistrationIsHandedOn) {
 
 TEST_F(PrinterServices, PortTenPassesTheTcpPortZero) {
   Update(10, 0, 1);
-  ASSERT_EQ(fakeRegistration.calls.size(), 1u);
-  EXPECT_EQ(fakeRegistration.calls[0].port, 0u);
-  EXPECT_EQ(fakeRegistration.calls[0].name, "");
+  ASSERT_EQ(fakeResponder.calls.size(), 1u);
+  EXPECT_EQ(fakeResponder.calls[0].port, 0u);
+  EXPECT_EQ(fakeResponder.calls[0].name, "");
 }
 
 TEST_F(PrinterServices, PortBelowZeroHasNoName) {
   Update(-1, 0, 1);
-  ASSERT_EQ(fakeRegistration.calls.size(), 1u);
-  EXPECT_EQ(fakeRegistration.calls[0].port, 0u);
-  EXPECT_EQ(fakeRegistration.calls[0].name, "");
+  ASSERT_EQ(fakeResponder.calls.size(), 1u);
+  EXPECT_EQ(fakeResponder.calls[0].port, 0u);
+  EXPECT_EQ(fakeResponder.calls[0].name, "");
 }
 
 TEST_F(PrinterServices, NameIsThePortsEntryFromTheFirstPortToTheLast) {
   CopyText(printerServiceNames[0], "First printer");
   CopyText(printerServiceNames[9], "Last printer");
   for (const int32_t port : {0, 4, 9}) Update(port, 0, 2);
-  ASSERT_EQ(fakeRegistration.calls.size(), 3u);
-  EXPECT_EQ(fakeRegistration.calls[0].name, "First printer");
-  EXPECT_EQ(fakeRegistration.calls[1].name, "Another printer");
-  EXPECT_EQ(fakeRegistration.calls[2].name, "Last printer");
+  ASSERT_EQ(fakeResponder.calls.size(), 3u);
+  EXPECT_EQ(fakeResponder.calls[0].name, "First printer");
+  EXPECT_EQ(fakeResponder.calls[1].name, "Another printer");
+  EXPECT_EQ(fakeResponder.calls[2].name, "Last printer");
 }
 
 TEST(PrinterTcpPort, OfTheRawPortCountsUpFromNinetyOneHundred) {

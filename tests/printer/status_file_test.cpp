@@ -160,7 +160,7 @@ INSTANTIATE_TEST_SUITE_P(
                     LineEndCase{"NoneInAnEmptyText", "", 0, 1, kNone},
                     LineEndCase{"OneAtTheStartPositionCounts", "ab\ncd\n", 2, 1, 2},
                     LineEndCase{"OneBeforeTheStartPositionDoesNot", "ab\ncd\n", 3, 1, 5},
-                    LineEndCase{"StartBehindTheText", "ab\n", 3, 1, kNone}),
+                    LineEndCase{"StartAfterTheText", "ab\n", 3, 1, kNone}),
     CaseName());
 
 }  // namespace

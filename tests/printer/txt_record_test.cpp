@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "mdns/state.h"
 #include "printer/txt.h"
 #include "tests/support/case_name.h"
 #include "tests/support/fake_printer_device.h"
+#include "tests/support/fake_responder.h"
 #include "tests/support/fake_status_file.h"
 #include "tests/support/fault.h"
 #include "tests/support/log_capture.h"
@@ -23,7 +23,7 @@ class GetTxtData : public testing::Test {
   void SetUp() override {
     fakeStatusFile = {};
     fakePrinterDevice = {};
-    SetDeviceName(kRouter);
+    fakeResponder.deviceName = kRouter;
   }
 
   Log Get(const std::string& status, int32_t port = 0, int32_t kind = PRINTER_KIND_PDL) {
@@ -97,7 +97,7 @@ TEST_F(GetTxtData, LackOfMemoryIsLoggedAndTheFileNotRead) {
 }
 
 TEST_F(GetTxtData, LongestDeviceNameGoesWholeIntoTheNote) {
-  SetDeviceName(std::string(64, 'n'));
+  fakeResponder.deviceName = std::string(64, 'n');
   Get("usblp0\nA\nM\nX\n\n");
   EXPECT_EQ(result, 1);
   EXPECT_EQ(ValueOf("note"), std::string(64, 'n'));

@@ -18,7 +18,7 @@ class PacketsTest : public testing::Test {
   PacketsTest() {
     responderState.interfaceAddress[0].Set(inet_addr("192.168.1.1"));
     responderState.connected[0].Set(1);
-    responderState.mdnsDestination = Address("224.0.0.251", 5353);
+    responderState.mdnsDestination = SocketAddress("224.0.0.251", 5353);
     multicastSocket.Set(17);
     ForgetSentPackets();
   }

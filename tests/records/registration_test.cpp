@@ -18,7 +18,7 @@ namespace {
 class RegistrationTest : public testing::Test {
  protected:
   RegistrationTest() {
-    responderState.interfaceAddress[0].Set(Address("192.168.1.1", 0).sin_addr.s_addr);
+    responderState.interfaceAddress[0].Set(SocketAddress("192.168.1.1", 0).sin_addr.s_addr);
     responderState.connected[0].Set(1);
     SetDeviceName("T5140");
     ForgetSentPackets();

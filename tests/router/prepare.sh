@@ -1,6 +1,33 @@
 # shellcheck shell=sh
 # For run and demo: what a virtual machine needs. Sourced at the tree's root, after lab/prepare.sh.
 
+# check_options OPTION... -- WORD...: refuses words that are none of these options, before anything is
+# installed; --help calls help().
+check_options() {
+  known=
+  while [ "$1" != -- ]; do
+    known="$known $1"
+    shift
+  done
+  shift
+  while [ $# -gt 0 ]; do
+    case "$1" in -h | --help) help; exit ;; esac
+    case "$known " in *" $1 "*) ;; *) refuse_option "there is no option '$1'" ;; esac
+    case "$1" in
+      --kind)
+        grep -qs "^    \"${2-}\": Kind(" lab/vm/kinds.py || refuse_option "there is no kind '${2-}'"
+        shift ;;
+      -k) [ $# -gt 1 ] || refuse_option "-k takes an expression"; shift ;;
+    esac
+    shift
+  done
+}
+
+refuse_option() {
+  echo "$0: $1; --help tells of those there are" >&2
+  exit 2
+}
+
 # prepare_machines all|x86-64: what is missing for machines of every kind, or for the first alone.
 prepare_machines() {
   require_root

@@ -24,7 +24,7 @@ STEPS = [
     "The router is switched off by its owner",
     "it says goodbye for every printer left",
     "the host's list is empty",
-    "That was all",
+    "Done in",
 ]
 
 

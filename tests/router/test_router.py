@@ -11,7 +11,7 @@ import wire
 
 from lab import packets
 from lab.browser import IPP, RAW
-from lab.lab import TRANSMISSIONS
+from lab.lab import MAC, TRANSMISSIONS
 from lab.printers import Printer
 from lab.vm.router import STICK, device_id
 from lab.waiting import wait_until
@@ -33,6 +33,11 @@ BRIDGE_ANEW = {
 # With the lines for inittab init starts another one.
 RESTART = {"busybox": "/etc/init.d/bonjour stop", "debian": "systemctl restart bonjour"}
 NET_RAW = "0000000000002000"
+INSTALL = "dpkg -i /root/bonjour.deb"
+BRIDGE = "sys-subsystem-net-devices-br0.device"
+# A service that ends with the bridge and that the bridge starts.
+BOUND = f"[Unit]\\nBindsTo={BRIDGE}\\nAfter={BRIDGE}\\n[Service]\\nExecStart=/bin/sleep 3600\\n"
+BOUND += f"[Install]\\nWantedBy={BRIDGE}\\n"
 FLOOD = pathlib.Path(__file__).resolve().parent.parent.parent / "build/release/lab/flood"
 FLOOD_SECONDS = 10
 LOOK_SECONDS = 0.25
@@ -377,6 +382,95 @@ def test_bridge_made_anew_is_answered_on(lab, machine):
     machine.run(BRIDGE_ANEW[lab.router.kind.system])
     wait_for_start(lab, since, RESPAWN_BOUND)
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
+
+
+@pytest.mark.kinds("debian")
+def test_bridge_that_flaps_or_gets_its_name_later_is_answered_on(lab, machine):
+    flaps = 6 * "ip link del br0; ip link add br0 type bridge; " + BRIDGE_ANEW["debian"]
+    another = f"ip link del br0; ip link add brx address {MAC} type bridge; "
+    another += "ip link set brx name br0; systemctl restart systemd-networkd"
+    for change in (flaps, another):
+        since = lab.capture.mark()
+        machine.run(change)
+        wait_for_start(lab, since, RESPAWN_BOUND)
+        assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
+
+
+@pytest.mark.kinds("debian")
+def test_daemon_that_was_stopped_stays_so_and_events_of_no_other_bridge_restart_none(lab, machine):
+    daemon, again = pid(machine), "udevadm trigger -c add -s net && udevadm settle"
+    machine.run(again)
+    # A restart would be under way.
+    assert machine.run("systemctl is-active bonjour") == "active\n" and pid(machine) == daemon
+    machine.run(f"systemctl stop bonjour && {again}")
+    assert machine.try_to_run("systemctl is-active bonjour")[1] == "inactive\n"
+    since = lab.capture.mark()
+    machine.run("systemctl start bonjour")
+    wait_for_start(lab, since, RESPAWN_BOUND)
+
+
+@pytest.fixture
+def bound(machine):
+    """The name of a unit of somebody else's that needs the bridge."""
+    machine.run(f"printf '{BOUND}' > /etc/systemd/system/bound.service")
+    machine.run("systemctl daemon-reload && systemctl enable --now bound")
+    yield "bound"
+    machine.run("systemctl disable --now bound && rm /etc/systemd/system/bound.service")
+
+
+@pytest.mark.kinds("debian")
+@pytest.mark.parametrize(
+    "without, back",
+    [
+        (f"systemctl disable --now bonjour && {INSTALL}", "systemctl enable --now bonjour"),
+        (f"systemctl mask --now bonjour && {INSTALL}", "systemctl unmask --now bonjour"),
+        ("dpkg -r bonjour", INSTALL),
+        ("systemctl mask bonjour && dpkg -P bonjour", f"systemctl unmask bonjour; {INSTALL}"),
+    ],
+    ids=["disabled", "masked", "removed", "purged"],
+)
+def test_what_needs_the_bridge_starts_without_the_daemon(machine, bound, without, back):
+    started = f"systemctl show -p InvocationID {bound}"
+    machine.run(without, 60)
+    before = machine.run(started).strip()
+    machine.run(BRIDGE_ANEW["debian"])
+    machine.wait_until(f"systemctl is-active {bound} && [ $({started}) != {before} ]")
+    machine.run("udevadm settle")
+    assert machine.try_to_run("pidof bonjour")[0] == 1
+    machine.run(back, 60)
+    machine.run("systemctl start bonjour")
+
+
+@pytest.mark.kinds("debian")
+def test_daemon_runs_when_its_package_could_not_be_removed(machine):
+    prerm = "/var/lib/dpkg/info/bonjour.prerm"
+    machine.run(f"echo exit 1 >> {prerm}")
+    assert machine.try_to_run("dpkg -r bonjour", 60)[0] == 1
+    machine.run(f"systemctl is-active bonjour && sed -i '$d' {prerm}")
+
+
+@pytest.mark.kinds("debian")
+@pytest.mark.parametrize("state", ["enabled", "disabled"])
+def test_upgrade_from_the_strong_link_keeps_the_state_and_harms_nobody(lab, machine, state):
+    """As versions before this one have installed it."""
+    states, units = "/var/lib/systemd/deb-systemd-helper-enabled", "/etc/systemd/system"
+    link = f"{BRIDGE}.requires/bonjour.service"
+    machine.run(
+        f"systemctl disable --now bonjour && rm -r {states}/{BRIDGE}.wants"
+        f" && mkdir -p {states}/{BRIDGE}.requires {units}/{BRIDGE}.requires"
+        f" && echo {units}/{link} > {states}/bonjour.service.dsh-also && touch {states}/{link}"
+    )
+    if state == "enabled":
+        machine.run(f"ln -s /lib/systemd/system/bonjour.service {units}/{link}")
+        machine.run("update-rc.d bonjour enable")
+    machine.run(INSTALL, 60)
+    assert machine.try_to_run("systemctl is-enabled bonjour")[1].endswith(f"{state}\n")
+    running = machine.try_to_run("systemctl is-active bonjour")[0] == 0
+    assert running == (state == "enabled")
+    assert "bonjour" not in machine.run(f"systemctl show -p Requires {BRIDGE}")
+    since = lab.capture.mark()
+    machine.run("systemctl enable bonjour && systemctl restart bonjour")
+    wait_for_start(lab, since, RESPAWN_BOUND)
 
 
 def test_reboot_says_goodbye_and_comes_back(lab, machine):

@@ -48,6 +48,35 @@ def test_c_and_cpp_are_formatted():
     check(["clang-format", "--dry-run", "-Werror"], sources({".c", ".cpp", ".h"}, None))
 
 
+# What each folder of the product may include. Neither app/ nor printer/ knows a responder by more
+# than base/responder.h, and no responder knows those two or another responder.
+MAY_INCLUDE = {
+    "base": {"base"},
+    "printer": {"base", "printer"},
+    "records": {"base", "records"},
+    "mdns": {"base", "records", "mdns"},
+    "standard": {"base", "standard"},
+    "app": {"base", "printer", "app"},
+}
+INCLUDE = re.compile(r'^#include "([^"/]+)/', re.MULTILINE)
+
+
+def test_includes_point_one_way():
+    seen = 0
+    upward = []
+    for path in sources({".cpp", ".h"}, None):
+        folder = path.parts[0]
+        if folder not in MAY_INCLUDE:
+            continue
+        for other in INCLUDE.findall((ROOT / path).read_text()):
+            seen += 1
+            if other not in MAY_INCLUDE[folder]:
+                upward.append((str(path), other))
+    assert seen > 0, "nothing to look at"
+    # The registry's head and mutex are fields of the one responder state.
+    assert upward == [("records/state.h", "mdns")]
+
+
 def test_shellcheck_finds_nothing():
     check(["shellcheck"], sources({".sh"}, SHELL))
 

@@ -52,7 +52,7 @@ class AnswerTest : public testing::Test {
   AnswerTest() {
     SetDeviceName("myrouter");
     responderState.interfaceAddress[0].Set(inet_addr("192.168.1.1"));
-    responderState.mdnsDestination = Address("224.0.0.251", 5353);
+    responderState.mdnsDestination = SocketAddress("224.0.0.251", 5353);
     // The address has changed by the time that an answer is made.
     fakeSocketModule.updateHostIP = [this](uint32_t slot) -> uint32_t {
       ++updates;
@@ -74,7 +74,8 @@ class AnswerTest : public testing::Test {
   std::string Handle(const std::string& notation, const char* from = "192.168.1.9") {
     const Bytes message = Wire(notation);
     std::copy(message.begin(), message.end(), state.receiveBuffer);
-    return StdoutOf([&] { AnswerMessage(state, message.size(), Address(from, 5353), kSocket); });
+    return StdoutOf(
+        [&] { AnswerMessage(state, message.size(), SocketAddress(from, 5353), kSocket); });
   }
 
   static std::string Answer(size_t index) { return Hex(SentPackets().at(index).bytes); }

@@ -8,6 +8,8 @@
 #include "records/sender.h"
 
 std::function<void()> onSendPacket;
+std::function<void()> onLookAtSenders;
+Gate fakeSenders;
 
 namespace {
 
@@ -41,3 +43,13 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
   }
   if (onSendPacket) onSendPacket();
 }
+
+bool IsAnyoneSending() {
+  const bool isAnyone = !fakeSenders.IsEmpty();
+  if (onLookAtSenders) onLookAtSenders();
+  return isAnyone;
+}
+
+void CloseSending() { fakeSenders.Close(); }
+
+GatePass UseAsSender() { return GatePass(fakeSenders); }

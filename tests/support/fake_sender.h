@@ -7,6 +7,7 @@
 #include <functional>
 #include <vector>
 
+#include "base/gate.h"
 #include "tests/support/bytes.h"
 
 struct SentPacket {
@@ -27,3 +28,9 @@ void ForgetSentPackets();
 
 /// Called on the sending thread for each packet, after its recording. Set while nobody sends.
 extern std::function<void()> onSendPacket;
+
+/// Who is sending: inside, until CloseSending.
+extern Gate fakeSenders;
+
+/// Called for each look at who is sending, after the look. Set before any thread starts.
+extern std::function<void()> onLookAtSenders;

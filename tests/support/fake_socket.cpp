@@ -12,10 +12,6 @@ uint32_t SocketSetup_For_Interface_N() {
   return fakeSocketModule.setup ? fakeSocketModule.setup() : 1;
 }
 
-void EndReceive() {
-  if (fakeSocketModule.endReceive) fakeSocketModule.endReceive();
-}
-
 void CloseMulticastSocket() {
   if (fakeSocketModule.close) fakeSocketModule.close();
 }

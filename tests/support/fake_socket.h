@@ -7,7 +7,6 @@
 struct FakeSocketModule {
   std::function<uint32_t(uint32_t slot)> updateHostIP;  ///< UpdateHostIP; 1 without it
   std::function<uint32_t()> setup;                      ///< SocketSetup_For_Interface_N; 1 without
-  std::function<void()> endReceive;                     ///< EndReceive
   std::function<void()> close;                          ///< CloseMulticastSocket
 };
 

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "mdns/state.h"
+#include "base/responder.h"
 
 FakeStop fakeStop;
 

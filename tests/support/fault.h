@@ -3,11 +3,13 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <deque>
 #include <vector>
 
 /// A call that fails once when its turn comes.
@@ -36,6 +38,8 @@ class Fault {
 extern Fault callocFault;
 /// WRAPS mmap and munmap: mmap returns MAP_FAILED with ENOMEM.
 extern Fault mmapFault;
+/// WRAPS mmap and munmap: memory of the test that the next mmap returns; null means a new mapping.
+extern std::atomic<void*> nextMapping;
 /// WRAPS mmap and munmap: mappings made and not given back.
 extern std::atomic<int> mappedBlocks;
 /// WRAPS pthread_create: the call returns EAGAIN.
@@ -54,6 +58,10 @@ struct SocketOption {
 /// The options of the whole process, in the order of the calls; set by one thread.
 std::vector<SocketOption> SetOptions();
 
+/// WRAPS write: how many bytes each of the next calls takes at most, -1 for a call that returns -1
+/// with ENOSPC. One writing thread.
+extern std::deque<ssize_t> writeResults;
+
 /// WRAPS close: called with the descriptor, after the real call; null means nothing.
 extern std::atomic<void (*)(int descriptor)> onClose;
 
@@ -66,7 +74,7 @@ struct ThreadAttributes {
 extern std::atomic<void (*)()> onCreateThread;
 /// The attributes of each, in the order of creation; taken while no thread is being created.
 std::vector<ThreadAttributes> StartedThreads();
-/// Starts counting anew. No thread is running.
+/// Starts counting at 0 again. No thread is running.
 void ForgetThreads();
 /// Waits until as many threads have ended. Returns false after ten seconds.
 bool WaitForEndedThreads(size_t count);

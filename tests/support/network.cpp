@@ -97,11 +97,11 @@ void RemoveBridge(const char* name) {
 
 void SetAddress(const char* name, const char* address) {
   ifreq request = Request(name);
-  const sockaddr_in inet = Address(address, 0);
+  const sockaddr_in inet = SocketAddress(address, 0);
   memcpy(&request.ifr_addr, &inet, sizeof(inet));
   Control(SIOCSIFADDR, &request, "SIOCSIFADDR");
   request = Request(name);
-  const sockaddr_in mask = Address("255.255.255.0", 0);
+  const sockaddr_in mask = SocketAddress("255.255.255.0", 0);
   memcpy(&request.ifr_netmask, &mask, sizeof(mask));
   Control(SIOCSIFNETMASK, &request, "SIOCSIFNETMASK");
 }
@@ -114,7 +114,7 @@ void SetInterfaceUp(const char* name, bool up) {
   Control(SIOCSIFFLAGS, &request, "SIOCSIFFLAGS");
 }
 
-sockaddr_in Address(const char* dotted, uint16_t port) {
+sockaddr_in SocketAddress(const char* dotted, uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
@@ -124,7 +124,7 @@ sockaddr_in Address(const char* dotted, uint16_t port) {
 
 UdpSocket::UdpSocket(const char* dotted, uint16_t port)
     : descriptor(socket(AF_INET, SOCK_DGRAM, 0)) {
-  const sockaddr_in address = Address(dotted, port);
+  const sockaddr_in address = SocketAddress(dotted, port);
   Require(bind(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
 }
 
@@ -180,8 +180,8 @@ void OtherHost::SendMulticast(const char* source, std::span<const uint8_t> paylo
   PutWord(frame, kEthernetSize + 2, static_cast<uint32_t>(kIpSize + kUdpSize + payload.size()));
   frame[kEthernetSize + 8] = 255;
   frame[kEthernetSize + 9] = IPPROTO_UDP;
-  const in_addr from = Address(source, 0).sin_addr;
-  const in_addr group = Address("224.0.0.251", 0).sin_addr;
+  const in_addr from = SocketAddress(source, 0).sin_addr;
+  const in_addr group = SocketAddress("224.0.0.251", 0).sin_addr;
   memcpy(&frame[kEthernetSize + 12], &from, sizeof(from));
   memcpy(&frame[kEthernetSize + 16], &group, sizeof(group));
   PutWord(frame, kEthernetSize + 10, Checksum(std::span(frame).subspan(kEthernetSize, kIpSize)));

@@ -31,7 +31,7 @@ void SetAddress(const char* name, const char* address);
 void SetInterfaceUp(const char* name, bool up);
 
 /// The IPv4 socket address of a dotted address and a port.
-sockaddr_in Address(const char* dotted, uint16_t port);
+sockaddr_in SocketAddress(const char* dotted, uint16_t port);
 
 /// A UDP socket bound to the address, with a free port when `port` is 0.
 class UdpSocket {

@@ -5,6 +5,7 @@
 #include "tests/support/fault.h"
 
 Fault mmapFault;
+std::atomic<void*> nextMapping{nullptr};
 std::atomic<int> mappedBlocks{0};
 
 extern "C" {
@@ -17,6 +18,10 @@ void* __wrap_mmap(void* address, size_t size, int protection, int flags, int fil
   if (mmapFault.Strikes()) {
     errno = ENOMEM;
     return MAP_FAILED;
+  }
+  if (void* const given = nextMapping.exchange(nullptr)) {
+    ++mappedBlocks;
+    return given;
   }
   void* const block = __real_mmap(address, size, protection, flags, file, offset);
   if (block != MAP_FAILED) ++mappedBlocks;

@@ -6,6 +6,8 @@ from lab import packets
 from lab.packets import hexbytes
 from lab.printers import Printer
 
+pytestmark = pytest.mark.release
+
 SERVICES = "09 '_services' 07 '_dns-sd' 04 '_udp' 05 'local' 00"
 TRUNCATED = f"0000 0200 0001 0000 0000 0000 {wire.IPP} 000C 0001"
 ERROR_CODE = f"0000 0003 0001 0000 0000 0000 {wire.IPP} 000C 0001"

@@ -4,6 +4,8 @@ import pytest
 import wire
 from lab.packets import hexbytes
 
+pytestmark = pytest.mark.release
+
 NAME = "T5140_00-11-22-AA-BB-CC"
 REPEAT = "[Bonjour] MDNS_CheckName: device name repeat"
 HOST_1 = "19 'T5140_00-11-22-AA-BB-CC-1' 05 'local' 00"

@@ -2,6 +2,8 @@
 
 import pytest
 
+pytestmark = pytest.mark.release
+
 PDL = "_pdl-datastream._tcp.local"
 IPP = "_ipp._tcp.local"
 NOTE = "note=T5140_00-11-22-AA-BB-CC"
@@ -51,72 +53,15 @@ def test_keys_of_both_services_in_their_order(publish):
     )
 
 
-@pytest.mark.parametrize(
-    "manufacturer, model",
-    [
-        ("Hewlett-Packard", "LaserJet 1018"),
-        ("HP", "LaserJet 1018"),
-        ("An HP company", "LaserJet 1018"),
-        ("Acme", "like an HP one"),
-        ("Acme", "Hewlett-Packard compatible"),
-        ("GRAPHP", "x"),
-    ],
-)
-def test_hp_printer_prefers_the_raw_port(publish, manufacturer, model):
-    pdl, ipp = publish(0, manufacturer, model, "PCL")
+def test_hp_printer_prefers_the_raw_port(publish):
+    pdl, ipp = publish(0, "An HP company", "LaserJet 1018", "PCL")
     assert (pdl[-1], ipp[-1]) == ("priority=10", "priority=20")
 
 
-@pytest.mark.parametrize(
-    "manufacturer, model",
-    [
-        ("Acme", "Jet"),
-        ("hp", "laserjet"),
-        ("Hewlett", "Packard"),
-        ("H", "P"),
-        ("hewlett-packard", ""),
-    ],
-)
-def test_any_other_printer_prefers_ipp(router, publish, manufacturer, model):
-    router.connect_device(0, "MODEL:Jet;")
-    pdl, ipp = publish(0, manufacturer, model, "PCL")
-    assert (pdl[-1], ipp[-1]) == ("priority=20", "priority=10")
-
-
-@pytest.mark.parametrize(
-    "commands, pdl_line",
-    [
-        ("", "pdl="),
-        (",", "pdl="),
-        ("PCL", "pdl=application/PCL"),
-        ("PJL,,PCL,", "pdl=application/PJL,application/PCL"),
-        (",PJL", "pdl=application/PJL"),
-        ("PCL 6, raw", "pdl=application/PCL 6,application/ raw"),
-    ],
-)
-def test_command_set_gives_the_pdl_list_and_stands_whole_in_usb_cmd(publish, commands, pdl_line):
-    for strings in publish(0, "Acme", "Jet", commands):
-        assert strings[2] == pdl_line
-        assert strings[-2] == f"usb_CMD={commands}"
-
-
-def test_long_manufacturer_is_cut_to_15_characters(publish):
-    _, ipp = publish(0, "Manufacturer of printers", "Jet", "PCL")
-    assert ipp[6:8] == ("product=(Manufacturer of Jet)", "usb_MFG=Manufacturer of")
-
-
-def test_hp_behind_the_cut_does_not_count(publish):
-    pdl, _ = publish(0, "Manufacturer of HP", "Jet", "PCL")
-    assert pdl[-1] == "priority=20"
-
-
-def test_long_model_is_cut_to_63_characters(publish):
-    # The dot keeps the labels of the service name short.
-    model = "A model with a name that is as long.as nobody would ever expect!"
-    assert len(model) == 64
-    _, ipp = publish(0, "Acme", model, "PCL")
-    assert ipp[5] == "ty=A model with a name that is as long.as nobody would ever expect"
-    assert ipp[8] == "usb_MDL=A model with a name that is as long.as nobody would ever expect"
+def test_command_set_gives_the_pdl_list_and_stands_whole_in_usb_cmd(publish):
+    for strings in publish(0, "Acme", "Jet", "PJL,,PCL 6,"):
+        assert strings[2] == "pdl=application/PJL,application/PCL 6"
+        assert strings[-2] == "usb_CMD=PJL,,PCL 6,"
 
 
 def test_long_pdl_list_is_cut_into_strings_of_128_characters_that_drop_one_between(publish):
@@ -129,20 +74,13 @@ def test_long_pdl_list_is_cut_into_strings_of_128_characters_that_drop_one_betwe
     )
 
 
-def test_command_set_of_118_characters_is_published(publish):
-    _, ipp = publish(0, "Acme", "Jet", "C" * 118)
-    assert f"usb_CMD={'C' * 118}" in ipp
-
-
 @pytest.mark.parametrize(
     "commands, complaint",
     [
         ("C" * 119, []),
         ("C" * 600, ["buf is too small!!!"]),
-        ("A," * 34 + "A", ["buf is too small!!!"]),
-        ("A," * 32 + "A", ["buf is too small!!!"]),
     ],
-    ids=["one character too long", "cut to 511", "pdl list too long", "text too long"],
+    ids=["one character too long", "cut to 511"],
 )
 def test_text_that_does_not_fit_is_not_published(lab, router, commands, complaint):
     router.plug_in(0, "Acme", "Jet", commands)

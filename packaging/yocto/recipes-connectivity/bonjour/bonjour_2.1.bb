@@ -8,6 +8,10 @@ EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
 
 EXTRA_OECMAKE = "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
+# The responder: with "standard" the one that keeps every rule of RFC 6762 and RFC 6763.
+PACKAGECONFIG ??= ""
+PACKAGECONFIG[standard] = "-DBONJOUR_RESPONDER=standard,-DBONJOUR_RESPONDER=classic"
+
 SYSTEMD_SERVICE:${PN} = "bonjour.service"
 INITSCRIPT_NAME = "bonjour"
 INITSCRIPT_PARAMS = "defaults 95 05"

@@ -1,0 +1,1 @@
+"""Figures of the standard responder; ./bench/standard/run measures them."""

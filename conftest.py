@@ -1,0 +1,197 @@
+"""What every test in the lab starts from: a lab of its own, checked and cleaned at its end. And
+which tests are run on which build, in which order."""
+
+import os
+import pathlib
+import re
+import signal
+import sys
+import zlib
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parent
+sys.path[:0] = [str(ROOT / name) for name in ("", "tests", "tools")]
+
+import wire  # noqa: E402
+from lab import Lab  # noqa: E402
+from runner import inherited  # noqa: E402
+
+# Seconds before a test is given up, on a machine that is many times too busy.
+TIMEOUT = 600
+TIMEOUT_FACTOR = 15
+SECONDS = 3
+SANITIZED = ("debug", "tsan")
+
+_failed = pytest.StashKey()
+_build = pytest.StashKey()
+
+
+def pytest_addoption(parser):
+    parser.addoption("--preset", default="release", help="the build whose daemon is tested")
+    parser.addoption("--name", default="", help="only tests whose name matches this")
+    parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
+    parser.addoption("--list-names", action="store_true", help="to list them by name")
+
+
+def pytest_configure(config):
+    inherited.settle()
+    # As Ctrl-C: fixtures are torn down.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    build = ROOT / "build" / config.getoption("preset")
+    config.stash[_build] = build
+    os.environ.setdefault("BONJOUR", str(build / "bonjour"))
+    os.environ.setdefault("BONJOUR_USBLP_DEVICE", str(build / "lab/usblp_device"))
+    # What tests start finds the lab.
+    os.environ["PYTHONPATH"] = str(ROOT)
+
+
+def name_of(item):
+    """For instance "system/probing: conflict gives the name a suffix"."""
+    module = item.module.__name__.removeprefix("test_")
+    folder = item.path.parent
+    group = folder.parent.name.replace("-", "_") if folder.name == "tests" else folder.name
+    return f"{group}/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
+
+
+def _seconds(item):
+    mark = item.get_closest_marker("seconds")
+    return mark.args[0] if mark else SECONDS
+
+
+def _is_for(item, preset):
+    """Whether a test is run on the build of that preset. What a sanitizer sees needs each path
+    once: of a table it gets the first row alone."""
+    if preset == "coverage" and item.get_closest_marker("uncounted"):
+        return False
+    if preset in SANITIZED and hasattr(item, "callspec"):
+        if any(item.callspec.indices.values()):
+            return False
+    return preset == "release" or not item.get_closest_marker("release")
+
+
+def pytest_collection_modifyitems(config, items):
+    preset, name = config.getoption("preset"), config.getoption("name")
+
+    def is_meant(item):
+        is_whole = item.get_closest_marker("whole") is not None
+        if is_whole != config.getoption("whole"):
+            return False
+        return _is_for(item, preset) and re.search(name, f"{name_of(item)}\n{item.nodeid}")
+
+    config.hook.pytest_deselected(items=[item for item in items if not is_meant(item)])
+    items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)
+    if config.pluginmanager.hasplugin("timeout"):
+        for item in items:
+            item.add_marker(pytest.mark.timeout(max(TIMEOUT, TIMEOUT_FACTOR * _seconds(item))))
+
+
+def pytest_collection_finish(session):
+    if session.config.getoption("list_names"):
+        print(*map(name_of, session.items), sep="\n")
+        session.items.clear()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    report = (yield).get_result()
+    if report.failed:
+        item.stash[_failed] = True
+
+
+def _file_name(request):
+    name = f"{request.module.__name__}.{request.node.name}"
+    # Names that differ in other characters alone stay apart, else two tests would write one file.
+    slug = re.sub(r"[^\w.-]+", "_", name)
+    return f"{slug}-{zlib.crc32(name.encode()):08x}"
+
+
+def _finish(lab, request):
+    """What holds for every test: the daemon ends cleanly, and what it sent is well-formed."""
+    for router in lab.routers:
+        if router.daemon is not None and router.daemon.running:
+            router.stop()
+    captures = request.config.stash[_build] / "lab-captures"
+    captures.mkdir(parents=True, exist_ok=True)
+    lab.check_packets(captures / f"{_file_name(request)}.pcap")
+
+
+def _kept(request):
+    """Where what is kept of a test that fails belongs."""
+    return request.config.stash[_build] / "lab-failures" / _file_name(request)
+
+
+@pytest.fixture
+def lab(request):
+    """A link with one router and one host; @pytest.mark.lab(...) says what is different."""
+    mark = request.node.get_closest_marker("lab")
+    with Lab(**(mark.kwargs if mark else {})) as made:
+        finished = False
+        try:
+            yield made
+            if not request.node.stash.get(_failed, False):
+                _finish(made, request)
+                finished = True
+        finally:
+            if not finished:
+                made.keep(_kept(request))
+                print(f"packets and log are kept in {_kept(request)}")
+                print(made.timeline())
+
+
+@pytest.fixture
+def failed(request):
+    """Tells whether the test has failed."""
+    return lambda: request.node.stash.get(_failed, False)
+
+
+@pytest.fixture
+def failures(request):
+    """Where what is kept of this test belongs."""
+    return _kept(request)
+
+
+@pytest.fixture
+def router(lab):
+    return lab.router
+
+
+@pytest.fixture
+def host(lab):
+    return lab.host
+
+
+@pytest.fixture
+def daemon(router):
+    """The daemon, started without a model, up, its name settled."""
+    return router.start()
+
+
+@pytest.fixture
+def daemon_with_printer(lab, router):
+    """The daemon, up, with the printer HP Model 12 at port 0 published and all announced."""
+    router.plug_in(0)
+    started = router.start()
+    for payload in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
+        lab.wait_for_transmissions(payload)
+    return started
+
+
+@pytest.fixture
+def announcement(lab):
+    """Waits for the announcement of a service of a type, and gives its message."""
+
+    def is_one(packet, service_type):
+        answers = packet.message.answers
+        # An answer about the host name has one record.
+        return not packet.is_query and answers[1:] and answers[1].name == service_type
+
+    return lambda service_type: lab.wait_for_packet(
+        lambda packet: is_one(packet, service_type)
+    )[0].message
+
+
+@pytest.fixture
+def announced_txt(announcement):
+    """As announcement(), but gives its TXT strings."""
+    return lambda service_type: announcement(service_type).answers[3].data

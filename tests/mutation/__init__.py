@@ -1,1 +1,0 @@
-"""Changes one thing at a time in the daemon's sources and sees whether a test notices."""

@@ -1,0 +1,154 @@
+// The operations that app/ and printer/ call, and the thread behind them, on a bridge of the test's
+// own.
+#include "base/responder.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "tests/support/network.h"
+#include "tests/support/output.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kTxt[] = "txtvers=1\nty=x";
+constexpr int32_t kTxtLength = sizeof(kTxt) - 1;
+
+uint32_t Register(const char* name, const char* type = "_ipp._tcp", uint32_t port = 631) {
+  return RegisterOneService(name, type, ".local", kTxt, kTxtLength, port);
+}
+
+uint32_t Unregister(const char* name) {
+  return UnRegisterOneService(name, "_ipp._tcp", ".local", nullptr, 0, 631);
+}
+
+std::string DeviceName() {
+  char name[kDeviceNameSize] = {};
+  return GetDeviceName(name, kDeviceNameMax);
+}
+
+// Once in a process, as the tests are.
+class ResponderTest : public testing::Test {
+ protected:
+  ~ResponderTest() override { Stop(); }
+
+  void Start() {
+    thread = std::thread([this] { BonjourServiceInit(&start); });
+  }
+
+  void StartOnBridge() {
+    AddBridge("br0");
+    SetAddress("br0", "192.168.77.1");
+    SetInterfaceUp("br0", true);
+    host.emplace("br0");
+    Start();
+    WaitForName();
+  }
+
+  static void WaitForName() {
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(30);
+    while (GetBonjourInitStatus() == 0 && Clock::now() < end) std::this_thread::yield();
+    ASSERT_EQ(GetBonjourInitStatus(), 1u);
+  }
+
+  void Stop() {
+    if (!thread.joinable()) return;
+    bTerminate.Set(1);
+    EndReceive();
+    thread.join();
+  }
+
+  const OwnNetwork network;
+  CapturedOutput output;
+  ResponderStartRecord start = {"T5140_00-11-22-AA-BB-CC", 1};
+  std::optional<OtherHost> host;
+  std::thread thread;
+};
+
+TEST_F(ResponderTest, NameIsReportedOnceItIsClaimed) {
+  StartOnBridge();
+  EXPECT_EQ(DeviceName(), "T5140_00-11-22-AA-BB-CC");
+  Stop();
+  EXPECT_EQ(output.Stdout(),
+            "[Bonjour] Interface: br0 is connected\n"
+            "[Bonjour] default device name = T5140_00-11-22-AA-BB-CC\n"
+            "[Bonjour] Answer Name Start (192.168.77.1)\n");
+  EXPECT_EQ(output.Stderr(), "");
+}
+
+TEST_F(ResponderTest, ServiceIsRegisteredOnceAndWithdrawnOnce) {
+  StartOnBridge();
+  EXPECT_EQ(Register("A"), 1u);
+  EXPECT_EQ(Register("A"), 0u);
+  EXPECT_EQ(Unregister("A"), 1u);
+  EXPECT_EQ(Unregister("A"), 0u);
+  Stop();
+  EXPECT_EQ(Register("A"), 0u);
+  const std::string lines = output.Stdout();
+  const std::string end =
+      "[Bonjour] SERVICE_ADD error\n[Bonjour] SERVICE_REMOVE error\n"
+      "[Bonjour] SERVICE_ADD error\n";
+  EXPECT_EQ(lines.substr(lines.size() - end.size()), end);
+}
+
+TEST_F(ResponderTest, TextsBelongToTheirOwner) {
+  StartOnBridge();
+  std::string txt = kTxt;
+  EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", ".local", txt.data(), kTxtLength, 631), 1u);
+  EXPECT_FALSE(IsTextRegistered(txt.data()));
+}
+
+TEST_F(ResponderTest, ParametersThatAreNoneAreRefused) {
+  const std::string longName(129, 'x');
+  const std::string longType = "_" + std::string(32, 'x');
+  EXPECT_EQ(Register(nullptr), 0u);
+  EXPECT_EQ(Register(""), 0u);
+  EXPECT_EQ(Register(longName.c_str()), 0u);
+  EXPECT_EQ(Register("A", nullptr), 0u);
+  EXPECT_EQ(Register("A", longType.c_str()), 0u);
+  EXPECT_EQ(Register("A", "_ipp._tcp", 65536), 0u);
+  EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", "local.", kTxt, kTxtLength, 631), 0u);
+  EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", ".local", kTxt, 0, 631), 0u);
+  EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", ".local", kTxt, -1, 631), 0u);
+  EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", ".local", nullptr, 1, 631), 0u);
+  EXPECT_EQ(UnRegisterOneService("A", "_ipp._tcp", ".local", nullptr, 0, 65536), 0u);
+  std::string lines;
+  for (int i = 0; i < 11; ++i) lines += "[Bonjour] Input parameter error\n";
+  EXPECT_EQ(output.Stdout(), lines);
+}
+
+TEST_F(ResponderTest, WithoutALinkAStopEndsTheWaitForTheName) {
+  Start();
+  EXPECT_EQ(GetBonjourInitStatus(), 0u);
+  bTerminate.Set(1);
+  EXPECT_EQ(GetBonjourInitStatus(), 2u);
+  EndReceive();
+  thread.join();
+}
+
+// Whoever registers never waits for the link, and ThreadSanitizer looks on.
+TEST_F(ResponderTest, ServicesComeAndGoWhileQuestionsAreAnswered) {
+  StartOnBridge();
+  std::atomic<bool> isOver{false};
+  std::thread asking([&] {
+    const Bytes question =
+        Wire("00 00 00 00 00 01 00 00 00 00 00 00 04 '_ipp' 04 '_tcp' 05 'local' 00 00 0C 00 01");
+    while (!isOver.load()) host->SendMulticast("192.168.77.9", question);
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(Register("A"), 1u);
+    EXPECT_EQ(Unregister("A"), 1u);
+    EXPECT_EQ(DeviceName(), "T5140_00-11-22-AA-BB-CC");
+  }
+  isOver.store(true);
+  asking.join();
+}
+
+}  // namespace

@@ -1,0 +1,60 @@
+"""Labs for the standard responder: one for a whole file of questions, or one for a test alone."""
+
+import re
+
+import pytest
+from lab.dual import FAMILIES, DualLab, program
+from lab.capture import MDNS_PORT
+
+# Beside the daemon, as the captures of other tests in the lab: tshark looks at all of them.
+BUILD = program().parent
+
+
+def _finish(lab, name):
+    """What holds for everything that was ever sent, and for the daemon's end."""
+    for packet in lab.sent():
+        assert packet.ttl == 255, f"RFC 6762, section 11: {packet}"
+        assert packet.source_port == MDNS_PORT
+    for router in lab.routers:
+        if router.daemon is not None and router.daemon.running:
+            router.stop()
+    captures = BUILD / "lab-captures"
+    captures.mkdir(parents=True, exist_ok=True)
+    lab.check_packets(captures / f"{name}.pcap")
+
+
+def _serve(lab, request):
+    name = re.sub(r"[^\w.-]+", "_", f"{request.module.__name__}.{request.node.name}")
+    failures = request.session.testsfailed
+    try:
+        yield lab
+        if request.session.testsfailed == failures:
+            _finish(lab, name)
+            return
+    finally:
+        if request.session.testsfailed != failures:
+            lab.keep(BUILD / "lab-failures" / name)
+    print("packets and log are kept in", BUILD / "lab-failures" / name)
+
+
+@pytest.fixture(scope="module")
+def served(request):
+    """A lab with the daemon up, the printer HP Model 12 at port 0, and all of it announced."""
+    with DualLab() as lab:
+        lab.router.plug_in(0)
+        lab.start()
+        lab.wait_for_announcements()
+        yield from _serve(lab, request)
+
+
+@pytest.fixture
+def dual(request):
+    """A lab of the test's own; nothing is started in it."""
+    mark = request.node.get_closest_marker("dual")
+    with DualLab(**(mark.kwargs if mark else {})) as lab:
+        yield from _serve(lab, request)
+
+
+@pytest.fixture(params=FAMILIES)
+def family(request):
+    return request.param

@@ -1,0 +1,78 @@
+"""The end (RFC 6762, section 10.1): goodbyes for everything, twice, and status 0 in a second."""
+
+import pathlib
+import signal
+import time
+
+import pytest
+from lab.dual import FAMILIES, HOST, IPP, LPD, PDL, has
+from lab.waiting import PATIENCE
+
+# One second, and what a crowded machine adds.
+QUICK = 1.0 + 0.2 * PATIENCE
+
+EVERYTHING = [
+    (HOST, "A"),
+    (HOST, "AAAA"),
+    ("1.77.168.192.in-addr.arpa", "PTR"),
+    (IPP, "SRV"),
+    (IPP, "TXT"),
+    (PDL, "SRV"),
+    (LPD, "SRV"),
+    (LPD, "TXT"),
+    ("_ipp._tcp.local", "PTR"),
+    ("_pdl-datastream._tcp.local", "PTR"),
+    ("_universal._sub._ipp._tcp.local", "PTR"),
+    ("_services._dns-sd._udp.local", "PTR"),
+]
+
+
+def test_everything_gets_a_goodbye_twice_and_nothing_follows(dual):
+    dual.router.plug_in(0)
+    dual.start()
+    dual.wait_for_announcements()
+    since = dual.capture.mark()
+    assert dual.router.stop() < QUICK
+    for family in FAMILIES:
+        sent = [one for one in dual.heard(since, family) if not one.is_query]
+        for owner, rrtype in EVERYTHING:
+            assert len([one for one in sent if has(one, owner, rrtype, ttl=0)]) == 2, owner
+        assert not [one for one in sent if any(each.ttl for each in one.message.answers)]
+
+
+def catches(daemon, number):
+    """Whether the daemon has come so far as to take the signal."""
+    status = pathlib.Path(f"/proc/{daemon.pid}/status").read_text()
+    caught = int(next(line for line in status.splitlines() if "SigCgt" in line).split()[1], 16)
+    return caught >> (number - 1) & 1
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+@pytest.mark.parametrize("after", [0.0, 0.15, 0.4, 0.65, 0.9, 1.2, 1.7, 2.3])
+def test_it_ends_within_a_second_at_any_moment(dual, after, number):
+    dual.router.plug_in(0)
+    daemon = dual.start(ready=False)
+    daemon.wait_until(lambda: catches(daemon, number), "the handler")
+    begun = time.monotonic()
+    # The moment is the subject: from before the first probe to after the printer's announcement.
+    time.sleep(after)
+    daemon.signal(number)
+    assert daemon.wait_for_exit() == 0
+    assert time.monotonic() - begun - after < QUICK
+    # Whatever was announced was taken back.
+    alive = set()
+    for packet in dual.heard(wanted=lambda one: not one.is_query):
+        for one in packet.message.answers:
+            key = (packet.destination, one.name, one.type, one.data)
+            (alive.discard if one.ttl == 0 else alive.add)(key)
+    assert not alive
+
+
+@pytest.mark.dual(bridge=False)
+def test_it_ends_without_a_bridge(dual):
+    daemon = dual.start(ready=False)
+    daemon.wait_for_line("[Bonjour] ioctl HWADDR error: No such device")
+    begun = time.monotonic()
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait_for_exit() == 0
+    assert time.monotonic() - begun < QUICK

@@ -1,1 +1,0 @@
-"""The sweep of every call that the daemon makes: see tests/sweep."""

@@ -1,0 +1,189 @@
+"""What ./test does, once Python is there."""
+
+import os
+import pathlib
+import shutil
+import signal
+import sys
+import time
+
+import builds
+import inherited
+import options as command_line
+import processes
+from suite import PYTHON, Suite, environment, show_list
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+# What clang looks at when other builds are tested; the tests would be the release build's again.
+CHECKED = ["bench_tests", "bonjour", "fuzz_tests"]
+FOLDERS = ("app", "base", "mdns", "records", "printer")
+
+
+def need(what, *command):
+    """Runs a command that says itself why it fails; ends the process then."""
+    status = processes.run(command)
+    if status != 0:
+        sys.exit(status)
+
+
+def install(*groups):
+    """Installs the packages of these groups of packages.txt."""
+    script = '. lab/prepare.sh && require_root && require_packages "$@"'
+    need("packages", "sh", "-c", script, "./test", *groups)
+
+
+def prepare(*groups):
+    install(*groups)
+    need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+
+
+def list_tests(options):
+    """Names the tests; how far the builds are goes to standard error, apart from the names."""
+    for preset in options.presets:
+        groups = command_line.groups_of(preset, options.groups or command_line.GROUPS)
+        # ctest knows a test once it is built.
+        targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
+        if targets and builds.build(preset, targets, sys.stderr) != 0:
+            return 1
+        if not show_list(preset, groups, options.name):
+            sys.exit(f"./test: no test of {preset} is meant")
+    return 0
+
+
+def run_tests(options):
+    start = time.monotonic()
+    suite = Suite(options.jobs)
+    groups = {
+        preset: command_line.groups_of(preset, options.groups or command_line.GROUPS)
+        for preset in options.presets
+    }
+    targets = {preset: command_line.targets(groups[preset]) for preset in options.presets}
+    tested = [preset for preset in options.presets if preset != "clang"] or options.presets
+    if "clang" not in tested and "clang" in targets:
+        targets["clang"] = CHECKED
+    for preset in builds.Builds(targets):
+        if preset in tested:
+            suite.run(preset, groups[preset], options.name)
+    print(f"\nTotal time {time.monotonic() - start:.0f} s")
+    return suite.report()
+
+
+def cover(options):
+    suite = Suite(options.jobs)
+    (directory,) = options.presets
+    if builds.build(directory, command_line.targets(options.groups)) != 0:
+        return 1
+    # Nothing that ran before counts.
+    for counts in pathlib.Path("build", directory).rglob("*.gcda"):
+        counts.unlink()
+    suite.run(directory, options.groups)
+    if suite.report() != 0:
+        return 1
+    report = pathlib.Path("build", directory, "report")
+    report.mkdir(exist_ok=True)
+    counts = report / "counts.json"
+    filters = "|".join(f"{folder}/" for folder in FOLDERS)
+    need(
+        "gcovr", "gcovr", "--root", ".", "--filter", filters, "--json", counts, f"build/{directory}"
+    )
+    show = ["gcovr", "--add-tracefile", counts, "--txt", "-"]
+    need("gcovr", *show, "--html-details", report / "index.html")
+    print(f"Line by line: {report}/index.html", flush=True)
+    return processes.run(
+        [*show, "--branches", "--fail-under-line", "100", "--fail-under-branch", "95"]
+    )
+
+
+def hostile(file, **own):
+    """Runs the tests of a file of the group hostile, with these variables, for as long as it
+    takes."""
+    prepare("build", "test")
+    if builds.build("release", ["lab_tests"]) != 0:
+        return 1
+    pytest = [PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider"]
+    own = {name: str(value) for name, value in own.items()}
+    return processes.run([*pytest, f"tests/hostile/{file}"], env={**environment(), **own})
+
+
+def soak(options):
+    return hostile("test_soak.py", BONJOUR_SOAK_SECONDS=options.count)
+
+
+def stop(options):
+    return hostile("test_many_stops.py", BONJOUR_STOPS=options.count)
+
+
+def sweep(_):
+    prepare("build", "test")
+    if builds.build("release", ["lab_tests"]) != 0:
+        return 1
+    return processes.run([PYTHON, "tools/sweep"])
+
+
+def look_for_unwritten_bytes(_):
+    prepare("build", "test", "memory")
+    return processes.run(["tools/memory"])
+
+
+def mutate(options):
+    prepare("build", "test", "mutants")
+    return processes.run([PYTHON, "tools/mutate", "--mutants", options.count])
+
+
+def fuzz(options):
+    install("build", "fuzz")
+    return processes.run(["fuzz/run", options.count])
+
+
+def boot_routers(options):
+    kinds = [word for kind in options.kinds for word in ("--kind", kind)]
+    return processes.run(["tests/router/run", *kinds])
+
+
+def build_targets(_):
+    return processes.run(["tools/targets"])
+
+
+def main():
+    options = command_line.parse(sys.argv[1:])
+    inherited.settle()
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        if signal.getsignal(number) == signal.SIG_DFL:
+            signal.signal(number, lambda number, _: sys.exit(128 + number))
+    # What is left over by tools and tests goes with it.
+    temporary = processes.temporary_directory()
+    os.chdir(ROOT)
+    long_runs = {
+        "mutants": mutate,
+        "soak": soak,
+        "stops": stop,
+        "fuzz": fuzz,
+        "sweep": sweep,
+        "memory": look_for_unwritten_bytes,
+        "targets": build_targets,
+        "router": boot_routers,
+    }
+    try:
+        if options.long_run in long_runs:
+            return long_runs[options.long_run](options)
+        if options.long_run == command_line.COVERAGE:
+            prepare("build", "test", "coverage")
+            return cover(options)
+        if options.list:
+            install("build", "test")
+            return list_tests(options)
+        prepare("build", "test")
+        return run_tests(options)
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
+    except BrokenPipeError:
+        # What is still to be printed has no reader either.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 128 + signal.SIGPIPE
+    finally:
+        processes.end_all()
+        shutil.rmtree(temporary, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
