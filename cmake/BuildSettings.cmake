@@ -16,6 +16,8 @@ option(BONJOUR_STRIP "Install the daemon without its symbols" OFF)
 option(BONJOUR_THREAD_SAFETY "Check the lock annotations at compile time (clang)" OFF)
 option(BONJOUR_COVERAGE "Count which of the daemon's lines and branches run (gcc)" OFF)
 option(BONJOUR_FUZZ "Instrument for libFuzzer and build the fuzzers (clang)" OFF)
+option(BONJOUR_STOCK_KERNEL
+  "For a kernel that writes no status file: install bonjour-printers, and read the file that it writes" OFF)
 
 # Does this build optimise? The flags say so, which may come from outside without a build type.
 string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" flags_of_type)
@@ -48,8 +50,16 @@ if(BONJOUR_THREAD_SAFETY)
   target_compile_options(bonjour_warnings INTERFACE -Wthread-safety)
 endif()
 
+# The printers' status file, which the daemon reads.
+set(BONJOUR_STATUS_FILE /proc/printer_status)
+if(BONJOUR_STOCK_KERNEL)
+  set(BONJOUR_STATUS_FILE /var/run/bonjour/printer_status)
+endif()
+
 add_library(bonjour_settings INTERFACE)
 target_link_libraries(bonjour_settings INTERFACE bonjour_warnings)
+target_compile_definitions(bonjour_settings INTERFACE
+  "BONJOUR_STATUS_FILE=\"${BONJOUR_STATUS_FILE}\"")
 target_compile_options(bonjour_settings INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
   -ffunction-sections -fdata-sections -fno-asynchronous-unwind-tables -fvisibility=hidden)

@@ -39,4 +39,14 @@ endforeach()
 
 if(BONJOUR_LAB)
   add_subdirectory(lab)
+  # The daemon for a stock kernel, and what is installed with it.
+  add_custom_target(stock_build
+    COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock
+      -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
+      -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
+    COMMAND ${CMAKE_COMMAND} --build stock
+    VERBATIM)
+  if(NOT BONJOUR_SANITIZE)
+    add_dependencies(lab_tests stock_build)
+  endif()
 endif()

@@ -32,6 +32,11 @@ def binary():
     return pathlib.Path(os.environ.get("BONJOUR", root / "build/release/bonjour")).resolve()
 
 
+def stock_build():
+    """Where the build for a stock kernel is, beside the daemon's own."""
+    return binary().parent / "stock"
+
+
 def has_sanitizer():
     """Whether the daemon is built with a sanitizer, whose runtime needs memory and files."""
     code = binary().read_bytes()

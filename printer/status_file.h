@@ -8,9 +8,11 @@
 #include <cstdint>
 #include <string_view>
 
-constexpr char kStatusFilePath[] = "/proc/printer_status";
+/// The path is the build's: the kernel's own file, or on a stock kernel the one of
+/// bonjour-printers.
+constexpr char kStatusFilePath[] = BONJOUR_STATUS_FILE;
 /// What is logged when it can't be opened.
-constexpr char kCannotOpenStatusFile[] = "[Bonjour] Can not open \"/proc/printer_status\"";
+constexpr char kCannotOpenStatusFile[] = "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "\"";
 /// The most bytes that are read of it, and the most that one read asks for.
 constexpr size_t kStatusFileMax = 40960;
 constexpr size_t kStatusReadMax = 4096;

@@ -9,7 +9,7 @@ import subprocess
 from lab.vm.debian import Archive
 
 _GUEST = pathlib.Path(__file__).with_name("guest") / "busybox"
-_FOLDERS = ("bin", "dev", "etc/init.d", "lib/modules", "proc", "root", "sbin", "sys", "tmp")
+_FOLDERS = ("bin", "dev", "etc/init.d", "lib/modules", "mnt", "proc", "root", "sbin", "sys", "tmp")
 _FOLDERS += ("usr/bin", "usr/sbin", "var/run", "var/log")
 
 

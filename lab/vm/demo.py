@@ -45,7 +45,7 @@ class MachineDemo(Demo):
         super().plug_in(port, manufacturer, model, commands)
         run = self.router.machine.run
         print("              on the router:")
-        self._show("ls -l /dev/usblp*", run("ls -l /dev/usblp*"))
+        self._show("ls -l /dev/usb/lp*", run("ls -l /dev/usb/lp*"))
         attribute = f"/sys/class/usbmisc/lp{port}/device/ieee1284_id"
         self._show(f"cat {attribute}", run(f"cat {attribute}"))
         shown = "/var/run/bonjour/printer_status"

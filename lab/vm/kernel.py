@@ -7,8 +7,9 @@ import tempfile
 
 from lab.vm.debian import Archive
 
-# What a router of the lab needs: its link, its control and log, a bridge, USB printers.
+# What a router of the lab needs: its link, its control and log, a bridge, USB printers, disks.
 MODULES = ["virtio_pci", "virtio_net", "virtio_console", "bridge", "xhci_pci", "usblp"]
+MODULES += ["virtio_blk", "ext4"]
 _READY = "ready"
 
 

@@ -57,7 +57,7 @@ def _without_prefix(text):
 
 
 class Machine:
-    def __init__(self, link, kind, kernel, initrd, disk=None):
+    def __init__(self, link, kind, kernel, initrd, stick, disk=None):
         """Starts a machine of this Kind with these files; it boots while this returns."""
         self.console = Output("console")
         self.log = Output("log", _without_prefix)
@@ -86,8 +86,8 @@ class Machine:
             path = f"socket,id=usb{port},path=usb{port},abstract=on,server=on,wait=off"
             device = f"usb-redir,chardev=usb{port},bus=usb.0"
             self._command += ["-chardev", path, "-device", device]
-        if disk:
-            self._command += ["-drive", f"if=virtio,format=raw,file={disk}"]
+        for image in filter(None, (disk, stick)):
+            self._command += ["-drive", f"if=virtio,format=raw,file={image}"]
         self._start()
 
     def _start(self):

@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import time
 
-from lab.daemon import binary
+from lab.daemon import stock_build
 from lab.lab import Lab
 from lab.printers import Printer
 from lab.vm import busybox_image, debian_image
@@ -18,11 +18,14 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What is downloaded, and what is built from it.
 CACHE = ROOT / "build/machines"
 _BOOT_BOUND = 120.0
+_STICK_MEGABYTES = 8
+# Where a router has its stick mounted, before the daemon is started.
+STICK = "/mnt"
 
 
 def _build(cache, board):
     """Where the daemon for this board was built: this machine's where the lab looks for it."""
-    return cache / "build" if board.preset else binary().parent
+    return cache / "build" if board.preset else stock_build()
 
 
 def _busybox_system(name, board, network):
@@ -39,19 +42,28 @@ def _busybox_system(name, board, network):
         network=network,
     )
     pack(root, kernel.modules, cache / "initrd")
-    return {"kernel": kernel.image, "initrd": cache / "initrd"}
+    return {"kernel": kernel.image, "initrd": cache / "initrd", "stick": _stick(cache)}
 
 
 def _debian_system(name, board, network):
     """The same, and a disk."""
     cache = CACHE / name
-    kernel = Kernel(cache / "kernel", board.architecture, board.flavour, ["virtio_blk", "ext4"])
+    kernel = Kernel(cache / "kernel", board.architecture, board.flavour)
     initrd = debian_image.make_initrd(
         cache, busybox_image.busybox(cache, board.architecture), kernel.modules
     )
     package = _debian_package(_build(cache, board), cache / "package")
     disk = debian_image.make_disk(cache / "debian", network, package)
-    return {"kernel": kernel.image, "initrd": initrd, "disk": disk}
+    return {"kernel": kernel.image, "initrd": initrd, "disk": disk, "stick": _stick(cache)}
+
+
+def _stick(cache):
+    """A file system of its own, with a journal, as on a USB stick; see STICK."""
+    image = cache / "stick"
+    image.unlink(missing_ok=True)
+    making = ["mke2fs", "-q", "-t", "ext4", image, f"{_STICK_MEGABYTES}M"]
+    subprocess.run(making, check=True, stdout=subprocess.DEVNULL)
+    return image
 
 
 def _debian_package(build, directory):
@@ -77,6 +89,7 @@ class MachineRouter:
             name, self.kind.board, {"MAC": mac, "ADDRESS": address}
         )
         self._printers = {}
+        self.stick = self._system["stick"]
         self.machine = None
         self.switched_on = None
 
@@ -88,6 +101,7 @@ class MachineRouter:
         for printer in printers:
             self._plug_in(printer)
         if self.kind.system == "debian":
+            self.machine.run(f"mount /dev/vdb {STICK}")
             self.machine.run(f"dpkg -i {debian_image.PACKAGE}", _BOOT_BOUND)
 
     def plug_in(self, port, manufacturer="HP", model="Model 12", commands="PJL,PCL"):

@@ -69,7 +69,7 @@ class RunningDaemon {
 
   // Replaces what the daemon finds in the printers' status file.
   bool SetStatus(const std::string& status) const {
-    return WriteFile("/proc/" + std::to_string(process) + "/root/proc/printer_status", status);
+    return WriteFile("/proc/" + std::to_string(process) + "/root" BONJOUR_STATUS_FILE, status);
   }
 
   bool IsRunning() const { return waitpid(process, nullptr, WNOHANG) == 0; }
@@ -92,7 +92,8 @@ class RunningDaemon {
   [[noreturn]] static void RunChild(const std::vector<std::string>& arguments,
                                     const std::string& status) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (!EnterOwnMounts() || !MountOwnProc() || !WriteFile("/proc/printer_status", status)) {
+    if (!EnterOwnMounts() || !MountOwnStatusDirectory() ||
+        !WriteFile(BONJOUR_STATUS_FILE, status)) {
       perror("set-up of the test");
       _exit(kSetupFailed);
     }

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import time
 
-from lab.daemon import binary
+from lab.daemon import binary, stock_build
 from lab.waiting import PATIENCE, TimedOut
 
 CHROOT = "/usr/sbin/chroot"
@@ -16,15 +16,17 @@ DAEMON = "usr/sbin/bonjour"
 DEFAULTS = "etc/default/bonjour"
 PIDFILE = "var/run/bonjour.pid"
 
-_APPLETS = "cat logger mkdir mkfifo readlink rm setsid sleep syslogd".split()
+_APPLETS = "awk cat ln logger mkdir mkfifo mv readlink rm setsid sleep syslogd".split()
 _BOUND = 20.0
 _POLL_SECONDS = 0.01
 
 
-def install(target, *options, prefix="/usr"):
-    """`cmake --install` of the build that the daemon under test is of, into `target`."""
+def install(target, *options, prefix="/usr", stock_kernel=False):
+    """`cmake --install` of the build that the daemon under test is of, into `target`; with
+    `stock_kernel` of the build for such kernels."""
+    build = stock_build() if stock_kernel else binary().parent
     subprocess.run(
-        ["env", f"DESTDIR={target}", "cmake", "--install", binary().parent]
+        ["env", f"DESTDIR={target}", "cmake", "--install", build]
         + ["--prefix", prefix, "--strip", *options],
         check=True,
         stdout=subprocess.DEVNULL,

@@ -10,7 +10,7 @@ import stat
 import subprocess
 
 import pytest
-from lab.daemon import binary
+from lab.daemon import binary, stock_build
 from small_system import SmallSystem, install, lay_out
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -124,7 +124,7 @@ def test_openwrt_package_says_what_it_is(openwrt):
     assert openwrt.value("PKG_NAME") == "bonjour"
     assert openwrt.value("PKG_VERSION") == version()
     assert openwrt.value("CATEGORY") == "Network"
-    assert openwrt.value("DEPENDS") == "+kmod-usb-printer +unshare"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
     assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
     assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
 
@@ -132,10 +132,12 @@ def test_openwrt_package_says_what_it_is(openwrt):
 def test_openwrt_has_a_package_with_the_standard_responder(openwrt):
     openwrt.variant = "standard"
     assert openwrt.value("PROVIDES") == openwrt.value("CONFLICTS") == "bonjour"
-    assert openwrt.value("DEPENDS") == "+kmod-usb-printer +unshare"
+    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
     assert openwrt.value("Package/bonjour-standard/conffiles") == "/etc/default/bonjour"
     assert "sbin/bonjour" in openwrt.value("Package/bonjour-standard/install")
-    assert openwrt.value("CMAKE_OPTIONS") == "-DBONJOUR_RESPONDER=standard"
+    assert openwrt.value("CMAKE_OPTIONS") == (
+        "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_RESPONDER=standard"
+    )
 
 
 @pytest.mark.seconds(30)
@@ -190,6 +192,10 @@ def procd(tmp_path, sandbox):
     script = root / "etc/init.d/bonjour"
     script.write_bytes((OPENWRT / "files/bonjour.init").read_bytes())
     script.chmod(0o755)
+    printers = root / "usr/sbin/bonjour-printers"
+    printers.parent.mkdir(parents=True)
+    printers.write_text("#!/bin/sh\necho \"bonjour-printers [$*]\"\n")
+    printers.chmod(0o755)
     system = SmallSystem(root, sandbox)
 
     def call(function, settings=None):
@@ -202,13 +208,15 @@ def procd(tmp_path, sandbox):
     return call
 
 
-COMMAND = "set_param [command] [/usr/sbin/bonjour-printers] [run] [/usr/sbin/bonjour]"
+COMMAND = "set_param [command] [/usr/sbin/bonjour]"
+UPDATE = "bonjour-printers [update]"
 
 
 def test_procd_starts_the_daemon_with_its_settings(procd):
     settings = "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n"
     assert procd("start_service", settings) == [
         "1 95 05",
+        UPDATE,
         "open_instance",
         f"{COMMAND} [GLXE4700]",
         "set_param [env] [GLIBC_TUNABLES=a.b=0]",
@@ -225,6 +233,7 @@ def test_procd_starts_the_daemon_with_its_settings(procd):
 def test_procd_starts_the_daemon_without_settings(procd):
     assert procd("start_service") == [
         "1 95 05",
+        UPDATE,
         "open_instance",
         COMMAND,
         "set_param [respawn] [3600] [5] [0]",
@@ -265,7 +274,7 @@ class Buildroot:
 
     def make(self, *words):
         return run(
-            *("make", "-s", "-f", self._makefile, f"D={binary().parent}"),
+            *("make", "-s", "-f", self._makefile, f"D={stock_build()}"),
             *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", f"TARGET_DIR={self.target}"),
             *('BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"', *words),
         )
@@ -277,7 +286,7 @@ class Buildroot:
 
     def install(self, *steps):
         for step in steps:
-            self.make(binary().parent / step)
+            self.make(stock_build() / step)
 
 
 @pytest.fixture
@@ -304,7 +313,7 @@ def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_
     buildroot.install("target", "sysv")
     whole = tmp_path / "whole"
     for component in ("runtime", "stock-kernel", "sysvinit"):
-        install(whole, "--component", component)
+        install(whole, "--component", component, stock_kernel=True)
     assert files(buildroot.target) == {**files(whole), "etc/init.d/S95bonjour": "bonjour"}
 
 
@@ -312,7 +321,7 @@ def test_buildroot_package_for_systemd_holds_what_cmake_installs(buildroot, tmp_
     buildroot.install("target", "systemd")
     whole = tmp_path / "whole"
     for component in ("runtime", "stock-kernel", "systemd"):
-        install(whole, "--component", component)
+        install(whole, "--component", component, stock_kernel=True)
     assert files(buildroot.target) == files(whole)
 
 
@@ -359,7 +368,9 @@ def test_buildroot_offers_the_package_and_its_model(menu):
 def test_buildroot_offers_two_responders(menu, buildroot):
     menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
     assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "y"
-    assert buildroot.value("BONJOUR_CONF_OPTS") == "-DBONJOUR_RESPONDER=classic"
+    stock_kernel = "-DBONJOUR_STOCK_KERNEL=ON"
+    chosen = f"{stock_kernel} -DBONJOUR_RESPONDER=classic"
+    assert buildroot.value("BONJOUR_CONF_OPTS") == chosen
     menu.syms["BR2_PACKAGE_BONJOUR_STANDARD"].set_value("y")
     assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "n"
     said = buildroot.make("BR2_PACKAGE_BONJOUR_STANDARD=y", "show", "SHOWN=BONJOUR_CONF_OPTS")

@@ -16,15 +16,15 @@ COMPONENTS = {
         "usr/lib/udev/rules.d/70-bonjour.rules",
     ],
     "manual": ["usr/share/man/man8/bonjour.8"],
-    "stock-kernel": [
-        "usr/lib/systemd/system/bonjour.service.d/stock-kernel.conf",
-        "usr/lib/udev/rules.d/70-bonjour-printers.rules",
-        "usr/sbin/bonjour-printers",
-        "usr/share/bonjour/hotplug-usbmisc",
-        "usr/share/bonjour/mdev.conf",
-        "usr/share/man/man8/bonjour-printers.8",
-    ],
 }
+STOCK_KERNEL = [
+    "usr/lib/systemd/system/bonjour.service.d/stock-kernel.conf",
+    "usr/lib/udev/rules.d/70-bonjour-printers.rules",
+    "usr/sbin/bonjour-printers",
+    "usr/share/bonjour/hotplug-usbmisc",
+    "usr/share/bonjour/mdev.conf",
+    "usr/share/man/man8/bonjour-printers.8",
+]
 PROGRAMS = ["usr/sbin/bonjour", "usr/sbin/bonjour-printers", "etc/init.d/bonjour"]
 UNIT = "lib/systemd/system/bonjour.service"
 DROP_IN = f"{UNIT}.d/stock-kernel.conf"
@@ -45,8 +45,15 @@ def test_all_components_are_installed_unless_one_is_chosen(tmp_path):
     assert files(tmp_path) == sorted(sum(COMPONENTS.values(), []))
 
 
+def test_for_a_stock_kernel_there_is_one_component_more(tmp_path):
+    install(tmp_path / "one", "--component", "stock-kernel", stock_kernel=True)
+    assert files(tmp_path / "one") == STOCK_KERNEL
+    install(tmp_path / "all", stock_kernel=True)
+    assert files(tmp_path / "all") == sorted(sum(COMPONENTS.values(), STOCK_KERNEL))
+
+
 def test_programs_can_be_executed_and_other_files_cannot(tmp_path):
-    install(tmp_path)
+    install(tmp_path, stock_kernel=True)
     for name in files(tmp_path):
         mode = 0o755 if name in PROGRAMS else 0o644
         assert stat.S_IMODE((tmp_path / name).stat().st_mode) == mode, name
@@ -66,7 +73,7 @@ def test_start_scripts_name_the_daemon_by_its_prefix(prefix, tmp_path):
 
 @pytest.mark.parametrize("prefix", ["/usr/local", "/opt/print services"])
 def test_what_tells_of_printers_is_named_by_its_prefix(prefix, tmp_path):
-    install(tmp_path, prefix=prefix)
+    install(tmp_path, prefix=prefix, stock_kernel=True)
     below = tmp_path / prefix[1:]
     program = f"{prefix}/sbin/bonjour-printers"
     assert (tmp_path / program[1:]).exists()
@@ -75,7 +82,7 @@ def test_what_tells_of_printers_is_named_by_its_prefix(prefix, tmp_path):
         below / DROP_IN: f'ExecStartPre=-+"{program}" update\n',
         below / "lib/udev/rules.d/70-bonjour-printers.rules": f"RUN+=\"'{program}' update\"\n",
         below / "share/bonjour/mdev.conf": f' *"{program}" update\n',
-        below / "share/bonjour/hotplug-usbmisc": f'"{program}" update\n',
+        below / "share/bonjour/hotplug-usbmisc": f' "{program}" update ;;\n',
     }
     for path, text in named.items():
         assert text in path.read_text(), path
@@ -120,7 +127,7 @@ def test_limits_of_the_unit_are_those_of_the_init_script(tmp_path):
 
 @pytest.mark.parametrize("prefix", ["/usr", "/usr/local"])
 def test_systemd_finds_no_fault_in_the_unit(prefix, tmp_path):
-    install(tmp_path, prefix=prefix)
+    install(tmp_path, prefix=prefix, stock_kernel=True)
     units = tmp_path / "usr/lib/systemd/system"
     units.mkdir(parents=True, exist_ok=True)
     for target in ("basic", "network", "shutdown", "sysinit"):

@@ -8,7 +8,7 @@ import time
 import main_path
 import pytest
 import wire
-from lab.daemon import binary
+from lab.daemon import stock_build
 from small_system import CHROOT, DAEMON, DEFAULTS, SmallSystem, copy_libraries, lay_out
 
 STOP_SECONDS = 5
@@ -16,9 +16,9 @@ STOP_SECONDS = 5
 
 @pytest.fixture(scope="session")
 def package(tmp_path_factory):
-    """The package, made of the build that the daemon under test is of."""
+    """The package, which is made of the build for a stock kernel."""
     directory = tmp_path_factory.mktemp("package")
-    config = binary().parent / "CPackConfig.cmake"
+    config = stock_build() / "CPackConfig.cmake"
     subprocess.run(
         ["cpack", "--config", config, "-B", directory], check=True, stdout=subprocess.DEVNULL
     )
@@ -32,7 +32,7 @@ def root(package, tmp_path):
     target = tmp_path / "root"
     subprocess.run(["dpkg-deb", "-x", package, target], check=True)
     lay_out(target)
-    copy_libraries(binary(), target)
+    copy_libraries(stock_build() / "bonjour", target)
     return target
 
 
@@ -53,8 +53,10 @@ def test_package_holds_what_a_router_needs(root):
         "etc/init.d/bonjour": 0o755,
         "usr/sbin/bonjour": 0o755,
         "usr/lib/systemd/system/bonjour.service": 0o644,
+        "usr/sbin/bonjour-printers": 0o755,
         "usr/lib/udev/rules.d/70-bonjour.rules": 0o644,
         "usr/share/man/man8/bonjour.8.gz": 0o644,
+        "usr/share/man/man8/bonjour-printers.8.gz": 0o644,
     }
     for name, mode in files.items():
         assert (root / name).stat().st_mode & 0o7777 == mode, name
@@ -69,6 +71,7 @@ def test_installed_daemon_needs_the_c_library_and_nothing_else(root):
 
 def test_installed_daemon_walks_the_main_path(lab, system, monkeypatch):
     monkeypatch.setenv("BONJOUR", f"/{DAEMON}")
+    assert system.run("/usr/sbin/bonjour-printers", "update").returncode == 0
     sent, lines = main_path.walk(lab, [CHROOT, str(system.root)])
     assert sent == main_path.PACKETS
     assert lines == main_path.LINES
@@ -85,6 +88,31 @@ def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, syste
     main_path.wait_for_goodbyes(lab, since)
     log = (system.root / "var/log/messages").read_text()
     assert "bonjour: [Bonjour] default device name = T5140_00-11-22-AA-BB-CC\n" in log
+
+
+@pytest.mark.lab(bridge=False)
+def test_init_script_renews_a_status_file_that_is_wrong(lab, system):
+    lab.router.status_file.remove()
+    status = system.root / "var/run/bonjour/printer_status"
+    status.parent.mkdir()
+    status.write_text("usblp0\nGone\nLong ago\n\n\n")
+    start(system)
+    assert status.read_text() == ""
+
+
+@pytest.mark.lab(bridge=False)
+def test_file_system_that_is_unmounted_beside_the_daemon_is_free(lab, system):
+    lab.router.status_file.remove()
+
+    def mounted():
+        return "tmpfs the-stick " in system.of_process(system.pid, "mountinfo").read_text()
+
+    mount = f"mkdir {system.root}/stick && mount -t tmpfs the-stick {system.root}/stick"
+    assert system.sandbox.spawn(["sh", "-c", mount]).wait() == 0
+    start(system)
+    assert mounted()
+    assert system.sandbox.spawn(["umount", system.root / "stick"]).wait() == 0
+    assert not mounted()
 
 
 def test_model_comes_from_the_one_variable(lab, system):

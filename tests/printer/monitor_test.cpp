@@ -216,7 +216,7 @@ class MonitorThread : public testing::Test {
   std::vector<unsigned> pauses;
 };
 
-constexpr char kCannotOpen[] = "[Bonjour] Can not open \"/proc/printer_status\"\n";
+constexpr char kCannotOpen[] = "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "\"\n";
 
 TEST_F(MonitorThread, StartsWithEmptyTables) {
   PrinterTxt stale = {};

@@ -24,7 +24,7 @@ struct Reads {
 
 Reads* watchedReads = nullptr;
 
-constexpr char kPath[] = "/proc/printer_status";
+constexpr char kPath[] = BONJOUR_STATUS_FILE;
 
 std::string Letters(size_t length) {
   std::string text(length, '\0');
@@ -36,7 +36,7 @@ class StatusFile : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(EnterOwnMounts()) << strerror(errno);
-    ASSERT_TRUE(MountOwnProc()) << strerror(errno);
+    ASSERT_TRUE(MountOwnStatusDirectory()) << strerror(errno);
     memset(buffer.get(), '#', 40961);
   }
 

@@ -82,7 +82,7 @@ TEST_F(GetTxtData, MissingFileIsLogged) {
   EXPECT_EQ(txt.Text(), "");
   EXPECT_EQ(log.out, "");
   EXPECT_EQ(log.err,
-            "[Bonjour] Can not open \"/proc/printer_status\": No such file or directory\n");
+            "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "\": No such file or directory\n");
 }
 
 TEST_F(GetTxtData, LackOfMemoryIsLoggedAndTheFileNotRead) {

@@ -36,14 +36,14 @@ prepare_machines() {
     echo "$0: there is no /dev/net/tun, through which a machine's network card is reached" >&2
     exit 1
   fi
-  build release bonjour flood
+  build release stock_build flood
   [ "$1" = all ] || return 0
   require_packages routers
   for preset in armhf mipsel; do
     # A folder of its own, so that the preset's can have its tests.
     folder=build/machines/$preset/build
     echo "Building $preset"
-    quietly cmake --preset "$preset" -B "$folder" -DBONJOUR_TESTS=OFF
+    quietly cmake --preset "$preset" -B "$folder" -DBONJOUR_TESTS=OFF -DBONJOUR_STOCK_KERNEL=ON
     quietly cmake --build "$folder" --target bonjour
   done
 }

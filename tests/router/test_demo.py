@@ -15,7 +15,7 @@ STEPS = [
     "asks who has the name T5140_00-11-22-AA-BB-CC.local",
     "A printer is plugged in: HP LaserJet 1018",
     "IPP is announced to all hosts",
-    "/dev/usblp0",
+    "/dev/usb/lp0",
     "MFG:HP;MDL:LaserJet 1018;CMD:ZJS,PJL;",
     "A printer is plugged in: Brother HL-2140",
     "A new host on the link looks for printers",

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "base/descriptor.h"
 #include "base/text.h"
@@ -37,6 +38,14 @@
          symlink("kernel/self", "/mnt/self") == 0 &&
          symlink(("kernel/" + process).c_str(), ("/mnt/" + process).c_str()) == 0 &&
          mount("/mnt", "/proc", nullptr, MS_MOVE, nullptr) == 0;
+}
+
+/// Replaces what holds the directory of the printers' status file, so that only the file is
+/// missing. After EnterOwnMounts.
+[[nodiscard]] inline bool MountOwnStatusDirectory() {
+  if (std::string_view(BONJOUR_STATUS_FILE).starts_with("/proc/")) return MountOwnProc();
+  return mount("own_var", "/var", "tmpfs", 0, nullptr) == 0 && mkdir("/var/run", 0755) == 0 &&
+         mkdir("/var/run/bonjour", 0755) == 0;
 }
 
 /// Replaces /dev by an empty directory. After EnterOwnMounts.

@@ -11,7 +11,7 @@ from clang.cindex import CursorKind as Kind
 from clang.cindex import TokenKind, TypeKind
 
 # What the build defines for a source; of what it stands for nothing is changed.
-DEFINED = ['-DBONJOUR_VERSION=""', '-DBONJOUR_BUILD_TIME=""']
+DEFINED = ['-DBONJOUR_VERSION=""', '-DBONJOUR_BUILD_TIME=""', '-DBONJOUR_STATUS_FILE=""']
 _OPERATORS = {
     "+": ["-"],
     "-": ["+"],

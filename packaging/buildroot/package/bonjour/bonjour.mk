@@ -13,6 +13,7 @@ BONJOUR_LICENSE_FILES = LICENSE
 BONJOUR_REDISTRIBUTE = NO
 
 BONJOUR_CONF_OPTS = \
+	-DBONJOUR_STOCK_KERNEL=ON \
 	-DBONJOUR_RESPONDER=$(if $(BR2_PACKAGE_BONJOUR_STANDARD),standard,classic)
 
 # The driver usblp, and multicast; the USB host controller and the bridge are the board's.

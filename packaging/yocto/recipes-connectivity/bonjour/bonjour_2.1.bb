@@ -11,7 +11,7 @@ inherit cmake systemd update-rc.d externalsrc
 EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
 EXTERNALSRC_SYMLINKS = ""
 
-EXTRA_OECMAKE = "-DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
+EXTRA_OECMAKE = "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 # The responder: with "standard" the one that keeps every rule of RFC 6762 and RFC 6763.
 PACKAGECONFIG ??= ""
@@ -21,5 +21,5 @@ SYSTEMD_SERVICE:${PN} = "bonjour.service"
 INITSCRIPT_NAME = "bonjour"
 INITSCRIPT_PARAMS = "defaults 95 05"
 FILES:${PN}:append = " ${systemd_system_unitdir} ${prefix}/lib/udev ${datadir}/bonjour"
-RRECOMMENDS:${PN} = "kernel-module-usblp util-linux-unshare"
+RRECOMMENDS:${PN} = "kernel-module-usblp"
 CONFFILES:${PN} = "${sysconfdir}/default/bonjour"

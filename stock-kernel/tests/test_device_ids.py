@@ -9,7 +9,7 @@ def record(manufacturer, model, commands, port=0):
 
 def written(system, device_id, port=0):
     system.plug_in(port, device_id)
-    system.update()
+    system.settle()
     return system.status
 
 

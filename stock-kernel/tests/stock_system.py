@@ -1,6 +1,7 @@
 """A small root file system with the installed bridge to a stock kernel, and a sysfs made by hand.
 
-Of programs it has BusyBox alone, as on a router, or dash and the tools of a minimal Debian.
+Of programs it has BusyBox alone, as on a router, or dash and the tools of a minimal Debian. Time
+passes in it only while a program sleeps, and then at once.
 """
 
 import os
@@ -12,9 +13,11 @@ import subprocess
 BUSYBOX = pathlib.Path("/bin/busybox")
 CHROOT = "/usr/sbin/chroot"
 STATUS_FILE = "var/run/bonjour/printer_status"
+KERNELS = "/proc/printer_status"
+PRINTERS = "/usr/sbin/bonjour-printers"
 
-_APPLETS = ["awk", "cat", "env", "ln", "mdev", "mkdir", "mount", "mv", "rm", "sh", "sleep"]
-_APPLETS += ["unshare"]
+_APPLETS = ["awk", "cat", "env", "ln", "mdev", "mkdir", "mount", "mv", "rm", "setsid", "sh"]
+_APPLETS += ["sleep"]
 # Under these names, and where they are found on Debian.
 _DEBIAN = {name: f"/usr/bin/{name}" for name in _APPLETS if name != "mdev"}
 _DEBIAN |= {"awk": "/usr/bin/mawk", "sh": "/usr/bin/dash"}
@@ -22,6 +25,13 @@ _DEBIAN |= {"awk": "/usr/bin/mawk", "sh": "/usr/bin/dash"}
 # Keeps what it is given to log.
 _LOGGER = """#!/bin/sh
 while read -r line; do echo "$2: $line" >> /log; done
+"""
+# Notes what the status file says during that second.
+_SLEEP = f"""#!/bin/sh
+echo "slept $*: $(cat /{STATUS_FILE})" >> /slept
+read -r uptime _ < /proc/uptime
+echo "$((${{uptime%.*}} + $1)).${{uptime#*.}} 9.99" > /proc/uptime.$$
+mv /proc/uptime.$$ /proc/uptime
 """
 
 
@@ -42,6 +52,8 @@ class StockSystem:
                 shutil.copy(path, root / "bin" / name)
                 self.copy_libraries(path)
         self.replace_program("logger", _LOGGER)
+        self.replace_program("sleep", _SLEEP)
+        self.uptime = "1000.07"
         command = ["cmake", "--install", build, "--prefix", "/usr", "--component", "stock-kernel"]
         installing = {**os.environ, "DESTDIR": str(root)}
         subprocess.run(command, env=installing, check=True, stdout=subprocess.DEVNULL)
@@ -54,11 +66,27 @@ class StockSystem:
             shutil.copy(library, copy)
 
     def replace_program(self, name, script):
-        """Puts a shell script in place of a program."""
+        """Puts a shell script in place of a program, which real() still runs."""
         path = self.root / "bin" / name
+        real = self.root / "bin" / f"real-{name}"
+        if path.exists() and not real.exists():
+            path.rename(real)
         path.unlink(missing_ok=True)
         path.write_text(script)
         path.chmod(0o755)
+
+    def real(self, name):
+        """The shell's words for a program whose place a script has taken."""
+        has_busybox = (self.root / "bin/busybox").exists()
+        return f"/bin/busybox {name}" if has_busybox else f"/bin/real-{name}"
+
+    @property
+    def uptime(self):
+        return (self.root / "proc/uptime").read_text().split()[0]
+
+    @uptime.setter
+    def uptime(self, seconds):
+        (self.root / "proc/uptime").write_text(f"{seconds} 9.99\n")
 
     # Printers
 
@@ -84,15 +112,34 @@ class StockSystem:
     def run(self, *words, **options):
         return subprocess.run(self.command(*words), capture_output=True, text=True, **options)
 
-    def update(self):
-        done = self.run("/usr/sbin/bonjour-printers", "update")
+    def call(self, word):
+        done = self.run(PRINTERS, word)
         assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+
+    def update(self):
+        self.call("update")
+
+    def settle(self):
+        self.call("settle")
 
     @property
     def status(self):
         return (self.root / STATUS_FILE).read_text()
 
     @property
-    def log(self):
-        path = self.root / "log"
+    def files(self):
+        """What lies in the status file's directory."""
+        return sorted(os.listdir((self.root / STATUS_FILE).parent))
+
+    def lines(self, name):
+        path = self.root / name
         return path.read_text().splitlines() if path.exists() else []
+
+    @property
+    def log(self):
+        return self.lines("log")
+
+    @property
+    def slept(self):
+        """What was slept through: a line a call, with the status file's text at its end."""
+        return self.lines("slept")

@@ -1,39 +1,42 @@
-"""The daemon on a kernel that writes no status file, started as the package starts it there."""
+"""The daemon that was built for a stock kernel, with the file that bonjour-printers writes."""
 
-import os
 import shutil
 
 import main_path
 import pytest
 from stock_system import CHROOT, STATUS_FILE
 
-from lab.daemon import binary
+from lab.daemon import stock_build
 
 DAEMON = "/usr/sbin/bonjour"
 IPP = "_ipp._tcp.local"
 PDL = "_pdl-datastream._tcp.local"
 HP = b"MFG:HP;MDL:Model 12;CMD:PJL,PCL;"
-RUN = ["/usr/sbin/bonjour-printers", "run"]
+ACME = b"MFG:Acme;MDL:Jet;CMD:PCL;"
+# As time passes for the daemon.
+SLEEP = """#!/bin/sh
+@real@ "$1"
+read -r uptime _ < /proc/uptime
+echo "$((${uptime%.*} + $1)).00 9.99" > /proc/uptime
+"""
 
 
 @pytest.fixture
 def lab(lab, system, monkeypatch):
     """The lab, with the daemon in the small system, whose kernel writes no status file."""
-    shutil.copy(binary(), system.root / DAEMON.lstrip("/"))
-    system.copy_libraries(binary())
+    daemon = stock_build() / "bonjour"
+    shutil.copy(daemon, system.root / DAEMON.lstrip("/"))
+    system.copy_libraries(daemon)
+    system.replace_program("sleep", SLEEP.replace("@real@", system.real("sleep")))
     monkeypatch.setenv("BONJOUR", DAEMON)
     lab.router.status_file.remove()
-    # The small system's root is a mount of its own, as every system's is.
-    root = system.root
-    mounts = f"mount --bind {root} {root} && mount --rbind /proc {root}/proc"
-    assert lab.router.sandbox.spawn(["sh", "-c", mounts]).wait() == 0
     return lab
 
 
 @pytest.fixture
 def start(system):
     """What precedes the daemon's command line."""
-    return [CHROOT, str(system.root), *RUN]
+    return [CHROOT, str(system.root)]
 
 
 def services(lab):
@@ -48,12 +51,13 @@ def services(lab):
 def test_main_path_with_printers_that_sysfs_shows(lab, system, start, monkeypatch):
     def plug_in(port):
         system.plug_in(port, HP)
-        system.update()
+        system.settle()
 
     def pull_out(port):
         system.pull_out(port)
-        system.update()
+        system.settle()
 
+    system.update()
     monkeypatch.setattr(lab.router, "plug_in", plug_in)
     monkeypatch.setattr(lab.router, "pull_out", pull_out)
     sent, lines = main_path.walk(lab, start)
@@ -63,6 +67,7 @@ def test_main_path_with_printers_that_sysfs_shows(lab, system, start, monkeypatc
 
 def test_printer_that_is_there_before_the_daemon_is_published(lab, system, start):
     system.plug_in(0, HP)
+    system.update()
     lab.router.start(wrapper=start)
     lab.router.daemon.wait_for_line("[Bonjour] device insert lp0")
     lab.wait_for_packet(lambda packet: b"\x0bty=Model 12" in packet.payload, count=6)
@@ -87,6 +92,7 @@ def test_every_record_that_is_written_is_published_under_a_name_of_one_label(lab
     }
     for port, device_id in enumerate(models):
         system.plug_in(port, device_id)
+    system.update()
     daemon = lab.router.start("GLXE4800b5", wrapper=start)
     daemon.wait_for_line("[Bonjour] device insert lp9")
     expected = {
@@ -100,31 +106,47 @@ def test_every_record_that_is_written_is_published_under_a_name_of_one_label(lab
     assert daemon.count("[Bonjour] GetTXTData error") == 0
 
 
-def test_daemon_sees_the_status_file_and_nothing_else_of_proc(lab, start):
+def test_printers_that_swap_ports_between_two_looks_are_published_under_their_own_names(
+    lab, system, start
+):
+    names = {("HP Model 12", 0), ("Acme Jet", 1)}
+    swapped = {("HP Model 12", 1), ("Acme Jet", 0)}
+
+    def expected(pairs):
+        return {f"{name} (aa:bb:cc) {port}.{type}" for name, port in pairs for type in (IPP, PDL)}
+
+    def announced(since):
+        messages = [packet.message for packet in lab.sent(since) if not packet.is_query]
+        return {message.answers[1].data for message in messages if message.answers[0].ttl}
+
+    system.plug_in(0, HP)
+    system.plug_in(1, ACME)
+    system.update()
     daemon = lab.router.start(wrapper=start)
-    assert os.listdir(f"/proc/{daemon.pid}/root/proc") == ["printer_status"]
+    daemon.wait_until(lambda: announced(0) == expected(names), "both are published")
+    since = lab.capture.mark()
+    for port in (0, 1):
+        system.pull_out(port)
+    for port, device_id in ((0, ACME), (1, HP)):
+        system.plug_in(port, device_id)
+    system.update()
+    daemon.wait_until(lambda: announced(since) >= expected(swapped), "both are published anew")
+    assert daemon.count("[Bonjour] device remove lp0") == 1
+    assert daemon.count("[Bonjour] device remove lp1") == 1
 
 
-def test_other_programs_see_the_kernels_proc(lab, system, start):
-    lab.router.start(wrapper=start)
-    looking = [CHROOT, str(system.root), "/bin/sh", "-c", "[ -e /proc/self ]"]
-    assert lab.router.sandbox.spawn(looking).wait() == 0
+def test_file_that_is_not_there_is_named_in_the_log(lab, system, start):
+    daemon = lab.router.start(wrapper=start)
+    daemon.wait_for_line(f'[Bonjour] Can not open "/{STATUS_FILE}"')
 
 
-def test_with_a_kernel_that_writes_the_file_that_file_counts(lab, system, start):
-    system.plug_in(0, b"MFG:Not;MDL:This;")
-    lab.router.status_file.replace("")
-    sent, lines = main_path.walk(lab, start)
-    assert sent == main_path.PACKETS
-    assert lines == main_path.LINES
-    assert not (system.root / STATUS_FILE).exists()
-
-
-@pytest.mark.parametrize("program", ["unshare", "mount"])
-def test_where_nothing_can_be_mounted_the_daemon_is_started_all_the_same(system, program):
-    system.replace_program(program, "#!/bin/sh\nexit 1\n")
-    done = system.run(*RUN, "/bin/sh", "-c", "echo started")
-    assert (done.returncode, done.stdout, done.stderr) == (0, "started\n", "")
-    assert system.log == [
-        "bonjour-printers: nothing can be mounted over /proc, so no printers are published"
-    ]
+def test_file_of_a_kernel_that_has_one_is_read(lab, system, start):
+    """Also one that appears while the daemon runs: a vendor's module that is loaded late."""
+    kernels = system.root / "proc/printer_status"
+    system.update()
+    daemon = lab.router.start(wrapper=start)
+    kernels.write_text("usblp7\nHP\nModel 12\nPJL,PCL\n\n")
+    system.update()
+    daemon.wait_for_line("[Bonjour] device insert lp7")
+    kernels.write_text("")
+    daemon.wait_for_line("[Bonjour] device remove lp7")

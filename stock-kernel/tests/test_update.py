@@ -1,0 +1,456 @@
+"""The status file as a whole: when it is written, and that it is right at every moment."""
+
+import os
+import signal
+import subprocess
+import time
+
+import pytest
+from stock_system import KERNELS, PRINTERS, STATUS_FILE
+
+from lab.waiting import PATIENCE, wait_until
+
+ACME = b"MFG:Acme;MDL:Jet;CMD:PCL;"
+OTHER = b"MFG:Other;MDL:Ink;CMD:PS;"
+
+
+def record(port, lines="Acme\nJet\nPCL"):
+    return f"usblp{port}\n{lines}\n\n"
+
+
+def other(port):
+    return record(port, "Other\nInk\nPS")
+
+
+def test_without_printers_the_file_is_there_and_empty(system):
+    system.update()
+    assert system.status == ""
+
+
+def test_ten_printers_have_their_records_in_order(system):
+    for port in (9, 3, 0, 7, 1, 8, 2, 6, 4, 5):
+        system.plug_in(port, ACME)
+    system.update()
+    assert system.status == "".join(record(port) for port in range(10))
+    assert system.slept == []
+
+
+def test_printer_above_port_nine_is_left_out_with_a_line(system):
+    for port in (10, 9, 11):
+        system.plug_in(port, ACME)
+    system.update()
+    assert system.status == record(9)
+    assert system.log == [
+        "bonjour-printers: lp10: port above 9, not published",
+        "bonjour-printers: lp11: port above 9, not published",
+    ]
+
+
+def test_broken_id_keeps_no_other_printer_out(system):
+    system.plug_in(0, ACME)
+    system.plug_in(1, b"")
+    system.plug_in(2, ACME)
+    system.update()
+    assert system.status == record(0) + record(2)
+
+
+def test_printer_that_has_gone_is_taken_out_at_once(system):
+    system.plug_in(0, ACME)
+    system.plug_in(1, ACME)
+    system.update()
+    system.pull_out(0)
+    system.update()
+    assert system.status == record(1)
+    system.pull_out(1)
+    system.update()
+    assert system.status == ""
+    assert system.slept == []
+
+
+def test_everybody_may_read_it_and_nothing_else_lies_beside_it(system):
+    system.plug_in(0, ACME)
+    os.umask(0o077)
+    system.update()
+    assert (system.root / STATUS_FILE).stat().st_mode & 0o777 == 0o644
+    assert (system.root / STATUS_FILE).parent.stat().st_mode & 0o777 == 0o755
+    assert system.files == ["printer_status"]
+
+
+def test_reader_of_the_old_file_reads_it_to_its_end(system):
+    system.plug_in(0, ACME)
+    system.update()
+    with open(system.root / STATUS_FILE) as reader:
+        system.pull_out(0)
+        system.update()
+        assert reader.read() == record(0)
+
+
+def test_file_that_is_right_is_not_written_again(system):
+    system.plug_in(0, ACME)
+    system.update()
+    first = (system.root / STATUS_FILE).stat()
+    system.update()
+    assert (system.root / STATUS_FILE).stat() == first
+
+
+def test_file_that_is_wrong_is_renewed(system):
+    system.plug_in(1, ACME)
+    system.settle()
+    (system.root / STATUS_FILE).write_text(other(0) + record(1) + "usblp2\nOther")
+    system.settle()
+    assert system.status == record(1)
+
+
+# Printers that change between two of the daemon's looks
+
+
+@pytest.fixture
+def published(system):
+    """With two printers in the file."""
+    system.plug_in(0, ACME)
+    system.plug_in(1, OTHER)
+    system.settle()
+    assert system.status == record(0) + other(1)
+    return system
+
+
+def replace(system, port, device_id):
+    system.pull_out(port)
+    system.plug_in(port, device_id)
+
+
+def test_port_of_another_printer_is_left_out_for_two_looks(published):
+    replace(published, 0, OTHER)
+    published.settle()
+    assert published.status == other(0) + other(1)
+    during = ["slept 1: usblp1", "Other", "Ink", "PS"]
+    assert published.slept == 3 * during
+
+
+def test_printers_that_swap_their_ports_are_left_out_both(published):
+    replace(published, 0, OTHER)
+    replace(published, 1, ACME)
+    published.settle()
+    assert published.status == other(0) + record(1)
+    assert published.slept == 3 * ["slept 1: "]
+
+
+def test_port_that_was_seen_without_a_printer_is_left_out_as_long(published):
+    published.pull_out(0)
+    published.update()
+    published.plug_in(0, OTHER)
+    published.settle()
+    assert published.status == other(0) + other(1)
+    assert len(published.slept) == 3 * 4
+
+
+def test_printer_that_changes_again_is_left_out_anew(published):
+    """The file is never without the port for less than two looks."""
+    published.pull_out(0)
+    published.update()
+    published.uptime = "1002.57"
+    published.plug_in(0, OTHER)
+    published.update()
+    assert published.status == other(0) + other(1)
+    published.pull_out(0)
+    published.update()
+    published.plug_in(0, ACME)
+    published.settle()
+    assert len(published.slept) == 3 * 4
+
+
+@pytest.mark.parametrize(
+    "uptime, waits",
+    [("1000.08", True), ("1002.56", True), ("1002.57", False), ("99.08", False), ("0.09", False)],
+    ids=["at once", "almost two looks", "two looks", "after a boot", "at the very boot"],
+)
+def test_port_is_left_out_for_two_looks_and_no_longer(published, uptime, waits):
+    published.pull_out(0)
+    published.update()
+    published.uptime = uptime
+    published.plug_in(0, OTHER)
+    published.settle()
+    assert published.status == other(0) + other(1)
+    assert bool(published.slept) == waits
+
+
+# What update leaves to a process of its own
+
+
+def recorder(name, status=0):
+    return f'#!/bin/sh\necho "{name} $*" >> /called\nexit {status}\n'
+
+
+SYSTEMD_RUN = f"systemd-run --quiet --no-block --collect {PRINTERS} settle"
+SETSID = f"setsid {PRINTERS} settle"
+
+
+@pytest.mark.parametrize("left", ["record", "attribute"])
+@pytest.mark.parametrize(
+    "has_systemd, status, called",
+    [(False, 0, [SETSID]), (True, 0, [SYSTEMD_RUN]), (True, 1, [SYSTEMD_RUN, SETSID])],
+    ids=["no systemd", "systemd", "systemd that refuses"],
+)
+def test_update_leaves_what_takes_seconds_to_others(published, has_systemd, status, called, left):
+    system = published
+    system.replace_program("setsid", recorder("setsid"))
+    system.replace_program("systemd-run", recorder("systemd-run", status))
+    if has_systemd:
+        (system.root / "run/systemd/system").mkdir(parents=True)
+    replace(system, 0, OTHER if left == "record" else None)
+    system.update()
+    wait_until(lambda: system.lines("called") == called, "the rest is left to others")
+    assert system.status == other(1)
+    assert (system.slept, system.log) == ([], [])
+
+
+def test_without_setsid_the_rest_is_done_all_the_same(debian):
+    debian.plug_in(0, ACME)
+    debian.update()
+    (debian.root / "bin/setsid").unlink()
+    replace(debian, 0, OTHER)
+    debian.update()
+    wait_until(lambda: debian.status == other(0), "the rest is done")
+
+
+def test_rest_is_done_and_holds_nothing_of_the_callers(published):
+    """Neither pipes nor locks: the caller is waited for through the descriptors 1, 2, 3 and 9."""
+    system = published
+    goes_on = system.root / "goes-on"
+    nap = system.real("sleep")
+    sleep = f"until [ -e /goes-on ]; do {nap} 0.01; done; echo 2000.00 > /proc/uptime"
+    system.replace_program("sleep", f"#!/bin/sh\n{sleep}\n")
+    replace(system, 0, OTHER)
+    try:
+        done = system.run("/bin/sh", "-c", f"{PRINTERS} update 3>&1 9>&2", timeout=10 * PATIENCE)
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+        assert system.status == other(1)
+    finally:
+        goes_on.touch()
+    wait_until(lambda: system.status == other(0) + other(1), "the rest is done")
+
+
+# The file of a kernel that has one
+
+
+def test_file_of_a_kernel_that_has_one_is_linked(system):
+    (system.root / KERNELS[1:]).write_text("the kernel's\n")
+    system.plug_in(0, ACME)
+    system.update()
+    first = (system.root / STATUS_FILE).lstat()
+    system.update()
+    assert (system.root / STATUS_FILE).lstat() == first
+    assert os.readlink(system.root / STATUS_FILE) == KERNELS
+    assert (system.root / KERNELS[1:]).read_text() == "the kernel's\n"
+    assert system.files == ["printer_status"]
+
+
+def test_file_of_the_kernel_that_appears_and_goes_is_followed_with_a_pause(published):
+    (published.root / KERNELS[1:]).write_text(record(0))
+    published.settle()
+    assert os.readlink(published.root / STATUS_FILE) == KERNELS
+    assert published.slept == 3 * ["slept 1: "]
+    (published.root / KERNELS[1:]).unlink()
+    published.settle()
+    assert not (published.root / STATUS_FILE).is_symlink()
+    assert published.status == record(0) + other(1)
+    assert published.slept == 6 * ["slept 1: "]
+
+
+# Several at once
+
+
+def hold(system, name):
+    """Has the next call of a program say so on /held, and wait for /goes-on before it is run."""
+    os.mkfifo(system.root / "held")
+    os.mkfifo(system.root / "goes-on")
+    system.replace_program(
+        name,
+        f"""#!/bin/sh
+        if mkdir /paused 2> /dev/null; then
+          echo > /held
+          read -r action < /goes-on
+          [ "$action" != fail ] || exit 1
+        fi
+        exec {system.real(name)} "$@"
+        """,
+    )
+
+
+def start_settling(system):
+    words = ["env", "--default-signal=HUP,INT,TERM", *system.command(PRINTERS, "settle")]
+    return subprocess.Popen(words, start_new_session=True)
+
+
+# Between looking at the printers and changing the file, and in the middle of that.
+@pytest.mark.parametrize("program", ["cat", "mv"])
+def test_one_that_was_overtaken_leaves_the_newer_state(debian, program):
+    debian.settle()
+    debian.plug_in(0, ACME)
+    hold(debian, program)
+    late = start_settling(debian)
+    (debian.root / "held").read_text()
+    debian.pull_out(0)
+    debian.plug_in(1, ACME)
+    debian.settle()
+    assert debian.status == record(1)
+    (debian.root / "goes-on").write_text("\n")
+    assert late.wait() == 0
+    assert debian.status == record(1)
+
+
+@pytest.mark.parametrize("program", ["cat", "mv"])
+def test_one_that_was_killed_is_in_no_later_ones_way(debian, program):
+    debian.settle()
+    debian.plug_in(0, ACME)
+    hold(debian, program)
+    killed = start_settling(debian)
+    (debian.root / "held").read_text()
+    os.killpg(killed.pid, signal.SIGKILL)
+    killed.wait()
+    assert debian.status == ""
+    debian.settle()
+    assert debian.status == record(0)
+
+
+def test_many_at_once_leave_the_state_of_the_end(system):
+    """As when a hub with printers is plugged in: a call for each of them."""
+    running = []
+    for port in range(10):
+        system.plug_in(port, ACME)
+        running.append(start_settling(system))
+    for port in (4, 7):
+        system.pull_out(port)
+        running.append(start_settling(system))
+    assert [each.wait() for each in running] == [0] * len(running)
+    assert system.status == "".join(record(port) for port in (0, 1, 2, 3, 5, 6, 8, 9))
+    assert set(system.files) <= {"printer_status", ".taken_out"}
+
+
+# Attributes that the kernel makes late
+
+
+def test_attribute_that_the_kernel_makes_late_is_waited_for(system):
+    system.plug_in(0, None)
+    attribute = "/sys/devices/printer0/ieee1284_id"
+    system.replace_program("sleep", f"#!/bin/sh\necho '{ACME.decode()}' > {attribute}\n")
+    system.settle()
+    assert system.status == record(0)
+    assert system.log == []
+
+
+def test_attribute_that_never_comes_is_waited_for_three_seconds(system):
+    system.plug_in(0, None)
+    system.plug_in(1, ACME)
+    system.settle()
+    assert system.status == record(1)
+    assert system.log == ["bonjour-printers: lp0: no device id, not published"]
+    assert [line for line in system.slept if line.startswith("slept")] == 3 * ["slept 1: usblp1"]
+
+
+def test_printer_that_goes_while_it_is_waited_for_is_none(system):
+    system.plug_in(0, None)
+    system.replace_program("sleep", "#!/bin/sh\nrm /sys/class/usbmisc/lp0\n")
+    system.settle()
+    assert system.status == ""
+    assert system.log == []
+
+
+def test_printer_that_goes_while_its_id_is_read_is_none(debian):
+    debian.plug_in(0, ACME)
+    debian.replace_program(
+        "awk", '#!/bin/sh\nrm -f /sys/class/usbmisc/lp0\nexec /bin/real-awk "$@"\n'
+    )
+    debian.update()
+    assert debian.status == ""
+    assert debian.log == []
+
+
+# What can go wrong
+
+
+def test_full_file_system_keeps_the_old_file_and_nothing_beside_it(system):
+    # One page for a directory's files: the first is full after its record.
+    script = f"""
+        mkdir -p /var/run/bonjour
+        mount -t tmpfs -o size=4k,mode=755 none /var/run/bonjour
+        {PRINTERS} update || exit 3
+        mv /sys/class/usbmisc/.lp1 /sys/class/usbmisc/lp1
+        {PRINTERS} update 2> /dev/null && exit 4
+        cat {STATUS_FILE}
+        echo /var/run/bonjour/* /var/run/bonjour/.[!.]*
+        """
+    system.plug_in(0, ACME)
+    system.plug_in(1, ACME)
+    usb_printers = system.root / "sys/class/usbmisc"
+    (usb_printers / "lp1").rename(usb_printers / ".lp1")
+    done = subprocess.run(
+        ["unshare", "--mount", *system.command("/bin/sh", "-c", script)],
+        capture_output=True,
+        text=True,
+    )
+    left = "/var/run/bonjour/printer_status /var/run/bonjour/.[!.]*\n"
+    assert (done.returncode, done.stdout) == (0, record(0) + left)
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGINT, signal.SIGTERM])
+def test_one_that_is_told_to_end_leaves_nothing_behind(debian, number):
+    debian.settle()
+    debian.plug_in(0, ACME)
+    hold(debian, "mv")
+    told = start_settling(debian)
+    (debian.root / "held").read_text()
+    assert len(debian.files) == 2
+    os.kill(told.pid, number)
+    (debian.root / "goes-on").write_text("fail\n")
+    told.wait()
+    assert debian.files == ["printer_status"]
+    assert debian.status == ""
+
+
+@pytest.mark.parametrize("program, call", [("awk", 1), ("awk", 2), ("cat", 1), ("mv", 1)])
+def test_want_of_memory_for_a_program_keeps_the_old_file(debian, program, call):
+    debian.plug_in(0, ACME)
+    debian.update()
+    debian.plug_in(1, ACME)
+    before = [f"! mkdir /call-{number} 2> /dev/null || " for number in range(1, call + 1)]
+    real = f'exec {debian.real(program)} "$@"'
+    steps = [f"{condition}{real}" for condition in before[:-1]] + [f"{before[-1]}exit 1", real]
+    debian.replace_program(program, "\n".join(["#!/bin/sh", *steps, ""]))
+    assert debian.run(PRINTERS, "update").returncode == 1
+    assert debian.status == record(0)
+    assert debian.files == ["printer_status"]
+
+
+def test_without_a_logger_lines_go_to_standard_error(debian):
+    (debian.root / "bin/logger").unlink()
+    debian.plug_in(0, b"")
+    done = debian.run(PRINTERS, "update")
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr == "lp0: no device id, not published\n"
+
+
+def test_update_is_quick(system):
+    """It is run by udev, where only short programs may be."""
+    for port in range(10):
+        system.plug_in(port, ACME)
+    begun = time.monotonic()
+    system.update()
+    assert time.monotonic() - begun < 2 * PATIENCE
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [(), ("update", "x"), ("run",), ("x",)],
+    ids=lambda words: " ".join(words) or "none",
+)
+def test_wrong_arguments_are_told_the_right_ones(system, arguments):
+    done = system.run(PRINTERS, *arguments)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr.startswith("usage: bonjour-printers update|settle\n")
+
+
+def test_help_is_to_be_had(system):
+    done = system.run(PRINTERS, "--help")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.startswith("usage: bonjour-printers update|settle\n")
