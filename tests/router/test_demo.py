@@ -21,7 +21,7 @@ STEPS = [
     "A new host on the link looks for printers",
     "HP LaserJet 1018 (aa:bb:cc) 0   raw printing   192.168.77.1   9100",
     "A printer is pulled out: HP LaserJet 1018",
-    "The router is switched off by its owner",
+    "The router's owner switches it off",
     "it says goodbye for every printer left",
     "the host's list is empty",
     "Done in",
