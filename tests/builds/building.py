@@ -8,7 +8,8 @@ import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 FILES = ["CMakeLists.txt", "CMakePresets.json"]
-FOLDERS = ["app", "base", "cmake", "mdns", "packaging", "printer", "records"]
+FOLDERS = ["app", "base", "cmake", "mdns", "packaging", "printer", "records", "standard"]
+FOLDERS += ["stock-kernel"]
 
 
 # Where it does not matter what the compiler makes of it.

@@ -54,7 +54,7 @@ def groups_of(preset, groups):
 
 def folder(group):
     """Where the tests of a group of pytest's are."""
-    return f"tests/{group}"
+    return "stock-kernel/tests" if group == "stock_kernel" else f"tests/{group}"
 
 
 def targets(groups):
