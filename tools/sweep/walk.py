@@ -17,7 +17,7 @@ from lab.waiting import PATIENCE, TimedOut
 
 START, IN, ASK, CHANGE, STOP = "start", "printers in", "questions", "one out, one in", "stop"
 
-# The way when the fault is in this phase: on to what it may have touched, and to the stop.
+# The way when the fault is in this phase: on to what it may have affected, and to the stop.
 WAYS = {
     None: (START, IN, ASK, CHANGE, STOP),
     START: (START, IN, ASK, STOP),
@@ -149,7 +149,7 @@ class Made:
 
 
 class Gone(Exception):
-    """The daemon ended by itself."""
+    """The daemon ended without being told to."""
 
 
 class Unsuited(AssertionError):
