@@ -13,7 +13,7 @@ import time
 _TESTS = ["-DBONJOUR_TESTS=ON", "-DBONJOUR_LAB=ON"]
 _PLAIN = ["-DCMAKE_CXX_FLAGS=-O1 -w", *_TESTS]
 _SANITIZED = ["-DCMAKE_CXX_FLAGS=-O1 -w", "-DBONJOUR_SANITIZE=address,undefined", *_TESTS]
-# As the firmware's, as far as the code that comes out of a source file goes.
+# Like the firmware's, as far as the code generated from a source file is concerned.
 _OPTIMISED = ["-DCMAKE_CXX_FLAGS=-O2 -w"]
 _COMMON = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=", "-DBONJOUR_HARDEN=OFF"]
 
@@ -268,7 +268,7 @@ class Scratch:
         return ("killed", noticed) if noticed else ("survived", "")
 
     def judge_in_lab(self, mutant):
-        """The same by the tests that run the daemon whole."""
+        """The same, by the tests that run the whole daemon."""
         with self.mutated(mutant):
             if not self._plain.make():
                 return "killed", "the build of the tests"

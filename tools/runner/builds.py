@@ -9,7 +9,7 @@ from suite import PYTHON
 
 
 def build(preset, targets=(), output=None, background=False):
-    """Builds a preset, or these targets of it; how far it is goes to `output`. The exit status."""
+    """Builds a preset, or these targets of it; progress goes to `output`. The exit status."""
     options = ["--background"] if background else []
     command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
     return processes.run(command, stdout=output)

@@ -102,7 +102,7 @@ class Suite:
             self.failed.append(f"no test of {preset} is meant")
 
     def _run(self, preset, program, command, option):
-        # In the directory of this run alone.
+        # In the directory that only this run has.
         results = pathlib.Path(os.environ["TMPDIR"], f"{preset}-{program}.xml")
         running = processes.start(
             [*command, option, results],
