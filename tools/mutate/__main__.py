@@ -2,9 +2,9 @@
 """Changes one thing at a time in the daemon's sources and runs the tests: do they notice?
 
 Each mutant is built in a scratch copy below build/mutate/ and given to the module's own unit tests,
-then to all unit tests, then to its own ones under the sanitizers, then to the system and fault
+then to all unit tests, then to its own under the sanitizers, then to the system and fault
 tests. It is killed when one of them fails or does not end. A change that the compiler turns into
-the very same code is set aside, and so is one that it refuses. What survives is listed, unless
+identical code is set aside, and so is one that it refuses. What survives is listed, unless
 tools/mutate/survivors.toml says why nobody can observe it.
 """
 
@@ -34,7 +34,7 @@ SCRATCH = ROOT / "build/mutate"
 RESULTS = SCRATCH / "results.jsonl"
 EXPLAINED = ROOT / "tools/mutate/survivors.toml"
 GOAL = 95
-# Mutants that a worker takes at a time, all of one file: less to compile again.
+# Mutants that a worker takes at a time, all from one file: less to recompile.
 CHUNK = 8
 
 

@@ -10,7 +10,7 @@ import clang.cindex
 from clang.cindex import CursorKind as Kind
 from clang.cindex import TokenKind, TypeKind
 
-# What the build defines for a source; of what it stands for nothing is changed.
+# What the build defines for a source; nothing that it stands for is changed.
 DEFINED = ['-DBONJOUR_VERSION=""', '-DBONJOUR_BUILD_TIME=""', '-DBONJOUR_STATUS_FILE=""']
 _OPERATORS = {
     "+": ["-"],

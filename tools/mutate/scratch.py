@@ -1,4 +1,4 @@
-"""A copy of the sources, out of the way, with builds of its own, in which a mutant is judged."""
+"""A copy of the sources, out of the way, with its own builds, in which a mutant is judged."""
 
 import contextlib
 import os
@@ -9,15 +9,15 @@ import signal
 import subprocess
 import time
 
-# Quick to compile and to link. A mutant may well deserve a warning: that is not what is asked.
+# Quick to compile and to link. A mutant may well deserve a warning: that is not the question.
 _TESTS = ["-DBONJOUR_TESTS=ON", "-DBONJOUR_LAB=ON"]
 _PLAIN = ["-DCMAKE_CXX_FLAGS=-O1 -w", *_TESTS]
 _SANITIZED = ["-DCMAKE_CXX_FLAGS=-O1 -w", "-DBONJOUR_SANITIZE=address,undefined", *_TESTS]
-# As the firmware's, as far as the code that comes out of a source file goes.
+# Like the firmware's, as far as the code generated from a source file is concerned.
 _OPTIMISED = ["-DCMAKE_CXX_FLAGS=-O2 -w"]
 _COMMON = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=", "-DBONJOUR_HARDEN=OFF"]
 
-# A mutant may print without end, or compute: the seconds of a process.
+# A mutant may print or compute endlessly: the seconds that a process gets.
 _LIMITS = ["prlimit", f"--fsize={1 << 28}", "--core=0"]
 _BUILD_CPU = _LAB_CPU = 120
 _UNIT_CPU = 5
@@ -115,7 +115,7 @@ class Build:
         return self._judge(bound, *self._run(cpu, bound, *ctest, *selection))
 
     def test_in_lab(self, bound, parallel):
-        """The same of the tests in the lab, so many at a time."""
+        """The same for the tests in the lab, so many at a time."""
         environment = {
             "BONJOUR": str(self._directory / "bonjour"),
             "BONJOUR_USBLP_DEVICE": str(self._directory / "lab/usblp_device"),
@@ -235,7 +235,7 @@ class Scratch:
         return self._plain.test(_UNIT_CPU, self._unit_bound, *_UNITS)
 
     def _test_sanitized(self, mutant):
-        """A read or a write beyond an object is an error also when it changes no result."""
+        """A read or a write beyond an object is an error even when it changes no result."""
         own, folder = self._modules_of(mutant)
         modules = own or folder
         if not modules:
@@ -268,7 +268,7 @@ class Scratch:
         return ("killed", noticed) if noticed else ("survived", "")
 
     def judge_in_lab(self, mutant):
-        """The same by the tests that run the daemon whole."""
+        """The same, by the tests that run the whole daemon."""
         with self.mutated(mutant):
             if not self._plain.make():
                 return "killed", "the build of the tests"

@@ -1,4 +1,4 @@
-"""What ./test does, once Python is there."""
+"""What ./test does, once Python is installed."""
 
 import os
 import pathlib
@@ -38,7 +38,7 @@ def prepare(*groups):
 
 
 def list_tests(options):
-    """Names the tests; how far the builds are goes to standard error, apart from the names."""
+    """Names the tests; the builds' progress goes to standard error, apart from the names."""
     for preset in options.presets:
         groups = command_line.groups_of(preset, options.groups or command_line.GROUPS)
         # ctest knows a test once it is built.
@@ -150,7 +150,7 @@ def main():
     for number in (signal.SIGTERM, signal.SIGHUP):
         if signal.getsignal(number) == signal.SIG_DFL:
             signal.signal(number, lambda number, _: sys.exit(128 + number))
-    # What is left over by tools and tests goes with it.
+    # Whatever tools and tests leave behind is removed with it.
     temporary = processes.temporary_directory()
     os.chdir(ROOT)
     long_runs = {

@@ -9,14 +9,14 @@ from suite import PYTHON
 
 
 def build(preset, targets=(), output=None, background=False):
-    """Builds a preset, or these targets of it; how far it is goes to `output`. The exit status."""
+    """Builds a preset, or these targets of it; progress goes to `output`. The exit status."""
     options = ["--background"] if background else []
     command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
     return processes.run(command, stdout=output)
 
 
 class Builds:
-    """Builds presets in their order, in a thread of its own. Iterating gives each preset as soon as
+    """Builds presets in their order, in a separate thread. Iterating gives each preset as soon as
     it is built, and ends the process if one can't be."""
 
     def __init__(self, targets):
@@ -27,7 +27,7 @@ class Builds:
 
     def _build_all(self):
         for number, (preset, targets) in enumerate(self._targets.items()):
-            # Tests are to find the processor free: they look at times.
+            # Tests need the processor free: they look at times.
             status = build(preset, targets, background=number > 0)
             self._done.put(status)
             if status != 0:

@@ -1,4 +1,4 @@
-"""What a process has from whoever started it, and tests and tools do not bear."""
+"""What a process inherits from whoever started it, and tests and tools cannot cope with."""
 
 import os
 import signal

@@ -85,7 +85,7 @@ def _parser():
 
 
 def _check_long_run(parser, options, chosen, others):
-    """A long run is one by itself."""
+    """Refuses a long run that is combined with anything else."""
     selections = {
         "GROUP": options.groups,
         "--name": options.name is not None,

@@ -15,7 +15,7 @@ _groups = set()
 
 
 def start(command, **options):
-    """Starts a program in a process group of its own, which Ctrl-C at the terminal does not reach;
+    """Starts a program in its own process group, which Ctrl-C at the terminal does not reach;
     end_all() does."""
     started = subprocess.Popen(
         [str(word) for word in command],

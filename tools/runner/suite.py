@@ -17,7 +17,7 @@ _NONE_MEANT = 5
 
 
 def _steady(preset):
-    """What the thread sanitizer needs: its layout of memory does not bear the widest address
+    """What the thread sanitizer needs: its memory layout does not work with the widest address
     randomisation."""
     bits = pathlib.Path("/proc/sys/vm/mmap_rnd_bits")
     wide = bits.exists() and int(bits.read_text()) > 28
@@ -102,7 +102,7 @@ class Suite:
             self.failed.append(f"no test of {preset} is meant")
 
     def _run(self, preset, program, command, option):
-        # In the directory of this run alone.
+        # In the directory that only this run has.
         results = pathlib.Path(os.environ["TMPDIR"], f"{preset}-{program}.xml")
         running = processes.start(
             [*command, option, results],
@@ -112,7 +112,7 @@ class Suite:
             text=True,
             errors="replace",
         )
-        # A line at a time: what builds print is not to come into one.
+        # A line at a time: what builds print must not end up inside one.
         for line in running.stdout:
             print(line, end="", flush=True)
         status = processes.finish(running)

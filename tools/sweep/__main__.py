@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""Lets every single call of the daemon fail, one in each run, and checks what comes of it.
+"""Lets every single call of the daemon fail, one in each run, and checks what happens.
 
-The daemon goes its way in the lab: start, probe, a printer with a model and one whose model comes
+The daemon runs its course in the lab: start, probe, a printer with a model and one whose model comes
 from its device id, the three sorts of question, a printer out and one in, stop. For each call of
 libc that it makes on the way there are two runs: that call alone fails; and from it on every call
-of the same function fails for a second. Whatever comes of it, no line may be one that the daemon
-does not have and no packet malformed; once the fault is over everything that was announced is
-answered; and the end is a clean one, with status 0 and every goodbye: no crash, no hang, no busy
-loop, nothing left.
+of the same function fails for a second. Whatever happens, the daemon may write no line that is not
+one of its own and send no malformed packet; once the fault is over everything that was announced is
+answered; and the end is clean, with status 0 and every goodbye: no crash, no hang, no busy loop,
+nothing left.
 
-The runs go side by side, each in a lab of its own. What a run that failed did lies in
+The runs go side by side, each in its own lab. What a failed run did is kept in
 build/PRESET/sweep-failures/.
 """
 
@@ -38,10 +38,10 @@ from sweep.faults import all_faults  # noqa: E402
 from sweep.walk import ERRORS, Unsuited, Walk, prepare  # noqa: E402
 
 TARGETS = ("bonjour", "usblp_device", "fault_shim")
-# Ways without a fault, to learn which calls there are.
+# Walks without a fault, to learn which calls there are.
 PLAIN_WALKS = 4
 LABS_PER_PROCESSOR = 20
-# How often a way is gone at most until it says something about the fault.
+# How often a walk is repeated at most until it says something about the fault.
 TRIES = 3
 
 
@@ -56,7 +56,7 @@ def build(preset):
 
 
 def end_when_told():
-    """Lets a signal end this process by way of its `finally`s, which no further one disturbs."""
+    """Lets a signal end this process by way of its `finally`s, which no further signal disturbs."""
 
     def end(*_):
         for number in (signal.SIGINT, signal.SIGTERM):
@@ -68,7 +68,7 @@ def end_when_told():
 
 
 class Worker:
-    """A process with a lab of its own, which takes orders until it is ended."""
+    """A process with its own lab, which takes orders until it is ended."""
 
     def __init__(self, orders, results, board, failures):
         self._orders = orders
@@ -87,7 +87,7 @@ class Worker:
                 with Lab() as lab:
                     prepare(lab)
                     is_clean = True
-                    # Behind a failure nothing of its lab is trusted.
+                    # After a failure nothing in its lab is trusted.
                     while is_clean and order is not None:
                         is_clean = self._carry_out(lab, *order)
                         order = self._next()
@@ -125,7 +125,7 @@ class Worker:
 
 
 class Team:
-    """The workers, and what they are told and tell."""
+    """The workers, their orders and their reports."""
 
     def __init__(self, jobs, directory, failures):
         context = multiprocessing.get_context("fork")
@@ -162,7 +162,7 @@ class Team:
 
 
 def plain_walks(team):
-    """The ways without a fault: those whose log goes to pipes, and those with sockets."""
+    """The walks without a fault: those whose log goes to pipes, and those with sockets."""
     orders = [(None, False)] * PLAIN_WALKS + [(None, True)] * PLAIN_WALKS
     walks = {False: [], True: []}
     for _, problem, made in team.run(orders):

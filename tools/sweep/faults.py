@@ -5,12 +5,12 @@ import subprocess
 
 from sweep.walk import ERRORS, Fault
 
-# A thread that makes the same call again and again is polling: so many of these are swept. The
-# longest series that is none are the datagrams that end the probe.
+# A thread that makes the same call again and again is polling: this many of them are swept. The
+# longest series that is not polling is the datagrams that end the probe.
 SERIES_MAX = 12
 
 # What the daemon calls and what does not fail: on memory alone, with valid arguments alone, or
-# without a failure that it could tell.
+# without a failure that it could notice.
 CANNOT_FAIL = frozenset(
     "__errno_location __libc_start_main __snprintf_chk __stack_chk_fail free inet_addr memchr "
     "memcmp munmap pthread_attr_destroy pthread_attr_init pthread_attr_setdetachstate "

@@ -17,7 +17,7 @@ from lab.waiting import PATIENCE, TimedOut
 
 START, IN, ASK, CHANGE, STOP = "start", "printers in", "questions", "one out, one in", "stop"
 
-# The way when the fault is in this phase: on to what it may have touched, and to the stop.
+# The way when the fault is in this phase: on to what it may have affected, and to the stop.
 WAYS = {
     None: (START, IN, ASK, CHANGE, STOP),
     START: (START, IN, ASK, STOP),
@@ -67,7 +67,7 @@ POLL_OF_A_STOP = 10000
 POLLS_OF_A_STOP = 150
 
 # The first has a model in the status file, the second one in its device id alone, the third comes
-# when the first goes.
+# when the first is removed.
 MODELLED = Printer(0, "HP", "Model 12")
 UNMODELLED = Printer(1, "HP Laser A", "")
 LATER = Printer(2, "HP", "Model 34")
@@ -106,14 +106,14 @@ INHERITED = ("mnt", "net")
 BOUND = 20
 POLL_SECONDS = 0.01
 
-# The threads that may be the monitor: it is the fourth to be started, if no other one failed.
+# The threads that may be the monitor: it is the fourth to be started, if no other failed.
 MONITORS = (2, 3, 4)
 
 
 @dataclasses.dataclass(frozen=True)
 class Fault:
     """The call of `function` by `thread` (as in board.py) in `phase` that fails, counted from 0.
-    With `lasts` all others do, too, for a second. `on_sockets`: the log goes to sockets."""
+    With `lasts` all others fail too, for a second. `on_sockets`: the log goes to sockets."""
 
     phase: str
     thread: int
@@ -149,7 +149,7 @@ class Made:
 
 
 class Gone(Exception):
-    """The daemon ended by itself."""
+    """The daemon ended without being told to."""
 
 
 class Unsuited(AssertionError):
@@ -213,7 +213,7 @@ class Walk:
         self._name = None
         self._present = set()
         # The calls in the order of their beginning; of each thread the last one; those that have
-        # not returned or stand after such a one.
+        # not returned or follow one that has not.
         self._calls = []
         self._last = {}
         self._pending = []
@@ -325,7 +325,7 @@ class Walk:
             self._lab.bystander.send(payload)
 
     def _ask(self):
-        """Asks, and once the fault is over, everything that was announced has to be answered."""
+        """Asks; once the fault is over, everything that was announced has to be answered."""
         is_over = self._fault is None or self._fault.phase != ASK or ASK in self._phase_starts
         if ASK not in self._phase_starts:
             self._begin(ASK)
@@ -409,7 +409,7 @@ class Walk:
         self._wait(lambda: False, "the end")
 
     def run(self):
-        """Goes the way and raises if anything was not as it has to be."""
+        """Walks it and raises if anything was not as it has to be."""
         steps = {
             START: self._start,
             IN: lambda: (self._begin(IN), self._show(MODELLED, UNMODELLED)),

@@ -1,6 +1,6 @@
 ################################################################################
 #
-# bonjour: the tree that this external tree lies in
+# bonjour: the tree that contains this external tree
 #
 ################################################################################
 
@@ -33,7 +33,7 @@ define BONJOUR_INSTALL_TARGET_CMDS
 		$(TARGET_DIR)/etc/default/bonjour
 endef
 
-# BusyBox init calls what is named S and a number.
+# BusyBox init runs scripts whose names are S and a number.
 define BONJOUR_INSTALL_INIT_SYSV
 	DESTDIR=$(TARGET_DIR) $(BR2_CMAKE) --install $(@D) --component sysvinit
 	ln -sf bonjour $(TARGET_DIR)/etc/init.d/S95bonjour

@@ -1,5 +1,5 @@
 SUMMARY = "Publishes USB printers on the local link by multicast DNS"
-# No licence is granted; the file says so. From 6.0 on its flag goes without the prefix.
+# No licence is granted; the file says so. From 6.0 on its flag has no prefix.
 LICENSE = "LicenseRef-bonjour-CLOSED"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=7a9119b4f08d2ad9b25b1df61d540599"
 NO_GENERIC_LICENSE[LicenseRef-bonjour-CLOSED] = "LICENSE"
@@ -7,7 +7,7 @@ NO_GENERIC_LICENSE[bonjour-CLOSED] = "LICENSE"
 
 inherit cmake systemd update-rc.d externalsrc
 
-# The tree that this layer lies in, which gets no links to the build.
+# The tree that contains this layer, which gets no links to the build.
 EXTERNALSRC = "${@os.path.realpath(d.getVar('THISDIR') + '/../../../..')}"
 EXTERNALSRC_SYMLINKS = ""
 
