@@ -130,7 +130,7 @@ def test_printers_that_swap_ports_between_two_looks_are_published_under_their_ow
     for port, device_id in ((0, ACME), (1, HP)):
         system.plug_in(port, device_id)
     system.update()
-    daemon.wait_until(lambda: announced(since) >= expected(swapped), "both are published anew")
+    daemon.wait_until(lambda: announced(since) >= expected(swapped), "both are published again")
     assert daemon.count("[Bonjour] device remove lp0") == 1
     assert daemon.count("[Bonjour] device remove lp1") == 1
 

@@ -171,7 +171,7 @@ class Life:
 
     def _settle(self, ports):
         """Lets just these printers be there, and waits until the daemon has noticed them. They all
-        come anew: one is left out if its file goes while its texts are made, or memory does."""
+        come back: one is left out if its file goes while its texts are made, or memory does."""
         for wanted in (set(), set(ports)):
             self._present = wanted
             self._write()
