@@ -1,13 +1,13 @@
 #!/usr/bin/python3
 """Lets every single call of the daemon fail, one in each run, and checks what happens.
 
-The daemon runs its course in the lab: start, probe, a printer with a model and one whose model comes
-from its device id, the three sorts of question, a printer out and one in, stop. For each call of
-libc that it makes on the way there are two runs: that call alone fails; and from it on every call
-of the same function fails for a second. Whatever happens, the daemon may write no line that is not
-one of its own and send no malformed packet; once the fault is over everything that was announced is
-answered; and the end is clean, with status 0 and every goodbye: no crash, no hang, no busy loop,
-nothing left.
+The daemon runs its course in the lab: start, probe, a printer with a model and one whose model
+comes from its device id, the three sorts of question, a printer out and one in, stop. For each
+call of libc that it makes on the way there are two runs: that call alone fails; and from it on
+every call of the same function fails for a second. Whatever happens, the daemon may write no line
+that is not one of its own and send no malformed packet; once the fault is over everything that was
+announced is answered; and the end is clean, with status 0 and every goodbye: no crash, no hang, no
+busy loop, nothing left.
 
 The runs go side by side, each in its own lab. What a failed run did is kept in
 build/PRESET/sweep-failures/.
