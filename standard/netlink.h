@@ -34,6 +34,6 @@ int OpenNetlink();
 /// Takes messages that wait on a socket of OpenNetlink; not all of them when there are very many.
 void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name);
 
-/// Asks the kernel for everything anew. Returns true, and `watch` is right and not to be read
+/// Asks the kernel for everything again. Returns true, and `watch` is right and not to be read
 /// again, when all of it could be read.
 bool ReadLink(int netlink, LinkWatch& watch, std::string_view name);

@@ -31,7 +31,7 @@ SocketFailure OpenSockets(Sockets& sockets, std::string_view name, int32_t index
 /// family refuses of which `link` has no address is no failure.
 SocketFailure JoinGroups(Sockets& sockets, const LinkState& link);
 
-/// Leaves the groups, so that JoinGroups joins them all anew.
+/// Leaves the groups, so that JoinGroups joins them all again.
 void LeaveGroups(Sockets& sockets);
 
 /// Closes what is open.
