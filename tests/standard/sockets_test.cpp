@@ -158,7 +158,13 @@ TEST_F(SocketsTest, SentDatagramsGoToTheGroupsAndComeBack) {
     datagram.destination.port = 5353;
     datagram.bytes[0] = 0x2A;
     datagram.length = 1;
-    SendDatagram(sockets, datagram);
+    // The kernel gives a new bridge its IPv6 address and routes once it has a carrier; before that
+    // nothing can be sent.
+    pollfd entry = {sockets.descriptors[static_cast<size_t>(family)], POLLIN, 0};
+    for (int tries = 0; tries < 100 && entry.revents == 0; ++tries) {
+      SendDatagram(sockets, datagram);
+      poll(&entry, 1, 100);
+    }
     const ReceivedDatagram taken = Receive(family);
     EXPECT_EQ(Hex({taken.bytes, taken.length}), "2A");
     EXPECT_TRUE(taken.isMulticast);
