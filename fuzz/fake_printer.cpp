@@ -5,8 +5,10 @@
 #include <cstdlib>
 
 #include "fuzz/check.h"
+#include "fuzz/input.h"
 #include "printer/printer_device.h"
 #include "printer/status_file.h"
+#include "printer/txt.h"
 
 FakePrinters fakePrinters;
 
@@ -14,15 +16,17 @@ namespace {
 
 constexpr size_t kFileLimit = 40960;
 constexpr size_t kIdSize = 512;
+constexpr size_t kTxtFieldSize = 513;
 
 }  // namespace
 
-std::string VisibleStatus(const std::string& content) {
-  return content.substr(0, kFileLimit).c_str();
-}
-
-std::string VisibleId(const std::string& id) {
-  return id.size() < 2 ? "" : id.substr(2, kIdSize - 2).c_str();
+void RequireSoundTxt(int32_t port, int32_t kind) {
+  const ExactBytes field(std::string(kTxtFieldSize, '\0'));
+  const int32_t result = GetTXTData(reinterpret_cast<char*>(field.Data()), port, kind);
+  REQUIRE(result >= -1 && result <= 1, "a TXT text is made, is not, or is too long");
+  const std::string_view text = field.Text();
+  REQUIRE(text.back() == '\0', "a TXT text has at most 512 characters");
+  REQUIRE(result != 1 || text.starts_with("txtvers=1\nqtotal=1\npdl="), "a TXT text is whole");
 }
 
 int32_t ReadPrinterStatus(char* buffer) {

@@ -17,8 +17,6 @@ struct FakePrinters {
 
 extern FakePrinters fakePrinters;
 
-/// What a reader sees of a status file: its first 40960 bytes, up to the first zero byte.
-std::string VisibleStatus(const std::string& content);
-
-/// The text in a device id: after the length field, up to the first zero byte or the 512th byte.
-std::string VisibleId(const std::string& id);
+/// Asks for the TXT text of a port's printer, in a block of exactly the caller's size, and requires
+/// that the result is one of the three and that a text stays inside the block.
+void RequireSoundTxt(int32_t port, int32_t kind);

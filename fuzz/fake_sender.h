@@ -1,37 +1,25 @@
-// Takes the place of the packet sender: keeps what is handed to it instead of sending it.
+// Takes the place of the packet sender: looks at what is handed to it instead of sending it.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <string>
+#include <optional>
+#include <vector>
 
-#include "fuzz/record_model.h"
+#include "fuzz/walker.h"
 
 /// A packet that was handed to SendPacket.
 struct SentPacket {
-  std::string bytes;  ///< as many of them as may be read
-  int32_t length;     ///< as the composer gave it
-  int32_t socket;
-  sockaddr_in destination;
+  int32_t length;                      ///< as the composer gave it
+  std::optional<WireMessage> message;  ///< none when the packet is longer than what is sent of it
 };
 
-/// The packets not yet looked at, the oldest first.
-extern std::deque<SentPacket> sentPackets;
+/// The packets so far; whoever looks at them clears them. Each is sound (fuzz/packet_check.h) and
+/// was sent to the multicast group on `multicastSocket`.
+extern std::vector<SentPacket> sentPackets;
 
 /// Called with each packet in place of keeping it, when set.
 extern std::function<void(const SentPacket&)> onSend;
 
-/// Requires that `sent` is `model`, composed in a buffer of `capacity` bytes: length and bytes,
-/// also where the buffer's end cut it, and, when it was not cut, the records as the walker reads
-/// them; and that it goes to the multicast group on `socket`.
-void RequirePacket(const SentPacket& sent, const ModelPacket& model, int32_t capacity,
-                   int32_t socket);
-
-/// Requires the above of the oldest packet not yet looked at, which is thereby looked at.
-void RequireNextPacket(const ModelPacket& model, int32_t capacity, int32_t socket);
-
-/// Fills in the process's one multicast destination.
+/// Fills in the process's one multicast destination, and a descriptor as the multicast socket.
 void SetDestination();

@@ -9,13 +9,10 @@
 
 FakeInterface fakeInterface;
 
-bool WillUpdateHostIP() { return (fakeInterface.failures >> fakeInterface.calls % 8 & 1) == 0; }
-
 uint32_t UpdateHostIP(uint32_t slot) {
   REQUIRE(slot == 0, "only the bridge's address is read");
-  const bool found = WillUpdateHostIP();
-  ++fakeInterface.calls;
-  if (!found) return 0;
+  const uint32_t call = fakeInterface.calls++;
+  if ((fakeInterface.failures >> call % 8 & 1) != 0) return 0;
   responderState.interfaceAddress[slot].Set(htonl(fakeInterface.address));
   return 1;
 }

@@ -12,6 +12,3 @@ struct FakeInterface {
 };
 
 extern FakeInterface fakeInterface;
-
-/// What the next call of UpdateHostIP will return.
-bool WillUpdateHostIP();

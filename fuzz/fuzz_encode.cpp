@@ -1,57 +1,47 @@
 // Record encoding with any capacity, position and text.
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
-#include "fuzz/record_model.h"
+#include "fuzz/packet_check.h"
 #include "records/encode.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
-constexpr int kMaxRecords = 24;
+constexpr size_t kMaxRecords = 24;
 constexpr int32_t kCapacityLimit = 5000;
 constexpr int32_t kTypes[] = {1, 12, 16, 33, 47, 255, 28, 257};
 
-// The record as the encoder takes it.
-MdnsRecord RecordOf(const ModelRecord& model) {
-  MdnsRecord record = {};
-  model.owner.copy(record.name, sizeof(record.name) - 1);
-  record.type = model.type;
-  record.cacheFlush = model.classTopBit ? 1 : 0;
-  record.ttl = model.ttl;
-  model.data.copy(record.rdata, sizeof(record.rdata) - 1);
-  record.nsecNextOffset = model.nsecNextOffset;
-  record.port = model.port;
-  record.bitmapLength = static_cast<int32_t>(model.bitmap.size());
-  model.bitmap.copy(reinterpret_cast<char*>(record.bitmap), sizeof(record.bitmap));
-  return record;
+// A text is given as it stands or as a part that is repeated, to reach the limits of the fields.
+void SetField(char* field, size_t limit, const std::string& part, unsigned repeats) {
+  std::string text;
+  for (unsigned i = 0; i < repeats && text.size() < limit; ++i) text += part;
+  text.copy(field, limit);
 }
 
-ModelRecord ReadRecord(Input& script) {
-  ModelRecord model;
+MdnsRecord ReadRecord(Input& script) {
+  MdnsRecord record = {};
   const uint8_t what = script.Byte();
-  model.classTopBit = (what & 128) != 0;
-  // A text is given as it stands or as a part that is repeated, to reach the limits of the fields.
+  record.cacheFlush = what & 128;
   const std::string owner = script.Text();
   const std::string data = script.LongText();
   const unsigned repeats = (what & 64) != 0 ? script.Byte() : 1;
-  for (unsigned i = 0; i < repeats; ++i) {
-    if (model.owner.size() < 195) model.owner += owner;
-    if (model.data.size() < 1023) model.data += data;
+  SetField(record.name, sizeof(record.name) - 1, owner, repeats);
+  SetField(record.rdata, sizeof(record.rdata) - 1, data, repeats);
+  record.type = (what & 32) != 0 ? static_cast<int32_t>(script.Long()) : kTypes[what % 8];
+  record.ttl = script.Long();
+  record.port = static_cast<int32_t>(script.Long());
+  if (record.type == kTypeNsec) {
+    record.nsecNextOffset = script.Word();
+    record.bitmapLength = script.Byte() % 33;
+    script.Bytes(static_cast<size_t>(record.bitmapLength))
+        .copy(reinterpret_cast<char*>(record.bitmap), sizeof(record.bitmap));
   }
-  model.owner = model.owner.substr(0, 195);
-  model.data = model.data.substr(0, 1023);
-  model.type = (what & 32) != 0 ? static_cast<int32_t>(script.Long()) : kTypes[what % 8];
-  model.ttl = script.Long();
-  model.port = static_cast<int32_t>(script.Long());
-  if (model.type == 47) {
-    model.nsecNextOffset = script.Word();
-    model.bitmap = script.Bytes(script.Byte() % 33);
-  }
-  return model;
+  return record;
 }
 
 // One run of labels anywhere: in front of the buffer's end, across it and after it.
@@ -64,58 +54,63 @@ void CheckLabels(Input& script) {
   const ExactBytes buffer(std::string(static_cast<size_t>(capacity), '\0'));
   const int32_t end =
       EncodeLabels(buffer.Data(), capacity, position, separator, text.Text(), maxLabel);
-  ModelBuffer model(capacity);
-  REQUIRE(end == model.Labels(position, text.Text(), separator, static_cast<size_t>(maxLabel)),
-          "labels end at the position that their lengths give");
-  REQUIRE(buffer.Text() == model.Bytes(), "labels are written as far as the buffer reaches");
+  REQUIRE(end >= position, "labels end behind their start");
+  if (end >= capacity) return;
+
+  const auto start = static_cast<size_t>(position);
+  const std::string_view written =
+      buffer.Text().substr(start, static_cast<size_t>(end) - 1 - start);
+  Labels labels;
+  REQUIRE(WalkStrings(written, labels), "labels are whole");
+  size_t found = 0;
+  for (const std::string& label : labels) {
+    REQUIRE(!label.empty() && label.size() <= static_cast<size_t>(maxLabel) &&
+                label.find(separator) == std::string::npos,
+            "a label has its 1 to most characters, without a separator");
+    found = text.Text().find(label, found);
+    REQUIRE(found != std::string::npos, "labels stand in the order of the text");
+    found += label.size();
+  }
 }
 
-// One record anywhere.
-void CheckRecord(const ModelRecord& record, int32_t capacity, int32_t position, bool isQuestion) {
-  const ExactBytes buffer(std::string(static_cast<size_t>(capacity), '\0'));
-  const int32_t end =
-      EncodeRecord(buffer.Data(), capacity, position, RecordOf(record), isQuestion ? 1 : 0);
-  ModelBuffer model(capacity);
-  REQUIRE(end == model.Record(position, record, isQuestion),
-          "a record ends at the position that its fields give");
-  REQUIRE(buffer.Text() == model.Bytes(), "a record is written as far as the buffer reaches");
+void RequireSameFields(const WireRecord& wire, const MdnsRecord& record) {
+  REQUIRE(wire.type == (record.type & 0xFF), "a record has the type that was put in");
+  REQUIRE(wire.recordClass == (record.cacheFlush != 0 ? 0x8001 : 0x0001),
+          "a record has the class that was put in");
 }
 
-// A packet of records, one after the other, from the first to the last.
+// A packet of records in their order, each also alone, anywhere.
 void CheckPacket(Input& script) {
-  const int32_t capacity = 12 + script.Word() % kCapacityLimit;
+  const int32_t capacity = kHeaderSize + script.Word() % kCapacityLimit;
   const int32_t start = script.Word();
-  ModelPacket packet = {script.Byte(), {}, {}, {}};
-  for (int i = 0; i < kMaxRecords && !script.IsEmpty(); ++i) {
-    const uint8_t section = script.Byte();
-    const ModelRecord record = ReadRecord(script);
-    CheckRecord(record, capacity, start, section % 2 != 0);
-    if (section % 4 == 3) {
-      packet.questions.push_back(record);
-    } else if (section % 4 == 2) {
-      packet.authorities.push_back(record);
-    } else {
-      packet.answers.push_back(record);
-    }
-  }
-
   const ExactBytes buffer(std::string(static_cast<size_t>(capacity), '\0'));
-  buffer.Data()[2] = packet.flags;
-  buffer.Data()[5] = static_cast<uint8_t>(packet.questions.size());
-  buffer.Data()[7] = static_cast<uint8_t>(packet.answers.size());
-  buffer.Data()[9] = static_cast<uint8_t>(packet.authorities.size());
-  int32_t length = 12;
-  for (const auto* section : {&packet.questions, &packet.answers, &packet.authorities}) {
-    for (const ModelRecord& record : *section) {
-      length = EncodeRecord(buffer.Data(), capacity, length, RecordOf(record),
-                            section == &packet.questions ? 1 : 0);
-    }
+  const ExactBytes other(std::string(static_cast<size_t>(capacity), '\0'));
+  std::vector<MdnsRecord> records;
+  const uint8_t questions = script.Byte() % 4;
+  int32_t length = kHeaderSize;
+  for (; records.size() < kMaxRecords && !script.IsEmpty(); records.push_back(ReadRecord(script))) {
   }
-  ModelBuffer model(capacity);
-  REQUIRE(length == model.Packet(packet), "a packet has the length that its records give");
-  REQUIRE(buffer.Text() == model.Bytes(), "a packet has the bytes that its records give");
-  if (model.IsWhole()) {
-    RequireParsesBack(buffer.Text().substr(0, static_cast<size_t>(length)), packet);
+  for (size_t i = 0; i < records.size(); ++i) {
+    const uint32_t isQuestion = i < questions ? 1 : 0;
+    const int32_t before = length;
+    length = EncodeRecord(buffer.Data(), capacity, length, records[i], isQuestion);
+    REQUIRE(length > before, "a record ends behind its start");
+    EncodeRecord(other.Data(), capacity, start, records[i], isQuestion);
+  }
+  if (length >= capacity) return;
+
+  const size_t asked = std::min<size_t>(questions, records.size());
+  buffer.Data()[kQuestionCountOffset + 1] = static_cast<uint8_t>(asked);
+  buffer.Data()[kAnswerCountOffset + 1] = static_cast<uint8_t>(records.size() - asked);
+  WireMessage message;
+  REQUIRE(WalkMessage(buffer.Text().substr(0, static_cast<size_t>(length)), message),
+          "a packet parses to its last byte");
+  for (size_t i = 0; i < asked; ++i) RequireSameFields(message.questions[i], records[i]);
+  for (size_t i = asked; i < records.size(); ++i) {
+    const WireRecord& wire = message.answers[i - asked];
+    RequireSameFields(wire, records[i]);
+    REQUIRE(wire.ttl == records[i].ttl, "a record has the time to live that was put in");
+    RequireSoundData(records[i].type, wire.data);
   }
 }
 

@@ -9,7 +9,7 @@
 #include "fuzz/check.h"
 #include "fuzz/fake_sender.h"
 #include "fuzz/input.h"
-#include "fuzz/registry_model.h"
+#include "fuzz/registry_check.h"
 #include "records/registration.h"
 #include "records/registry.h"
 
@@ -42,24 +42,22 @@ class Run {
  private:
   void Step();
   Service ReadService();
-  void CheckFirst();
   void FreeTexts();
 
   Input& script;
-  RegistryModel registry;
+  std::vector<ServiceEntry> services;
   std::list<ExactText> texts;
 };
 
 Run::Run(Input& input) : script(input) {
   SetDestination();
-  multicastSocket.Set(9);
   responderState.connected[0].Set(script.Byte() % 2);
   responderState.interfaceAddress[0].Set(htonl(script.Long()));
   SetDeviceName(script.Text());
 }
 
 Run::~Run() {
-  registry.Purge();
+  EmptyRegistry();
   responderState.connected[0].Set(0);
 }
 
@@ -67,7 +65,6 @@ void Run::Play() {
   for (int i = 0; i < kMaxSteps && !script.IsEmpty(); ++i) {
     Step();
     FreeTexts();
-    registry.RequireSame();
   }
 }
 
@@ -77,10 +74,10 @@ Service Run::ReadService() {
   std::string name = script.Text();
   std::string type = (what & 1) != 0 ? script.Text() : kTypes[(what >> 1) % 4];
   std::string domain = (what & 8) != 0 ? script.Text() : ".local";
-  if ((what & 16) != 0 && !registry.entries.empty()) {
-    const ModelEntry& entry = registry.entries[script.Byte() % registry.entries.size()];
-    name = entry.name.substr(0, script.Byte());
-    if ((what & 1) != 0) type = entry.type.substr(0, script.Byte());
+  if ((what & 16) != 0 && !services.empty()) {
+    const ServiceEntry& entry = services[script.Byte() % services.size()];
+    name = std::string(entry.serviceName).substr(0, script.Byte());
+    if ((what & 1) != 0) type = std::string(entry.serviceType).substr(0, script.Byte());
   }
   const char* txt = nullptr;
   int32_t length = 0;
@@ -111,67 +108,58 @@ void Run::Step() {
   const int32_t length = service.txtLength;
   const uint32_t port = service.port;
 
-  REQUIRE(ValidateServiceParams(name, type, domain, txt, length, port) ==
-              ModelValidate(name, type, domain, txt != nullptr, length, port),
-          "parameters are valid when each of the rules holds");
-  const bool isRegistered = registry.Find(name, type, domain) < registry.entries.size();
-  REQUIRE(ServiceLookup(name, type, domain) == (isRegistered ? 1 : 0),
-          "a key is found when an entry begins with it");
-  uint32_t result = 0;
+  const bool isValid = ValidateServiceParams(name, type, domain, txt, length, port) != 0;
+  const bool isRegistered = ServiceLookup(name, type, domain) != 0;
+  const size_t before = services.size();
+  size_t due = before;
+  size_t packetsDue = 0;
+  sentPackets.clear();
   switch (operation % 8) {
     case 0:
     case 1:
-      result = RegisterOneService(name, type, domain, txt, length, port);
-      REQUIRE(result == registry.Register(name, type, domain, txt, length, port),
-              "a registration has the result that is due");
+      due += RegisterOneService(name, type, domain, txt, length, port);
+      REQUIRE((due > before) == (isValid && !isRegistered),
+              "a service is registered when it is valid and new");
+      packetsDue = due > before ? 2 : 0;
       break;
     case 2:
-      result = UnRegisterOneService(name, type, domain, txt, length, port);
-      REQUIRE(result == registry.Unregister(name, type, domain, txt, length, port),
-              "a withdrawal has the result that is due");
+      due -= UnRegisterOneService(name, type, domain, txt, length, port);
+      REQUIRE((due < before) == (isValid && isRegistered),
+              "a service is withdrawn when it is valid and known");
+      packetsDue = isValid ? 1 : 0;
       break;
     case 3:
-      result = ServiceRegistryUpdate(SERVICE_ADD, name, type, domain, txt, length, port);
-      REQUIRE(result == registry.Add(name, type, domain, txt, length, port),
-              "an addition has the result that is due");
+      due += ServiceRegistryUpdate(SERVICE_ADD, name, type, domain, txt, length, port);
+      REQUIRE((due > before) == !isRegistered, "an entry is added when it is new");
       break;
     case 4:
-      result = ServiceRegistryUpdate(SERVICE_REMOVE, name, type, domain, txt, length, port);
-      REQUIRE(result == registry.Remove(name, type, domain),
-              "a removal has the result that is due");
+      due -= ServiceRegistryUpdate(SERVICE_REMOVE, name, type, domain, txt, length, port);
+      REQUIRE((due < before) == isRegistered, "an entry is removed when it is known");
       break;
     case 5:
       REQUIRE(ServiceRegistryUpdate(2 + script.Byte(), name, type, domain, txt, length, port) == 1,
               "an unknown operation succeeds");
       break;
     case 6:
-      CheckFirst();
+      // An empty registry would be closed for good, which ends a process's life.
+      if (ServiceEntry first; !services.empty()) {
+        REQUIRE(!CloseRegistryIfEmpty(first), "a registry that holds a service is not closed");
+      }
       break;
     default:
       responderState.connected[0].Set(script.Byte() % 2);
       SetDeviceName(script.Text());
   }
-}
-
-// An empty registry would be closed for good, which ends a process's life.
-void Run::CheckFirst() {
-  if (registry.entries.empty()) return;
-  ServiceEntry first = {};
-  const ModelEntry& model = registry.entries.front();
-  REQUIRE(!CloseRegistryIfEmpty(first), "a registry that holds a service is not closed");
-  REQUIRE(model.name == first.serviceName && model.type == first.serviceType &&
-              model.domain == first.serviceDomain && model.txt == first.txt,
-          "the first entry is the oldest");
+  const bool isConnected = responderState.connected[0].Get() != 0;
+  REQUIRE(sentPackets.size() == (isConnected ? packetsDue : 0),
+          "probe and announcement, or a goodbye, are sent while the bridge is connected");
+  services = RequireSoundRegistry();
+  REQUIRE(services.size() == due, "the registry grows and shrinks as the results say");
 }
 
 // A text that nothing refers to is freed at once, so that a late look at it is seen.
 void Run::FreeTexts() {
-  std::erase_if(texts, [&](const ExactText& text) {
-    bool isUsed = false;
-    for (const ModelEntry& entry : registry.entries) isUsed = isUsed || entry.txt == text.Get();
-    REQUIRE(IsTextRegistered(text.Get()) == isUsed, "a text is registered while an entry has it");
-    return !isUsed;
-  });
+  std::erase_if(texts, [](const ExactText& text) { return !IsTextRegistered(text.Get()); });
 }
 
 }  // namespace

@@ -5,17 +5,16 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/check.h"
 #include "fuzz/fake_printer.h"
 #include "fuzz/fake_sender.h"
 #include "fuzz/input.h"
-#include "fuzz/registry_model.h"
-#include "fuzz/txt_model.h"
+#include "fuzz/registry_check.h"
 #include "mdns/state.h"
 #include "printer/monitor.h"
 
@@ -28,10 +27,7 @@ constexpr size_t kMaxPasses = 12;
 constexpr size_t kLongFile = 50000;
 constexpr size_t kShortFile = 2000;
 constexpr size_t kLongFileBytes = 60000;
-constexpr int kPorts = 10;
-constexpr int32_t kPdl = 1;
-constexpr int32_t kIpp = 2;
-constexpr size_t kTxtFieldSize = 513;
+constexpr size_t kPorts = 10;
 
 // What one pass of the monitor meets.
 struct Pass {
@@ -96,7 +92,7 @@ Pass PassOf(const std::string& content) {
   return pass;
 }
 
-// One run: the passes and what the monitor should have made of them.
+// One run: the passes, and what is true after each.
 class Run {
  public:
   explicit Run(Input& script);
@@ -109,26 +105,13 @@ class Run {
   void EndPass();
 
  private:
-  void CheckScan(const std::string& content);
-  void CheckBuild(const Pass& pass);
-  void ApplyPass(const Pass& pass);
-  void Insert(const Pass& pass, int port, int32_t kind, const PrinterTxt* txt);
-  int32_t BuildTxt(const Pass& pass, int32_t port, int32_t kind, std::string& txt);
-  bool IsUsed(const void* txt) const;
-  void RequireState() const;
+  static void CheckScan(const std::string& content);
+  void RequireSoundState() const;
 
   std::vector<Pass> passes;
   size_t current = 0;
   size_t purgeAt;          // the pass after which the registry is emptied
   bool isBuilder = false;  // the next reader is the TXT builder
-  unsigned idReads = 0;
-  unsigned idReadsDue = 0;
-
-  std::string deviceName;
-  std::string suffix;
-  RegistryModel registry;
-  ModelPrinters present;
-  std::vector<std::string> names = std::vector<std::string>(kPorts, std::string(129, '\0'));
 };
 
 Run* run = nullptr;
@@ -138,14 +121,9 @@ std::set<const void*> liveTexts;
 
 Run::Run(Input& script) {
   for (int i = 3; i < 6; ++i) hw_addr[i] = script.Byte();
-  char text[32];
-  snprintf(text, sizeof(text), "(%02x:%02x:%02x) ", hw_addr[3], hw_addr[4], hw_addr[5]);
-  suffix = text;
   responderState.connected[0].Set(script.Byte() % 2);
-  deviceName = script.Text().substr(0, 64);
-  SetDeviceName(deviceName);
+  SetDeviceName(script.Text());
   SetDestination();
-  multicastSocket.Set(3);
   responderState.interfaceAddress[0].Set(htonl(0xC0A80101));
   passes = ReadPasses(script);
   passes.push_back(PassOf(""));
@@ -161,7 +139,6 @@ Run::Run(Input& script) {
     return isBuilding ? pass.built : pass.seen;
   };
   fakePrinters.deviceId = [this](int32_t) -> std::optional<std::string> {
-    ++idReads;
     const Pass& pass = passes[current];
     if (pass.isDeaf) return std::nullopt;
     return pass.deviceId;
@@ -169,7 +146,7 @@ Run::Run(Input& script) {
 }
 
 Run::~Run() {
-  registry.Purge();
+  EmptyRegistry();
   responderState.connected[0].Set(0);
   fakePrinters = {};
 }
@@ -181,7 +158,7 @@ void Run::Play() {
   CheckUsbDevice(nullptr);
   isMonitor = false;
   REQUIRE(current == passes.size(), "the monitor goes on until it is stopped");
-  REQUIRE(registry.entries.empty(), "printers that have gone are not published");
+  REQUIRE(RequireSoundRegistry().empty(), "printers that have gone are not published");
   REQUIRE(liveTexts.empty(), "the texts of printers that have gone are given back");
 }
 
@@ -191,110 +168,46 @@ void Run::CheckScan(const std::string& content) {
   PrinterPresence presence = {};
   memset(printerServiceNames, 'x', sizeof(printerServiceNames));
   ScanPrinters(text.Text(), presence);
-  const ModelPrinters expected = ModelScan(content, suffix);
   for (size_t port = 0; port < kPorts; ++port) {
-    REQUIRE(presence.present[port] == (expected[port] ? 1 : 0),
-            "a port has a printer when its record is complete");
-    REQUIRE(std::string(printerServiceNames[port], 129) ==
-                (expected[port] ? *expected[port] : std::string(129, 'x')),
-            "a printer is named after its lines, and no other port's name is touched");
+    const std::string name(printerServiceNames[port], sizeof(printerServiceNames[port]));
+    if (presence.present[port] == 0) {
+      REQUIRE(name == std::string(name.size(), 'x'), "no port without a printer is named");
+    } else {
+      REQUIRE(name.find(") " + std::to_string(port) + '\0') != std::string::npos,
+              "a printer's name ends in its port");
+    }
   }
-}
-
-int32_t Run::BuildTxt(const Pass& pass, int32_t port, int32_t kind, std::string& txt) {
-  if (pass.isUnreadable) return 0;
-  return ModelTxt(
-      VisibleStatus(pass.built), port, kind, deviceName,
-      [&]() -> std::optional<std::string> {
-        ++idReadsDue;
-        if (pass.isDeaf) return std::nullopt;
-        return VisibleId(pass.deviceId);
-      },
-      txt);
-}
-
-// The TXT builder alone, into a block of exactly the caller's size.
-void Run::CheckBuild(const Pass& pass) {
-  const ExactBytes field(std::string(kTxtFieldSize, '\0'));
-  std::string expected;
-  const int32_t due = BuildTxt(pass, pass.port, pass.kind, expected);
-  const int32_t result = GetTXTData(reinterpret_cast<char*>(field.Data()), pass.port, pass.kind);
-  REQUIRE(result == due, "a TXT text has the result that its printer's lines give");
-  REQUIRE(field.Data()[kTxtFieldSize - 1] == 0, "a TXT text has at most 512 characters");
-  if (result != 1) return;
-  expected.resize(kTxtFieldSize);
-  REQUIRE(field.Text() == expected, "a TXT text has the lines that its printer's lines give");
 }
 
 void Run::EndPass() {
   const Pass& pass = passes[current];
-  ApplyPass(pass);
-  RequireState();
+  RequireSoundState();
   isBuilder = true;
-  if (pass.hasBuild) CheckBuild(pass);
-  REQUIRE(idReads == idReadsDue, "a printer is asked only when its model line is empty");
-  if (current + 1 == purgeAt) registry.Purge();
+  if (pass.hasBuild) RequireSoundTxt(pass.port, pass.kind);
+  if (current + 1 == purgeAt) EmptyRegistry();
   isBuilder = false;
   if (++current == passes.size()) bTerminate.Set(1);
 }
 
-void Run::ApplyPass(const Pass& pass) {
-  if (pass.isUnreadable) return;
-  const ModelPrinters now = ModelScan(VisibleStatus(pass.seen), suffix);
+void Run::RequireSoundState() const {
+  std::set<const void*> used;
   for (size_t port = 0; port < kPorts; ++port) {
-    if (now[port]) names[port] = *now[port];
+    REQUIRE((printerTxtPdl[port] != nullptr) == (printerTxtIpp[port] != nullptr),
+            "a port has both of its TXT buffers or none");
+    used.insert({printerTxtPdl[port], printerTxtIpp[port]});
   }
-  for (int port = 0; port < kPorts; ++port) {
-    const auto index = static_cast<size_t>(port);
-    const bool was = present[index].has_value();
-    const bool is = now[index].has_value();
-    if (is && !was) {
-      Insert(pass, port, kPdl, printerTxtPdl[port]);
-      Insert(pass, port, kIpp, printerTxtIpp[port]);
-    } else if (was && !is) {
-      const std::string name = names[index].c_str();
-      registry.Unregister(name, "_pdl-datastream._tcp", ".local", nullptr, 0,
-                          static_cast<uint32_t>(9100 + port));
-      registry.Unregister(name, "_ipp._tcp", ".local", nullptr, 0, 631);
-    }
-  }
-  present = now;
-}
-
-void Run::Insert(const Pass& pass, int port, int32_t kind, const PrinterTxt* txt) {
-  REQUIRE(txt != nullptr, "a printer that is there has its TXT buffers");
-  std::string expected;
-  if (BuildTxt(pass, port, kind, expected) != 1) return;
-  REQUIRE(expected == txt->text, "a service has the TXT text that its printer's lines give");
-  REQUIRE(strlen(txt->text) <= 512, "a TXT text has at most 512 characters");
-  registry.Register(names[static_cast<size_t>(port)].c_str(),
-                    kind == kPdl ? "_pdl-datastream._tcp" : "_ipp._tcp", ".local", txt->text,
-                    static_cast<int32_t>(expected.size()),
-                    kind == kPdl ? static_cast<uint32_t>(9100 + port) : 631);
-}
-
-bool Run::IsUsed(const void* txt) const {
-  for (size_t port = 0; port < kPorts; ++port) {
-    if (txt == printerTxtPdl[port] || txt == printerTxtIpp[port]) return true;
-  }
-  for (const ModelEntry& entry : registry.entries) {
-    if (txt == entry.txt) return true;
-  }
-  return false;
-}
-
-void Run::RequireState() const {
-  registry.RequireSame();
-  for (size_t port = 0; port < kPorts; ++port) {
-    const bool is = present[port].has_value();
-    REQUIRE((printerTxtPdl[port] != nullptr) == is && (printerTxtIpp[port] != nullptr) == is,
-            "a port has TXT buffers while it has a printer");
-    REQUIRE(std::string(printerServiceNames[port], 129) == names[port],
-            "a port is named after the printer that was there last");
+  for (const ServiceEntry& entry : RequireSoundRegistry()) {
+    const bool isIpp = std::string_view(entry.serviceType) == "_ipp._tcp";
+    REQUIRE(isIpp ? entry.port == 631 : entry.port >= 9100 && entry.port < 9100 + kPorts,
+            "a service has the port of its kind");
+    REQUIRE(entry.txt != nullptr && strlen(entry.txt) <= 512,
+            "a service has a TXT text of at most 512 characters");
+    used.insert(entry.txt);
   }
   // What the run's own emptying of the registry leaves over goes with the next printer.
-  for (const void* txt : liveTexts)
-    REQUIRE(current >= purgeAt || IsUsed(txt), "an unused text is given back");
+  for (const void* txt : liveTexts) {
+    REQUIRE(current >= purgeAt || used.contains(txt), "an unused text is given back");
+  }
 }
 
 }  // namespace

@@ -419,23 +419,20 @@ def device_id_seeds():
 # Record encoding.
 
 
-def encoded(labels, *records, capacity=1506, start=12, flags=0x84):
-    return labels + u16(capacity) + u16(start) + u8(flags) + b"".join(records)
+def encoded(labels, *records, capacity=1506, start=12, questions=0):
+    return labels + u16(capacity) + u16(start) + u8(questions) + b"".join(records)
 
 
 def labels(content, capacity=1518, position=12, separator=b".", limit=64):
     return u16(capacity) + u16(position) + separator + u8(limit) + block(content)
 
 
-QUESTION, ANSWER, AUTHORITY = 3, 0, 2
 KINDS = {A: 0, PTR: 1, TXT: 2, SRV: 3, NSEC: 4, ANY: 5, AAAA: 6, 257: 7}
 
 
-def put(
-    kind, owner=b"host.local", data=b"", section=ANSWER, flush=0, repeat=None, ttl=120, port=631
-):
+def put(kind, owner=b"host.local", data=b"", flush=0, repeat=None, ttl=120, port=631):
     what = flush << 7 | (0 if repeat is None else 64) | KINDS[kind]
-    field = u8(section) + u8(what) + text(owner) + block(data)
+    field = u8(what) + text(owner) + block(data)
     if repeat is not None:
         field += u8(repeat)
     field += u32(ttl) + u32(port)
@@ -457,10 +454,10 @@ def encode_seeds():
     yield "service_cut", encoded(plain, *service, capacity=100)
     yield "probe", encoded(
         labels(b""),
-        put(ANY, section=QUESTION, flush=1),
-        put(A, data=b"10.0.0.1", section=AUTHORITY),
-        put(SRV, data=b"host.local", section=AUTHORITY),
-        flags=0,
+        put(ANY, flush=1),
+        put(A, data=b"10.0.0.1"),
+        put(SRV, data=b"host.local"),
+        questions=1,
     )
     yield "each_type", encoded(plain, *(put(kind, data=b"127.1") for kind in KINDS))
     for limit, separator in ((64, b"."), (128, b"\n")):
