@@ -8,83 +8,74 @@
 
 namespace {
 
+constexpr char kNameRefused[] = "[Bonjour] serviceName Length\n";
+constexpr char kTypeRefused[] = "[Bonjour] SRVTYPE_NAME_MAX Length\n";
+constexpr char kDomainTooLong[] = "[Bonjour] SRVTYPE_DOMAIN_MAX Length\n";
+constexpr char kDomainRefused[] = "[Bonjour] sorry, we now only support '.local' service domain\n";
+
+const std::string k33Letters(33, 'x');
+
+struct Parameters {
+  std::string name = "n";
+  std::string type = "_ipp._tcp";
+  std::string domain = ".local";
+  const char* txt = "a";
+  int32_t txtLength = 1;
+  uint32_t port = 631;
+};
+
 struct ParametersRow {
   const char* behaviour;
-  std::string name;
-  std::string type;
-  std::string domain;
-  const char* txt;
-  int32_t txtLength;
-  uint32_t port;
-  uint32_t result;
-  const char* output;
+  Parameters parameters;
+  uint32_t result = 0;
+  const char* output = "";
 };
 
-class ServiceParametersTest : public testing::TestWithParam<ParametersRow> {};
-
-const char kNameRefused[] = "[Bonjour] serviceName Length\n";
-const char kTypeRefused[] = "[Bonjour] SRVTYPE_NAME_MAX Length\n";
-const char kDomainTooLong[] = "[Bonjour] SRVTYPE_DOMAIN_MAX Length\n";
-const char kDomainRefused[] = "[Bonjour] sorry, we now only support '.local' service domain\n";
-
-const std::string kName128(128, 'n');
 const ParametersRow kParametersRows[] = {
-    {"Ipp", "Office", "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"NameOf128", kName128, "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"NameOf129", kName128 + "n", "_ipp._tcp", ".local", "a", 1, 631, 0, kNameRefused},
-    {"NameOf1", "n", "_ipp._tcp", ".local", "a", 1, 631, 1, ""},
-    {"EmptyName", "", "_ipp._tcp", ".local", "a", 1, 631, 0, kNameRefused},
-    {"TypeOf32", "n", "_ipp._" + std::string(26, 't'), ".local", "a", 1, 631, 1, ""},
-    {"TypeOf33", "n", "_ipp._" + std::string(27, 't'), ".local", "a", 1, 631, 0, kTypeRefused},
-    {"DomainOf33", "n", "_ipp._tcp", "." + std::string(32, 'l'), "a", 1, 631, 0, kDomainTooLong},
-    {"DomainOf32", "n", "_ipp._tcp", "." + std::string(31, 'l'), "a", 1, 631, 0, kDomainRefused},
-    {"TypeWithoutUnderscore", "n", "ipp._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeWithAnUnderscoreLater", "n", "i_pp._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeOfAnUnderscoreAlone", "n", "_._tcp", ".local", "a", 1, 631, 0, ""},
-    {"TypeOfOneLetter", "n", "_i._tcp", ".local", "a", 1, 631, 1, ""},
-    {"ProtocolWithoutUnderscore", "n", "_ipp.tcp", ".local", "a", 1, 631, 0, ""},
-    {"ProtocolWithAnUnderscoreLater", "n", "_ipp.t_cp", ".local", "a", 1, 631, 0, ""},
-    {"ProtocolOfAnUnderscoreAlone", "n", "_ipp._", ".local", "a", 1, 631, 1, ""},
-    {"ProtocolOfAnyText", "n", "_ipp._sub.x", ".local", "a", 1, 631, 1, ""},
-    {"TypeWithoutDot", "n", "_ipp", ".local", "a", 1, 631, 0, ""},
-    {"TypeThatEndsInItsDot", "n", "_ipp.", ".local", "a", 1, 631, 0, ""},
-    {"EmptyType", "n", "", ".local", "a", 1, 631, 0, ""},
-    {"DomainWithoutDot", "n", "_ipp._tcp", "local", "a", 1, 631, 0, kDomainRefused},
-    {"DomainInUpperCase", "n", "_ipp._tcp", ".LOCAL", "a", 1, 631, 0, kDomainRefused},
-    {"DomainWithTrailingDot", "n", "_ipp._tcp", ".local.", "a", 1, 631, 0, kDomainRefused},
-    {"EmptyDomain", "n", "_ipp._tcp", "", "a", 1, 631, 0, kDomainRefused},
-    {"TextOfNoLength", "n", "_ipp._tcp", ".local", "a", 0, 631, 0, ""},
-    {"EmptyTextOfNoLength", "n", "_ipp._tcp", ".local", "", 0, 631, 0, ""},
-    {"NoText", "n", "_ipp._tcp", ".local", nullptr, 0, 631, 1, ""},
-    {"NoTextWithALength", "n", "_ipp._tcp", ".local", nullptr, 5, 631, 1, ""},
-    {"NegativeLength", "n", "_ipp._tcp", ".local", "a", -1, 631, 0, ""},
-    {"NegativeLengthWithoutText", "n", "_ipp._tcp", ".local", nullptr, -1, 631, 0, ""},
-    {"Port0", "n", "_ipp._tcp", ".local", "a", 1, 0, 1, ""},
-    {"Port65535", "n", "_ipp._tcp", ".local", "a", 1, 65535, 1, ""},
-    {"Port65536", "n", "_ipp._tcp", ".local", "a", 1, 65536, 0, ""},
-    {"PortIsUnsigned", "n", "_ipp._tcp", ".local", "a", 1, 0xFFFFFFFF, 0, ""},
+    {"a usual service", {}, 1},
+    {"a name of 128", {.name = std::string(128, 'n')}, 1},
+    {"a name of 129", {.name = std::string(129, 'n')}, 0, kNameRefused},
+    {"no name", {.name = ""}, 0, kNameRefused},
+    {"a type of 32", {.type = "_ipp._" + std::string(26, 't')}, 1},
+    {"a type of 33", {.type = "_ipp._" + std::string(27, 't')}, 0, kTypeRefused},
+    {"a domain of 32", {.domain = "." + std::string(31, 'l')}, 0, kDomainRefused},
+    {"a domain of 33", {.domain = "." + std::string(32, 'l')}, 0, kDomainTooLong},
+    {"no type", {.type = ""}},
+    {"a type without its underscore", {.type = "ipp._tcp"}},
+    {"a type of an underscore alone", {.type = "_._tcp"}},
+    {"a type of one letter", {.type = "_i._tcp"}, 1},
+    {"a type without a dot", {.type = "_ipp"}},
+    {"a type that ends in its dot", {.type = "_ipp."}},
+    {"a protocol without its underscore", {.type = "_ipp.t_cp"}},
+    {"a protocol of an underscore alone", {.type = "_ipp._"}, 1},
+    {"a domain without its dot", {.domain = "local"}, 0, kDomainRefused},
+    {"a domain with one more dot", {.domain = ".local."}, 0, kDomainRefused},
+    {"a text of no length", {.txtLength = 0}},
+    {"no text", {.txt = nullptr, .txtLength = 0}, 1},
+    {"no text with a length", {.txt = nullptr, .txtLength = 5}, 1},
+    {"a negative length", {.txtLength = -1}},
+    {"a negative length without a text", {.txt = nullptr, .txtLength = -1}},
+    {"the last port", {.port = 65535}, 1},
+    {"a port beyond the last", {.port = 65536}},
     // The first check that fails decides.
-    {"NameBeforeType", "", std::string(33, 't'), ".local", "a", 1, 631, 0, kNameRefused},
-    {"TypeLengthBeforeDomainLength", "n", std::string(33, 't'), std::string(33, 'd'), "a", 1, 631,
-     0, kTypeRefused},
-    {"DomainLengthBeforeTypeForm", "n", "ipp", std::string(33, 'd'), "a", 1, 631, 0,
-     kDomainTooLong},
-    {"TypeFormBeforeDomain", "n", "ipp", "local", "a", 1, 631, 0, ""},
-    {"DomainBeforeText", "n", "_ipp._tcp", "local", "a", -1, 631, 0, kDomainRefused},
-    {"DomainBeforePort", "n", "_ipp._tcp", "local", "a", 1, 65536, 0, kDomainRefused},
+    {"name before type", {.name = "", .type = k33Letters}, 0, kNameRefused},
+    {"type before domain", {.type = k33Letters, .domain = k33Letters}, 0, kTypeRefused},
+    {"lengths before forms", {.type = "ipp", .domain = k33Letters}, 0, kDomainTooLong},
+    {"the type's form before the domain", {.type = "ipp", .domain = "local"}},
+    {"domain before text", {.domain = "local", .txtLength = -1}, 0, kDomainRefused},
 };
 
-INSTANTIATE_TEST_SUITE_P(Checks, ServiceParametersTest, testing::ValuesIn(kParametersRows),
-                         [](const auto& row) { return std::string(row.param.behaviour); });
-
-TEST_P(ServiceParametersTest, AreAcceptedOrRefused) {
-  const ParametersRow& row = GetParam();
-  const std::string out = StdoutOf([&] {
-    EXPECT_EQ(ValidateServiceParams(row.name.c_str(), row.type.c_str(), row.domain.c_str(), row.txt,
-                                    row.txtLength, row.port),
-              row.result);
-  });
-  EXPECT_EQ(out, row.output);
+TEST(ServiceParameters, AreAcceptedOrRefused) {
+  for (const ParametersRow& row : kParametersRows) {
+    SCOPED_TRACE(row.behaviour);
+    const std::string out = StdoutOf([&] {
+      const auto& [name, type, domain, txt, txtLength, port] = row.parameters;
+      EXPECT_EQ(
+          ValidateServiceParams(name.c_str(), type.c_str(), domain.c_str(), txt, txtLength, port),
+          row.result);
+    });
+    EXPECT_EQ(out, row.output);
+  }
 }
 
 }  // namespace
