@@ -12,7 +12,6 @@ constexpr int32_t kFlagsOffset = 2;
 constexpr int32_t kQuestionCountOffset = 4;
 constexpr int32_t kAnswerCountOffset = 6;
 constexpr int32_t kAuthorityCountOffset = 8;
-constexpr int32_t kAdditionalCountOffset = 10;
 
 /// First flags byte: a query, and an authoritative response (RFC 6762, sections 18.2 and 18.4).
 constexpr uint8_t kFlagsQuery = 0x00;

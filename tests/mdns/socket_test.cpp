@@ -66,14 +66,6 @@ class BridgeTest : public SocketTest {
               "[Bonjour] Interface: br0 is connected\n");
     ASSERT_GE(multicastSocket.Get(), 0);
   }
-  // Sends on the multicast socket and hears it as another host on the bridge.
-  static void ExpectToSend(const OtherHost& host, const Bytes& packet) {
-    const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
-    EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
-                     reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
-              static_cast<ssize_t>(packet.size()));
-    EXPECT_EQ(host.ReceiveMulticast(), packet);
-  }
 };
 
 // UpdateHostIP: the address of an interface
@@ -144,20 +136,6 @@ TEST_F(BridgeTest, SocketIsBoundToTheMdnsPortAndSetUpInOrder) {
     EXPECT_EQ(options[i].option, expected[i].option) << i;
     EXPECT_EQ(Hex(options[i].value), Hex(expected[i].value)) << i;
   }
-}
-
-TEST_F(BridgeTest, SocketHearsTheGroupAndNotItself) {
-  SetUpSocket();
-  const OtherHost host("br0");
-  ExpectToSend(host, Wire("01 01"));
-  host.SendMulticast("192.168.1.9", Wire("02 02 02"));
-  uint8_t buffer[16];
-  sockaddr_in sender{};
-  socklen_t size = sizeof(sender);
-  EXPECT_EQ(recvfrom(multicastSocket.Get(), buffer, sizeof(buffer), 0,
-                     reinterpret_cast<sockaddr*>(&sender), &size),
-            3);
-  EXPECT_STREQ(inet_ntoa(sender.sin_addr), "192.168.1.9");
 }
 
 TEST_F(BridgeTest, SocketMayBeDescriptor0) {
@@ -235,7 +213,12 @@ TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
   EndReceive();
   receiving.join();
   EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0);
-  ExpectToSend(host, Wire("01 02"));
+  const Bytes packet = Wire("01 02");
+  const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
+  EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
+            2);
+  EXPECT_EQ(host.ReceiveMulticast(), packet);
   EXPECT_FALSE(IsAnyoneSending());
 }
 

@@ -230,13 +230,4 @@ TEST(EncodeRecord, FieldsWithoutTerminatorAreReadToTheirEnd) {
   EXPECT_EQ(EncodeRecord(buffer.data(), 1400, 0, record, 0), 198 + 10 + 7 * 129 + 122);
 }
 
-TEST(WireFormat, NamesTheHeadersFields) {
-  EXPECT_EQ(kHeaderSize, 12);
-  EXPECT_EQ(kFlagsOffset, 2);
-  EXPECT_EQ(kQuestionCountOffset, 4);
-  EXPECT_EQ(kAnswerCountOffset, 6);
-  EXPECT_EQ(kAuthorityCountOffset, 8);
-  EXPECT_EQ(kAdditionalCountOffset, 10);
-}
-
 }  // namespace
