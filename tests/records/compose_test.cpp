@@ -42,4 +42,6 @@ TEST_F(ComposeTest, NothingOfOneRecordIsLeftInTheNext) {
   EXPECT_STREQ(packet.record.rdata + 2, "");
 }
 
+TEST(Compose, PacketsOfARegistrationHold1518Bytes) { EXPECT_EQ(kPacketSize, 1518); }
+
 }  // namespace
