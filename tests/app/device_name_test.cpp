@@ -5,48 +5,38 @@
 #include <cstring>
 #include <string>
 
-#include "tests/support/case_name.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
 
 namespace {
 
-struct ModelCase {
-  const char* name;
-  int argc;
-  std::string argument;
-  std::string model;
-};
-
-class ChooseModelTest : public testing::TestWithParam<ModelCase> {};
-
-TEST_P(ChooseModelTest, ChoosesTheModelAndFillsTheField) {
-  std::string program = "bonjour";
-  std::string argument = GetParam().argument;
-  char* const arguments[] = {program.data(), argument.data(), argument.data(), nullptr};
-  char model[43];
-  memset(model, '#', sizeof(model));
-  ChooseModel(model, GetParam().argc, arguments);
-  std::string field = GetParam().model;
-  field.resize(43);
-  EXPECT_EQ(std::string(model, 43), field);
+TEST(ChooseModel, TakesAKnownModelFromTheOnlyArgumentAndFillsTheField) {
+  const struct {
+    int argc;
+    std::string argument;
+    std::string model;
+  } rows[] = {{1, "T5100b3", "T5140"},
+              {3, "T5100b3", "T5140"},
+              {2, "T5140", "T5140"},
+              {2, "T5100b3", "T5100b3"},
+              {2, "GLXE4800b5", "GLXE4800b5"},
+              {2, "GLXE4700", "GLXE4700"},
+              {2, "", "T5140"},
+              {2, "T5100B3", "T5140"},
+              {2, "T5100b3x", "T5140"},
+              {2, "T5100b", "T5140"},
+              {2, "GLXE4700" + std::string(42, ' '), "T5140"}};
+  for (const auto& row : rows) {
+    std::string argument = row.argument;
+    char* const arguments[] = {nullptr, argument.data(), argument.data(), nullptr};
+    char model[43];
+    memset(model, '#', sizeof(model));
+    ChooseModel(model, row.argc, arguments);
+    EXPECT_EQ(std::string(model, 43), row.model + std::string(43 - row.model.size(), '\0'))
+        << row.argument;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(, ChooseModelTest,
-                         testing::Values(ModelCase{"NoArgument", 1, "T5100b3", "T5140"},
-                                         ModelCase{"TwoArgumentsAreNotRead", 3, "T5100b3", "T5140"},
-                                         ModelCase{"T5140", 2, "T5140", "T5140"},
-                                         ModelCase{"T5100b3", 2, "T5100b3", "T5100b3"},
-                                         ModelCase{"GLXE4800b5", 2, "GLXE4800b5", "GLXE4800b5"},
-                                         ModelCase{"GLXE4700", 2, "GLXE4700", "GLXE4700"},
-                                         ModelCase{"EmptyArgument", 2, "", "T5140"},
-                                         ModelCase{"OtherCase", 2, "T5100B3", "T5140"},
-                                         ModelCase{"OneCharacterAppended", 2, "T5100b3x", "T5140"},
-                                         ModelCase{"OneCharacterShort", 2, "T5100b", "T5140"},
-                                         ModelCase{"FiftyCharacters", 2,
-                                                   "GLXE4700" + std::string(42, ' '), "T5140"}),
-                         CaseName());
 
 std::string NameOf(const std::string& model, const uint8_t (&mac)[6]) {
   char name[65];

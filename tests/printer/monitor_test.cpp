@@ -1,5 +1,5 @@
-// What the monitor does with the printers that it found: ApplyPresence for one pass, CheckUsbDevice
-// (the thread) for a sequence of passes.
+// ScanPrinters finds ports and service names in a status file, ApplyPresence acts on them for one
+// pass, CheckUsbDevice (the thread) for a sequence of passes.
 #include "printer/monitor.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +12,15 @@
 #include <string_view>
 #include <vector>
 
+#include "base/text.h"
+#include "tests/support/case_name.h"
 #include "tests/support/fake_printer.h"
 #include "tests/support/fault.h"
 #include "tests/support/output.h"
 
 namespace {
 
+constexpr uint8_t kMac[6] = {0x00, 0x11, 0x22, 0xAA, 0x0B, 0xC0};
 constexpr char kOnePrinter[] = "usblp0\nHP\nModel 12\nPCL\n\n";
 constexpr char kInsertion[] = "[Bonjour] device insert lp0\n";
 constexpr char kRemoval[] = "[Bonjour] device remove lp0\n";
@@ -27,6 +30,83 @@ constexpr char kCannotOpen[] = "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "
 constexpr char kNoMemory[] = "[Bonjour] malloc error: Cannot allocate memory\n";
 
 static_assert(sizeof(PrinterTxt::text) == 513, "a text takes 512 characters and its terminator");
+
+struct ScanCase {
+  const char* name;
+  std::string text;
+  std::string names;  // of the ports that have a printer
+};
+
+class ScanPrintersTest : public testing::TestWithParam<ScanCase> {};
+
+TEST_P(ScanPrintersTest, FindsPortsAndNames) {
+  memcpy(hw_addr, kMac, 6);
+  memset(printerServiceNames, 0, sizeof(printerServiceNames));
+  PrinterPresence presence = {};
+  // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
+  const std::vector<char> text(GetParam().text.begin(), GetParam().text.end());
+  ScanPrinters({text.data(), text.size()}, presence);
+  std::string names;
+  for (int32_t port = 0; port < 10; ++port) {
+    const std::string name(FieldText(printerServiceNames[port]));
+    EXPECT_EQ(presence.present[port], name.empty() ? 0u : 1u);
+    if (name.empty()) continue;
+    names += (names.empty() ? "" : "|") + name;
+    EXPECT_TRUE(name.ends_with(" " + std::to_string(port)));
+  }
+  EXPECT_EQ(names, GetParam().names);
+}
+
+const std::string k50(50, 'a');
+const std::string k64(64, 'm');
+
+INSTANTIATE_TEST_SUITE_P(
+    , ScanPrintersTest,
+    testing::Values(
+        ScanCase{"TextWithoutToken", "usb\nA\nM\nX\n\n", ""},
+        ScanCase{"FirstAndLastPortInAnyOrder", "usblp9\nA\nM\nX\n\nusblp0\nB\nN\nX\n\n",
+                 "B N (aa:0b:c0) 0|A M (aa:0b:c0) 9"},
+        ScanCase{"OnlyTheDigitAfterTheTokenCounts", "printer at usblp10 ready\nA\nM\nX\n\n",
+                 "A M (aa:0b:c0) 1"},
+        ScanCase{"LaterRecordOfAPortLeavesNothingOfALongerName",
+                 "usblp0\nManufacturer\nM\nX\n\nusblp0\nB\nN\nX\n\n", "B N (aa:0b:c0) 0"},
+        ScanCase{"RecordWithACharacterBelowTheDigitsIsPassedOver",
+                 "usblp/\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+        ScanCase{"RecordWithACharacterAboveTheDigitsIsPassedOver",
+                 "usblp:\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+        ScanCase{"ByteAboveAsciiIsPassedOver", "usblp\xb1\nA\nM\nX\n\n", ""},
+        ScanCase{"TokenAtTheEndOfTheTextHasNoDigit", "A\nB\nC\nD\nusblp", ""},
+        // Lines are counted from the record's start, the port comes from where the token stands.
+        ScanCase{"TokenInALaterLine", "first\nA\nusblp4\nX\n\n", "A usblp4 (aa:0b:c0) 4"},
+        ScanCase{"TokenAfterTheWholeRecord", "first\nA\nM\nX\n\nusblp5\nB\nN\nX\n\n",
+                 "B N (aa:0b:c0) 5"},
+        ScanCase{"SecondTokenOfARecordIsNotLookedAt", "usblp1\nusblp2\nM\nX\n\n",
+                 "usblp2 M (aa:0b:c0) 1"},
+        ScanCase{"SecondLineIncomplete", "usblp0\nA", ""},
+        ScanCase{"ThirdLineIncomplete", "usblp0\nA\nM", ""},
+        ScanCase{"ThreeLinesAreEnough", "usblp0\nA\nM\n", "A M (aa:0b:c0) 0"},
+        ScanCase{"FifthLineIncompleteEndsTheScan", "usblp0\nA\nM\nX\nusblp1", "A M (aa:0b:c0) 0"},
+        ScanCase{"RecordOfFourLinesShiftsAllThatFollow",
+                 "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\nusblp2\nC\nO\nZ\n\n",
+                 "A M (aa:0b:c0) 0|N Y (aa:0b:c0) 2"},
+        ScanCase{"EmptyLinesGiveTwoBlanks", "usblp0\n\n\nX\n\n", "  (aa:0b:c0) 0"},
+        ScanCase{"NothingIsTrimmed", "usblp0\n A \n M \nX\n\n", " A   M  (aa:0b:c0) 0"},
+        ScanCase{"OneHundredAndFifteenCharactersAreTakenWhole",
+                 "usblp0\n" + k50 + "\n" + k64 + "\nX\n\n", k50 + " " + k64 + " (aa:0b:c0) 0"},
+        ScanCase{"OneHundredAndSixteenCharactersAreCut", "usblp0\n" + k50 + "\n" + k64 + "M\nX\n\n",
+                 k50 + " " + k64 + " (aa:0b:c0) 0"},
+        ScanCase{"CutAfterTheManufacturersLineFeed", "usblp0\n" + k50 + k64 + "\nM\nX\n\n",
+                 k50 + k64 + "  (aa:0b:c0) 0"}),
+    CaseName());
+
+TEST(ScanPrinters, NamesAndFlagsOfOtherPortsAreLeftAlone) {
+  PrinterPresence presence = {};
+  presence.present[5] = 1;
+  CopyText(printerServiceNames[4], "gone");
+  ScanPrinters("usblp0\nA\nM\nX\n\n", presence);
+  EXPECT_EQ(presence.present[5], 1u);
+  EXPECT_STREQ(printerServiceNames[4], "gone");
+}
 
 // The registrations (+) and unregistrations (-), a line each: port, kind, name; and their result.
 std::string calls;
@@ -39,7 +119,7 @@ class Monitor : public testing::Test {
     result = 1;
     fakeStatusFile = {};
     bTerminate.Set(0);
-    memcpy(hw_addr, "\x00\x11\x22\xAA\x0B\xC0", 6);
+    memcpy(hw_addr, kMac, 6);
     memset(printerServiceNames, 0, sizeof(printerServiceNames));
   }
   // A stopped monitor leaves its texts to the services that are still registered.

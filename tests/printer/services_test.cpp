@@ -5,9 +5,9 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "base/text.h"
-#include "tests/support/case_name.h"
 #include "tests/support/fake_printer.h"
 #include "tests/support/fake_responder.h"
 #include "tests/support/output.h"
@@ -41,35 +41,29 @@ class PrinterServices : public testing::Test {
   char txt[513] = {};
 };
 
-struct KindCase {
-  const char* name;
-  int32_t kind;
-  const char* type;
-  uint32_t tcpPort;
-  const char* textEnd;
-};
-
-class KindTest : public PrinterServices, public testing::WithParamInterface<KindCase> {};
-
-INSTANTIATE_TEST_SUITE_P(, KindTest,
-                         testing::Values(KindCase{"RawPort", 1, "_pdl-datastream._tcp", 9103,
-                                                  "\npriority=20"},
-                                         KindCase{"Ipp", 2, "_ipp._tcp", 631, "\npriority=10"},
-                                         KindCase{"Lpd", 3, "_printer._tcp", 515, "\npriority=30"}),
-                         CaseName());
-
-TEST_P(KindTest, IsRegisteredWithItsTypePortAndTextAndUnregisteredWithoutText) {
-  const KindCase& row = GetParam();
-  EXPECT_EQ(Update(3, 1, row.kind, 1), "");
-  EXPECT_THAT(txt, EndsWith(row.textEnd));
-  EXPECT_EQ(Update(3, 0, row.kind, 1), "");
-  const char* const name = "ACME Laser (aa:bb:cc) 3";
-  const auto length = static_cast<int32_t>(strlen(txt));
-  EXPECT_THAT(
-      fakeResponder.calls,
-      ElementsAre(RegistrationCall{true, name, row.type, ".local", txt, length, row.tcpPort},
-                  RegistrationCall{false, name, row.type, ".local", nullptr, 0, row.tcpPort}));
-  EXPECT_EQ(fakeStatusFile.reads, 1);
+TEST_F(PrinterServices, KindIsRegisteredWithItsTypePortAndTextAndUnregisteredWithoutText) {
+  const struct {
+    int32_t kind;
+    const char* type;
+    uint32_t tcpPort;
+    const char* textEnd;
+  } rows[] = {{1, "_pdl-datastream._tcp", 9103, "\npriority=20"},
+              {2, "_ipp._tcp", 631, "\npriority=10"},
+              {3, "_printer._tcp", 515, "\npriority=30"}};
+  const std::string name = "ACME Laser (aa:bb:cc) 3";
+  for (const auto& row : rows) {
+    memset(txt, 0, sizeof(txt));
+    fakeResponder.calls.clear();
+    EXPECT_EQ(Update(3, 1, row.kind, 1), "");
+    EXPECT_THAT(txt, EndsWith(row.textEnd));
+    EXPECT_EQ(Update(3, 0, row.kind, 1), "");
+    const auto length = static_cast<int32_t>(strlen(txt));
+    EXPECT_THAT(
+        fakeResponder.calls,
+        ElementsAre(RegistrationCall{true, name, row.type, ".local", txt, length, row.tcpPort},
+                    RegistrationCall{false, name, row.type, ".local", nullptr, 0, row.tcpPort}));
+  }
+  EXPECT_EQ(fakeStatusFile.reads, 3);
 }
 
 TEST_F(PrinterServices, UnknownKindBuildsItsTextAndRegistersAndUnregistersNothing) {

@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/case_name.h"
 #include "tests/support/fault.h"
 
 namespace {
@@ -112,30 +111,14 @@ TEST_F(StatusFile, FailingFirstReadCountsAsEmpty) {
   ExpectText("");
 }
 
-struct LineEndCase {
-  const char* name;
-  const char* text;
-  size_t from;
-  int count;
-  size_t end;
-};
-
-class FindLineEndTest : public testing::TestWithParam<LineEndCase> {};
-
-TEST_P(FindLineEndTest, FindsTheLineFeed) {
-  EXPECT_EQ(FindLineEnd(GetParam().text, GetParam().from, GetParam().count), GetParam().end);
+TEST(FindLineEnd, CountsLineFeedsFromThePositionOn) {
+  const size_t none = std::string_view::npos;
+  EXPECT_EQ(FindLineEnd("ab\ncd\n", 0, 2), 5u);
+  EXPECT_EQ(FindLineEnd("\n\n\n\n\n", 0, 5), 4u);
+  EXPECT_EQ(FindLineEnd("ab\ncd\n", 0, 3), none);
+  EXPECT_EQ(FindLineEnd("ab\ncd\n", 2, 1), 2u);
+  EXPECT_EQ(FindLineEnd("ab\ncd\n", 3, 1), 5u);
+  EXPECT_EQ(FindLineEnd("ab\n", 3, 1), none);
 }
-
-constexpr size_t kNone = std::string_view::npos;
-
-INSTANTIATE_TEST_SUITE_P(
-    , FindLineEndTest,
-    testing::Values(LineEndCase{"Second", "ab\ncd\n", 0, 2, 5},
-                    LineEndCase{"EmptyLinesCount", "\n\n\n\n\n", 0, 5, 4},
-                    LineEndCase{"TooFew", "ab\ncd\n", 0, 3, kNone},
-                    LineEndCase{"OneAtTheStartPositionCounts", "ab\ncd\n", 2, 1, 2},
-                    LineEndCase{"OneBeforeTheStartPositionDoesNot", "ab\ncd\n", 3, 1, 5},
-                    LineEndCase{"StartAfterTheText", "ab\n", 3, 1, kNone}),
-    CaseName());
 
 }  // namespace
