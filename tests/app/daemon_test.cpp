@@ -101,17 +101,13 @@ TEST_F(Daemon, BannerIsPrintedBetweenTheMonitorsStartAndTheWait) {
   EXPECT_EQ(log.out, "");
 }
 
-TEST_F(Daemon, HandsNameAndProbeRequestToTheResponder) {
-  Run();
-  EXPECT_EQ(std::string(start.deviceName, 65), "T5140_00-11-22-AA-BB-CC" + std::string(42, '\0'));
+TEST_F(Daemon, HandsTheNameOfTheModelAskedForAndTheProbeRequestToTheResponder) {
+  const Log log = Run("T5100b3");
+  ExpectBanner(log.out, "T5100b3");
+  const std::string name = "T5100b3_00-11-22-AA-BB-CC";
+  EXPECT_EQ(std::string(start.deviceName, 65), name + std::string(65 - name.size(), '\0'));
   EXPECT_EQ(start.probeRequest, 1u);
   EXPECT_EQ(memcmp(macAtStart, "\x00\x11\x22\xAA\xBB\xCC", 6), 0);
-}
-
-TEST_F(Daemon, TakesTheModelFromItsOneArgument) {
-  const Log log = Run("T5100b3");
-  EXPECT_STREQ(start.deviceName, "T5100b3_00-11-22-AA-BB-CC");
-  ExpectBanner(log.out, "T5100b3");
 }
 
 TEST_F(Daemon, ForgetsAnEarlierAddressWhenTheBridgeIsMissing) {

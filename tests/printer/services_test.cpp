@@ -107,14 +107,11 @@ TEST_F(PrinterServices, NameIsThePortsEntryFromTheFirstPortToTheLastAndEmptyOuts
   EXPECT_THAT(names, ElementsAre("", "First printer", "Last printer", ""));
 }
 
-TEST(PrinterTcpPort, OfTheRawPortCountsUpFrom9100AndIsZeroOutsideTheTable) {
+TEST(PrinterTcpPort, OfTheRawPortCountsUpFrom9100WithinTheTableAndOthersAreTheSame) {
   EXPECT_EQ(PrinterTcpPort(1, -1), 0u);
   EXPECT_EQ(PrinterTcpPort(1, 0), 9100u);
   EXPECT_EQ(PrinterTcpPort(1, 9), 9109u);
   EXPECT_EQ(PrinterTcpPort(1, 10), 0u);
-}
-
-TEST(PrinterTcpPort, OfTheOtherKindsIsTheSameForEveryPort) {
   for (const int32_t port : {-1, 0, 9, 10}) {
     EXPECT_EQ(PrinterTcpPort(2, port), 631u);
     EXPECT_EQ(PrinterTcpPort(3, port), 515u);

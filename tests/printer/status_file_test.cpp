@@ -106,11 +106,6 @@ TEST_F(StatusFile, FailingReadEndsTheText) {
   EXPECT_THAT(sizes, SizeIs(3));
 }
 
-TEST_F(StatusFile, FailingFirstReadCountsAsEmpty) {
-  failsAfter = 0;
-  ExpectText("");
-}
-
 TEST(FindLineEnd, CountsLineFeedsFromThePositionOn) {
   const size_t none = std::string_view::npos;
   EXPECT_EQ(FindLineEnd("ab\ncd\n", 0, 2), 5u);

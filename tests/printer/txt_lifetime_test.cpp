@@ -14,18 +14,8 @@
 #include "tests/support/fake_printer.h"
 #include "tests/support/output.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define BONJOUR_SANITIZER_HEAP 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define BONJOUR_SANITIZER_HEAP 1
-#endif
-#endif
-
-#ifdef BONJOUR_SANITIZER_HEAP
-// Of the sanitizers' run-time library; not every compiler installs the header that declares it.
-extern "C" size_t __sanitizer_get_current_allocated_bytes();
-#endif
+// Of a sanitizer's run-time library, where there is one.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace {
 
@@ -35,11 +25,10 @@ constexpr char kNameA[] = "HP A (00:00:00) 0";
 
 // Bytes that the process, which has one thread, holds of the heap.
 size_t HeapBytesInUse() {
-#ifdef BONJOUR_SANITIZER_HEAP
-  return __sanitizer_get_current_allocated_bytes();
-#else
+  if (__sanitizer_get_current_allocated_bytes != nullptr) {
+    return __sanitizer_get_current_allocated_bytes();
+  }
   return mallinfo2().uordblks;
-#endif
 }
 
 // The model in the text of each entry, and the entry's name and type.

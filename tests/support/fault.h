@@ -58,12 +58,11 @@ std::vector<SocketOption> SetOptions();
 /// ENOSPC. One writing thread.
 extern std::deque<ssize_t> writeResults;
 
-/// A thread's attributes at its start.
 struct ThreadAttributes {
   int detachState;
   size_t stackSize;
 };
-/// Those of each started thread, in the order of creation.
+/// The attributes of each started thread, in the order of creation.
 std::vector<ThreadAttributes> StartedThreads();
 /// Starts counting at 0 again. No thread is running.
 void ForgetThreads();
@@ -71,7 +70,6 @@ void ForgetThreads();
 bool WaitForEndedThreads(size_t count);
 
 // What a test sets to follow a call; null means nothing.
-
 /// On the creating thread before each creation, failing ones included.
 extern std::atomic<void (*)()> onCreateThread;
 /// After the real call.

@@ -82,15 +82,9 @@ void EnterOwnNetwork() {
   SetInterfaceUp("lo", true);
 }
 
-void AddBridge(const char* name) {
-  ifreq request = Request(name);
-  Control(SIOCBRADDBR, request.ifr_name, "SIOCBRADDBR");
-}
+void AddBridge(const char* name) { Control(SIOCBRADDBR, Request(name).ifr_name, "SIOCBRADDBR"); }
 
-void RemoveBridge(const char* name) {
-  ifreq request = Request(name);
-  Control(SIOCBRDELBR, request.ifr_name, "SIOCBRDELBR");
-}
+void RemoveBridge(const char* name) { Control(SIOCBRDELBR, Request(name).ifr_name, "SIOCBRDELBR"); }
 
 void SetMac(const char* name, const uint8_t (&mac)[6]) {
   ifreq request = Request(name);
