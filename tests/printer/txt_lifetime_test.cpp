@@ -71,13 +71,6 @@ class TxtLifetime : public testing::Test {
   PrinterPresence previous = {};
 };
 
-TEST_F(TxtLifetime, PrinterThatComesIsRegisteredWithItsTextsAndGoesWithoutATrace) {
-  EXPECT_EQ(Pass({kModelA}), "[Bonjour] device insert lp0\n");
-  EXPECT_EQ(Entries(), kEntriesA);
-  EXPECT_EQ(Pass({""}), "[Bonjour] device remove lp0\n");
-  EXPECT_EQ(Entries(), "");
-}
-
 TEST_F(TxtLifetime, ChangedModelLineLeavesTheOldEntryWithItsOldText) {
   EXPECT_EQ(Pass({kModelA, kModelB, ""}),
             "[Bonjour] device insert lp0\n"
