@@ -6,55 +6,64 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "base/responder.h"
+#include "base/thread.h"
 #include "printer/monitor.h"
-#include "tests/support/command_line.h"
 #include "tests/support/fake_responder.h"
-#include "tests/support/fake_sleep.h"
-#include "tests/support/fake_stop.h"
-#include "tests/support/fake_thread.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/own_namespace.h"
+#include "tests/support/fault.h"
+#include "tests/support/network.h"
+#include "tests/support/output.h"
 
 namespace {
 
+using testing::ElementsAre;
+
 constexpr char kNoThread[] = "[Bonjour] pthread_create error: Resource temporarily unavailable\n";
+
+// What RunDaemon did, in order, and what else happens at such a moment.
+std::vector<std::string> events;
+std::map<std::string, std::function<void()>> at;
+
+void Note(const std::string& event) {
+  events.push_back(event);
+  if (const auto action = at.find(event); action != at.end()) action->second();
+}
+
+std::string failingThread;
+ResponderStartRecord start;
+uint8_t macAtStart[6];
+sigset_t blockedInWait;
 
 class Daemon : public testing::Test {
  protected:
-  void SetUp() override {
-    fakeThread = {};
-    fakeStop = {};
+  Daemon() {
+    AddBridge("br0");
+    SetMac("br0", {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC});
+    fakeResponder.initStatus = 1;
+    fakeResponder.endReceive = [] { Note("end receive"); };
+    onSleep = [](unsigned seconds) { Note("pause " + std::to_string(seconds)); };
+    at = {{"wait", [] { bTerminate.Set(1); }}};
+    events.clear();
+    failingThread.clear();
     bTerminate.Set(0);
-    fakeResponder = {};
-    ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
-    ASSERT_TRUE(AddBridge({0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC})) << strerror(errno);
-    fakeThread.onStart = [this](ThreadBody body, void* argument) {
-      if (body != BonjourServiceInit) {
-        monitorArgument = argument;
-        return;
-      }
-      start = *static_cast<ResponderStartRecord*>(argument);
-      macAtStart.assign(hw_addr, hw_addr + 6);
-      if (isUpAtOnce) fakeResponder.initStatus = 1;
-    };
+  }
+  ~Daemon() override { onSleep = nullptr; }
+
+  Log Run(std::string model = "") {
+    char program[] = "bonjour";
+    char* const arguments[] = {program, model.data(), nullptr};
+    return LogOf([&] { EXPECT_EQ(RunDaemon(model.empty() ? 1 : 2, arguments), 0); });
   }
 
-  Log Run(const std::vector<std::string>& arguments = {}) {
-    const CommandLine line(arguments);
-    return LogOf([&] { status = RunDaemon(line.Count(), line.Values()); });
-  }
-
-  bool isUpAtOnce = true;
-  int status = -1;
-  ResponderStartRecord start = {};
-  std::vector<uint8_t> macAtStart;
-  void* monitorArgument = this;
+  const OwnNetwork network;
 };
 
 // The build date reads like "Nov 21 2026" or "Nov  1 2026".
@@ -65,67 +74,65 @@ void ExpectBanner(const std::string& line, const std::string& model) {
                                     "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\)\n"));
 }
 
-// The start
-
-TEST_F(Daemon, StartsResponderThenMonitorAndJoinsThemInThatOrder) {
+TEST_F(Daemon, StartsResponderThenMonitorWaitsForAStopAndJoinsThemInThatOrder) {
+  // A signal that is no stop is waited on.
+  at["wait"] = [] { bTerminate.Set(std::count(events.begin(), events.end(), "wait") == 3); };
   const Log log = Run();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(fakeThread.started, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
-  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, CheckUsbDevice}));
-  EXPECT_EQ(monitorArgument, nullptr);
+  EXPECT_THAT(events, ElementsAre("start responder", "start monitor", "wait", "wait", "wait",
+                                  "end receive", "join responder", "join monitor"));
   EXPECT_EQ(log.err, "");
-  ExpectBanner(log.out, "T5140");
 }
 
-TEST_F(Daemon, HandsNameAndProbeRequestToTheResponder) {
-  Run();
-  EXPECT_STREQ(start.deviceName, "T5140_00-11-22-AA-BB-CC");
-  EXPECT_EQ(start.probeRequest, 1u);
-  EXPECT_EQ(macAtStart, (std::vector<uint8_t>{0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC}));
+TEST_F(Daemon, BannerIsPrintedBetweenTheMonitorsStartAndTheWait) {
+  std::string atMonitorStart;
+  std::string atWait;
+  const auto take = [](std::string& output) {
+    output = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+  };
+  at["start monitor"] = [&] { take(atMonitorStart); };
+  at["wait"] = [&] {
+    take(atWait);
+    bTerminate.Set(1);
+  };
+  const Log log = Run();
+  EXPECT_EQ(atMonitorStart, "");
+  ExpectBanner(atWait, "T5140");
+  EXPECT_EQ(log.out, "");
 }
 
-TEST_F(Daemon, TakesTheModelFromItsOneArgument) {
-  const Log log = Run({"T5100b3"});
-  EXPECT_STREQ(start.deviceName, "T5100b3_00-11-22-AA-BB-CC");
+TEST_F(Daemon, HandsTheNameOfTheModelAskedForAndTheProbeRequestToTheResponder) {
+  const Log log = Run("T5100b3");
   ExpectBanner(log.out, "T5100b3");
-}
-
-TEST_F(Daemon, AnyOtherArgumentMeansTheDefaultModel) {
-  const Log log = Run({"t5100b3"});
-  EXPECT_STREQ(start.deviceName, "T5140_00-11-22-AA-BB-CC");
-  ExpectBanner(log.out, "T5140");
-}
-
-TEST_F(Daemon, NameIsFilledWithZerosToTheEndOfItsField) {
-  Run();
-  EXPECT_EQ(std::string(start.deviceName + 23, 42), std::string(42, '\0'));
+  const std::string name = "T5100b3_00-11-22-AA-BB-CC";
+  EXPECT_EQ(std::string(start.deviceName, 65), name + std::string(65 - name.size(), '\0'));
+  EXPECT_EQ(start.probeRequest, 1u);
+  EXPECT_EQ(memcmp(macAtStart, "\x00\x11\x22\xAA\xBB\xCC", 6), 0);
 }
 
 TEST_F(Daemon, ForgetsAnEarlierAddressWhenTheBridgeIsMissing) {
-  ASSERT_TRUE(EnterOwnNetwork()) << strerror(errno);
+  RemoveBridge("br0");
   memset(hw_addr, 0x77, 6);
-  const Log log = Run();
-  EXPECT_EQ(log.err, "[Bonjour] ioctl HWADDR error: No such device\n");
+  EXPECT_EQ(Run().err, "[Bonjour] ioctl HWADDR error: No such device\n");
   EXPECT_STREQ(start.deviceName, "T5140_00-00-00-00-00-00");
-  EXPECT_EQ(macAtStart, std::vector<uint8_t>(6, 0));
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(memcmp(macAtStart, "\0\0\0\0\0\0", 6), 0);
 }
 
-// Standard descriptors and signals
+// Standard descriptors
+
+std::string FileOf(int descriptor) {
+  char target[256] = {};
+  const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+  return readlink(path.c_str(), target, sizeof(target) - 1) < 0 ? "" : target;
+}
 
 TEST_F(Daemon, ClosedStandardDescriptorsAreOpenBeforeAnythingElseIsOpened) {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+    at["start responder"] = [&] { _exit(FileOf(descriptor) == "/dev/null" ? 0 : 2); };
     EXPECT_EXIT(
         {
-          fakeThread.onStart = [&](ThreadBody, void*) {
-            char target[16] = {};
-            const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
-            if (readlink(path.c_str(), target, sizeof(target) - 1) < 0) _exit(1);
-            _exit(strcmp(target, "/dev/null") == 0 ? 0 : 2);
-          };
           close(descriptor);
-          const CommandLine line({});
-          RunDaemon(line.Count(), line.Values());
+          RunDaemon(1, nullptr);
         },
         testing::ExitedWithCode(0), "")
         << descriptor;
@@ -133,226 +140,143 @@ TEST_F(Daemon, ClosedStandardDescriptorsAreOpenBeforeAnythingElseIsOpened) {
 }
 
 TEST_F(Daemon, ClosedStandardDescriptorsAreOpenWithoutANullDeviceToo) {
+  onOpen = [](const std::string& path, int flags) {
+    return path == "/dev/null" ? -1 : openat(AT_FDCWD, path.c_str(), flags);
+  };
+  at["start responder"] = [] {
+    _exit(fcntl(0, F_GETFD) >= 0 && fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0 ? 0 : 2);
+  };
   EXPECT_EXIT(
       {
-        if (!EnterOwnMounts() || !MountOwnDev()) _exit(1);
-        fakeThread.onStart = [&](ThreadBody, void*) {
-          _exit(fcntl(0, F_GETFD) >= 0 && fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0 ? 0 : 2);
-        };
         for (int descriptor = 0; descriptor <= 2; ++descriptor) close(descriptor);
-        const CommandLine line({});
-        RunDaemon(line.Count(), line.Values());
+        RunDaemon(1, nullptr);
       },
       testing::ExitedWithCode(0), "");
+  onOpen = nullptr;
 }
 
 TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
-  std::string before;
+  const std::string before = FileOf(0);
   std::string during;
-  const auto look = [] {
-    char target[256] = {};
-    return readlink("/proc/self/fd/0", target, sizeof(target) - 1) < 0 ? "" : std::string(target);
-  };
-  before = look();
-  fakeThread.onStart = [&](ThreadBody, void*) {
-    fakeResponder.initStatus = 1;
-    during = look();
-  };
+  at["start responder"] = [&] { during = FileOf(0); };
   Run();
   EXPECT_EQ(during, before);
 }
 
-TEST_F(Daemon, SignalHandlersAreSetBeforeTheResponderStarts) {
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    fakeResponder.initStatus = 1;
-    if (body == BonjourServiceInit) raise(SIGTERM);
-  };
-  Run();
-  EXPECT_EQ(bTerminate.Get(), 1u);
-}
-
-TEST_F(Daemon, SigintAndSigtermOnlySetTheStopFlag) {
-  Run();
-  for (const int signalNumber : {SIGINT, SIGTERM}) {
-    bTerminate.Set(0);
-    const Log log = LogOf([&] { raise(signalNumber); });
-    EXPECT_EQ(bTerminate.Get(), 1u);
-    EXPECT_EQ(log.out, "");
-    EXPECT_EQ(log.err, "");
-  }
-}
+// Signals
 
 TEST_F(Daemon, SigpipeIsIgnored) {
   Run();
-  struct sigaction action = {};
-  ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
-  EXPECT_EQ(action.sa_handler, SIG_IGN);
   bTerminate.Set(0);
   raise(SIGPIPE);
   EXPECT_EQ(bTerminate.Get(), 0u);
 }
 
-TEST_F(Daemon, StopSignalsThatTheParentBlockedAreUnblocked) {
+TEST_F(Daemon, StopSignalsSetTheFlagFromTheStartAlsoIfTheParentBlockedThem) {
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stop, nullptr), 0);
-  bool taken[2] = {};
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    fakeResponder.initStatus = 1;
-    bTerminate.Set(0);
-    raise(body == CheckUsbDevice ? SIGTERM : SIGINT);
-    taken[body == CheckUsbDevice] = bTerminate.Get() == 1;
+  std::vector<uint32_t> flags;
+  at["start responder"] = [&] {
+    for (const int signalNumber : {SIGINT, SIGTERM}) {
+      bTerminate.Set(0);
+      raise(signalNumber);
+      flags.push_back(bTerminate.Get());
+    }
   };
   Run();
-  EXPECT_TRUE(taken[0]);
-  EXPECT_TRUE(taken[1]);
-}
-
-// The wait for the responder
-
-TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUp) {
-  isUpAtOnce = false;
-  std::vector<unsigned> pauses;
-  std::vector<size_t> threadsAtPause;
-  fakeSleep.hook = [&](unsigned seconds) {
-    pauses.push_back(seconds);
-    threadsAtPause.push_back(fakeThread.started.size());
-    if (pauses.size() == 5) fakeResponder.initStatus = 1;
-  };
-  Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, std::vector<unsigned>(5, 1));
-  EXPECT_EQ(threadsAtPause, std::vector<size_t>(5, 1));
-  EXPECT_EQ(fakeThread.started.size(), 2u);
-}
-
-TEST_F(Daemon, DoesNotPauseWhenTheResponderIsUpAtOnce) {
-  int pauses = 0;
-  fakeSleep.hook = [&](unsigned) { ++pauses; };
-  Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, 0);
-}
-
-TEST_F(Daemon, StopBeforeTheResponderIsUpDoesNotEndTheWait) {
-  isUpAtOnce = false;
-  int pauses = 0;
-  fakeSleep.hook = [&](unsigned) {
-    ++pauses;
-    if (pauses == 2) raise(SIGTERM);
-    if (pauses == 6) fakeResponder.initStatus = 1;
-  };
-  const Log log = Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(pauses, 6);
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_EQ(fakeThread.started.size(), 2u);
-  ExpectBanner(log.out, "T5140");
-}
-
-TEST_F(Daemon, UnknownResponderStatusStartsNoMonitor) {
-  isUpAtOnce = false;
-  fakeSleep.hook = [](unsigned) { fakeResponder.initStatus = 2; };
-  const Log log = Run();
-  fakeSleep.hook = nullptr;
-  EXPECT_EQ(log.err, "");
-  ExpectBanner(log.out, "T5140");
-  EXPECT_EQ(fakeThread.started, std::vector<ThreadBody>{BonjourServiceInit});
-  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
-}
-
-// Threads that cannot be started
-
-TEST_F(Daemon, ResponderThatCannotBeStartedEndsItAtOnce) {
-  fakeThread.failsFor = BonjourServiceInit;
-  const Log log = Run();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(log.err, kNoThread);
-  EXPECT_EQ(log.out, "");
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_TRUE(fakeThread.started.empty());
-  EXPECT_TRUE(fakeThread.joined.empty());
-}
-
-TEST_F(Daemon, MonitorThatCannotBeStartedStopsTheResponder) {
-  fakeThread.failsFor = CheckUsbDevice;
-  const Log log = Run();
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(log.err, kNoThread);
-  ExpectBanner(log.out, "T5140");
-  EXPECT_EQ(bTerminate.Get(), 1u);
-  EXPECT_EQ(fakeThread.joined, (std::vector<ThreadBody>{BonjourServiceInit, nullptr}));
-}
-
-// The banner and the stop
-
-TEST_F(Daemon, BannerIsPrintedAfterTheMonitorsStartAndBeforeTheJoins) {
-  std::string outputAtMonitorStart = "not started";
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    fakeResponder.initStatus = 1;
-    if (body != CheckUsbDevice) return;
-    fflush(stdout);
-    outputAtMonitorStart = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-  };
-  const Log log = Run();
-  EXPECT_EQ(outputAtMonitorStart, "");
-  ExpectBanner(log.out, "T5140");
-}
-
-TEST_F(Daemon, WaitsForTheStopAfterTheBannerThenEndsTheReceiveThenJoins) {
-  std::vector<std::string> events;
-  std::string outputAtWait;
-  fakeStop.onWait = [&](const sigset_t&) {
-    events.emplace_back("wait");
-    fflush(stdout);
-    outputAtWait += testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    if (events.size() == 3) bTerminate.Set(1);
-  };
-  fakeResponder.endReceive = [&] {
-    events.push_back("end receive, joined " + std::to_string(fakeThread.joined.size()));
-  };
-  const Log log = Run();
-  // A signal that is no stop, or comes before the flag is seen, is waited on.
-  EXPECT_THAT(events, testing::ElementsAre("wait", "wait", "wait", "end receive, joined 0"));
-  ExpectBanner(outputAtWait, "T5140");
-  EXPECT_EQ(log.out, "");
-  EXPECT_EQ(fakeThread.joined.size(), 2u);
-}
-
-TEST_F(Daemon, StopThatCameBeforeTheWaitIsNotWaitedFor) {
-  int waits = 0;
-  fakeStop.onWait = [&](const sigset_t&) {
-    ++waits;
-    bTerminate.Set(1);
-  };
-  fakeThread.onStart = [&](ThreadBody body, void*) {
-    fakeResponder.initStatus = 1;
-    if (body == CheckUsbDevice) raise(SIGTERM);
-  };
-  Run();
-  EXPECT_EQ(waits, 0);
+  EXPECT_THAT(flags, ElementsAre(1, 1));
 }
 
 TEST_F(Daemon, StopSignalsAreUnblockedOnlyDuringTheWait) {
-  bool blockedAround = false;
-  bool blockedMeanwhile = true;
-  fakeStop.onWait = [&](const sigset_t& blocked) {
-    sigset_t around;
+  sigset_t around;
+  at["wait"] = [&] {
     pthread_sigmask(SIG_BLOCK, nullptr, &around);
-    blockedAround = sigismember(&around, SIGTERM) == 1 && sigismember(&around, SIGINT) == 1;
-    blockedMeanwhile = sigismember(&blocked, SIGTERM) == 1 || sigismember(&blocked, SIGINT) == 1;
     bTerminate.Set(1);
   };
   Run();
-  EXPECT_TRUE(blockedAround);
-  EXPECT_FALSE(blockedMeanwhile);
+  for (const int signalNumber : {SIGINT, SIGTERM}) {
+    EXPECT_EQ(sigismember(&around, signalNumber), 1);
+    EXPECT_EQ(sigismember(&blockedInWait, signalNumber), 0);
+  }
   bTerminate.Set(0);
   raise(SIGTERM);
   EXPECT_EQ(bTerminate.Get(), 1u);
 }
 
+// The wait for the responder
+
+TEST_F(Daemon, PollsOnceASecondUntilTheResponderIsUpAlsoAfterAStop) {
+  fakeResponder.initStatus = 0;
+  at["pause 1"] = [] {
+    if (events.size() == 2) raise(SIGTERM);
+    if (events.size() == 4) fakeResponder.initStatus = 1;
+  };
+  const Log log = Run();
+  // There is nothing to wait for any more.
+  EXPECT_THAT(events,
+              ElementsAre("start responder", "pause 1", "pause 1", "pause 1", "start monitor",
+                          "end receive", "join responder", "join monitor"));
+  ExpectBanner(log.out, "T5140");
+}
+
+TEST_F(Daemon, UnknownResponderStatusStartsNoMonitor) {
+  fakeResponder.initStatus = 0;
+  at["pause 1"] = [] { fakeResponder.initStatus = 2; };
+  const Log log = Run();
+  EXPECT_THAT(events, ElementsAre("start responder", "pause 1", "wait", "end receive",
+                                  "join responder", "join none"));
+  EXPECT_EQ(log.err, "");
+  ExpectBanner(log.out, "T5140");
+}
+
+// Threads that cannot be started
+
+TEST_F(Daemon, ResponderThatCannotBeStartedEndsItAtOnce) {
+  failingThread = "responder";
+  const Log log = Run();
+  EXPECT_THAT(events, ElementsAre("start responder"));
+  EXPECT_EQ(log.err, kNoThread);
+  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(bTerminate.Get(), 1u);
+}
+
+TEST_F(Daemon, MonitorThatCannotBeStartedStopsTheResponder) {
+  failingThread = "monitor";
+  const Log log = Run();
+  EXPECT_THAT(events, ElementsAre("start responder", "start monitor", "end receive",
+                                  "join responder", "join none"));
+  EXPECT_EQ(log.err, kNoThread);
+  ExpectBanner(log.out, "T5140");
+}
+
 }  // namespace
+
+// In place of base/thread: the handle says which of the two threads it is.
+int StartThread(JoinableThread& thread, void* (*body)(void*), void* argument) {
+  const bool isMonitor = body == CheckUsbDevice;
+  if (isMonitor) {
+    EXPECT_EQ(argument, nullptr);
+  } else {
+    start = *static_cast<ResponderStartRecord*>(argument);
+    memcpy(macAtStart, hw_addr, 6);
+  }
+  const std::string name = isMonitor ? "monitor" : "responder";
+  Note("start " + name);
+  thread.handle = isMonitor;
+  thread.running = name != failingThread;
+  return thread.running ? 0 : EAGAIN;
+}
+
+void JoinThread(JoinableThread& thread) {
+  Note(thread.running ? thread.handle == 1 ? "join monitor" : "join responder" : "join none");
+}
+
+extern "C" int sigsuspend(const sigset_t* blocked) {
+  blockedInWait = *blocked;
+  Note("wait");
+  errno = EINTR;
+  return -1;
+}

@@ -7,35 +7,17 @@ namespace {
 
 bool IsValid(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-TEST(Descriptor, IsOpenWhileItHoldsOne) {
-  const int number = dup(0);
-  const Descriptor held(number);
-  EXPECT_TRUE(held.IsOpen());
-  EXPECT_EQ(held.Get(), number);
-  EXPECT_TRUE(IsValid(number));
-}
-
-TEST(Descriptor, MayBeTheFirst) {
+TEST(Descriptor, IsOpenUntilItGoesAlsoTheFirst) {
   const int input = dup(0);
   {
     const Descriptor held(0);
     EXPECT_TRUE(held.IsOpen());
+    EXPECT_EQ(held.Get(), 0);
+    EXPECT_TRUE(IsValid(0));
   }
   EXPECT_FALSE(IsValid(0));
   dup2(input, 0);
   close(input);
-}
-
-TEST(Descriptor, IsClosedWhenItGoes) {
-  const int number = dup(0);
-  { const Descriptor held(number); }
-  EXPECT_FALSE(IsValid(number));
-}
-
-TEST(Descriptor, NoneIsNotOpen) {
-  const Descriptor none(-1);
-  EXPECT_FALSE(none.IsOpen());
-  EXPECT_EQ(none.Get(), -1);
 }
 
 TEST(Descriptor, ClosedOneHoldsNoneAndClosesNothingWhenItGoes) {

@@ -9,33 +9,32 @@
 
 namespace {
 
-TEST(Gate, IsEmptyUntilSomebodyEnters) {
+TEST(Gate, CountsWhoIsInsideAndLetsNobodyInOnceItIsClosed) {
   Gate gate;
   EXPECT_TRUE(gate.IsEmpty());
   EXPECT_TRUE(gate.Enter());
-  EXPECT_FALSE(gate.IsEmpty());
   EXPECT_TRUE(gate.Enter());
   gate.Leave();
   EXPECT_FALSE(gate.IsEmpty());
-  gate.Leave();
-  EXPECT_TRUE(gate.IsEmpty());
-}
-
-TEST(Gate, NobodyEntersAClosedGate) {
-  Gate gate;
   EXPECT_FALSE(gate.IsClosed());
   gate.Close();
   EXPECT_TRUE(gate.IsClosed());
   EXPECT_FALSE(gate.Enter());
+  EXPECT_FALSE(gate.IsEmpty());
+  gate.Leave();
   EXPECT_TRUE(gate.IsEmpty());
 }
 
-TEST(Gate, WhoIsInsideAtTheCloseStaysUntilItLeaves) {
+TEST(GatePass, IsInsideForItsLifetimeUnlessTheGateIsClosed) {
   Gate gate;
-  EXPECT_TRUE(gate.Enter());
+  {
+    const GatePass pass(gate);
+    EXPECT_TRUE(pass.IsInside());
+    EXPECT_FALSE(gate.IsEmpty());
+  }
+  EXPECT_TRUE(gate.IsEmpty());
   gate.Close();
-  EXPECT_FALSE(gate.IsEmpty());
-  gate.Leave();
+  EXPECT_FALSE(GatePass(gate).IsInside());
   EXPECT_TRUE(gate.IsEmpty());
 }
 
@@ -79,13 +78,12 @@ TEST(Gate, CloseBetweenAnyTwoStepsOfAnEntryKeepsItOutOrFindsItInside) {
 }
 
 TEST(Gate, NobodyIsInsideOnceItIsClosedAndEmpty) {
-  constexpr int kThreads = 4;
   Gate gate;
   std::atomic<bool> isOver{false};
   std::atomic<int> seenInside{0};
-  int work = 0;  // changed inside only, by one thread at a time
+  int work = 0;  // changed inside only, by one thread
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
+  for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&, i] {
       while (gate.Enter()) {
         if (isOver) ++seenInside;
@@ -102,27 +100,6 @@ TEST(Gate, NobodyIsInsideOnceItIsClosedAndEmpty) {
   EXPECT_GE(work, 0);
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(seenInside, 0);
-}
-
-TEST(GatePass, IsInsideForItsLifetime) {
-  Gate gate;
-  {
-    const GatePass pass(gate);
-    EXPECT_TRUE(pass.IsInside());
-    EXPECT_FALSE(gate.IsEmpty());
-  }
-  EXPECT_TRUE(gate.IsEmpty());
-}
-
-TEST(GatePass, IsNotInsideAClosedGate) {
-  Gate gate;
-  gate.Close();
-  {
-    const GatePass pass(gate);
-    EXPECT_FALSE(pass.IsInside());
-    EXPECT_TRUE(gate.IsEmpty());
-  }
-  EXPECT_TRUE(gate.IsEmpty());
 }
 
 }  // namespace

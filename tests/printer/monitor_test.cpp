@@ -1,189 +1,129 @@
-// What the monitor does with the printers that it found: ApplyPresence for one pass, CheckUsbDevice
-// (the thread) for a sequence of passes.
+// ScanPrinters finds ports and service names in a status file, ApplyPresence acts on them for one
+// pass, CheckUsbDevice (the thread) for a sequence of passes.
 #include "printer/monitor.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "base/responder.h"
 #include "base/text.h"
-#include "tests/support/fake_services.h"
-#include "tests/support/fake_sleep.h"
-#include "tests/support/fake_status_file.h"
+#include "tests/support/case_name.h"
+#include "tests/support/fake_printer.h"
 #include "tests/support/fault.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/output.h"
 
 namespace {
 
 constexpr uint8_t kMac[6] = {0x00, 0x11, 0x22, 0xAA, 0x0B, 0xC0};
 constexpr char kOnePrinter[] = "usblp0\nHP\nModel 12\nPCL\n\n";
+constexpr char kInsertion[] = "[Bonjour] device insert lp0\n";
+constexpr char kRemoval[] = "[Bonjour] device remove lp0\n";
+constexpr char kPublished[] = "+0 pdl HP Model 12 (aa:0b:c0) 0\n+0 ipp HP Model 12 (aa:0b:c0) 0\n";
+constexpr char kWithdrawn[] = "-0 pdl HP Model 12 (aa:0b:c0) 0\n-0 ipp HP Model 12 (aa:0b:c0) 0\n";
+constexpr char kCannotOpen[] = "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "\"\n";
+constexpr char kNoMemory[] = "[Bonjour] malloc error: Cannot allocate memory\n";
 
 static_assert(sizeof(PrinterTxt::text) == 513, "a text takes 512 characters and its terminator");
 
-// The registrations (+) and unregistrations (-) since the last look, a line each: port, kind, name.
-std::string TakeCalls() {
-  std::string calls;
-  for (const ServiceCall& call : fakeServices.calls) {
-    calls += call.action == 1 ? "+" : "-";
-    calls += std::to_string(call.port) + (call.kind == 1   ? " pdl "
-                                          : call.kind == 2 ? " ipp "
-                                                           : " other ");
-    calls += call.name + "\n";
-  }
-  fakeServices.calls.clear();
-  return calls;
-}
-
-PrinterPresence Ports(std::string_view digits) {
-  PrinterPresence presence = {};
-  for (const char digit : digits) presence.present[digit - '0'] = 1;
-  return presence;
-}
-
-class ApplyPresenceTest : public testing::Test {
- protected:
-  void SetUp() override {
-    fakeServices = {};
-    memset(printerServiceNames, 0, sizeof(printerServiceNames));
-    for (int32_t port = 0; port < 10; ++port) {
-      printerServiceNames[port][0] = 'p';
-      printerServiceNames[port][1] = static_cast<char>('0' + port);
-    }
-  }
-  // Gives the buffers back, so that a leak of the module under test stands out.
-  void TearDown() override { Apply(""); }
-
-  Log Apply(std::string_view ports) {
-    return LogOf([&] { ApplyPresence(previous, Ports(ports)); });
-  }
-
-  PrinterPresence previous = {};
+struct ScanCase {
+  const char* name;
+  std::string text;
+  std::string names;  // of the ports that have a printer
 };
 
-TEST_F(ApplyPresenceTest, InsertionRegistersRawPortThenIpp) {
-  const Log log = Apply("0");
-  EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n");
-  EXPECT_EQ(log.err, "");
-  EXPECT_EQ(TakeCalls(), "+0 pdl p0\n+0 ipp p0\n");
-}
+class ScanPrintersTest : public testing::TestWithParam<ScanCase> {};
 
-TEST_F(ApplyPresenceTest, RemovalUnregistersRawPortThenIpp) {
-  Apply("0");
-  TakeCalls();
-  const Log log = Apply("");
-  EXPECT_EQ(log.out, "[Bonjour] device remove lp0\n");
-  EXPECT_EQ(log.err, "");
-  EXPECT_EQ(TakeCalls(), "-0 pdl p0\n-0 ipp p0\n");
-}
-
-TEST_F(ApplyPresenceTest, NothingHappensToPortsThatStay) {
-  Apply("09");
-  TakeCalls();
-  EXPECT_EQ(Apply("09").out, "");
-  EXPECT_EQ(TakeCalls(), "");
-}
-
-TEST_F(ApplyPresenceTest, PortsAreHandledInOrderInsertionsAndRemovalsMixed) {
-  Apply("13");
-  TakeCalls();
-  const Log log = Apply("0349");
-  EXPECT_EQ(log.out,
-            "[Bonjour] device insert lp0\n[Bonjour] device remove lp1\n"
-            "[Bonjour] device insert lp4\n[Bonjour] device insert lp9\n");
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl p0\n+0 ipp p0\n-1 pdl p1\n-1 ipp p1\n"
-            "+4 pdl p4\n+4 ipp p4\n+9 pdl p9\n+9 ipp p9\n");
-}
-
-TEST_F(ApplyPresenceTest, PreviousPassBecomesTheCurrentOne) {
-  Apply("25");
-  Apply("5");
-  EXPECT_EQ(memcmp(&previous, "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0", 20), 0);
-  EXPECT_EQ(previous.present[5], 1u);
-  EXPECT_EQ(previous.present[2], 0u);
-}
-
-TEST_F(ApplyPresenceTest, EachServiceGetsAZeroedBufferOfItsOwn) {
-  Apply("7");
-  ASSERT_EQ(fakeServices.calls.size(), 2u);
-  const ServiceCall& pdl = fakeServices.calls[0];
-  const ServiceCall& ipp = fakeServices.calls[1];
-  EXPECT_TRUE(pdl.txtIsZeroed);
-  EXPECT_TRUE(ipp.txtIsZeroed);
-  EXPECT_NE(pdl.txt, ipp.txt);
-  EXPECT_EQ(pdl.txt, printerTxtPdl[7]->text);
-  EXPECT_EQ(ipp.txt, printerTxtIpp[7]->text);
-}
-
-TEST_F(ApplyPresenceTest, RemovalClearsThePointers) {
-  Apply("7");
-  Apply("");
-  EXPECT_EQ(printerTxtPdl[7], nullptr);
-  EXPECT_EQ(printerTxtIpp[7], nullptr);
-}
-
-TEST_F(ApplyPresenceTest, FailedRegistrationKeepsItsBufferAndIsUnregisteredAllTheSame) {
-  fakeServices.result = 0;
-  Apply("7");
-  EXPECT_NE(printerTxtPdl[7], nullptr);
-  EXPECT_NE(printerTxtIpp[7], nullptr);
-  TakeCalls();
-  Apply("7");
-  EXPECT_EQ(TakeCalls(), "");
-  Apply("");
-  EXPECT_EQ(TakeCalls(), "-7 pdl p7\n-7 ipp p7\n");
-}
-
-TEST_F(ApplyPresenceTest, ServiceWithoutBufferIsNotUnregistered) {
-  Apply("7");
-  TakeCalls();
-  PrinterTxt* const lost = printerTxtPdl[7];
-  printerTxtPdl[7] = nullptr;
-  const Log log = Apply("");
-  EXPECT_EQ(log.out, "[Bonjour] device remove lp7\n");
-  EXPECT_EQ(TakeCalls(), "-7 ipp p7\n");
-  free(lost);
-}
-
-TEST_F(ApplyPresenceTest, ServiceWithoutMemoryForItsTextIsLeftOutAndTheOtherOneIsNot) {
-  struct {
-    int failedCall;
-    const char* calls;
-  } const cases[] = {{1, "+7 ipp p7\n-7 ipp p7\n"}, {2, "+7 pdl p7\n-7 pdl p7\n"}};
-  for (const auto& row : cases) {
-    callocFault.FailCall(row.failedCall);
-    const Log log = Apply("7");
-    EXPECT_TRUE(callocFault.HasStruck());
-    EXPECT_EQ(log.out, "[Bonjour] device insert lp7\n");
-    EXPECT_EQ(log.err, "[Bonjour] malloc error: Cannot allocate memory\n");
-    EXPECT_EQ(printerTxtPdl[7] == nullptr, row.failedCall == 1);
-    EXPECT_EQ(printerTxtIpp[7] == nullptr, row.failedCall == 2);
-    EXPECT_EQ(Apply("").out, "[Bonjour] device remove lp7\n");
-    EXPECT_EQ(TakeCalls(), row.calls);
+TEST_P(ScanPrintersTest, FindsPortsAndNames) {
+  memcpy(hw_addr, kMac, 6);
+  memset(printerServiceNames, 0, sizeof(printerServiceNames));
+  PrinterPresence presence = {};
+  // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
+  const std::vector<char> text(GetParam().text.begin(), GetParam().text.end());
+  ScanPrinters({text.data(), text.size()}, presence);
+  std::string names;
+  for (int32_t port = 0; port < 10; ++port) {
+    const std::string name(FieldText(printerServiceNames[port]));
+    EXPECT_EQ(presence.present[port], name.empty() ? 0u : 1u);
+    if (name.empty()) continue;
+    names += (names.empty() ? "" : "|") + name;
+    EXPECT_TRUE(name.ends_with(" " + std::to_string(port)));
   }
+  EXPECT_EQ(names, GetParam().names);
 }
 
-// Runs the monitor pass by pass, each with the file as it is then, without waiting.
-class MonitorThread : public testing::Test {
- protected:
-  struct Pass {
-    bool canOpen;
-    std::string text;
-  };
+const std::string k50(50, 'a');
+const std::string k64(64, 'm');
 
-  void SetUp() override {
-    fakeServices = {};
+INSTANTIATE_TEST_SUITE_P(
+    , ScanPrintersTest,
+    testing::Values(
+        ScanCase{"TextWithoutToken", "usb\nA\nM\nX\n\n", ""},
+        ScanCase{"OrderInTheFileIsFree", "usblp1\nA\nM\nX\n\nusblp0\nB\nN\nX\n\n",
+                 "B N (aa:0b:c0) 0|A M (aa:0b:c0) 1"},
+        ScanCase{"OnlyTheDigitAfterTheTokenCounts", "printer at usblp10 ready\nA\nM\nX\n\n",
+                 "A M (aa:0b:c0) 1"},
+        ScanCase{"LaterRecordOfAPortLeavesNothingOfALongerName",
+                 "usblp0\nManufacturer\nM\nX\n\nusblp0\nB\nN\nX\n\n", "B N (aa:0b:c0) 0"},
+        ScanCase{"RecordWithACharacterBelowTheDigitsIsPassedOver",
+                 "usblp/\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+        ScanCase{"RecordWithACharacterAboveTheDigitsIsPassedOver",
+                 "usblp:\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+        ScanCase{"ByteAboveAsciiIsPassedOver", "usblp\xb1\nA\nM\nX\n\n", ""},
+        ScanCase{"TokenAtTheEndOfTheTextHasNoDigit", "A\nB\nC\nD\nusblp", ""},
+        // Lines are counted from the record's start, the port comes from where the token stands.
+        ScanCase{"TokenInALaterLine", "first\nA\nusblp4\nX\n\n", "A usblp4 (aa:0b:c0) 4"},
+        ScanCase{"TokenAfterTheWholeRecord", "first\nA\nM\nX\n\nusblp5\nB\nN\nX\n\n",
+                 "B N (aa:0b:c0) 5"},
+        ScanCase{"SecondTokenOfARecordIsNotLookedAt", "usblp1\nusblp2\nM\nX\n\n",
+                 "usblp2 M (aa:0b:c0) 1"},
+        ScanCase{"SecondLineIncomplete", "usblp0\nA", ""},
+        ScanCase{"ThirdLineIncomplete", "usblp0\nA\nM", ""},
+        ScanCase{"ThreeLinesAreEnough", "usblp0\nA\nM\n", "A M (aa:0b:c0) 0"},
+        ScanCase{"FifthLineIncompleteEndsTheScan", "usblp0\nA\nM\nX\nusblp1", "A M (aa:0b:c0) 0"},
+        ScanCase{"RecordOfFourLinesShiftsAllThatFollow",
+                 "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\nusblp2\nC\nO\nZ\n\n",
+                 "A M (aa:0b:c0) 0|N Y (aa:0b:c0) 2"},
+        ScanCase{"EmptyLinesGiveTwoBlanks", "usblp0\n\n\nX\n\n", "  (aa:0b:c0) 0"},
+        ScanCase{"NothingIsTrimmed", "usblp0\n A \n M \nX\n\n", " A   M  (aa:0b:c0) 0"},
+        ScanCase{"OneHundredAndFifteenCharactersAreTakenWhole",
+                 "usblp9\n" + k50 + "\n" + k64 + "\nX\n\n", k50 + " " + k64 + " (aa:0b:c0) 9"},
+        ScanCase{"OneHundredAndSixteenCharactersAreCut", "usblp0\n" + k50 + "\n" + k64 + "M\nX\n\n",
+                 k50 + " " + k64 + " (aa:0b:c0) 0"},
+        ScanCase{"CutAfterTheManufacturersLineFeed", "usblp0\n" + k50 + k64 + "\nM\nX\n\n",
+                 k50 + k64 + "  (aa:0b:c0) 0"}),
+    CaseName());
+
+TEST(ScanPrinters, NamesAndFlagsOfOtherPortsAreLeftAlone) {
+  PrinterPresence presence = {};
+  presence.present[5] = 1;
+  CopyText(printerServiceNames[4], "gone");
+  ScanPrinters("usblp0\nA\nM\nX\n\n", presence);
+  EXPECT_EQ(presence.present[5], 1u);
+  EXPECT_STREQ(printerServiceNames[4], "gone");
+}
+
+// The registrations (+) and unregistrations (-), a line each: port, kind, name; and their result.
+std::string calls;
+uint32_t result;
+
+class Monitor : public testing::Test {
+ protected:
+  Monitor() {
+    calls.clear();
+    result = 1;
     fakeStatusFile = {};
     bTerminate.Set(0);
     memcpy(hw_addr, kMac, 6);
+    memset(printerServiceNames, 0, sizeof(printerServiceNames));
   }
   // A stopped monitor leaves its texts to the services that are still registered.
-  void TearDown() override {
+  ~Monitor() override {
     for (int32_t port = 0; port < 10; ++port) {
       free(printerTxtPdl[port]);
       free(printerTxtIpp[port]);
@@ -192,177 +132,157 @@ class MonitorThread : public testing::Test {
     }
   }
 
-  Log Run(const std::vector<Pass>& passes) {
-    size_t pass = 0;
-    const auto show = [&] {
-      fakeStatusFile.present = passes[pass].canOpen;
-      fakeStatusFile.text = passes[pass].text;
-    };
-    fakeSleep.hook = [&](unsigned seconds) {
-      pauses.push_back(seconds);
-      ++pass;
-      if (pass == passes.size()) {
-        bTerminate.Set(1);
-      } else {
-        show();
-      }
-    };
-    show();
-    Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
-    fakeSleep.hook = nullptr;
+  // A pass that sees printers on these ports.
+  Log Apply(std::string_view ports) {
+    PrinterPresence current = {};
+    for (const char digit : ports) current.present[digit - '0'] = 1;
+    const Log log = LogOf([&] { ApplyPresence(previous, current); });
+    EXPECT_EQ(memcmp(&previous, &current, sizeof(current)), 0);
     return log;
   }
 
-  std::vector<unsigned> pauses;
+  // Runs the monitor pass by pass, each with the file as it is then: null when it can't be opened.
+  static Log Run(const std::vector<std::optional<std::string>>& passes) {
+    size_t pass = 0;
+    const auto show = [&] {
+      fakeStatusFile.present = passes[pass].has_value();
+      fakeStatusFile.text = passes[pass].value_or("");
+    };
+    onSleep = [&](unsigned seconds) {
+      EXPECT_EQ(seconds, 1u);
+      ++pass;
+      if (pass < passes.size()) return show();
+      bTerminate.Set(1);
+    };
+    show();
+    const Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
+    EXPECT_EQ(log.err, "");
+    onSleep = nullptr;
+    return log;
+  }
+
+  PrinterPresence previous = {};
 };
 
-constexpr char kCannotOpen[] = "[Bonjour] Can not open \"" BONJOUR_STATUS_FILE "\"\n";
+TEST_F(Monitor, InsertionRegistersRawPortThenIppAndRemovalUnregistersThem) {
+  EXPECT_EQ(Apply("0").out, kInsertion);
+  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n");
+  EXPECT_EQ(Apply("").out, kRemoval);
+  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n-0 pdl \n-0 ipp \n");
+  EXPECT_EQ(printerTxtPdl[0], nullptr);
+  EXPECT_EQ(printerTxtIpp[0], nullptr);
+}
 
-TEST_F(MonitorThread, StartsWithEmptyTables) {
+TEST_F(Monitor, PortsAreHandledInOrderInsertionsAndRemovalsMixedAndThoseThatStayLeftAlone) {
+  Apply("13");
+  calls.clear();
+  EXPECT_EQ(Apply("0349").out,
+            "[Bonjour] device insert lp0\n[Bonjour] device remove lp1\n"
+            "[Bonjour] device insert lp4\n[Bonjour] device insert lp9\n");
+  EXPECT_EQ(calls,
+            "+0 pdl \n+0 ipp \n-1 pdl \n-1 ipp \n"
+            "+4 pdl \n+4 ipp \n+9 pdl \n+9 ipp \n");
+}
+
+TEST_F(Monitor, FailedRegistrationKeepsItsBufferAndIsUnregisteredAllTheSame) {
+  result = 0;
+  Apply("7");
+  EXPECT_NE(printerTxtPdl[7], nullptr);
+  EXPECT_NE(printerTxtIpp[7], nullptr);
+  Apply("7");
+  Apply("");
+  EXPECT_EQ(calls, "+7 pdl \n+7 ipp \n-7 pdl \n-7 ipp \n");
+}
+
+TEST_F(Monitor, ServiceWithoutMemoryForItsTextIsLeftOutAndTheOtherOneIsNot) {
+  const char* const left[] = {"+7 ipp \n-7 ipp \n", "+7 pdl \n-7 pdl \n"};
+  for (const int failed : {0, 1}) {
+    calls.clear();
+    callocFault.FailCall(failed + 1);
+    const Log log = Apply("7");
+    EXPECT_TRUE(callocFault.HasStruck());
+    EXPECT_EQ(log.out, "[Bonjour] device insert lp7\n");
+    EXPECT_EQ(log.err, kNoMemory);
+    EXPECT_EQ(Apply("").out, "[Bonjour] device remove lp7\n");
+    EXPECT_EQ(calls, left[failed]);
+  }
+}
+
+TEST_F(Monitor, StartsWithEmptyTables) {
   PrinterTxt stale = {};
   for (int32_t port = 0; port < 10; ++port) {
     printerTxtPdl[port] = &stale;
     printerTxtIpp[port] = &stale;
     memset(printerServiceNames[port], 'x', 128);
   }
-  Run({{true, ""}});
+  Run({""});
   for (int32_t port = 0; port < 10; ++port) {
     EXPECT_EQ(printerTxtPdl[port], nullptr);
     EXPECT_EQ(printerTxtIpp[port], nullptr);
-    EXPECT_EQ(std::string_view(printerServiceNames[port], 129),
-              std::string_view(std::string(129, '\0')));
+    EXPECT_EQ(std::string(printerServiceNames[port], 129), std::string(129, '\0'));
   }
 }
 
-TEST_F(MonitorThread, LackOfMemoryAtTheStartEndsItAtOnce) {
+TEST_F(Monitor, LackOfMemoryAtTheStartEndsItAtOnce) {
   callocFault.FailCall(1);
   const Log log = LogOf([] { EXPECT_EQ(CheckUsbDevice(nullptr), nullptr); });
   EXPECT_TRUE(callocFault.HasStruck());
-  EXPECT_EQ(log.err, "[Bonjour] malloc error: Cannot allocate memory\n");
+  EXPECT_EQ(log.err, kNoMemory);
   EXPECT_EQ(log.out, "");
   EXPECT_EQ(fakeStatusFile.reads, 0);
 }
 
-TEST_F(MonitorThread, FirstPassPublishesAndTheNextOnesDoNothing) {
-  const Log log = Run({{true, kOnePrinter}, {true, kOnePrinter}, {true, kOnePrinter}});
-  EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n");
-  EXPECT_EQ(log.err, "");
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n");
+TEST_F(Monitor, FirstPassPublishesNextOnesDoNothingAndAnEmptyFileWithdraws) {
+  EXPECT_EQ(Run({kOnePrinter, kOnePrinter, ""}).out, std::string(kInsertion) + kRemoval);
+  EXPECT_EQ(calls, std::string(kPublished) + kWithdrawn);
   EXPECT_EQ(fakeStatusFile.reads, 3);
 }
 
-TEST_F(MonitorThread, PausesOneSecondAfterEveryPass) {
-  Run({{true, ""}, {false, ""}, {true, kOnePrinter}, {true, ""}});
-  EXPECT_EQ(pauses, (std::vector<unsigned>{1, 1, 1, 1}));
+TEST_F(Monitor, FileThatCannotBeOpenedChangesNothing) {
+  const Log log = Run({std::nullopt, kOnePrinter, std::nullopt, kOnePrinter, ""});
+  EXPECT_EQ(log.out, std::string(kCannotOpen) + kInsertion + kCannotOpen + kRemoval);
 }
 
-TEST_F(MonitorThread, EmptyFileWithdraws) {
-  const Log log = Run({{true, kOnePrinter}, {true, ""}});
-  EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n[Bonjour] device remove lp0\n");
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n"
-            "-0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "-0 ipp HP Model 12 (aa:0b:c0) 0\n");
+TEST_F(Monitor, RemovalGoesUnderTheNameOfTheLastPassThatSawThePrinter) {
+  Run({kOnePrinter, "usblp0\nHP\nModel 13\nPCL\n\n", std::nullopt, ""});
+  EXPECT_EQ(calls, std::string(kPublished) +
+                       "-0 pdl HP Model 13 (aa:0b:c0) 0\n-0 ipp HP Model 13 (aa:0b:c0) 0\n");
 }
 
-TEST_F(MonitorThread, FileThatCannotBeOpenedKeepsAPrinterPublished) {
-  const Log log =
-      Run({{true, kOnePrinter}, {false, ""}, {false, ""}, {true, kOnePrinter}, {true, ""}});
-  EXPECT_EQ(log.out, std::string("[Bonjour] device insert lp0\n") + kCannotOpen + kCannotOpen +
-                         "[Bonjour] device remove lp0\n");
-  EXPECT_EQ(log.err, "");
-  EXPECT_EQ(fakeServices.calls.size(), 4u);
+TEST_F(Monitor, LargestFileIsLookedThroughToItsEnd) {
+  EXPECT_EQ(Run({std::string(40954, '\n') + "usblp0"}).out, kInsertion);
 }
 
-TEST_F(MonitorThread, FileThatCannotBeOpenedPublishesNothing) {
-  const Log log = Run({{false, kOnePrinter}});
-  EXPECT_EQ(log.out, kCannotOpen);
-  EXPECT_EQ(TakeCalls(), "");
+TEST_F(Monitor, TextEndsAtAZeroByte) {
+  EXPECT_EQ(Run({std::string("usblp0\nA\nM\0\nX\n\n", 15)}).out, "");
 }
 
-TEST_F(MonitorThread, PrinterIsTriedAgainOnceItWasAbsentForAPass) {
-  fakeServices.result = 0;
-  Run({{true, kOnePrinter}, {true, kOnePrinter}, {true, ""}, {true, kOnePrinter}, {true, ""}});
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n"
-            "-0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "-0 ipp HP Model 12 (aa:0b:c0) 0\n"
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n"
-            "-0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "-0 ipp HP Model 12 (aa:0b:c0) 0\n");
-}
-
-TEST_F(MonitorThread, RemovalGoesUnderTheNameOfTheLastPassThatSawThePrinter) {
-  Run({{true, kOnePrinter}, {true, "usblp0\nHP\nModel 13\nPCL\n\n"}, {false, ""}, {true, ""}});
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n"
-            "-0 pdl HP Model 13 (aa:0b:c0) 0\n"
-            "-0 ipp HP Model 13 (aa:0b:c0) 0\n");
-}
-
-TEST_F(MonitorThread, RecordThatLosesItsThirdLineWithdrawsThePrinter) {
-  const Log log = Run({{true, kOnePrinter}, {true, "usblp0\nHP\nModel 12"}});
-  EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n[Bonjour] device remove lp0\n");
-}
-
-TEST_F(MonitorThread, MalformedRecordWithdrawsThePrintersAfterIt) {
-  const Log log = Run({{true, "usblp0\nA\nM\nX\n\nusblp1\nB\nN\nY\n\n"},
-                       {true, "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\n"},
-                       {true, ""}});
-  EXPECT_EQ(log.out,
-            "[Bonjour] device insert lp0\n[Bonjour] device insert lp1\n"
-            "[Bonjour] device remove lp1\n[Bonjour] device remove lp0\n");
-}
-
-TEST_F(MonitorThread, ShorterFileLeavesNothingOfALongerOne) {
-  const Log log =
-      Run({{true, "usblp0\nA\nM\nX\n\nusblp1\nB\nN\nY\n\n"}, {true, "usblp0\nA\nM\n"}, {true, ""}});
-  EXPECT_EQ(log.out,
-            "[Bonjour] device insert lp0\n[Bonjour] device insert lp1\n"
-            "[Bonjour] device remove lp1\n[Bonjour] device remove lp0\n");
-}
-
-TEST_F(MonitorThread, TextEndsAtAZeroByte) {
-  const Log log = Run({{true, std::string("usblp0\nA\nM\0\nX\n\n", 15)}});
-  EXPECT_EQ(log.out, "");
-}
-
-TEST_F(MonitorThread, RecordAtTheVeryEndOfTheLargestFileIsSeen) {
-  // 40,950 characters of complete records of another port, then ten of this one.
-  std::string text = "usblp1\n" + std::string(40937, 'a') + "\nM\n\n\n";
-  text += "usblp0\n\n\n";
-  ASSERT_EQ(text.size(), 40958u);
-  text.insert(7, "aa");
-  const Log log = Run({{true, text}, {true, ""}});
-  EXPECT_EQ(log.out,
-            "[Bonjour] device insert lp0\n[Bonjour] device insert lp1\n"
-            "[Bonjour] device remove lp0\n[Bonjour] device remove lp1\n");
-}
-
-TEST_F(MonitorThread, StopBeforeTheFirstPassReadsNothing) {
+TEST_F(Monitor, StopBeforeTheFirstPassReadsNothing) {
   bTerminate.Set(1);
-  const Log log = Run({{true, kOnePrinter}});
-  EXPECT_EQ(log.out, "");
+  EXPECT_EQ(Run({kOnePrinter}).out, "");
   EXPECT_EQ(fakeStatusFile.reads, 0);
-  EXPECT_TRUE(pauses.empty());
 }
 
-TEST_F(MonitorThread, StopLeavesPrintersRegisteredAndTheirTextsAlive) {
-  const Log log = Run({{true, kOnePrinter}});
-  EXPECT_EQ(log.out, "[Bonjour] device insert lp0\n");
-  EXPECT_EQ(TakeCalls(),
-            "+0 pdl HP Model 12 (aa:0b:c0) 0\n"
-            "+0 ipp HP Model 12 (aa:0b:c0) 0\n");
-  ASSERT_NE(printerTxtPdl[0], nullptr);
-  ASSERT_NE(printerTxtIpp[0], nullptr);
+TEST_F(Monitor, StopLeavesPrintersRegisteredAndTheirTextsAlive) {
+  EXPECT_EQ(Run({kOnePrinter}).out, kInsertion);
+  EXPECT_EQ(calls, kPublished);
   EXPECT_STREQ(printerTxtPdl[0]->text, "x");
   EXPECT_STREQ(printerTxtIpp[0]->text, "x");
 }
 
 }  // namespace
+
+// In place of printer/services. A service to register comes with a zeroed buffer of its own.
+char printerServiceNames[kPrinterPorts][kServiceNameSize];
+
+uint32_t UpdatePrinterService(int32_t port, uint32_t action, int32_t kind, char* txt) {
+  const std::string kindName = kind == 1 ? " pdl " : kind == 2 ? " ipp " : " other ";
+  calls += (action == 1 ? "+" : "-") + std::to_string(port) + kindName;
+  calls += std::string(printerServiceNames[port]) + "\n";
+  if (action == 1) {
+    EXPECT_EQ(txt, (kind == 1 ? printerTxtPdl : printerTxtIpp)[port]->text);
+    EXPECT_TRUE(std::all_of(txt, txt + 513, [](char byte) { return byte == '\0'; }));
+    txt[0] = 'x';
+  }
+  return result;
+}

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/standard_host.h"
+#include "tests/standard/host.h"
 
 namespace {
 

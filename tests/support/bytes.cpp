@@ -3,50 +3,22 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-
-namespace {
-
-[[noreturn]] void Refuse(std::string_view notation) {
-  fprintf(stderr, "not a byte notation: %.*s\n", static_cast<int>(notation.size()),
-          notation.data());
-  abort();
-}
-
-uint8_t Digit(char c) {
-  if (c >= '0' && c <= '9') return static_cast<uint8_t>(c - '0');
-  if (c >= 'A' && c <= 'F') return static_cast<uint8_t>(c - 'A' + 10);
-  Refuse({&c, 1});
-}
-
-}  // namespace
+#include <regex>
 
 Bytes Wire(std::string_view notation) {
+  static const std::regex item(R"(\s*(?:(\d+)\*)?(?:'([^']*)'|([0-9A-F]{2}))\s*)");
   Bytes bytes;
-  size_t at = 0;
-  while (at < notation.size()) {
-    if (notation[at] == ' ' || notation[at] == '\n') {
-      ++at;
-      continue;
+  std::cmatch match;
+  for (const char* at = notation.begin(); at != notation.end(); at = match[0].second) {
+    if (!std::regex_search(at, notation.end(), match, item,
+                           std::regex_constants::match_continuous)) {
+      fprintf(stderr, "not a byte notation: %s\n", std::string(at, notation.end()).c_str());
+      abort();
     }
-    size_t count = 1;
-    const size_t star = notation.find_first_not_of("0123456789", at);
-    if (star != std::string_view::npos && notation[star] == '*') {
-      count = std::stoul(std::string(notation.substr(at, star - at)));
-      at = star + 1;
-    }
-    Bytes item;
-    if (at < notation.size() && notation[at] == '\'') {
-      const size_t end = notation.find('\'', at + 1);
-      if (end == std::string_view::npos) Refuse(notation);
-      item.assign(notation.begin() + static_cast<std::ptrdiff_t>(at) + 1,
-                  notation.begin() + static_cast<std::ptrdiff_t>(end));
-      at = end + 1;
-    } else {
-      if (at + 2 > notation.size()) Refuse(notation);
-      item = {static_cast<uint8_t>(Digit(notation[at]) << 4 | Digit(notation[at + 1]))};
-      at += 2;
-    }
-    for (; count > 0; --count) bytes.insert(bytes.end(), item.begin(), item.end());
+    std::string text = match[2];
+    if (match[3].matched) text = static_cast<char>(std::stoi(match[3], nullptr, 16));
+    const unsigned long count = match[1].matched ? std::stoul(match[1]) : 1;
+    for (unsigned long i = 0; i < count; ++i) bytes.insert(bytes.end(), text.begin(), text.end());
   }
   return bytes;
 }

@@ -1,5 +1,5 @@
-// Takes the place of a whole responder: what base/responder.h declares beside the words that the
-// process shares.
+// In place of a whole responder: what base/responder.h declares beside the words that the process
+// shares. Included once in a program.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +7,16 @@
 #include <string>
 #include <vector>
 
-/// One call, with its texts as they were at that moment.
+#include "base/responder.h"
+
 struct RegistrationCall {
+  bool operator==(const RegistrationCall&) const = default;
+
   bool registers;
   std::string name;
   std::string type;
   std::string domain;
   const char* txt;
-  std::string text;  ///< what `txt` referred to, empty for null
   int32_t txtLength;
   uint32_t port;
 };
@@ -22,9 +24,36 @@ struct RegistrationCall {
 struct FakeResponder {
   uint32_t initStatus = 0;
   std::string deviceName;
-  std::function<void()> endReceive;     ///< EndReceive
+  std::function<void()> endReceive;
   uint32_t result = 1;                  ///< of registrations and their opposite
   std::vector<RegistrationCall> calls;  ///< both kinds, in order; no text stays registered
 };
 
-extern FakeResponder fakeResponder;
+FakeResponder fakeResponder;
+
+void* BonjourServiceInit(void* /*argument*/) { return nullptr; }
+
+void EndReceive() {
+  if (fakeResponder.endReceive) fakeResponder.endReceive();
+}
+
+uint32_t GetBonjourInitStatus() { return fakeResponder.initStatus; }
+
+char* GetDeviceName(char* buffer, size_t size) {
+  fakeResponder.deviceName.copy(buffer, size);
+  return buffer;
+}
+
+uint32_t RegisterOneService(const char* name, const char* type, const char* domain, const char* txt,
+                            int32_t txtLength, uint32_t port) {
+  fakeResponder.calls.push_back({true, name, type, domain, txt, txtLength, port});
+  return fakeResponder.result;
+}
+
+uint32_t UnRegisterOneService(const char* name, const char* type, const char* domain,
+                              const char* txt, int32_t txtLength, uint32_t port) {
+  fakeResponder.calls.push_back({false, name, type, domain, txt, txtLength, port});
+  return fakeResponder.result;
+}
+
+bool IsTextRegistered(const char* /*txt*/) { return false; }

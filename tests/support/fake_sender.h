@@ -1,13 +1,18 @@
-// Takes the place of the packet sender: every packet that is handed over is kept.
+// In place of records/sender: every packet that is handed over is kept. Included once in a program.
 #pragma once
 
 #include <netinet/in.h>
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <vector>
 
 #include "base/gate.h"
+#include "records/sender.h"
 #include "tests/support/bytes.h"
 
 struct SentPacket {
@@ -17,20 +22,56 @@ struct SentPacket {
   sockaddr_in destination;
 };
 
+/// Called on the sending thread for each packet, after its recording. Set while nobody sends.
+std::function<void()> onSendPacket;
+/// Who is sending: inside, until CloseSending.
+Gate fakeSenders;
+/// Called for each look at who is sending, after the look. Set before any thread starts.
+std::function<void()> onLookAtSenders;
+
+namespace fake_sender {
+
+std::mutex mutex;
+std::condition_variable added;
+std::vector<SentPacket> packets;
+
+}  // namespace fake_sender
+
 /// The packets so far, in their order. Any thread.
-std::vector<SentPacket> SentPackets();
+inline std::vector<SentPacket> SentPackets() {
+  const std::lock_guard lock(fake_sender::mutex);
+  return fake_sender::packets;
+}
 
 /// Waits until `count` packets have been handed over. Returns false after ten seconds.
-bool WaitForSentPackets(size_t count);
+inline bool WaitForSentPackets(size_t count) {
+  std::unique_lock lock(fake_sender::mutex);
+  return fake_sender::added.wait_for(lock, std::chrono::seconds(10),
+                                     [&] { return fake_sender::packets.size() >= count; });
+}
 
 /// Forgets the packets so far.
-void ForgetSentPackets();
+inline void ForgetSentPackets() {
+  const std::lock_guard lock(fake_sender::mutex);
+  fake_sender::packets.clear();
+}
 
-/// Called on the sending thread for each packet, after its recording. Set while nobody sends.
-extern std::function<void()> onSendPacket;
+void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_in destination) {
+  const int32_t copied = std::clamp(length, 0, 1518);
+  {
+    const std::lock_guard lock(fake_sender::mutex);
+    fake_sender::packets.push_back({Bytes(packet, packet + copied), length, socket, destination});
+    fake_sender::added.notify_all();
+  }
+  if (onSendPacket) onSendPacket();
+}
 
-/// Who is sending: inside, until CloseSending.
-extern Gate fakeSenders;
+bool IsAnyoneSending() {
+  const bool isAnyone = !fakeSenders.IsEmpty();
+  if (onLookAtSenders) onLookAtSenders();
+  return isAnyone;
+}
 
-/// Called for each look at who is sending, after the look. Set before any thread starts.
-extern std::function<void()> onLookAtSenders;
+void CloseSending() { fakeSenders.Close(); }
+
+GatePass UseAsSender() { return GatePass(fakeSenders); }

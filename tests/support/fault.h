@@ -1,5 +1,5 @@
-// Faults and recordings of libc calls that the linker leads through tests/support/wrap_<call>.cpp;
-// a test names the calls it wants so under WRAPS. Until armed, each wrapped call is the real one.
+// Faults and recordings of libc calls: the linker leads those of every test through fault.cpp.
+// Until something here is armed or set, each of them is the real one.
 #pragma once
 
 #include <pthread.h>
@@ -10,11 +10,14 @@
 #include <cstdint>
 #include <ctime>
 #include <deque>
+#include <functional>
+#include <string>
 #include <vector>
 
 /// A call that fails once when its turn comes.
 class Fault {
  public:
+  constexpr explicit Fault(int errorNumber) : error(errorNumber) {}
   /// The `n`th call from here on fails; 1 is the next, 0 is none.
   void FailCall(int n) {
     struck = false;
@@ -22,73 +25,65 @@ class Fault {
   }
   /// True once the armed call has failed: a test whose fault was never reached has shown nothing.
   bool HasStruck() const { return struck; }
-  /// For the wrapped call: whether this one is to fail.
-  bool Strikes() {
-    if (left.load() <= 0 || left.fetch_sub(1) != 1) return false;
-    struck = true;
-    return true;
-  }
+  /// For the wrapped call: whether this one is to fail, with errno set.
+  bool Strikes();
 
  private:
+  const int error;
   std::atomic<int> left{0};
   std::atomic<bool> struck{false};
 };
 
-/// WRAPS calloc: the call returns null with ENOMEM.
-extern Fault callocFault;
-/// WRAPS mmap and munmap: mmap returns MAP_FAILED with ENOMEM.
-extern Fault mmapFault;
-/// WRAPS mmap and munmap: memory of the test that the next mmap returns; null means a new mapping.
-extern std::atomic<void*> nextMapping;
-/// WRAPS mmap and munmap: mappings made and not given back.
-extern std::atomic<int> mappedBlocks;
-/// WRAPS pthread_create: the call returns EAGAIN.
-extern Fault threadFault;
-/// WRAPS socket: the call returns -1 with EMFILE.
-extern Fault socketFault;
-/// WRAPS setsockopt: the call returns -1 with EPERM.
-extern Fault setsockoptFault;
+extern Fault callocFault;      ///< ENOMEM
+extern Fault mmapFault;        ///< ENOMEM
+extern Fault threadFault;      ///< pthread_create, EAGAIN
+extern Fault socketFault;      ///< EMFILE
+extern Fault setsockoptFault;  ///< EPERM
 
-/// WRAPS setsockopt: an option as it was handed over.
+/// Memory of the test that the next mmap returns; null means a new mapping.
+extern std::atomic<void*> nextMapping;
+/// Mappings made and not given back.
+extern std::atomic<int> mappedBlocks;
+
+/// An option as it was handed to setsockopt.
 struct SocketOption {
   int level;
   int option;
   std::vector<uint8_t> value;
 };
-/// The options of the whole process, in the order of the calls; set by one thread.
+/// The options of the whole process, in the order of the calls.
 std::vector<SocketOption> SetOptions();
 
-/// WRAPS write: how many bytes each of the next calls takes at most, -1 for a call that returns -1
-/// with ENOSPC. One writing thread.
+/// How many bytes each of the next calls of write takes at most, -1 for a call that returns -1 with
+/// ENOSPC. One writing thread.
 extern std::deque<ssize_t> writeResults;
 
-/// WRAPS close: called with the descriptor, after the real call; null means nothing.
-extern std::atomic<void (*)(int descriptor)> onClose;
-
-/// WRAPS pthread_create: the threads that were started through it.
 struct ThreadAttributes {
   int detachState;
   size_t stackSize;
 };
-/// Called on the creating thread before each creation, failing ones included; null means nothing.
-extern std::atomic<void (*)()> onCreateThread;
-/// The attributes of each, in the order of creation; taken while no thread is being created.
+/// The attributes of each started thread, in the order of creation.
 std::vector<ThreadAttributes> StartedThreads();
 /// Starts counting at 0 again. No thread is running.
 void ForgetThreads();
 /// Waits until as many threads have ended. Returns false after ten seconds.
 bool WaitForEndedThreads(size_t count);
 
-/// WRAPS usleep, sleep: what the code under test does when it pauses. While a function is set it is
-/// called with the microseconds or the seconds and there is no pause; null means the real call.
-extern std::atomic<void (*)(unsigned microseconds)> onUsleep;
-extern std::atomic<void (*)(unsigned seconds)> onSleep;
-
-/// WRAPS pthread_mutex_lock: called once, before the next lock is waited for.
+// What a test sets to follow a call; null means nothing.
+/// On the creating thread before each creation, failing ones included.
+extern std::atomic<void (*)()> onCreateThread;
+/// After the real call.
+extern std::atomic<void (*)(int descriptor)> onClose;
+/// Once, before the next lock is waited for.
 extern std::atomic<void (*)()> onNextLock;
-
-/// WRAPS pthread_cond_broadcast: called once, before the next waiters are woken.
+/// Once, before the next waiters of a condition are woken.
 extern std::atomic<void (*)()> onNextBroadcast;
-
-/// WRAPS clock_gettime: the seconds that CLOCK_MONOTONIC shows, below 0 for the real ones.
+/// In place of the pause.
+extern std::atomic<void (*)(unsigned microseconds)> onUsleep;
+// These are set while no other thread runs, and followed in place of the call.
+extern std::function<void(unsigned seconds)> onSleep;
+extern std::function<int(const std::string& path, int flags)> onOpen;
+extern std::function<ssize_t(int descriptor, char* bytes, size_t count)> onRead;
+extern std::function<int(int descriptor, unsigned long request, char* argument)> onIoctl;
+/// The seconds that CLOCK_MONOTONIC shows, below 0 for the real ones.
 extern std::atomic<time_t> monotonicSeconds;

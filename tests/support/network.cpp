@@ -5,14 +5,17 @@
 #include <linux/ethtool.h>
 #include <linux/if_tun.h>
 #include <linux/sockios.h>
+#include <net/ethernet.h>
 #include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/ip.h>
+#include <netinet/udp.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -21,11 +24,14 @@
 namespace {
 
 constexpr int kPatienceMilliseconds = 10000;
-// Ethernet, IPv4 without options, UDP.
-constexpr size_t kEthernetSize = 14;
-constexpr size_t kIpSize = 20;
-constexpr size_t kUdpSize = 8;
-constexpr size_t kPayloadOffset = kEthernetSize + kIpSize + kUdpSize;
+const uint16_t kMdnsPort = htons(5353);
+
+// The headers of a UDP datagram on the wire; without options, and without a checksum of UDP.
+struct __attribute__((packed)) Headers {
+  ether_header ethernet;
+  iphdr ip;
+  udphdr udp;
+};
 
 void Require(bool good, const char* what) {
   if (good) return;
@@ -44,19 +50,12 @@ void Control(unsigned long operation, void* argument, const char* what) {
   Require(ioctl(control.Get(), operation, argument) == 0, what);
 }
 
-uint16_t Word(std::span<const uint8_t> bytes, size_t offset) {
-  return static_cast<uint16_t>(bytes[offset] << 8 | bytes[offset + 1]);
-}
-
-void PutWord(Bytes& bytes, size_t offset, uint32_t value) {
-  bytes[offset] = static_cast<uint8_t>(value >> 8);
-  bytes[offset + 1] = static_cast<uint8_t>(value);
-}
-
-// RFC 1071.
-uint16_t Checksum(std::span<const uint8_t> bytes) {
+// RFC 1071, of a header that has none yet.
+uint16_t Checksum(const iphdr& header) {
+  uint16_t words[sizeof(header) / 2];
+  memcpy(words, &header, sizeof(header));
   uint32_t sum = 0;
-  for (size_t i = 0; i + 1 < bytes.size(); i += 2) sum += Word(bytes, i);
+  for (const uint16_t word : words) sum += word;
   while (sum >> 16 != 0) sum = (sum & 0xFFFF) + (sum >> 16);
   return static_cast<uint16_t>(~sum);
 }
@@ -83,16 +82,15 @@ void EnterOwnNetwork() {
   SetInterfaceUp("lo", true);
 }
 
-void AddBridge(const char* name) {
-  char field[IFNAMSIZ] = {};
-  snprintf(field, sizeof(field), "%s", name);
-  Control(SIOCBRADDBR, field, "SIOCBRADDBR");
-}
+void AddBridge(const char* name) { Control(SIOCBRADDBR, Request(name).ifr_name, "SIOCBRADDBR"); }
 
-void RemoveBridge(const char* name) {
-  char field[IFNAMSIZ] = {};
-  snprintf(field, sizeof(field), "%s", name);
-  Control(SIOCBRDELBR, field, "SIOCBRDELBR");
+void RemoveBridge(const char* name) { Control(SIOCBRDELBR, Request(name).ifr_name, "SIOCBRDELBR"); }
+
+void SetMac(const char* name, const uint8_t (&mac)[6]) {
+  ifreq request = Request(name);
+  request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
+  memcpy(request.ifr_hwaddr.sa_data, mac, sizeof(mac));
+  Control(SIOCSIFHWADDR, &request, "SIOCSIFHWADDR");
 }
 
 void SetAddress(const char* name, const char* address) {
@@ -172,24 +170,24 @@ OtherHost::OtherHost(const char* bridge) : tap(open("/dev/net/tun", O_RDWR | O_C
 }
 
 void OtherHost::SendMulticast(const char* source, std::span<const uint8_t> payload) const {
-  Bytes frame(kPayloadOffset + payload.size());
+  const auto udpSize = static_cast<uint16_t>(sizeof(udphdr) + payload.size());
+  Headers headers = {};
   // The group's Ethernet address, then the other host's own (locally administered).
-  const Bytes ethernet = Wire("01 00 5E 00 00 FB 02 00 00 00 00 99 08 00");
-  std::copy(ethernet.begin(), ethernet.end(), frame.begin());
-  frame[kEthernetSize] = 0x45;
-  PutWord(frame, kEthernetSize + 2, static_cast<uint32_t>(kIpSize + kUdpSize + payload.size()));
-  frame[kEthernetSize + 8] = 255;
-  frame[kEthernetSize + 9] = IPPROTO_UDP;
-  const in_addr from = SocketAddress(source, 0).sin_addr;
-  const in_addr group = SocketAddress("224.0.0.251", 0).sin_addr;
-  memcpy(&frame[kEthernetSize + 12], &from, sizeof(from));
-  memcpy(&frame[kEthernetSize + 16], &group, sizeof(group));
-  PutWord(frame, kEthernetSize + 10, Checksum(std::span(frame).subspan(kEthernetSize, kIpSize)));
-  // UDP without a checksum (RFC 768).
-  PutWord(frame, kEthernetSize + kIpSize, 5353);
-  PutWord(frame, kEthernetSize + kIpSize + 2, 5353);
-  PutWord(frame, kEthernetSize + kIpSize + 4, static_cast<uint32_t>(kUdpSize + payload.size()));
-  std::copy(payload.begin(), payload.end(), frame.begin() + kPayloadOffset);
+  headers.ethernet = {{0x01, 0, 0x5E, 0, 0, 0xFB}, {0x02, 0, 0, 0, 0, 0x99}, htons(ETHERTYPE_IP)};
+  headers.ip.version = 4;
+  headers.ip.ihl = 5;
+  headers.ip.tot_len = htons(static_cast<uint16_t>(sizeof(iphdr) + udpSize));
+  headers.ip.ttl = 255;
+  headers.ip.protocol = IPPROTO_UDP;
+  headers.ip.saddr = SocketAddress(source, 0).sin_addr.s_addr;
+  headers.ip.daddr = SocketAddress("224.0.0.251", 0).sin_addr.s_addr;
+  headers.ip.check = Checksum(headers.ip);
+  headers.udp.source = kMdnsPort;
+  headers.udp.dest = kMdnsPort;
+  headers.udp.len = htons(udpSize);
+  Bytes frame(sizeof(headers));
+  memcpy(frame.data(), &headers, sizeof(headers));
+  frame.insert(frame.end(), payload.begin(), payload.end());
   Require(write(tap.Get(), frame.data(), frame.size()) == static_cast<ssize_t>(frame.size()),
           "write");
 }
@@ -204,15 +202,13 @@ std::optional<Bytes> OtherHost::ReceiveMulticast() const {
     Bytes frame(65536);
     const ssize_t received = read(tap.Get(), frame.data(), frame.size());
     Require(received >= 0, "read");
-    frame.resize(static_cast<size_t>(received));
-    if (frame.size() < kPayloadOffset || Word(frame, 12) != 0x0800 ||
-        frame[kEthernetSize] != 0x45 || frame[kEthernetSize + 9] != IPPROTO_UDP ||
-        Word(frame, kEthernetSize + kIpSize + 2) != 5353) {
-      continue;
-    }
-    const size_t size = Word(frame, kEthernetSize + kIpSize + 4) - kUdpSize;
-    frame.erase(frame.begin(), frame.begin() + kPayloadOffset);
-    frame.resize(size);
-    return frame;
+    Headers headers;
+    memcpy(&headers, frame.data(), sizeof(headers));
+    const bool isUdp = headers.ethernet.ether_type == htons(ETHERTYPE_IP) &&
+                       headers.ip.version == 4 && headers.ip.ihl == 5 &&
+                       headers.ip.protocol == IPPROTO_UDP;
+    if (!isUdp || headers.udp.dest != kMdnsPort) continue;
+    const auto payload = frame.begin() + sizeof(headers);
+    return Bytes(payload, payload + (ntohs(headers.udp.len) - sizeof(udphdr)));
   }
 }

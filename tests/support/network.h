@@ -25,6 +25,8 @@ struct OwnNetwork {
 void AddBridge(const char* name);
 /// Takes a bridge away; it must be down.
 void RemoveBridge(const char* name);
+/// Gives the interface a MAC address.
+void SetMac(const char* name, const uint8_t (&mac)[6]);
 /// Gives the interface an IPv4 address in dotted form, with a netmask of 24 bits.
 void SetAddress(const char* name, const char* address);
 /// Sets the interface up or down.

@@ -34,10 +34,22 @@ class CapturedOutput {
   bool errTaken = false;
 };
 
+/// Both streams' text.
+struct Log {
+  std::string out;
+  std::string err;
+};
+
+/// What `call` writes.
+template <typename Call>
+Log LogOf(Call call) {
+  CapturedOutput output;
+  call();
+  return {output.Stdout(), output.Stderr()};
+}
+
 /// What `call` writes to standard output.
 template <typename Call>
 std::string StdoutOf(Call call) {
-  CapturedOutput output;
-  call();
-  return output.Stdout();
+  return LogOf(call).out;
 }

@@ -1,4 +1,4 @@
-#include "tests/support/standard_host.h"
+#include "tests/standard/host.h"
 
 #include <gtest/gtest.h>
 
