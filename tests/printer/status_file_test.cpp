@@ -78,7 +78,7 @@ TEST_F(StatusFile, MissingFileIsToldFromAnEmptyOne) {
 }
 
 TEST_F(StatusFile, IsReadInFourKilobytesUntilNothingIsLeft) {
-  file = Letters(5000);
+  file = Letters(4097);
   ExpectText(file);
   EXPECT_THAT(sizes, ElementsAre(4096, 4096, 4096));
 }
