@@ -86,7 +86,7 @@ enum class ClaimStep : uint8_t {
   kRenaming,    ///< takes another name as soon as the goodbyes to the former one are out
   kResting,     ///< had too many conflicts: the pause before the next attempt
   kWaiting,     ///< the random delay before the first probe
-  kDeferring,   ///< lost against another's probe: the second before it probes again
+  kDeferring,   ///< lost against another's probe: the wait before it probes again
   kProbing,     ///< has sent a probe
   kAnnouncing,  ///< has the name; announcements are still to come
   kSettled,     ///< has the name and has said so
