@@ -157,7 +157,7 @@ void GiveNameUp(Core& core, size_t claim, int64_t now) {
 
 void PublishServices(Core& core, size_t claim) {
   for (Service& service : core.devices[claim - 1].services) {
-    if (service.presence == Presence::kHere) service.isPublished = true;
+    if (service.presence == Presence::kHere) service.isPublished = service.isListed = true;
   }
 }
 

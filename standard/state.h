@@ -128,6 +128,7 @@ struct Service {
   Leaving leaving;
   bool isReserved;   ///< only claims its name: nobody is pointed to it (RFC 6763, section 8)
   bool isPublished;  ///< was announced under the present name
+  bool isListed;     ///< was announced under any: its type is on the list of types
   uint8_t type;      ///< index of a ServiceType
   uint16_t port;
   uint16_t txtLength;
