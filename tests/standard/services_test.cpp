@@ -220,6 +220,20 @@ TEST(Services, OnlySharedRecordsOfADisputedNameSayGoodbye) {
   EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
 }
 
+TEST(Services, ATypeLeavesTheListWithAServiceThatIsBetweenTwoNames) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  const Message conflict = {kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}};
+  host.Hear(conflict);
+  host.RunFor(300);
+  host.Hear(conflict);
+  host.RunFor(300);
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  const string goodbye = " =_services._dns-sd._udp PTR 0";
+  EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
+}
+
 TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {
   Host host;
   host.AddPrinter("P");
@@ -235,6 +249,26 @@ TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {
   host.Hear({0, {{"P._printer._tcp.local", kTypeSrv}}});
   EXPECT_THAT(Ipv4WordsWithin(host, 2000),
               ElementsAre("0 =P._printer._tcp SRV +host A +host AAAA"));
+}
+
+TEST(Services, AStopWithdrawsAReservedNameThatAnLpdServiceHasJustTaken) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  EXPECT_TRUE(Add(host, "P", "_printer._tcp"));
+  BeginStop(host.State(), host.Now());
+  EXPECT_THAT(Ipv4WordsWithin(host, 250),
+              testing::Each(testing::HasSubstr("=P._printer._tcp SRV 0 =P._printer._tcp TXT 0")));
+}
+
+TEST(Services, AStopClaimsNoNameAgain) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  EXPECT_TRUE(Add(host, "P", "_printer._tcp"));
+  BeginStop(host.State(), host.Now());
+  host.RunFor(250);
+  EXPECT_EQ(NextTurn(host.State()), kNever);
 }
 
 TEST(Services, OnlyPrintersReserveTheFlagshipsName) {
