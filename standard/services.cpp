@@ -233,7 +233,7 @@ void BeginLeaving(T& leaving, int64_t now) {
 
 void LeaveService(Core& core, size_t index, int64_t now) {
   Service& service = ServiceAt(core, index);
-  if (service.isPublished && core.families != 0) {
+  if (service.isListed && core.families != 0) {
     BeginLeaving(service, now);
   } else {
     FreeService(core, index, now);
@@ -320,7 +320,7 @@ bool InsertService(Core& core, std::string_view instance, std::string_view type,
   const bool isPublished = service.presence == Presence::kHere && service.isPublished;
   ResetService(core, service);
   service.presence = Presence::kHere;
-  service.isPublished = isPublished;
+  service.isPublished = service.isListed = isPublished;
   service.type = static_cast<uint8_t>(typeIndex);
   service.port = port;
   AddText(core, service.txt, text, textLength);
