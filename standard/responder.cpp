@@ -3,6 +3,7 @@
 #include "base/responder.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/random.h>
@@ -18,16 +19,20 @@
 #include "base/text.h"
 #include "standard/core.h"
 #include "standard/netlink.h"
+#include "standard/process.h"
 #include "standard/sockets.h"
 
 namespace {
 
 // Pause before something that could not be opened or read is tried again.
-constexpr int64_t kRetryMilliseconds = 1000;
+constexpr int64_t kRetryMilliseconds = 500;
 // The time in which a stop is over, whatever happens: two goodbyes 250 ms apart take less.
 constexpr int64_t kStopMillisecondsMax = 600;
 // Datagrams after which others get their turn.
 constexpr int kDatagramsAtOnce = 32;
+
+// Bytes from which a block of the heap is mapped.
+constexpr int kMappedSize = 16384;
 
 constexpr uint32_t kNotUp = 0;
 constexpr uint32_t kUp = 1;
@@ -44,6 +49,7 @@ Mutex coreMutex;
 Core core GUARDED_BY(coreMutex);
 bool isTakingServices GUARDED_BY(coreMutex) = false;
 int wakeDescriptor GUARDED_BY(coreMutex) = -1;
+bool isEndAsked GUARDED_BY(coreMutex) = false;
 
 SharedFlag initStatus{kNotUp};
 SharedText deviceName;
@@ -66,9 +72,10 @@ struct Responder {
   int64_t retry = kNever;         // when a failure is to be tried again
   const char* failure = nullptr;  // the failure that was logged, until it is over
   char reportedName[kDeviceNameSize] = {};
-  OutgoingDatagram outgoing;
-  uint8_t incoming[kDatagramMax];
+  // What comes in is read into the bytes of what goes out next: nobody looks at it any more then.
+  OutgoingDatagram datagram;
 };
+static_assert(kDatagramMax >= kNetlinkDatagramMax, "the kernel's messages are read into it too");
 
 Responder responder;
 
@@ -178,7 +185,8 @@ bool PrepareSockets() {
 
 void FollowLink() {
   responder.retry = kNever;
-  if (responder.watch.mustReread && !ReadLink(responder.netlink, responder.watch, kBridgeName)) {
+  if (responder.watch.mustReread &&
+      !ReadLink(responder.netlink, responder.watch, kBridgeName, responder.datagram.bytes)) {
     responder.retry = Now() + kRetryMilliseconds;
     return;
   }
@@ -195,10 +203,10 @@ void FollowLink() {
 void SendDue() {
   for (int i = 0; i < kDatagramsAtOnce; ++i) {
     coreMutex.Lock();
-    const bool isDue = TakeDatagram(core, Now(), responder.outgoing);
+    const bool isDue = TakeDatagram(core, Now(), responder.datagram);
     coreMutex.Unlock();
     if (!isDue) return;
-    SendDatagram(responder.sockets, responder.outgoing);
+    SendDatagram(responder.sockets, responder.datagram);
   }
 }
 
@@ -231,7 +239,8 @@ void ReportHostName() {
 void ReceiveAll(Family family) {
   for (int i = 0; i < kDatagramsAtOnce; ++i) {
     ReceivedDatagram datagram;
-    if (!ReceiveDatagram(responder.sockets, family, responder.link, responder.incoming, datagram)) {
+    if (!ReceiveDatagram(responder.sockets, family, responder.link, responder.datagram.bytes,
+                         datagram)) {
       return;
     }
     if (datagram.length == 0) continue;
@@ -268,21 +277,25 @@ void WaitAndTake(int64_t turn) {
     if (polled[2 + i].revents != 0) ReceiveAll(static_cast<Family>(i));
   }
   if (polled[0].revents != 0) {
-    TakeNetlink(responder.netlink, responder.watch, kBridgeName);
+    TakeNetlink(responder.netlink, responder.watch, kBridgeName, responder.datagram.bytes);
     FollowLink();
   }
+}
+
+// Begins to withdraw everything once the end is asked for. Returns whether it has begun.
+bool FollowEnd() {
+  const CoreLock lock;
+  if (!isEndAsked) return false;
+  isTakingServices = false;
+  BeginStop(core, Now());
+  return true;
 }
 
 // Returns when everything has been withdrawn.
 void Serve() {
   int64_t stopLimit = kNever;
   for (;;) {
-    if (IsTerminating() && stopLimit == kNever) {
-      stopLimit = Now() + kStopMillisecondsMax;
-      const CoreLock lock;
-      isTakingServices = false;
-      BeginStop(core, Now());
-    }
+    if (stopLimit == kNever && FollowEnd()) stopLimit = Now() + kStopMillisecondsMax;
     if (responder.retry <= Now()) FollowLink();
     SendDue();
     ReportHostName();
@@ -293,6 +306,16 @@ void Serve() {
     if (isStopped || stopLimit <= Now()) return;
     WaitAndTake(Earlier(Earlier(turn, responder.retry), stopLimit));
   }
+}
+
+// Buffers as large as the status file's are mapped, unless the heap has space for them: freed, they
+// are the system's again, and one that stays takes no more pages than the file fills.
+void LimitHeap() {
+#ifdef M_MMAP_THRESHOLD
+  mallopt(M_MMAP_THRESHOLD, kMappedSize);
+  mallopt(M_TOP_PAD, 0);
+  malloc_trim(0);
+#endif
 }
 
 void End() {
@@ -323,20 +346,25 @@ bool AreParamsValid(const char* name, const char* type, const char* domain, cons
 }  // namespace
 
 void* BonjourServiceInit(void* argument) {
+  LimitHeap();
   while (!OpenDescriptors()) {
     if (IsTerminating()) return nullptr;
-    sleep(kRetryMilliseconds / 1000);
+    usleep(kRetryMilliseconds * 1000);
   }
   Begin(*static_cast<const ResponderStartRecord*>(argument));
   responder.watch.mustReread = true;
   FollowLink();
   Serve();
   End();
+  // At once, with all that is left to do done: the monitor may be in its pause, or waiting for a
+  // printer that does not answer.
+  EndProcess();
   return nullptr;
 }
 
 void EndReceive() {
   const CoreLock lock;
+  isEndAsked = true;
   Wake();
 }
 

@@ -11,8 +11,12 @@
 #include <string>
 #include <thread>
 
+#include "standard/process.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
+
+// In place of standard/process.cpp: the test goes on.
+void EndProcess() {}
 
 namespace {
 
