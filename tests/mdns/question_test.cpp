@@ -25,6 +25,7 @@ const HostRow kHostRows[] = {
     {"characters beside the letters", "02 '@[' 05 'local' 00", "`{", false},
     {"case of other letters matters", "01 C4 05 'local' 00", "\xE4", false},
     {"one character more", "09 'myrouterx' 05 'local' 00", "myrouter", false},
+    {"another last letter", "08 'myroutes' 05 'local' 00", "myrouter", false},
     {"one character less", "07 'myrouter' 05 'local' 00", "myrouter", false},
     {"a label is cut at a zero byte", "0C 'myrouter' 00 'abc' 05 'local' 00", "myrouter", true},
     {"a zero byte too early", "08 'myro' 00 'ter' 05 'local' 00", "myrouter", false},
