@@ -602,6 +602,155 @@ def registry_seeds():
     )
 
 
+# Messages of the standard responder: to read as they are, and entries to write.
+
+
+def standard_wire_seeds():
+    host = name(b"host.local")
+    yield "read_query", u8(1) + message(question(b"host.local", A))
+    yield "read_probe", u8(1) + struct.pack(">HHHHHH", 0, 0, 1, 0, 1, 0) + (
+        question(b"Printer._ipp._tcp.local", ANY, 0x8001)
+        + b"\xc0\x0c"
+        + struct.pack(">HHI", SRV, CLASS_IN, 120)
+        + block(b"\0\0\0\0\x02\x77\x04host\xc0\x1e")
+    )
+    yield "read_response", u8(1) + message(
+        record(b"_ipp._tcp.local", PTR, 4500, b"\x07Printer\xc0\x0c"),
+        record(b"host.local", NSEC, 120, host + b"\0\1\x40"),
+        record(b"host.local", TXT, 4500, text(b"txtvers=1")),
+        flags=0x8400,
+        answers=3,
+    )
+    yield "read_pointers", u8(1) + message(
+        question(b"a.local", A), b"\xc0\x0c" + u16(A) + u16(1), b"\x01b\xc0\x15" + u16(A) + u16(1)
+    )
+    yield "read_loop", u8(1) + message(b"\xc0\x0c" + u16(A) + u16(1))
+    yield "read_cut_counts", u8(1) + message(question(b"a.local", A), questions=600)
+    parts = b"\x02\x03\x00"  # a name of two labels
+    for index, kind in enumerate(("a", "ptr", "txt", "aaaa", "srv", "nsec")):
+        data = text(b"k=v") if kind == "txt" else parts if kind in ("ptr", "srv", "nsec") else b""
+        entry = b"\1" + parts + u8(index) + u16(0x8001) + u32(120) + data
+        yield "write_" + kind, u8(0) + u16(500) + u8(0) + b"\1" + parts + u16(ANY) + entry * 3
+    full = b"\1" + parts + u8(2) + u16(1) + u32(4500) + text(b"v" * 200)
+    yield "write_full", u8(0) + u16(300) + u8(1) + b"\0" + full * 4
+
+
+# Sequences into the standard responder's protocol.
+
+HEAR, LINK, ADD_SERVICE, REMOVE_SERVICE, ECHO, WAIT, BUILT = 0, 1, 2, 4, 6, 7, 10
+
+
+def playing(*steps, host=b"host"):
+    return text(host) + u8(1) + b"".join(steps)
+
+
+def hear(content, how=0):
+    return u8(HEAR) + block(content) + u8(how)
+
+
+def wait(milliseconds):
+    return u8(WAIT) + u8(1) + u16(milliseconds)
+
+
+def added(kind=0, txt=b"txtvers=1", port=631, instance=None):
+    named = b"" if instance is None else text(instance)
+    chosen = 0 if instance is None else 128
+    return u8(ADD_SERVICE | kind << 4 | chosen) + named + block(txt) + u16(port)
+
+
+def standard_core_seeds():
+    settled = added() + wait(5000)
+    yield "alone", playing(wait(1000), wait(3000))
+    yield "printer", playing(settled, u8(REMOVE_SERVICE) + u8(0), wait(1000))
+    yield "three_services", playing(*(added(kind) for kind in range(3)), wait(5000))
+    yield "reserved_and_taken", playing(settled, added(2), wait(100))
+    yield "long_name", playing(added(instance=b"x" * 80), added(instance=b"x" * 90), wait(5000))
+    browse = message(question(b"_ipp._tcp.local", PTR))
+    for label, how in (("multicast", 0), ("legacy", 8), ("to_one", 16), ("ipv6", 1), ("far", 20)):
+        yield "browse_" + label, playing(settled, hear(browse, how), wait(200))
+    for kind in (A, AAAA, SRV, TXT, PTR, NSEC, ANY):
+        asked = (b"host.local", b"Printer._ipp._tcp.local", b"1.1.168.192.in-addr.arpa")
+        questions = [question(each, kind, 0x8001) for each in asked]
+        yield f"ask_{kind}", playing(settled, hear(message(*questions)), wait(200))
+    pointer = record(b"_ipp._tcp.local", PTR, 4500, name(b"Printer._ipp._tcp.local"))
+    known = message(question(b"_ipp._tcp.local", PTR), pointer, answers=1)
+    yield "known_answer", playing(settled, hear(known), wait(200))
+    yield "known_answers_to_come", playing(
+        settled,
+        hear(message(question(b"_ipp._tcp.local", PTR), flags=0x0200)),
+        wait(300),
+        hear(message(pointer, answers=1)),
+        wait(600),
+    )
+    goodbye = record(b"_ipp._tcp.local", PTR, 0, name(b"Printer._ipp._tcp.local"))
+    yield "goodbye_of_another", playing(
+        settled, hear(message(goodbye, flags=0x8400, answers=1)), wait(1500)
+    )
+    conflict = message(
+        record(b"host.local", A, 120, b"\xc0\xa8\1\x09"),
+        record(b"Printer._ipp._tcp.local", TXT, 4500, text(b"x")),
+        flags=0x8400,
+        answers=2,
+    )
+    yield "conflict", playing(settled, hear(conflict), wait(300), hear(conflict), wait(9000))
+    yield "conflict_while_probing", playing(added(), wait(300), hear(conflict), wait(9000))
+    rival = struct.pack(">HHHHHH", 0, 0, 1, 0, 1, 0) + (
+        question(b"host.local", ANY, 0x8001) + record(b"host.local", A, 120, b"\xc0\xa8\1\x09")
+    )
+    yield "rival", playing(added(), wait(300), hear(rival), wait(5000))
+    yield "probe_of_another", playing(settled, hear(rival), wait(300), hear(rival), wait(300))
+    yield "echo", playing(settled, *(u8(ECHO) + u8(0) + u8(0) + u8(how) for how in (0, 2, 3)))
+    cable = u8(LINK) + u8(1)
+    yield "link_down_and_up", playing(settled, cable, wait(9), cable, wait(3000))
+    yield "other_mac", playing(settled, u8(LINK) + u8(2) + u8(7), wait(3000))
+    yield "other_addresses", playing(
+        settled, *(u8(LINK) + u8(8) + u8(count) + u8(0) + u8(5) + wait(500) for count in (4, 1, 16))
+    )
+    yield "small_packets", playing(settled, u8(LINK) + u8(4) + u16(100), hear(browse), wait(2000))
+    built = u8(BUILT) + b"\0" + b"\2" + b"\2\x02\0" + b"\0\0\0" + b"\0" + b"\0"
+    yield "built", playing(settled, built, wait(500))
+
+
+# The kernel's messages, in the order of the machine's bytes.
+
+
+def standard_netlink_seeds():
+    def attribute(kind, value):
+        return struct.pack("=HH", 4 + len(value), kind) + value + b"\0" * (-len(value) % 4)
+
+    def told(kind, body, flags=0, sequence=1):
+        return struct.pack("=IHHII", 16 + len(body), kind, flags, sequence, 0) + body
+
+    def raw(*messages):
+        return u8(0) + block(b"".join(messages))
+
+    def bridge(index=7, flags=0x41, called=b"br0\0", *more):
+        header = struct.pack("=BBHiII", 0, 0, 1, index, flags, 0)
+        parts = attribute(3, called), attribute(4, struct.pack("=I", 1500))
+        mac = attribute(1, bytes.fromhex("001122aabbcc"))
+        return told(16, header + b"".join(parts) + mac + b"".join(more))
+
+    def address(family, value, kind=20, index=7, flags=0x80):
+        header = struct.pack("=BBBBi", family, 24, flags, 0, index)
+        return told(kind, header + attribute(1, value) + attribute(2, value))
+
+    own = bytes((192, 168, 1, 1))
+    local = bytes.fromhex("fe80") + bytes(13) + b"\1"
+    yield "bridge", u8(1) + raw(bridge(), address(2, own), address(10, local))
+    yield "address_goes", u8(1) + raw(bridge(), address(2, own)) + raw(address(2, own, 21))
+    yield "tentative", u8(1) + raw(bridge(), address(10, local, flags=0x40), address(10, local))
+    yield "bridge_goes", u8(1) + raw(bridge(), address(2, own)) + raw(
+        told(17, struct.pack("=BBHiII", 0, 0, 1, 7, 0, 0))
+    )
+    yield "renamed", u8(1) + raw(bridge()) + raw(bridge(called=b"br1\0")) + raw(bridge(8))
+    many = (address(2, bytes((10, 0, 0, last))) for last in range(20))
+    yield "too_many", u8(1) + raw(bridge(), *many) + raw(address(2, bytes((10, 0, 0, 3)), 21))
+    yield "carrier", u8(1) + raw(bridge(7, 0x41, b"br0\0", attribute(35, struct.pack("=I", 3))))
+    yield "end_of_reply", u8(1) + raw(told(3, b"\0" * 4), told(2, b"\0" * 4, 0x10, 2))
+    link = b"\0\1\0\3\3\0\4\4\0\0\0\0"
+    yield "built", u8(1) + u8(1) + u8(1) + link + b"\2\0\x18\0\1\1\2\4\xc0\xa8\1\1\1\0"
+
+
 SEEDS = {
     "answer": answer_seeds,
     "probe": probe_seeds,
@@ -609,6 +758,9 @@ SEEDS = {
     "device_id": device_id_seeds,
     "encode": encode_seeds,
     "registry": registry_seeds,
+    "standard_wire": standard_wire_seeds,
+    "standard_core": standard_core_seeds,
+    "standard_netlink": standard_netlink_seeds,
 }
 
 

@@ -10,6 +10,7 @@ constexpr uint16_t kClassInternet = 1;
 constexpr uint16_t kTopBit = 0x8000;
 constexpr uint16_t kResponse = 0x8400;
 constexpr uint16_t kTruncated = 0x0200;
+constexpr uint16_t kErrors = 0x780F;  // other operations, and response codes
 constexpr uint16_t kTypePointer = 12;
 constexpr uint16_t kTypeText = 16;
 constexpr uint16_t kTypeAll = 255;
@@ -175,7 +176,7 @@ void SenderCheck::HearUnreadable(Family family, int64_t now) {
 }
 
 void SenderCheck::Hear(const Packet& packet, const Endpoint& source, int64_t now) {
-  if ((packet.flags & kTopBit) != 0) return;
+  if ((packet.flags & (kTopBit | kErrors)) != 0) return;
   Side& side = sides[static_cast<size_t>(source.address.family)];
   for (const PacketRecord& record : packet.records) {
     if (record.section != PacketSection::kAuthority) continue;
