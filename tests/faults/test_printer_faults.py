@@ -38,11 +38,11 @@ def test_no_memory_for_the_file_buffer_ends_the_monitor_and_nothing_else(lab, ro
 
 
 @pytest.mark.parametrize("error", ["EINTR", "EIO"])
-def test_first_read_that_fails_is_a_file_without_printers(board, announced, error):
+def test_first_read_that_fails_is_a_file_without_printers(board, printing, error):
     board.fail("read", error, thread=MONITOR)
-    announced.wait_for_line(REMOVED)
-    announced.wait_for_line(INSERTED, count=2)
-    assert announced.texts("stderr") == []
+    printing.wait_for_line(REMOVED)
+    printing.wait_for_line(INSERTED, count=2)
+    assert printing.texts("stderr") == []
 
 
 def test_no_memory_for_a_txt_buffer_leaves_out_that_service_alone(
@@ -95,17 +95,17 @@ def test_service_without_memory_for_its_entry_is_left_out_and_for_its_packets_an
 
 
 def test_service_whose_goodbye_cannot_be_made_is_answered_and_withdrawn_once_there_is_memory(
-    lab, router, board, announced
+    lab, router, board, printing
 ):
     board.fail("calloc", "ENOMEM", thread=MONITOR, about=PDL_INSTANCE)
     board.fail("calloc", "ENOMEM", thread=RESPONDER, about=PDL_INSTANCE, times=3)
     since = lab.capture.mark()
     router.pull_out(0)
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
-    usage_once_senders_ended(announced.pid)
+    usage_once_senders_ended(printing.pid)
     assert payloads_sent(lab, since) == {wire.IPP_GOODBYE}
-    assert announced.texts("stderr") == [NO_MEMORY]
-    assert announced.texts("stdout")[-3:] == [
+    assert printing.texts("stderr") == [NO_MEMORY]
+    assert printing.texts("stdout")[-3:] == [
         REMOVED,
         "[Bonjour] PacketsComposeRemove error",
         NOT_UNREGISTERED,
@@ -113,4 +113,4 @@ def test_service_whose_goodbye_cannot_be_made_is_answered_and_withdrawn_once_the
     assert lab.ask(PDL_QUESTION) == [wire.PDL_RECORDS]
     router.stop()
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
-    assert announced.texts("stderr") == [NO_MEMORY] * 4
+    assert printing.texts("stderr") == [NO_MEMORY] * 4
