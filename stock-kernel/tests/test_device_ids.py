@@ -9,8 +9,8 @@ def record(manufacturer, model, commands, port=0):
 
 # The label of a service name has up to 63 characters, the TXT record's manufacturer 15 and all of
 # its text 512; the longest host name has 32. Of the 512 characters 112 are fixed, 32 the host name,
-# 2 * 15 + 3 * 34 the longest manufacturer and model. Of the 236 left, a command of three takes
-# 12 + 2 * 3, and 2 for the comma before it: 11 have 218, 12 would have 238.
+# 2 * 15 + 3 * 34 the longest manufacturer and model. Of the 236 left, each command takes 12, and
+# all of them with their commas twice their length: two of them have 106.
 LONGEST_NAME = b"MFG:" + b"A" * 15 + b";MDL:" + b"B" * 34
 
 RECORDS = [
@@ -58,8 +58,12 @@ RECORDS = [
     ),
     (b"MFG:A;MDL:B;CMD:" + b"C" * 58 + b"," + b"D" * 60, ("A", "B", "C" * 58)),
     (
-        LONGEST_NAME + b";CMD:" + b",".join([b"PCL"] * 20),
-        ("A" * 15, "B" * 34, ",".join(["PCL"] * 11)),
+        LONGEST_NAME + b";CMD:" + b"C" * 52 + b"," + b"D" * 53,
+        ("A" * 15, "B" * 34, "C" * 52 + "," + "D" * 53),
+    ),
+    (
+        LONGEST_NAME + b";CMD:" + b"C" * 52 + b"," + b"D" * 54,
+        ("A" * 15, "B" * 34, "C" * 52),
     ),
 ]
 
