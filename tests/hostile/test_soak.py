@@ -6,7 +6,6 @@ import os
 import random
 import re
 import resource
-import threading
 import time
 
 import last_word
@@ -17,6 +16,7 @@ from lab.packaged import as_packaged
 from lab.printers import Printer
 from lab.usage import tells_memory, usage_once_senders_ended
 from lab.waiting import TimedOut
+from last_word import Asker
 from ownuser import NO_THREAD, as_own_user, limited
 
 SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "20"))
@@ -36,6 +36,7 @@ QUESTIONS = [
     packets.query(("_pdl-datastream._tcp.local", "PTR")),
     packets.query(("Maker 3 Model (aa:bb:cc) 3._ipp._tcp.local", "TXT")),
 ]
+ASKED_PER_SECOND = 20
 
 # Seconds from one rest to the next, and of the life that may raise the memory at rest: by then
 # every disturbance has come several times.
@@ -58,33 +59,6 @@ def status_text(ports):
 def address_space(pid):
     with open(f"/proc/{pid}/statm") as file:
         return int(file.read().split()[0]) * resource.getpagesize()
-
-
-class Asker:
-    """A host that asks twenty times a second while this is entered."""
-
-    def __init__(self, host):
-        self._host = host
-        self._turn = threading.Lock()
-
-    def _run(self):
-        chance = random.Random(SEED)
-        while not self._done.wait(0.05):
-            with self._turn:
-                self._host.send(chance.choice(QUESTIONS))
-
-    def silent(self):
-        """Context in which it does not ask."""
-        return self._turn
-
-    def __enter__(self):
-        self._done = threading.Event()
-        self._thread = threading.Thread(target=self._run)
-        self._thread.start()
-
-    def __exit__(self, *_):
-        self._done.set()
-        self._thread.join()
 
 
 class Life:
@@ -281,7 +255,8 @@ def start(lab, monkeypatch):
 @pytest.mark.seconds(SECONDS + 20)
 def test_published_set_is_what_the_file_says_all_through_a_long_life(lab, monkeypatch):
     daemon = start(lab, monkeypatch)
-    asker = Asker(lab.add_host())
+    chance = random.Random(SEED)
+    asker = Asker(lab.add_host(), ASKED_PER_SECOND, lambda: chance.choice(QUESTIONS))
     life = Life(lab, asker)
     begun = time.monotonic()
     usages = []
