@@ -46,7 +46,7 @@ def end_pass(lab, router, number, label):
 
 
 def test_conflict_gives_the_next_number_and_another_pass_begins_with_the_first(
-    lab, router, host, probing
+    lab, router, host, probing, announcement
 ):
     host.send(SAME)
     (conflict,) = lab.capture.wait_for(lambda packet: packet.payload == SAME)
@@ -72,8 +72,7 @@ def test_conflict_gives_the_next_number_and_another_pass_begins_with_the_first(
     ]
     assert lab.ask(wire.HOST_QUESTION) == []
     router.plug_in(0)
-    announced = lab.wait_for_packet(lambda packet: b"_universal" in packet.payload)
-    answers = announced[0].message.answers
+    answers = announcement("_ipp._tcp.local").answers
     assert answers[0].name == f"{NAME}-1.local"
     assert answers[2].data == (631, f"{NAME}-1.local")
     assert f"note={NAME}-1" in answers[3].data

@@ -46,11 +46,10 @@ def test_text_beyond_40960_bytes_is_not_read(router, daemon):
     daemon.wait_for_line("[Bonjour] device remove lp1")
 
 
-def test_later_record_of_a_port_gives_the_name_and_the_first_the_text(lab, router):
+def test_later_record_of_a_port_gives_the_name_and_the_first_the_text(router, announcement):
     router.status_file.replace("usblp0\nAcme\nJet\nPCL\n\nusblp0\nOther\nInk\nPJL\n\n")
     router.start()
-    announced = lab.wait_for_packet(lambda packet: b"_universal" in packet.payload)
-    answers = announced[0].message.answers
+    answers = announcement("_ipp._tcp.local").answers
     assert answers[1].data == "Other Ink (aa:bb:cc) 0._ipp._tcp.local"
     assert "usb_MFG=Acme" in answers[3].data
 
