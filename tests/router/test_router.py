@@ -405,6 +405,30 @@ def test_daemon_runs_when_its_package_could_not_be_removed(machine):
     machine.run(f"systemctl is-active bonjour && sed -i '$d' {prerm}")
 
 
+@pytest.mark.kinds("debian")
+@pytest.mark.parametrize("state", ["enabled", "disabled"])
+def test_upgrade_from_the_strong_link_keeps_the_state_and_harms_nobody(lab, machine, state):
+    """As versions before this one have installed it."""
+    states, units = "/var/lib/systemd/deb-systemd-helper-enabled", "/etc/systemd/system"
+    link = f"{BRIDGE}.requires/bonjour.service"
+    machine.run(
+        f"systemctl disable --now bonjour && rm -r {states}/{BRIDGE}.wants"
+        f" && mkdir -p {states}/{BRIDGE}.requires {units}/{BRIDGE}.requires"
+        f" && echo {units}/{link} > {states}/bonjour.service.dsh-also && touch {states}/{link}"
+    )
+    if state == "enabled":
+        machine.run(f"ln -s /lib/systemd/system/bonjour.service {units}/{link}")
+        machine.run("update-rc.d bonjour enable")
+    machine.run(INSTALL, 60)
+    assert machine.try_to_run("systemctl is-enabled bonjour")[1].endswith(f"{state}\n")
+    running = machine.try_to_run("systemctl is-active bonjour")[0] == 0
+    assert running == (state == "enabled")
+    assert "bonjour" not in machine.run(f"systemctl show -p Requires {BRIDGE}")
+    since = lab.capture.mark()
+    machine.run("systemctl enable bonjour && systemctl restart bonjour")
+    wait_for_start(lab, since, RESPAWN_BOUND)
+
+
 def test_reboot_says_goodbye_and_comes_back(lab, machine):
     since = lab.capture.mark()
     machine.reboot()
