@@ -305,20 +305,14 @@ def test_attribute_that_never_comes_is_waited_for_three_seconds(system):
     assert [line for line in system.slept if line.startswith("slept")] == 3 * ["slept 1: usblp1"]
 
 
-def test_printer_that_goes_while_it_is_waited_for_is_none(system):
-    system.plug_in(0, None)
-    system.replace_program("sleep", "#!/bin/sh\nrm /sys/class/usbmisc/lp0\n")
-    system.settle()
-    assert system.status == ""
-    assert system.log == []
-
-
-def test_printer_that_goes_while_its_id_is_read_is_none(debian):
-    debian.plug_in(0, ACME)
-    debian.replace_program(
-        "awk", '#!/bin/sh\nrm -f /sys/class/usbmisc/lp0\nexec /bin/real-awk "$@"\n'
-    )
-    debian.update()
+@pytest.mark.parametrize(
+    "device_id, program", [(None, "sleep"), (ACME, "awk")], ids=["waited for", "read"]
+)
+def test_printer_that_goes_while_its_id_is_waited_for_or_read_is_none(debian, device_id, program):
+    debian.plug_in(0, device_id)
+    go_on = f'exec {debian.real(program)} "$@"'
+    debian.replace_program(program, f"#!/bin/sh\nrm -f /sys/class/usbmisc/lp0\n{go_on}\n")
+    debian.settle()
     assert debian.status == ""
     assert debian.log == []
 
