@@ -3,6 +3,7 @@ calls, call, string and table row, one at a time."""
 
 import collections
 import dataclasses
+import itertools
 import random
 import re
 
@@ -79,6 +80,10 @@ class Mutant:
         """Stays the same when other lines change."""
         return f"{self.path} {self.occurrence}: {self.original} -> {self.mutated}"
 
+    @property
+    def change(self):
+        return self.path, self.original, self.mutated
+
     def __str__(self):
         return f"{self.path}:{self.line}: {self.original}  ->  {self.mutated}"
 
@@ -97,7 +102,6 @@ class _Reader:
         self.path = path
         self.source = (root / path).read_bytes()
         self.found = {}
-        self.bounds = []
         language = "c++-header" if path.endswith(".h") else "c++"
         self.unit = clang.cindex.Index.create().parse(
             str(root / path), args=["-x", language, "-std=c++17", f"-I{root}", "-w", *DEFINED]
@@ -105,6 +109,15 @@ class _Reader:
         errors = [note for note in self.unit.diagnostics if note.severity >= note.Error]
         if errors:
             raise RuntimeError(f"{path} can't be read: {errors[0].spelling}")
+        self.own = [
+            cursor
+            for cursor in self.unit.cursor.get_children()
+            if cursor.location.file and cursor.location.file.name.endswith("/" + path)
+        ]
+        self.bounds = list(self.array_bounds())
+
+    def walk(self):
+        return itertools.chain.from_iterable(cursor.walk_preorder() for cursor in self.own)
 
     def text(self, start, end):
         return self.source[start:end].decode()
@@ -126,11 +139,8 @@ class _Reader:
         self.found.setdefault(change, (kind, line, original, mutated))
 
     def read(self):
-        self.bounds = list(self.array_bounds())
-        for cursor in self.unit.cursor.get_children():
-            file = cursor.location.file
-            if file is not None and file.name.endswith("/" + self.path):
-                self.visit(cursor)
+        for cursor in self.own:
+            self.visit(cursor)
         self.read_tokens()
         like = collections.Counter()
         mutants = []
@@ -142,10 +152,7 @@ class _Reader:
     def array_bounds(self):
         """Where an array's size is given. What only makes it larger changes nothing, so there a
         mutant makes it smaller."""
-        for cursor in self.unit.cursor.walk_preorder():
-            file = cursor.location.file
-            if file is None or not file.name.endswith("/" + self.path):
-                continue
+        for cursor in self.walk():
             if cursor.kind in (Kind.VAR_DECL, Kind.FIELD_DECL):
                 start, end = self.span(cursor)
                 name = cursor.location.offset + len(cursor.spelling)
@@ -170,7 +177,7 @@ class _Reader:
     def read_tokens(self):
         asserted = [
             self.span(cursor)
-            for cursor in self.unit.cursor.walk_preorder()
+            for cursor in self.walk()
             if cursor.kind == Kind.STATIC_ASSERT
         ]
         for token in self.unit.get_tokens(extent=self.unit.cursor.extent):
