@@ -55,8 +55,10 @@ def judge(mutants, wanted, options):
 
     def judge_one(mutant):
         scratch = idle.get()
-        verdict, by = scratch.judge(mutant, not options.unit_only)
-        idle.put(scratch)
+        try:
+            verdict, by = scratch.judge(mutant, not options.unit_only)
+        finally:
+            idle.put(scratch)
         print(f"{verdict:10} {mutant}" + (f"  [{by}]" if by else ""), flush=True)
         return verdict
 
