@@ -38,11 +38,13 @@ struct ResponderStartRecord {
 };
 
 /// Thread body; `argument` is a ResponderStartRecord. Runs the responder until a stop is asked for,
-/// then withdraws what is registered and releases all that it holds. Once in a process.
+/// then withdraws what is registered and releases all that it holds. Some responders then end the
+/// process, with status 0, instead of returning. Once in a process.
 void* BonjourServiceInit(void* argument);
 
 /// The process is about to stop, bTerminate is set: wakes up the responder's threads that wait for
-/// packets. Nothing happens when none does. Initial thread.
+/// packets. Nothing happens when none does. From here on the initial thread only joins others.
+/// Initial thread.
 void EndReceive();
 
 /// 1 once the responder is up, 0 before. Another value, which only some responders have: a stop was

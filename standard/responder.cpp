@@ -18,6 +18,7 @@
 #include "base/text.h"
 #include "standard/core.h"
 #include "standard/netlink.h"
+#include "standard/process.h"
 #include "standard/sockets.h"
 
 namespace {
@@ -44,6 +45,7 @@ Mutex coreMutex;
 Core core GUARDED_BY(coreMutex);
 bool isTakingServices GUARDED_BY(coreMutex) = false;
 int wakeDescriptor GUARDED_BY(coreMutex) = -1;
+bool isEndAsked GUARDED_BY(coreMutex) = false;
 
 SharedFlag initStatus{kNotUp};
 SharedText deviceName;
@@ -273,16 +275,20 @@ void WaitAndTake(int64_t turn) {
   }
 }
 
+// Begins to withdraw everything once the end is asked for. Returns whether it has begun.
+bool FollowEnd() {
+  const CoreLock lock;
+  if (!isEndAsked) return false;
+  isTakingServices = false;
+  BeginStop(core, Now());
+  return true;
+}
+
 // Returns when everything has been withdrawn.
 void Serve() {
   int64_t stopLimit = kNever;
   for (;;) {
-    if (IsTerminating() && stopLimit == kNever) {
-      stopLimit = Now() + kStopMillisecondsMax;
-      const CoreLock lock;
-      isTakingServices = false;
-      BeginStop(core, Now());
-    }
+    if (stopLimit == kNever && FollowEnd()) stopLimit = Now() + kStopMillisecondsMax;
     if (responder.retry <= Now()) FollowLink();
     SendDue();
     ReportHostName();
@@ -332,11 +338,15 @@ void* BonjourServiceInit(void* argument) {
   FollowLink();
   Serve();
   End();
+  // At once, with all that is left to do done: the monitor may be in its pause, or waiting for a
+  // printer that does not answer.
+  EndProcess();
   return nullptr;
 }
 
 void EndReceive() {
   const CoreLock lock;
+  isEndAsked = true;
   Wake();
 }
 

@@ -200,11 +200,13 @@ void LeaveService(Core& core, size_t index, int64_t now) {
   }
 }
 
-// A device that offers nothing any more goes whole.
+// A device that offers nothing any more goes whole. The flagship's place comes last: while others
+// are there it would be reserved again.
 void LeaveDevice(Core& core, size_t device, int64_t now) {
   core.claims[1 + device].step = ClaimStep::kNone;
   core.claims[1 + device].due = kNever;
-  for (size_t i = 0; i < kServicesPerDevice; ++i) {
+  static_assert(kFlagshipPlace == 0, "the last one when counted down");
+  for (size_t i = kServicesPerDevice; i-- > 0;) {
     const size_t index = device * kServicesPerDevice + i;
     if (ServiceAt(core, index).presence == Presence::kHere) LeaveService(core, index, now);
   }
@@ -272,8 +274,11 @@ bool InsertService(Core& core, std::string_view instance, std::string_view type,
 
   if (!IsAnyOffered(core.devices[device])) NameDevice(core, device, known != kDevicesMax);
   Service& service = core.devices[device].services[place];
+  // Over a reserved name, what others know of it is still to be withdrawn.
+  const bool isPublished = service.presence == Presence::kHere && service.isPublished;
   service = {};
   service.presence = Presence::kHere;
+  service.isPublished = isPublished;
   service.type = static_cast<uint8_t>(typeIndex);
   service.port = port;
   service.txtLength = static_cast<uint16_t>(dataLength);

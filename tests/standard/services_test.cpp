@@ -237,6 +237,26 @@ TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {
               ElementsAre("0 =P._printer._tcp SRV +host A +host AAAA"));
 }
 
+TEST(Services, AStopWithdrawsAReservedNameThatAnLpdServiceHasJustTaken) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  EXPECT_TRUE(Add(host, "P", "_printer._tcp"));
+  BeginStop(host.State(), host.Now());
+  EXPECT_THAT(Ipv4WordsWithin(host, 250),
+              testing::Each(testing::HasSubstr("=P._printer._tcp SRV 0 =P._printer._tcp TXT 0")));
+}
+
+TEST(Services, AStopClaimsNoNameAgain) {
+  Host host;
+  host.Settle();
+  host.AddPrinter("P");
+  EXPECT_TRUE(Add(host, "P", "_printer._tcp"));
+  BeginStop(host.State(), host.Now());
+  host.RunFor(250);
+  EXPECT_EQ(NextTurn(host.State()), kNever);
+}
+
 TEST(Services, OnlyPrintersReserveTheFlagshipsName) {
   Host host;
   ASSERT_TRUE(Add(host, "W", "_http._tcp"));

@@ -1,15 +1,18 @@
 """The end (RFC 6762, section 10.1): goodbyes for everything, twice, and status 0 in a second."""
 
+import contextlib
+import os
 import pathlib
+import random
 import signal
 import time
 
 import pytest
 from lab.dual import FAMILIES, HOST, IPP, LPD, PDL, has
-from lab.waiting import PATIENCE
+from lab.waiting import wait_until
 
-# One second, and what a crowded machine adds.
-QUICK = 1.0 + 0.2 * PATIENCE
+# One second at the most. The monitor's pause alone takes as long.
+QUICK = 1.0
 
 EVERYTHING = [
     (HOST, "A"),
@@ -66,6 +69,47 @@ def test_it_ends_within_a_second_at_any_moment(dual, after, number):
             key = (packet.destination, one.name, one.type, one.data)
             (alive.discard if one.ttl == 0 else alive.add)(key)
     assert not alive
+
+
+def test_it_waits_for_no_pause_of_the_monitors(dual):
+    dual.router.plug_in(0)
+    # The moment is the subject: the beginning of the pause, which lasts a second, and any other.
+    for moment in (0, random.random(), random.random()):
+        daemon = dual.start()
+        daemon.wait_for_line("[Bonjour] device insert lp0")
+        time.sleep(moment)
+        assert dual.router.stop() < QUICK
+
+
+def writing_end(path):
+    """The end of a pipe with a name that is opened for writing, once somebody reads it."""
+    descriptors = []
+
+    def is_read():
+        with contextlib.suppress(OSError):
+            descriptors.append(os.open(path, os.O_WRONLY | os.O_NONBLOCK))
+        return descriptors
+
+    wait_until(is_read, f"{path} is read")
+    return descriptors[0]
+
+
+def test_it_waits_for_no_file_that_the_monitor_reads(dual):
+    dual.router.plug_in(0)
+    daemon = dual.start()
+    dual.wait_for_announcements()
+    status = dual.router.status_file.path
+    status.unlink()
+    os.mkfifo(status)
+    held_open = writing_end(status)
+    since = dual.capture.mark()
+    begun = time.monotonic()
+    daemon.signal(signal.SIGTERM)
+    assert daemon.wait_for_exit() == 0
+    assert time.monotonic() - begun < QUICK
+    os.close(held_open)
+    for family in FAMILIES:
+        assert [one for one in dual.heard(since, family) if has(one, IPP, "SRV", ttl=0)]
 
 
 @pytest.mark.dual(bridge=False)
