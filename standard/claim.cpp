@@ -157,7 +157,7 @@ void GiveNameUp(Core& core, size_t claim, int64_t now) {
 
 void PublishServices(Core& core, size_t claim) {
   for (Service& service : core.devices[claim - 1].services) {
-    if (service.presence == Presence::kHere) service.isPublished = true;
+    if (service.presence == Presence::kHere) service.isPublished = service.isListed = true;
   }
 }
 
@@ -340,9 +340,12 @@ bool LosesAgainst(const Core& core, NameId name, const uint8_t* message, size_t 
   return theirs.isThere && !IsAnyBehind(core, common, theirs.record);
 }
 
+// Of several names each host may lose another one. The random delay, with which all probing begins,
+// keeps them from giving way to each other again and again.
 void Defer(Core& core, size_t index, int64_t now) {
+  const int64_t delay = RandomBetween(core, 0, kProbeDelayMax);
   core.claims[index].probesSent = 0;
-  GoTo(core.claims[index], ClaimStep::kDeferring, now + kDeferInterval);
+  GoTo(core.claims[index], ClaimStep::kDeferring, now + kDeferInterval + delay);
   if (!IsDevice(index)) HoldDevicesBack(core);
 }
 

@@ -17,7 +17,7 @@ constexpr int64_t kProbeInterval = 250;
 constexpr int64_t kConflictPeriod = 10000;
 constexpr int64_t kRestInterval = 5000;
 
-/// Section 8.2: what a host that lost against another's probe waits.
+/// Section 8.2: what a host that lost against another's probe waits, before the random delay.
 constexpr int64_t kDeferInterval = 1000;
 
 /// Section 8.3: between two announcements.

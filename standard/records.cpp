@@ -166,11 +166,20 @@ bool IsTypeOfHost(const Core& core, uint16_t type) {
   return HasAddressOfType(core, type);
 }
 
-// Whether any service but `except` is offered under a type.
-bool IsTypeOffered(const Core& core, size_t type, size_t except) {
+// Whether any service is offered under a type.
+bool IsTypeOffered(const Core& core, size_t type) {
   for (size_t i = 0; i < kServicesMax; ++i) {
     const Service& service = ServiceAt(core, i);
-    if (i != except && IsOffered(service) && service.type == type) return true;
+    if (IsOffered(service) && service.type == type) return true;
+  }
+  return false;
+}
+
+// Whether a type is on the list of types for any service but `except`.
+bool IsTypeListed(const Core& core, size_t type, size_t except) {
+  for (size_t i = 0; i < kServicesMax; ++i) {
+    const Service& service = ServiceAt(core, i);
+    if (i != except && IsOffered(service) && service.isListed && service.type == type) return true;
   }
   return false;
 }
@@ -348,7 +357,7 @@ void AddPointersOfType(const Core& core, size_t type, RecordKind kind, RecordSet
 // Goodbyes go to the types' list with the last service of the type.
 void AddTypeListGoodbye(const Core& core, size_t service, RecordSet& records) {
   const Service& own = ServiceAt(core, service);
-  if (!own.isReserved && !IsTypeOffered(core, own.type, service)) {
+  if (!own.isReserved && !IsTypeListed(core, own.type, service)) {
     records.Add(kTypeListRecords + own.type);
   }
 }
@@ -529,7 +538,7 @@ RecordSet RecordsOfName(const Core& core, NameId name) {
     records.Add(kReverseNsecRecords + slot);
   } else if (name == kTypeListName) {
     for (size_t i = 0; i < kServiceTypesMax; ++i) {
-      if (IsTypeOffered(core, i, kServicesMax)) records.Add(kTypeListRecords + i);
+      if (IsTypeOffered(core, i)) records.Add(kTypeListRecords + i);
     }
   } else if (name < kSubtypeNames) {
     AddPointersOfType(core, name - kTypeNames, RecordKind::kPointer, records);
@@ -627,7 +636,7 @@ void CompleteSets(const Core& core, RecordSet& records) {
 
 RecordSet GoodbyesOfService(const Core& core, size_t service) {
   RecordSet records = {};
-  AddPointers(core, service, records);
+  if (ServiceAt(core, service).isPublished) AddPointers(core, service, records);
   AddTypeListGoodbye(core, service, records);
   if (ClaimOfService(core, service).heldOn != 0) AddUniqueServiceRecords(service, records);
   return records;

@@ -193,7 +193,7 @@ void BeginLeaving(Presence& presence, Leaving& leaving, int64_t now) {
 
 void LeaveService(Core& core, size_t index, int64_t now) {
   Service& service = ServiceAt(core, index);
-  if (service.isPublished && core.families != 0) {
+  if (service.isListed && core.families != 0) {
     BeginLeaving(service.presence, service.leaving, now);
   } else {
     FreeService(core, index, now);
@@ -278,7 +278,7 @@ bool InsertService(Core& core, std::string_view instance, std::string_view type,
   const bool isPublished = service.presence == Presence::kHere && service.isPublished;
   service = {};
   service.presence = Presence::kHere;
-  service.isPublished = isPublished;
+  service.isPublished = service.isListed = isPublished;
   service.type = static_cast<uint8_t>(typeIndex);
   service.port = port;
   service.txtLength = static_cast<uint16_t>(dataLength);

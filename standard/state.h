@@ -86,7 +86,7 @@ enum class ClaimStep : uint8_t {
   kRenaming,    ///< takes another name as soon as the goodbyes to the former one are out
   kResting,     ///< had too many conflicts: the pause before the next attempt
   kWaiting,     ///< the random delay before the first probe
-  kDeferring,   ///< lost against another's probe: the second before it probes again
+  kDeferring,   ///< lost against another's probe: the wait before it probes again
   kProbing,     ///< has sent a probe
   kAnnouncing,  ///< has the name; announcements are still to come
   kSettled,     ///< has the name and has said so
@@ -128,6 +128,7 @@ struct Service {
   Leaving leaving;
   bool isReserved;   ///< only claims its name: nobody is pointed to it (RFC 6763, section 8)
   bool isPublished;  ///< was announced under the present name
+  bool isListed;     ///< was announced under any: its type is on the list of types
   uint8_t type;      ///< index of a ServiceType
   uint16_t port;
   uint16_t txtLength;

@@ -220,6 +220,20 @@ TEST(Services, OnlySharedRecordsOfADisputedNameSayGoodbye) {
   EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
 }
 
+TEST(Services, ATypeLeavesTheListWithAServiceThatIsBetweenTwoNames) {
+  Host host;
+  host.AddPrinter("P");
+  host.Settle();
+  const Message conflict = {kResponseFlags, {}, {{"P._ipp._tcp.local", kTypeTxt, "01 'x'"}}};
+  host.Hear(conflict);
+  host.RunFor(300);
+  host.Hear(conflict);
+  host.RunFor(300);
+  EXPECT_TRUE(Remove(host, "P", "_ipp._tcp"));
+  const string goodbye = " =_services._dns-sd._udp PTR 0";
+  EXPECT_THAT(Ipv4WordsWithin(host, 60000), ElementsAre("0" + goodbye, "250" + goodbye));
+}
+
 TEST(Services, AnLpdServiceTakesTheReservedNamesPlace) {
   Host host;
   host.AddPrinter("P");
