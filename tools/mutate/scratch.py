@@ -186,7 +186,7 @@ class Scratch:
         if not self._plain.make("unit_tests"):
             return "the build of the tests"
         # The standard responder is in its own tests alone.
-        return self._plain.test_units("^standard/" if folder == "standard" else "")
+        return self._plain.test_units("^standard/" if folder == "standard" else ".")
 
     def _test_in_lab(self, folder):
         if not self._plain.make("lab_tests"):
