@@ -3,6 +3,7 @@
 import collections
 import contextlib
 import dataclasses
+import operator
 import re
 import time
 
@@ -37,12 +38,12 @@ TYPES = (
     "_universal._sub._ipp._tcp.local",
     "_pdl-datastream._tcp.local",
 )
-HOST = "T5140_00-11-22-AA-BB-CC"
 TEXTS_OF_A_PRINTER = 2
 JOBS_KEPT = 4
 # With which each service ends: as often as each packet is sent, and as its announcements are.
 GOODBYES = {"classic": 3, "standard": 2}
 
+NAME = "[Bonjour] default device name = "
 BANNER = "[QX] T5140 Bonjour v2.1 Start ("
 DEVICE_LINE = re.compile(r"\[Bonjour\] device (insert|remove) lp(\d)")
 # Every line that a daemon may print.
@@ -230,7 +231,9 @@ class Walk:
 
     def _ask(self):
         """Asks until it answers for its name and for everything that it has announced."""
-        questions = [packets.query((f"{HOST}.local", "A"))]
+        (*_, line) = (each for each in self._lines() if each.startswith(NAME))
+        host = f"{line.removeprefix(NAME)}.local"
+        questions = [packets.query((host, "A"))]
         questions += [packets.query((name, "PTR")) for name in TYPES]
         since, asked, missing = self._lab.capture.mark(), 0, []
 
@@ -248,12 +251,12 @@ class Walk:
             }
             missing[:] = announced - self._published(since)
             return not missing and any(
-                answer.name == f"{HOST}.local" and answer.type == "A"
+                answer.name == host and answer.type == "A"
                 for section in answers
                 for answer in section
             )
 
-        self._wait(is_answered, f"an answer for the name and {missing}")
+        self._wait(is_answered, f"an answer for {host} and {missing}")
 
     def _stop(self):
         self._daemon.signal(15)
@@ -261,11 +264,10 @@ class Walk:
 
     def _check_holdings(self):
         """What a daemon at rest holds."""
-        pid, usual = self._daemon.pid, self._usual
+        usual = self._usual
         if usual:
             self._daemon.wait_until(
-                lambda: usage(pid).threads <= usual.threads
-                and len(descriptors(pid)) <= usual.descriptors,
+                lambda: all(map(operator.le, self._held(), (usual.threads, usual.descriptors))),
                 f"no more than {usual}",
             )
 
@@ -293,8 +295,9 @@ class Walk:
     # What has to be true of it
 
     def _held(self):
+        """Threads and descriptors, without those that stand for closed standard ones."""
         pid = self._daemon.pid
-        return usage(pid).threads, len(descriptors(pid))
+        return usage(pid).threads, len([each for each in descriptors(pid) if each != "/dev/null"])
 
     def holdings(self):
         return Holdings(*self.at_rest, self._board.blocks)
