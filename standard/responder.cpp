@@ -27,6 +27,8 @@ namespace {
 constexpr int64_t kRetryMilliseconds = 1000;
 // The time in which a stop is over, whatever happens: two goodbyes 250 ms apart take less.
 constexpr int64_t kStopMillisecondsMax = 600;
+// Pause after a wait that could not begin.
+constexpr useconds_t kPauseMicroseconds = 100000;
 // Datagrams after which others get their turn.
 constexpr int kDatagramsAtOnce = 32;
 
@@ -263,7 +265,9 @@ void WaitAndTake(int64_t turn) {
   const int64_t left = turn > now ? turn - now : 0;
   const timespec timeout = {static_cast<time_t>(left / 1000),
                             static_cast<long>(left % 1000 * 1000000)};
-  if (ppoll(polled, kPolledMax, turn == kNever ? nullptr : &timeout, nullptr) <= 0) return;
+  const int ready = ppoll(polled, kPolledMax, turn == kNever ? nullptr : &timeout, nullptr);
+  if (ready < 0 && errno != EINTR) usleep(kPauseMicroseconds);
+  if (ready <= 0) return;
   if (polled[1].revents != 0) TakeWake();
   // First what has come in on the link as it was.
   for (size_t i = 0; i < kFamilies; ++i) {

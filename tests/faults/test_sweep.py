@@ -15,7 +15,7 @@ SAMPLES = [
     Fault("classic", "start", 1, "pthread_create", 0, 1, "EAGAIN", False),
     Fault("classic", "questions", 3, "socket", -1, 2, "ENOBUFS", True),
     Fault("standard", "start", 1, "socket", -1, 1, "EMFILE", False),
-    Fault("standard", "printers in", 1, "sendto", -1, 0, "ENOBUFS", True),
+    Fault("standard", "printers in", 1, "ppoll", -1, 0, "ENOMEM", True),
 ]
 USUAL = {"classic": Holdings(4, 3, 4), "standard": Holdings(3, 6, 4)}
 # How often a walk is repeated at most until it says something about the fault.
