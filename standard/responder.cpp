@@ -27,7 +27,7 @@ namespace {
 constexpr int64_t kRetryMilliseconds = 1000;
 // The time in which a stop is over, whatever happens: two goodbyes 250 ms apart take less.
 constexpr int64_t kStopMillisecondsMax = 600;
-// Pause after a wait that could not begin.
+// Pause where the next wait would be over at once, for what ended the last one is still there.
 constexpr useconds_t kPauseMicroseconds = 100000;
 // Datagrams after which others get their turn.
 constexpr int kDatagramsAtOnce = 32;
@@ -248,8 +248,7 @@ void ReceiveAll(Family family) {
 
 void TakeWake() {
   uint64_t count = 0;
-  const ssize_t taken = read(responder.wake, &count, sizeof(count));
-  static_cast<void>(taken);
+  if (read(responder.wake, &count, sizeof(count)) < 0) usleep(kPauseMicroseconds);
 }
 
 int64_t Earlier(int64_t a, int64_t b) { return a < b ? a : b; }

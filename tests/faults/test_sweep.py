@@ -16,6 +16,7 @@ SAMPLES = [
     Fault("classic", "questions", 3, "socket", -1, 2, "ENOBUFS", True),
     Fault("standard", "start", 1, "socket", -1, 1, "EMFILE", False),
     Fault("standard", "printers in", 1, "ppoll", -1, 0, "ENOMEM", True),
+    Fault("standard", "printers in", 1, "read", -1, 0, "EIO", True),
 ]
 USUAL = {"classic": Holdings(4, 3, 4), "standard": Holdings(3, 6, 4)}
 # How often a walk is repeated at most until it says something about the fault.
