@@ -26,9 +26,9 @@ _ENVIRONMENT = {
 # A mutant may print or compute endlessly: what a process gets, in bytes and seconds.
 _LIMITS = [f"--fsize={1 << 28}", "--core=0"]
 _BUILD_CPU = _LAB_CPU = 120
-_UNIT_CPU = 5
+_UNIT_CPU = 30
 _BUILD_SECONDS = 1800
-_UNIT_SECONDS = 300
+_UNIT_SECONDS = 600
 _LAB_SECONDS = 900
 _TOO_LONG = (124, 137)
 _NO_TESTS = 5
@@ -169,24 +169,29 @@ class Scratch:
             if path.is_file() and str(path.relative_to(self._source)) not in names:
                 path.unlink()
 
+    def _modules(self, folder, pattern="*"):
+        paths = (self._source / "tests").glob(f"{folder}/{pattern}_test.cpp")
+        return sorted(
+            f"{path.parent.name}/{path.name.removesuffix('_test.cpp')}" for path in paths
+        )
+
     def _own_modules(self, mutant):
         """The modules with tests: the mutant's own, or all of its folder if it has none."""
         folder, module = pathlib.PurePath(mutant.path).with_suffix("").parts
-        tests = self._source / "tests" / folder
-        own = [*tests.glob(f"{module}_test.cpp"), *tests.glob(f"{module}_*_test.cpp")]
-        paths = own or tests.glob("*_test.cpp")
-        return sorted(f"{folder}/{path.name.removesuffix('_test.cpp')}" for path in paths)
+        own = self._modules(folder, module) + self._modules(folder, f"{module}_*")
+        return own or self._modules(folder)
+
+    def _modules_above(self, folder):
+        """All modules with tests that may depend on a folder."""
+        standard = self._modules("standard")
+        return {"standard": standard, "base": self._modules("*")}.get(
+            folder, [module for module in self._modules("*") if module not in standard]
+        )
 
     def _test_modules(self, build, modules):
         if not build.make(*[f"{module.replace('/', '_')}_test" for module in modules]):
             return "the build of its tests"
         return build.test_units(f"^({'|'.join(modules)}):")
-
-    def _test_all(self, folder):
-        if not self._plain.make("unit_tests"):
-            return "the build of the tests"
-        # The standard responder is in its own tests alone.
-        return self._plain.test_units("^standard/" if folder == "standard" else ".")
 
     def _test_in_lab(self, folder):
         if not self._plain.make("lab_tests"):
@@ -197,11 +202,11 @@ class Scratch:
     def judge(self, mutant, in_lab):
         """The verdict and, for a mutant that is killed, what noticed it."""
         folder = mutant.path.split("/")[0]
-        modules = self._own_modules(mutant)
+        modules, above = self._own_modules(mutant), self._modules_above(folder)
         # A read or a write beyond an object is an error even when it changes no result.
         tests = [
-            (f"plain {modules}", lambda: self._test_modules(self._plain, modules)),
-            (f"all {folder}", lambda: self._test_all(folder)),
+            (f"own {modules}", lambda: self._test_modules(self._plain, modules)),
+            (f"above {folder}", lambda: self._test_modules(self._plain, above)),
             (f"sanitized {modules}", lambda: self._test_modules(self._sanitized, modules)),
         ]
         if in_lab:
