@@ -2,17 +2,10 @@
 daemon decides by it, and when it is about to leave in a packet or in a line."""
 
 import pathlib
-import subprocess
 
 import pytest
 
-BUILDS = pathlib.Path(__file__).resolve().parent.parent.parent / "build"
-# With which the daemon is built from other sources.
-SETTINGS = {
-    "msan": "-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 -DBONJOUR_SANITIZE=memory"
-    " -DBONJOUR_HARDEN=OFF -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++",
-    "release": "-DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_CXX_FLAGS=-g",
-}
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 
 
 class Tool:
@@ -26,21 +19,11 @@ class Tool:
         self._environment = monkeypatch
         if preset == "release":
             self.wrapper = ("valgrind", "--track-origins=yes", f"--log-file={log}")
-        self.run(BUILDS / preset / "bonjour")
+        self.use(ROOT)
 
-    def run(self, daemon):
-        """Lets the lab start this daemon."""
-        self._environment.setenv("BONJOUR", str(daemon))
-
-    def build(self, source, directory):
-        """Lets the lab start the daemon built from other sources."""
-        settings = SETTINGS[self.preset].split()
-        for command in (
-            ["cmake", "-G", "Ninja", "-S", source, "-B", directory, *settings],
-            ["cmake", "--build", directory, "--target", "bonjour"],
-        ):
-            subprocess.run(command, check=True, capture_output=True)
-        self.run(directory / "bonjour")
+    def use(self, root):
+        """Lets the lab start the daemon that was built there."""
+        self._environment.setenv("BONJOUR", f"{root}/build/{self.preset}/bonjour")
 
     def findings(self, daemon):
         if not self.wrapper:

@@ -16,11 +16,7 @@ DEVICE_ID = "MFG:HP;MODEL:Model 56;CMD:PCL;"
 INSTANCE = "HP  (aa:bb:cc) 1._pdl-datastream._tcp.local"
 # What is changed in which source: one of the bytes that leave is one that nobody wrote.
 PLANTS = {
-    "packet": (
-        "records/compose.cpp",
-        "  memset(packet.bytes, 0, static_cast<size_t>(packet.capacity));\n",
-        "",
-    ),
+    "packet": ("records/compose.cpp", "memset(packet.bytes, 0,", "memset(packet.bytes, 0, 0 *"),
     "line": ("base/log.cpp", "line[length++] = '\\n';", "line[++length] = '\\n'; ++length;"),
 }
 
@@ -73,12 +69,14 @@ def test_byte_that_was_never_written_is_noticed_when_it_leaves(
 ):
     # One of these packets is a byte too long.
     lab.allow_malformed(lambda packet: True)
-    sources = tmp_path / "sources"
-    subprocess.run(["git", "checkout-index", "--all", f"--prefix={sources}/"], check=True)
-    text = (sources / source).read_text()
+    subprocess.run(["git", "checkout-index", "--all", f"--prefix={tmp_path}/"], check=True)
+    text = (tmp_path / source).read_text()
     assert text.count(before) == 1, f"{source} does not hold {before!r} once"
-    (sources / source).write_text(text.replace(before, after))
-    tool.build(sources, tmp_path / "build")
+    (tmp_path / source).write_text(text.replace(before, after))
+    building = ["--build", "--preset", tool.preset, "--target", "bonjour"]
+    for arguments in (["--preset", tool.preset], building):
+        subprocess.run(["cmake", *arguments], cwd=tmp_path, check=True, capture_output=True)
+    tool.use(tmp_path)
     daemon = router.start(ready=False, wrapper=tool.wrapper)
     # Where the finding ends the daemon, the banner never comes.
     with contextlib.suppress(TimedOut):
