@@ -96,7 +96,7 @@ bool IsClassAsked(uint16_t classBits) {
 // all.
 bool WasMulticastOfLate(const Core& core, Family family, RecordId id, int64_t now) {
   const int64_t quarter = int64_t{TtlOfRecord(core, id)} * 1000 / 4;
-  return core.multicastAt[static_cast<size_t>(family)][id] + quarter > now;
+  return AgeOf(core.multicastAt[static_cast<size_t>(family)][id], now) < quarter;
 }
 
 void AddAnswers(const Core& core, const Query& query, const RecordSet& records, bool isUnicast,

@@ -4,6 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 
+/// The number of the first set bit from `from` to before `end`; `end` when there is none.
+inline size_t NextBit(const uint32_t* words, size_t from, size_t end) {
+  while (from < end) {
+    const uint32_t left = words[from / 32] >> from % 32;
+    if (left != 0) return from + static_cast<size_t>(__builtin_ctz(left));
+    from = (from | 31) + 1;
+  }
+  return end;
+}
+
 /// A set of numbers below `kSize`. All zero: empty.
 template <size_t kSize>
 struct BitSet {
@@ -26,14 +36,5 @@ struct BitSet {
     return true;
   }
   /// The smallest number of the set that is `from` or more; kSize when there is none.
-  size_t Next(size_t from) const {
-    for (size_t i = from; i < kSize; ++i) {
-      if (words[i / 32] == 0) {
-        i |= 31;
-      } else if (Has(i)) {
-        return i;
-      }
-    }
-    return kSize;
-  }
+  size_t Next(size_t from) const { return NextBit(words, from, kSize); }
 };

@@ -87,10 +87,9 @@ void ReleaseDevices(Core& core, int64_t now) {
 }
 
 void NoteConflict(Core& core, Claim& claim, int64_t now) {
-  int64_t& oldest = core.conflictAt[core.nextConflict];
-  oldest = now;
+  core.conflictAt[core.nextConflict] = ToPast(now);
   core.nextConflict = static_cast<uint8_t>((core.nextConflict + 1) % kConflictsMax);
-  if (core.conflictAt[core.nextConflict] + kConflictPeriod >= now) claim.isSlow = true;
+  if (AgeOf(core.conflictAt[core.nextConflict], now) <= kConflictPeriod) claim.isSlow = true;
 }
 
 bool IsOtherDeviceCalled(const Core& core, size_t device, const Label& label) {
@@ -106,7 +105,7 @@ bool IsOtherDeviceCalled(const Core& core, size_t device, const Label& label) {
 void MakeDeviceLabel(Core& core, size_t index) {
   Device& device = core.devices[index];
   const Suffix suffix = InstanceSuffix(core.claims[1 + index].number);
-  device.label = MakeLabel(device.instance, suffix.text);
+  device.label = MakeLabel(TextAt(core, device.instance), suffix.text);
 }
 
 void RenameDevice(Core& core, size_t index) {
@@ -184,12 +183,13 @@ void SendProbe(Core& core, size_t index, int64_t now) {
 
 void Announce(Core& core, size_t index, int64_t now) {
   Claim& claim = core.claims[index];
-  int64_t& oldest = claim.announcedAt[claim.nextAnnounced];
-  if (oldest + kAnnouncementPeriod > now) {
-    claim.due = oldest + kAnnouncementPeriod;
+  PastTime& oldest = claim.announcedAt[claim.nextAnnounced];
+  const int64_t age = AgeOf(oldest, now);
+  if (age < kAnnouncementPeriod) {
+    claim.due = now + kAnnouncementPeriod - age;
     return;
   }
-  oldest = now;
+  oldest = ToPast(now);
   claim.nextAnnounced = static_cast<uint8_t>((claim.nextAnnounced + 1) % kAnnouncementsPerMinute);
   const RecordSet records = RecordsOfClaim(core, index);
   for (size_t i = 0; i < kFamilies; ++i) {
@@ -354,7 +354,6 @@ void Defer(Core& core, size_t index, int64_t now) {
 void InitClaim(Claim& claim) {
   claim = {};
   claim.due = kNever;
-  for (int64_t& time : claim.announcedAt) time = kLongAgo;
 }
 
 void BeginAllClaims(Core& core, int64_t now) {

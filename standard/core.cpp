@@ -67,17 +67,10 @@ bool HasKnownMeaning(uint16_t flags) { return (flags & (kOpcodeMask | kResponseC
 }  // namespace
 
 void InitCore(Core& core, std::string_view hostName, uint64_t randomSeed) {
-  memset(&core, 0, sizeof(core));
   SeedRandom(core, randomSeed);
   core.hostBase = MakeLabel(hostName, {});
   core.hostLabel = core.hostBase;
   for (Claim& claim : core.claims) InitClaim(claim);
-  for (int64_t& time : core.conflictAt) time = kLongAgo;
-  for (auto& times : core.multicastAt) {
-    for (int64_t& time : times) time = kLongAgo;
-  }
-  for (HostBudget& budget : core.budgets) budget.since = kLongAgo;
-  core.unicastSince = kLongAgo;
   ForgetAnswers(core);
 }
 

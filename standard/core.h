@@ -22,8 +22,9 @@
 #include "standard/datagram.h"
 #include "standard/state.h"
 
-/// Begins with no link and no service. `hostName` is the name without domain, 1 to 63 bytes; a
-/// longer one is cut. `randomSeed` is different on every host and at every start.
+/// Begins with no link and no service. `core` is all zero before. `hostName` is the name without
+/// domain, 1 to 63 bytes; a longer one is cut. `randomSeed` is different on every host and at every
+/// start.
 void InitCore(Core& core, std::string_view hostName, uint64_t randomSeed);
 
 /// The link is as `link` says from now on. A link that comes, comes back, or has another hardware

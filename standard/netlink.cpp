@@ -198,11 +198,11 @@ void HandleAddressMessage(LinkWatch& watch, const nlmsghdr& message, Piece body)
 }
 
 // Takes one datagram that waits. Returns false when there is none.
-bool TakeWaiting(int netlink, LinkWatch& watch, std::string_view name, bool& isReplyOver) {
-  uint8_t bytes[kNetlinkDatagramMax];
+bool TakeWaiting(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer,
+                 bool& isReplyOver) {
   sockaddr_nl source{};
   socklen_t size = sizeof(source);
-  const ssize_t received = recvfrom(netlink, bytes, sizeof(bytes), MSG_TRUNC,
+  const ssize_t received = recvfrom(netlink, buffer, kNetlinkDatagramMax, MSG_TRUNC,
                                     reinterpret_cast<sockaddr*>(&source), &size);
   if (received < 0) {
     if (errno == EINTR) return true;
@@ -213,18 +213,18 @@ bool TakeWaiting(int netlink, LinkWatch& watch, std::string_view name, bool& isR
   }
   // Other programs may send to the socket too.
   if (source.nl_pid != 0) return true;
-  if (static_cast<size_t>(received) > sizeof(bytes)) {
+  if (static_cast<size_t>(received) > kNetlinkDatagramMax) {
     watch.mustReread = true;
     return true;
   }
-  if (HandleNetlink(watch, name, bytes, static_cast<size_t>(received))) isReplyOver = true;
+  if (HandleNetlink(watch, name, buffer, static_cast<size_t>(received))) isReplyOver = true;
   return true;
 }
 
-bool WaitForReply(int netlink, LinkWatch& watch, std::string_view name) {
+bool WaitForReply(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer) {
   bool isReplyOver = false;
   while (!isReplyOver) {
-    if (TakeWaiting(netlink, watch, name, isReplyOver)) continue;
+    if (TakeWaiting(netlink, watch, name, buffer, isReplyOver)) continue;
     pollfd entry = {netlink, POLLIN, 0};
     if (poll(&entry, 1, kReplyMilliseconds) <= 0) return false;
   }
@@ -313,23 +313,26 @@ int OpenNetlink() {
   return -1;
 }
 
-void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name) {
+void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer) {
   bool isReplyOver = false;
-  for (int i = 0; i < kTakenAtOnce && TakeWaiting(netlink, watch, name, isReplyOver); ++i) {
+  for (int i = 0; i < kTakenAtOnce && TakeWaiting(netlink, watch, name, buffer, isReplyOver); ++i) {
   }
 }
 
-bool ReadLink(int netlink, LinkWatch& watch, std::string_view name) {
+bool ReadLink(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer) {
   for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
     // A socket that is full has no space for the reply.
     bool isReplyOver = false;
-    while (TakeWaiting(netlink, watch, name, isReplyOver)) {
+    while (TakeWaiting(netlink, watch, name, buffer, isReplyOver)) {
     }
     Forget(watch);
-    if (!RequestLink(netlink, name, ++watch.sequence) || !WaitForReply(netlink, watch, name)) break;
+    if (!RequestLink(netlink, name, ++watch.sequence) ||
+        !WaitForReply(netlink, watch, name, buffer))
+      break;
     watch.mustReread = false;
     if (watch.index == 0) return true;
-    if (!RequestAddresses(netlink, ++watch.sequence) || !WaitForReply(netlink, watch, name)) break;
+    if (!RequestAddresses(netlink, ++watch.sequence) || !WaitForReply(netlink, watch, name, buffer))
+      break;
     if (!watch.mustReread) return true;
   }
   watch.mustReread = true;

@@ -32,8 +32,9 @@ bool HandleNetlink(LinkWatch& watch, std::string_view name, const uint8_t* bytes
 int OpenNetlink();
 
 /// Takes messages that wait on a socket of OpenNetlink; not all of them when there are very many.
-void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name);
+/// They are read into `buffer`, kNetlinkDatagramMax bytes of the caller's.
+void TakeNetlink(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer);
 
 /// Asks the kernel for everything again. Returns true, and `watch` is right and not to be read
-/// again, when all of it could be read.
-bool ReadLink(int netlink, LinkWatch& watch, std::string_view name);
+/// again, when all of it could be read; `buffer` is as for TakeNetlink.
+bool ReadLink(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer);

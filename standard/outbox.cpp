@@ -32,9 +32,9 @@ size_t MessageRoom(const Core& core) {
 }
 
 // FNV-1a.
-uint64_t HashOf(const uint8_t* bytes, size_t length) {
-  uint64_t hash = 0xCBF29CE484222325;
-  for (size_t i = 0; i < length; ++i) hash = (hash ^ bytes[i]) * 0x100000001B3;
+uint32_t HashOf(const uint8_t* bytes, size_t length) {
+  uint32_t hash = 0x811C9DC5;
+  for (size_t i = 0; i < length; ++i) hash = (hash ^ bytes[i]) * 0x01000193;
   return hash;
 }
 
@@ -52,7 +52,7 @@ void AddWaiting(WaitingRecords& waiting, const RecordSet& records, int64_t due) 
 // Everybody on the family has heard the record.
 void NoteMulticast(Core& core, Family family, RecordId id, int64_t now) {
   const size_t i = static_cast<size_t>(family);
-  core.multicastAt[i][id] = now;
+  core.multicastAt[i][id] = ToPast(now);
   core.answers[i].records.Remove(id);
   core.outbox[i].answers.Remove(id);
   for (Reply& reply : core.replies) {
@@ -146,7 +146,7 @@ void LeaveOutRecent(const Core& core, Family family, RecordSet& records, int64_t
                     int64_t now) {
   const size_t i = static_cast<size_t>(family);
   for (RecordId id = records.Next(0); id < kRecordsMax; id = records.Next(id + 1)) {
-    if (core.multicastAt[i][id] + interval > now) records.Remove(id);
+    if (AgeOf(core.multicastAt[i][id], now) < interval) records.Remove(id);
   }
 }
 
@@ -261,18 +261,18 @@ bool TakeMulticast(Core& core, Family family, int64_t now, OutgoingDatagram& out
 HostBudget* BudgetOf(Core& core, const Address& address, int64_t now) {
   HostBudget* free = nullptr;
   for (HostBudget& budget : core.budgets) {
-    const bool isOver = budget.since + kUnicastPeriod <= now;
+    const bool isOver = budget.end <= now;
     if (!isOver && AreAddressesEqual(budget.address, address)) return &budget;
     if (isOver && free == nullptr) free = &budget;
   }
-  if (free != nullptr) *free = {address, now, 0};
+  if (free != nullptr) *free = {address, now + kUnicastPeriod, 0};
   return free;
 }
 
 // Takes one datagram from what may be sent to a host. False when it has had its share.
 bool SpendUnicast(Core& core, const Address& address, int64_t now) {
-  if (core.unicastSince + kUnicastPeriod <= now) {
-    core.unicastSince = now;
+  if (core.unicastEnd <= now) {
+    core.unicastEnd = now + kUnicastPeriod;
     core.unicastSent = 0;
   }
   HostBudget* budget = BudgetOf(core, address, now);
@@ -340,11 +340,11 @@ bool Release(Core& core, Family family, WaitingRecords& waiting, int64_t interva
   LeaveOutUnanswered(core, family, waiting.records);
   waiting.due = kNever;
   for (RecordId id = waiting.records.Next(0); id < kRecordsMax; id = waiting.records.Next(id + 1)) {
-    const int64_t allowed = core.multicastAt[index][id] + interval;
-    if (allowed <= now) {
+    const int64_t age = AgeOf(core.multicastAt[index][id], now);
+    if (age >= interval) {
       ready.Add(id);
     } else {
-      waiting.due = Earlier(waiting.due, allowed);
+      waiting.due = Earlier(waiting.due, now + interval - age);
     }
   }
   if (ready.IsEmpty()) return false;
@@ -413,8 +413,10 @@ void ForgetAnswers(Core& core) {
     core.answers[i] = {{}, kNever};
     core.defences[i] = {{}, kNever};
   }
-  for (Reply& reply : core.replies) reply.isUsed = false;
-  core.legacy.isUsed = false;
+  for (Reply& reply : core.replies) {
+    if (reply.isUsed) reply.isUsed = false;
+  }
+  if (core.legacy.isUsed) core.legacy.isUsed = false;
 }
 
 bool AdvanceOutbox(Core& core, int64_t now) {
@@ -456,8 +458,8 @@ bool IsOutboxEmpty(const Core& core) {
 }
 
 bool WasSentHere(const Core& core, const uint8_t* bytes, size_t length) {
-  const uint64_t hash = HashOf(bytes, length);
-  for (const uint64_t sent : core.sentHashes) {
+  const uint32_t hash = HashOf(bytes, length);
+  for (const uint32_t sent : core.sentHashes) {
     if (sent == hash) return true;
   }
   return false;

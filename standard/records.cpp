@@ -132,7 +132,7 @@ bool EndsInArpa(const Name& name) {
 }
 
 NameId FindReverseName(const Core& core, const Name& name) {
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     Name own;
     if (DescribeName(core, kReverseNames + i, own) && AreNamesEqual(own, name)) {
       return kReverseNames + i;
@@ -150,7 +150,7 @@ bool IsAddressHere(const Core& core, size_t slot) {
 }
 
 bool HasAddressOfType(const Core& core, uint16_t type) {
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     if (IsAddressHere(core, i) && TypeOfAddress(core, i) == type) return true;
   }
   return false;
@@ -158,7 +158,7 @@ bool HasAddressOfType(const Core& core, uint16_t type) {
 
 // The same while a stop says goodbye to all of them.
 bool IsTypeOfHost(const Core& core, uint16_t type) {
-  for (size_t i = 0; core.isStopping && i < kAddressSlots; ++i) {
+  for (size_t i = 0; core.isStopping && i < core.addressSlots; ++i) {
     if (core.addresses[i].presence == Presence::kLeaving && TypeOfAddress(core, i) == type) {
       return true;
     }
@@ -240,7 +240,8 @@ void PutServerData(const Core& core, size_t service, Record& record) {
 
 void PutTextData(const Core& core, size_t service, Record& record) {
   const Service& own = ServiceAt(core, service);
-  PutData(record, own.txt, own.txtLength);
+  const std::string_view text = TextAt(core, own.txt);
+  PutData(record, text.data(), text.size());
 }
 
 // A bitmap of the types that a name has (RFC 4034, section 4.1.2).
@@ -319,7 +320,7 @@ void AddIfThere(const Core& core, RecordSet& records, RecordId id) {
 }
 
 void AddHostRecords(const Core& core, RecordSet& records) {
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     if (IsAddressHere(core, i)) records.Add(i);
   }
   records.Add(kHostNsecRecord);
@@ -403,6 +404,10 @@ const Service& ServiceAt(const Core& core, size_t service) {
 
 Service& ServiceAt(Core& core, size_t service) {
   return core.devices[service / kServicesPerDevice].services[service % kServicesPerDevice];
+}
+
+std::string_view TextAt(const Core& core, const TextPlace& place) {
+  return {reinterpret_cast<const char*>(core.texts.bytes) + place.offset, place.length};
 }
 
 const Device& DeviceOf(const Core& core, size_t service) {
@@ -554,7 +559,7 @@ RecordSet RecordsOfClaim(const Core& core, size_t claim) {
   RecordSet records = {};
   if (claim == kHostClaim) {
     AddHostRecords(core, records);
-    for (size_t i = 0; i < kAddressSlots; ++i) {
+    for (size_t i = 0; i < core.addressSlots; ++i) {
       records.AddAll(RecordsOfName(core, kReverseNames + i));
     }
     return records;
@@ -629,7 +634,7 @@ void CompleteSets(const Core& core, RecordSet& records) {
   for (size_t i = records.Next(0); i < kAddressSlots; i = records.Next(i + 1)) {
     has[TypeOfAddress(core, i) == kTypeA ? 0 : 1] = true;
   }
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     if (IsAddressHere(core, i) && has[TypeOfAddress(core, i) == kTypeA ? 0 : 1]) records.Add(i);
   }
 }

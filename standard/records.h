@@ -52,6 +52,9 @@ const Service& ServiceAt(const Core& core, size_t service);
 Service& ServiceAt(Core& core, size_t service);
 const Device& DeviceOf(const Core& core, size_t service);
 
+/// A text of a service or device.
+std::string_view TextAt(const Core& core, const TextPlace& place);
+
 /// The claim that a service's names belong to.
 const Claim& ClaimOfService(const Core& core, size_t service);
 

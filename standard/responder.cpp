@@ -3,6 +3,7 @@
 #include "base/responder.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/random.h>
@@ -24,13 +25,16 @@
 namespace {
 
 // Pause before something that could not be opened or read is tried again.
-constexpr int64_t kRetryMilliseconds = 1000;
+constexpr int64_t kRetryMilliseconds = 500;
 // The time in which a stop is over, whatever happens: two goodbyes 250 ms apart take less.
 constexpr int64_t kStopMillisecondsMax = 600;
 // Pause where the next wait would be over at once, for what ended the last one is still there.
 constexpr useconds_t kPauseMicroseconds = 100000;
 // Datagrams after which others get their turn.
 constexpr int kDatagramsAtOnce = 32;
+
+// Bytes from which a block of the heap is mapped.
+constexpr int kMappedSize = 16384;
 
 constexpr uint32_t kNotUp = 0;
 constexpr uint32_t kUp = 1;
@@ -70,9 +74,10 @@ struct Responder {
   int64_t retry = kNever;         // when a failure is to be tried again
   const char* failure = nullptr;  // the failure that was logged, until it is over
   char reportedName[kDeviceNameSize] = {};
-  OutgoingDatagram outgoing;
-  uint8_t incoming[kDatagramMax];
+  // What comes in is read into the bytes of what goes out next: nobody looks at it any more then.
+  OutgoingDatagram datagram;
 };
+static_assert(kDatagramMax >= kNetlinkDatagramMax, "the kernel's messages are read into it too");
 
 Responder responder;
 
@@ -182,7 +187,8 @@ bool PrepareSockets() {
 
 void FollowLink() {
   responder.retry = kNever;
-  if (responder.watch.mustReread && !ReadLink(responder.netlink, responder.watch, kBridgeName)) {
+  if (responder.watch.mustReread &&
+      !ReadLink(responder.netlink, responder.watch, kBridgeName, responder.datagram.bytes)) {
     responder.retry = Now() + kRetryMilliseconds;
     return;
   }
@@ -199,10 +205,10 @@ void FollowLink() {
 void SendDue() {
   for (int i = 0; i < kDatagramsAtOnce; ++i) {
     coreMutex.Lock();
-    const bool isDue = TakeDatagram(core, Now(), responder.outgoing);
+    const bool isDue = TakeDatagram(core, Now(), responder.datagram);
     coreMutex.Unlock();
     if (!isDue) return;
-    SendDatagram(responder.sockets, responder.outgoing);
+    SendDatagram(responder.sockets, responder.datagram);
   }
 }
 
@@ -235,7 +241,8 @@ void ReportHostName() {
 void ReceiveAll(Family family) {
   for (int i = 0; i < kDatagramsAtOnce; ++i) {
     ReceivedDatagram datagram;
-    if (!ReceiveDatagram(responder.sockets, family, responder.link, responder.incoming, datagram)) {
+    if (!ReceiveDatagram(responder.sockets, family, responder.link, responder.datagram.bytes,
+                         datagram)) {
       return;
     }
     if (datagram.length == 0) continue;
@@ -273,7 +280,7 @@ void WaitAndTake(int64_t turn) {
     if (polled[2 + i].revents != 0) ReceiveAll(static_cast<Family>(i));
   }
   if (polled[0].revents != 0) {
-    TakeNetlink(responder.netlink, responder.watch, kBridgeName);
+    TakeNetlink(responder.netlink, responder.watch, kBridgeName, responder.datagram.bytes);
     FollowLink();
   }
 }
@@ -304,6 +311,16 @@ void Serve() {
   }
 }
 
+// Buffers as large as the status file's are mapped, unless the heap has space for them: freed, they
+// are the system's again, and one that stays takes no more pages than the file fills.
+void LimitHeap() {
+#ifdef M_MMAP_THRESHOLD
+  mallopt(M_MMAP_THRESHOLD, kMappedSize);
+  mallopt(M_TOP_PAD, 0);
+  malloc_trim(0);
+#endif
+}
+
 void End() {
   CloseSockets(responder.sockets);
   close(responder.netlink);
@@ -332,9 +349,10 @@ bool AreParamsValid(const char* name, const char* type, const char* domain, cons
 }  // namespace
 
 void* BonjourServiceInit(void* argument) {
+  LimitHeap();
   while (!OpenDescriptors()) {
     if (IsTerminating()) return nullptr;
-    sleep(kRetryMilliseconds / 1000);
+    usleep(kRetryMilliseconds * 1000);
   }
   Begin(*static_cast<const ResponderStartRecord*>(argument));
   responder.watch.mustReread = true;

@@ -86,14 +86,16 @@ bool IsFree(const Device& device) {
   return true;
 }
 
-bool IsCalled(const Device& device, std::string_view instance) {
-  return !instance.empty() && std::string_view(device.instance) == instance;
+bool IsCalled(const Core& core, const Device& device, std::string_view instance) {
+  const std::string_view own = TextAt(core, device.instance);
+  return !own.empty() && own.size() == instance.size() &&
+         memcmp(own.data(), instance.data(), own.size()) == 0;
 }
 
 // The device of an instance name, also one that is gone; kDevicesMax when there is none.
 size_t FindDevice(const Core& core, std::string_view instance) {
   for (size_t i = 0; i < kDevicesMax; ++i) {
-    if (IsCalled(core.devices[i], instance)) return i;
+    if (IsCalled(core, core.devices[i], instance)) return i;
   }
   return kDevicesMax;
 }
@@ -105,7 +107,7 @@ size_t FindPlace(const Core& core) {
   size_t leaving = kDevicesMax;
   for (size_t i = 0; i < kDevicesMax; ++i) {
     const Device& device = core.devices[i];
-    if (device.instance[0] == 0) return i;
+    if (device.instance.length == 0) return i;
     if (IsFree(device)) {
       gone = i;
     } else if (!IsAnyOffered(device)) {
@@ -113,6 +115,37 @@ size_t FindPlace(const Core& core) {
     }
   }
   return gone != kDevicesMax ? gone : leaving;
+}
+
+void MoveUp(TextPlace& place, size_t behind, size_t length) {
+  if (place.length == 0 || place.offset < behind) return;
+  place.offset = static_cast<uint16_t>(place.offset - length);
+}
+
+// Takes a text away; those behind it move up.
+void DropText(Core& core, TextPlace& place) {
+  if (place.length == 0) return;
+  const size_t length = place.length;
+  const size_t behind = place.offset + length;
+  memmove(core.texts.bytes + place.offset, core.texts.bytes + behind, core.texts.length - behind);
+  core.texts.length = static_cast<uint16_t>(core.texts.length - length);
+  place.length = 0;
+  for (Device& device : core.devices) {
+    MoveUp(device.instance, behind, length);
+    for (Service& service : device.services) MoveUp(service.txt, behind, length);
+  }
+}
+
+// Keeps a text in a place that has none.
+void AddText(Core& core, TextPlace& place, const void* text, size_t length) {
+  place = {core.texts.length, static_cast<uint16_t>(length)};
+  memcpy(core.texts.bytes + core.texts.length, text, length);
+  core.texts.length = static_cast<uint16_t>(core.texts.length + length);
+}
+
+void ResetService(Core& core, Service& service) {
+  DropText(core, service.txt);
+  service = {};
 }
 
 void ResetClaim(Core& core, size_t device) {
@@ -124,8 +157,10 @@ void ResetClaim(Core& core, size_t device) {
 
 void SettleIn(Core& core, size_t index, std::string_view instance) {
   Device& device = core.devices[index];
+  DropText(core, device.instance);
+  for (Service& service : device.services) DropText(core, service.txt);
   device = {};
-  memcpy(device.instance, instance.data(), instance.size());
+  AddText(core, device.instance, instance.data(), instance.size());
   InitClaim(core.claims[1 + index]);
 }
 
@@ -165,16 +200,18 @@ void ReserveFlagship(Core& core, Device& device) {
   if (service.presence != Presence::kFree) return;
   const size_t type = EnterType(core, FlagshipType());
   if (type == kServiceTypesMax) return;
-  service = {};
+  ResetService(core, service);
   service.presence = Presence::kHere;
   service.isReserved = true;
   service.type = static_cast<uint8_t>(type);
-  service.txtLength = static_cast<uint16_t>(MakeTxt({}, service.txt, kTxtMax));
+  constexpr uint8_t kNoText[] = {0};
+  AddText(core, service.txt, kNoText, sizeof(kNoText));
 }
 
 void FreeService(Core& core, size_t index, int64_t now) {
   const size_t device = index / kServicesPerDevice;
   ServiceAt(core, index).presence = Presence::kFree;
+  DropText(core, ServiceAt(core, index).txt);
   if (IsFree(core.devices[device])) {
     ResetClaim(core, device);
     return;
@@ -186,15 +223,18 @@ void FreeService(Core& core, size_t index, int64_t now) {
   }
 }
 
-void BeginLeaving(Presence& presence, Leaving& leaving, int64_t now) {
-  presence = Presence::kLeaving;
-  leaving = {kGoodbyes, now};
+// Of a service or an address.
+template <typename T>
+void BeginLeaving(T& leaving, int64_t now) {
+  leaving.presence = Presence::kLeaving;
+  leaving.goodbyesLeft = kGoodbyes;
+  leaving.due = now;
 }
 
 void LeaveService(Core& core, size_t index, int64_t now) {
   Service& service = ServiceAt(core, index);
   if (service.isListed && core.families != 0) {
-    BeginLeaving(service.presence, service.leaving, now);
+    BeginLeaving(service, now);
   } else {
     FreeService(core, index, now);
   }
@@ -223,23 +263,24 @@ size_t FindOffered(const Core& core, size_t device, const ServiceType& type) {
 }
 
 size_t FindSlot(const Core& core, const Address& address) {
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     if (AreAddressesEqual(core.addresses[i].address, address)) return i;
   }
   return kAddressSlots;
 }
 
-size_t FindFreeSlot(const Core& core) {
+size_t FindFreeSlot(Core& core) {
   size_t leaving = kAddressSlots;
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     if (core.addresses[i].presence == Presence::kFree) return i;
     if (core.addresses[i].presence == Presence::kLeaving) leaving = i;
   }
-  return leaving;
+  return core.addressSlots < kAddressSlots ? core.addressSlots++ : leaving;
 }
 
 // Sends the next goodbye of what leaves. False when all were sent and taken: it is gone.
-bool StayForGoodbye(Core& core, Leaving& leaving, const RecordSet& records, int64_t now) {
+template <typename T>
+bool StayForGoodbye(Core& core, T& leaving, const RecordSet& records, int64_t now) {
   if (leaving.goodbyesLeft == 0) return false;
   SendGoodbyes(core, records);
   --leaving.goodbyesLeft;
@@ -247,8 +288,9 @@ bool StayForGoodbye(Core& core, Leaving& leaving, const RecordSet& records, int6
   return true;
 }
 
-bool IsDue(Presence presence, const Leaving& leaving, int64_t now) {
-  return presence == Presence::kLeaving && leaving.due <= now;
+template <typename T>
+bool IsDue(const T& leaving, int64_t now) {
+  return leaving.presence == Presence::kLeaving && leaving.due <= now;
 }
 
 }  // namespace
@@ -256,10 +298,10 @@ bool IsDue(Presence presence, const Leaving& leaving, int64_t now) {
 bool InsertService(Core& core, std::string_view instance, std::string_view type,
                    std::string_view txt, uint16_t port, int64_t now) {
   ServiceType parsed;
-  uint8_t data[kTxtMax];
-  const size_t dataLength = MakeTxt(txt, data, sizeof(data));
+  uint8_t text[kTxtMax];
+  const size_t textLength = MakeTxt(txt, text, sizeof(text));
   if (!ParseType(type, parsed) || instance.empty() || instance.size() > kInstanceTextMax ||
-      memchr(instance.data(), 0, instance.size()) != nullptr || dataLength == 0) {
+      memchr(instance.data(), 0, instance.size()) != nullptr || textLength == 0) {
     return false;
   }
   const size_t known = FindDevice(core, instance);
@@ -276,13 +318,12 @@ bool InsertService(Core& core, std::string_view instance, std::string_view type,
   Service& service = core.devices[device].services[place];
   // Over a reserved name, what others know of it is still to be withdrawn.
   const bool isPublished = service.presence == Presence::kHere && service.isPublished;
-  service = {};
+  ResetService(core, service);
   service.presence = Presence::kHere;
   service.isPublished = service.isListed = isPublished;
   service.type = static_cast<uint8_t>(typeIndex);
   service.port = port;
-  service.txtLength = static_cast<uint16_t>(dataLength);
-  memcpy(service.txt, data, dataLength);
+  AddText(core, service.txt, text, textLength);
   ReserveFlagship(core, core.devices[device]);
   if (core.families != 0) BeginDeviceClaim(core, 1 + device, now);
   return true;
@@ -317,7 +358,7 @@ bool WithdrawAddress(Core& core, const Address& address, int64_t now) {
   if (index == kAddressSlots || core.addresses[index].presence != Presence::kHere) return false;
   AddressSlot& slot = core.addresses[index];
   if (core.claims[kHostClaim].heldOn != 0 && core.families != 0) {
-    BeginLeaving(slot.presence, slot.leaving, now);
+    BeginLeaving(slot, now);
   } else {
     slot.presence = Presence::kFree;
   }
@@ -346,17 +387,17 @@ bool AdvanceLeaving(Core& core, int64_t now) {
   bool hasAdvanced = false;
   for (size_t i = 0; i < kServicesMax; ++i) {
     Service& service = ServiceAt(core, i);
-    if (!IsDue(service.presence, service.leaving, now)) continue;
+    if (!IsDue(service, now)) continue;
     hasAdvanced = true;
-    if (!StayForGoodbye(core, service.leaving, GoodbyesOfService(core, i), now)) {
+    if (!StayForGoodbye(core, service, GoodbyesOfService(core, i), now)) {
       FreeService(core, i, now);
     }
   }
-  for (size_t i = 0; i < kAddressSlots; ++i) {
+  for (size_t i = 0; i < core.addressSlots; ++i) {
     AddressSlot& slot = core.addresses[i];
-    if (!IsDue(slot.presence, slot.leaving, now)) continue;
+    if (!IsDue(slot, now)) continue;
     hasAdvanced = true;
-    if (!StayForGoodbye(core, slot.leaving, GoodbyesOfAddress(core, i), now)) {
+    if (!StayForGoodbye(core, slot, GoodbyesOfAddress(core, i), now)) {
       slot.presence = Presence::kFree;
     }
   }
@@ -367,10 +408,10 @@ int64_t NextLeavingTurn(const Core& core) {
   int64_t next = kNever;
   for (size_t i = 0; i < kServicesMax; ++i) {
     const Service& service = ServiceAt(core, i);
-    if (service.presence == Presence::kLeaving) next = Earlier(next, service.leaving.due);
+    if (service.presence == Presence::kLeaving) next = Earlier(next, service.due);
   }
   for (const AddressSlot& slot : core.addresses) {
-    if (slot.presence == Presence::kLeaving) next = Earlier(next, slot.leaving.due);
+    if (slot.presence == Presence::kLeaving) next = Earlier(next, slot.due);
   }
   return next;
 }

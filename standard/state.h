@@ -6,6 +6,7 @@
 
 #include "standard/address.h"
 #include "standard/bit_set.h"
+#include "standard/clock.h"
 #include "standard/wire.h"
 
 /// Printers that are published at one time: the ten ports of the printer monitor, and as many again
@@ -28,6 +29,10 @@ constexpr size_t kInstanceTextMax = 128;
 /// The longest TXT data: a text of 512 characters, cut into strings.
 constexpr size_t kTxtMax = 520;
 static_assert(kTxtMax <= kDataMax, "a TXT record can be described");
+
+/// Bytes for all instance names and TXT data.
+constexpr size_t kTextsMax = kDevicesMax * kInstanceTextMax + kServicesMax * kTxtMax;
+static_assert(kTextsMax <= UINT16_MAX, "the place of a text is counted in 16 bits");
 
 /// The longest first label of a service type: an underscore and fifteen characters (RFC 6335,
 /// section 5.1).
@@ -76,9 +81,6 @@ using NameSet = BitSet<kNamesMax>;
 constexpr size_t kHostClaim = 0;
 constexpr size_t kClaimsMax = 1 + kDevicesMax;
 
-/// A time so long ago that nothing since then matters, and from which to count needs no care.
-constexpr int64_t kLongAgo = INT64_MIN / 2;
-
 /// Where a claim stands.
 enum class ClaimStep : uint8_t {
   kNone,        ///< there is nothing to claim, or no link to claim it on
@@ -101,8 +103,8 @@ struct Claim {
   uint8_t heldOn;   ///< bit for each family on which the name is held: its records are answered
   bool isSlow;      ///< each attempt begins with a pause until one succeeds
   uint32_t number;  ///< in the name's suffix; 0: none
-  int64_t announcedAt[kAnnouncementsPerMinute];  ///< the last ones, in a ring
-  uint8_t nextAnnounced;                         ///< the oldest of the ring
+  PastTime announcedAt[kAnnouncementsPerMinute];  ///< the last ones, in a ring
+  uint8_t nextAnnounced;                          ///< the oldest of the ring
 };
 
 /// Whether a service or an address is there.
@@ -112,10 +114,17 @@ enum class Presence : uint8_t {
   kLeaving,  ///< is gone, and goodbyes are left to say
 };
 
-/// The goodbyes of what leaves.
-struct Leaving {
-  uint8_t goodbyesLeft;
-  int64_t due;
+/// Texts of services and devices, one behind the other: memory is touched only for as much as there
+/// is.
+struct Texts {
+  uint16_t length;
+  uint8_t bytes[kTextsMax];
+};
+
+/// Where in Texts a text is; length 0 when there is none.
+struct TextPlace {
+  uint16_t offset;
+  uint16_t length;
 };
 
 struct ServiceType {
@@ -124,28 +133,29 @@ struct ServiceType {
 };
 
 struct Service {
+  int64_t due;           ///< of the next goodbye, when it leaves
+  uint8_t goodbyesLeft;  ///< when it leaves
   Presence presence;
-  Leaving leaving;
   bool isReserved;   ///< only claims its name: nobody is pointed to it (RFC 6763, section 8)
   bool isPublished;  ///< was announced under the present name
   bool isListed;     ///< was announced under any: its type is on the list of types
   uint8_t type;      ///< index of a ServiceType
   uint16_t port;
-  uint16_t txtLength;
-  uint8_t txt[kTxtMax];  ///< as on the wire
+  TextPlace txt;  ///< as on the wire
 };
 
 /// All services of one instance name: a printer.
 struct Device {
-  char instance[kInstanceTextMax + 1];  ///< as it was added; kept when it is gone
-  Label label;                          ///< as it is called on the link
+  TextPlace instance;  ///< as it was added; kept when it is gone
+  Label label;         ///< as it is called on the link
   Service services[kServicesPerDevice];
 };
 
 /// An address of the link that is published.
 struct AddressSlot {
+  int64_t due;           ///< of the next goodbye, when it leaves
+  uint8_t goodbyesLeft;  ///< when it leaves
   Presence presence;
-  Leaving leaving;
   Address address;
 };
 
@@ -184,7 +194,7 @@ struct LegacyReply {
 /// What was sent to one host within the present second.
 struct HostBudget {
   Address address;
-  int64_t since;
+  int64_t end;    ///< of that second
   uint16_t sent;  ///< datagrams
 };
 constexpr size_t kHostBudgets = 32;
@@ -211,22 +221,26 @@ struct Core {
   Label hostLabel;
   Claim claims[kClaimsMax];
   uint8_t nextConflict;
-  int64_t conflictAt[kConflictsMax];  ///< the last ones, in a ring
+  PastTime conflictAt[kConflictsMax];  ///< the last ones, in a ring
 
+  uint8_t addressSlots;  ///< in use, or once used: all before this one
   AddressSlot addresses[kAddressSlots];
   ServiceType types[kServiceTypesMax];
   Device devices[kDevicesMax];
 
-  int64_t multicastAt[kFamilies][kRecordsMax];  ///< when each record was last multicast
-  WaitingRecords answers[kFamilies];            ///< no record twice within a second
-  WaitingRecords defences[kFamilies];           ///< against probes: no record twice within 250 ms
-  Reply replies[kRepliesMax];
-  LegacyReply legacy;
+  PastTime multicastAt[kFamilies][kRecordsMax];  ///< when each record was last multicast
+  WaitingRecords answers[kFamilies];             ///< no record twice within a second
+  WaitingRecords defences[kFamilies];            ///< against probes: no record twice within 250 ms
   Outbox outbox[kFamilies];
 
-  HostBudget budgets[kHostBudgets];
-  int64_t unicastSince;
+  int64_t unicastEnd;  ///< of the second in which `unicastSent` datagrams went to hosts alone
   uint16_t unicastSent;
-  uint64_t sentHashes[kSentHashes];
+  uint32_t sentHashes[kSentHashes];
   uint8_t nextSentHash;
+
+  // From here on filled from the front: what was never used takes no memory.
+  Texts texts;
+  HostBudget budgets[kHostBudgets];
+  LegacyReply legacy;
+  Reply replies[kRepliesMax];
 };

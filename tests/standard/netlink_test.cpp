@@ -307,13 +307,14 @@ class KernelTest : public testing::Test {
   KernelTest() : netlink(OpenNetlink()) {}
 
   void Follow() {
-    TakeNetlink(netlink.Get(), watch, "br0");
+    TakeNetlink(netlink.Get(), watch, "br0", buffer);
     if (watch.mustReread) {
-      EXPECT_TRUE(ReadLink(netlink.Get(), watch, "br0"));
+      EXPECT_TRUE(ReadLink(netlink.Get(), watch, "br0", buffer));
     }
   }
 
   const OwnNetwork network;
+  uint8_t buffer[kNetlinkDatagramMax];
   const Descriptor netlink;
   LinkWatch watch = {};
 };
@@ -323,7 +324,7 @@ TEST_F(KernelTest, LinkThatIsThereIsReadWhole) {
   SetAddress("br0", "192.168.77.1");
   SetInterfaceUp("br0", true);
   const OtherHost host("br0");
-  ASSERT_TRUE(ReadLink(netlink.Get(), watch, "br0"));
+  ASSERT_TRUE(ReadLink(netlink.Get(), watch, "br0", buffer));
   EXPECT_EQ(watch.index, static_cast<int32_t>(if_nametoindex("br0")));
   EXPECT_TRUE(watch.link.isUp);
   EXPECT_EQ(watch.link.mtu, 1500);
@@ -334,7 +335,7 @@ TEST_F(KernelTest, LinkThatIsThereIsReadWhole) {
 
 TEST_F(KernelTest, LinkThatIsNotThereIsNoFailure) {
   watch.index = kBridge;
-  EXPECT_TRUE(ReadLink(netlink.Get(), watch, "br0"));
+  EXPECT_TRUE(ReadLink(netlink.Get(), watch, "br0", buffer));
   EXPECT_EQ(watch.index, 0);
 }
 
@@ -356,7 +357,8 @@ TEST_F(KernelTest, MoreThanTheSocketHoldsIsReadAgain) {
   AddBridge("br0");
   for (int i = 0; i < 2000; ++i) SetAddress("br0", i % 2 == 0 ? "10.0.0.1" : "10.0.0.2");
   // Taken in several turns.
-  for (int i = 0; i < 100 && !watch.mustReread; ++i) TakeNetlink(netlink.Get(), watch, "br0");
+  for (int i = 0; i < 100 && !watch.mustReread; ++i)
+    TakeNetlink(netlink.Get(), watch, "br0", buffer);
   ASSERT_TRUE(watch.mustReread);
   Follow();
   ASSERT_EQ(watch.link.addressCount, 1);

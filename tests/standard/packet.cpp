@@ -5,6 +5,7 @@ namespace {
 constexpr size_t kHeader = 12;
 constexpr size_t kLongestName = 255;
 constexpr size_t kLongestLabel = 63;
+constexpr int kPointersMax = 127;
 constexpr uint16_t kPtr = 12;
 constexpr uint16_t kSrv = 33;
 constexpr uint16_t kNsec = 47;
@@ -32,12 +33,13 @@ struct Cursor {
   }
 };
 
-// Reads a name that may not go on behind `end`.
+// Reads a name, in its own case, that may not go on behind `end`.
 std::string TakeName(Cursor& cursor, size_t end, bool& isCompressed) {
   std::string name;
   size_t at = cursor.offset;
   size_t before = at;  // a pointer leads to before the labels that it ends
   size_t next = 0;     // behind the first pointer
+  int pointers = 0;
   for (;;) {
     if (at >= (next == 0 ? end : cursor.bytes.size())) {
       cursor.Fail("a name does not end");
@@ -50,8 +52,8 @@ std::string TakeName(Cursor& cursor, size_t end, bool& isCompressed) {
         return name;
       }
       const size_t target = (length & 0x3FU) << 8 | static_cast<uint8_t>(cursor.bytes[at + 1]);
-      if (target < kHeader || target >= before) {
-        cursor.Fail("a pointer that does not lead back");
+      if (target < kHeader || target >= before || ++pointers > kPointersMax) {
+        cursor.Fail("a pointer that does not lead back, or too many");
         return name;
       }
       if (next == 0) next = at + 2;
@@ -63,7 +65,7 @@ std::string TakeName(Cursor& cursor, size_t end, bool& isCompressed) {
       cursor.Fail("a label that is too long");
       return name;
     }
-    name += LowerCase(cursor.bytes.substr(at, size_t{1} + length));
+    name += cursor.bytes.substr(at, size_t{1} + length);
     at += size_t{1} + length;
     if (length == 0) break;
     if (name.size() >= kLongestName) {
@@ -115,8 +117,10 @@ void TakeData(Cursor& cursor, PacketRecord& record) {
   }
   if (record.type == kPtr || record.type == kSrv || record.type == kNsec) {
     if (record.type == kSrv) record.data = TakeBytes(cursor, kSrvNumbers);
-    record.data += TakeName(cursor, end, record.isDataCompressed);
+    const std::string name = TakeName(cursor, end, record.isDataCompressed);
     if (!cursor.wrong.empty()) return;
+    if (record.section == PacketSection::kAuthority) record.proposed = record.data + name;
+    record.data += LowerCase(name);
     const std::string rest = TakeBytes(cursor, end - cursor.offset);
     if (record.type == kNsec) {
       CheckBitmap(cursor, rest);
@@ -124,9 +128,11 @@ void TakeData(Cursor& cursor, PacketRecord& record) {
       cursor.Fail("something behind the name in a record's data");
     }
     record.data += rest;
+    if (record.section == PacketSection::kAuthority) record.proposed += rest;
     return;
   }
   record.data = TakeBytes(cursor, length);
+  if (record.section == PacketSection::kAuthority) record.proposed = record.data;
   if (record.type == 1 && length != 4) cursor.Fail("an IPv4 address that is none");
   if (record.type == 28 && length != 16) cursor.Fail("an IPv6 address that is none");
   if (record.type == 16) CheckStrings(cursor, record.data);
@@ -136,7 +142,7 @@ PacketRecord TakeRecord(Cursor& cursor, PacketSection section) {
   bool isCompressed = false;
   PacketRecord record = {};
   record.section = section;
-  record.name = TakeName(cursor, cursor.bytes.size(), isCompressed);
+  record.name = LowerCase(TakeName(cursor, cursor.bytes.size(), isCompressed));
   record.type = static_cast<uint16_t>(cursor.Number(2));
   record.classBits = static_cast<uint16_t>(cursor.Number(2));
   record.ttl = cursor.Number(4);
@@ -206,7 +212,7 @@ std::string ReadPacket(std::string_view bytes, Packet& packet) {
   for (uint32_t i = 0; cursor.wrong.empty() && i < counts[0]; ++i) {
     bool isCompressed = false;
     PacketQuestion question = {};
-    question.name = TakeName(cursor, bytes.size(), isCompressed);
+    question.name = LowerCase(TakeName(cursor, bytes.size(), isCompressed));
     question.type = static_cast<uint16_t>(cursor.Number(2));
     question.classBits = static_cast<uint16_t>(cursor.Number(2));
     packet.questions.push_back(std::move(question));

@@ -26,6 +26,8 @@ struct PacketRecord {
   uint32_t ttl;
   std::string data;
   bool isDataCompressed;
+  /// In the authority section, where case matters: the data with names in their own.
+  std::string proposed = {};
 };
 
 struct Packet {

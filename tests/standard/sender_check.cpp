@@ -1,5 +1,6 @@
 #include "tests/standard/sender_check.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -101,6 +102,25 @@ bool AreRepeated(const std::vector<PacketQuestion>& repeated,
   return true;
 }
 
+bool IsHostName(const std::string& name) {
+  const size_t rest = size_t{1} + static_cast<uint8_t>(name[0]);
+  return name.substr(rest) == std::string_view("\5local\0", 7);
+}
+
+// What a probe proposes for a name, as the tie-break orders it.
+std::vector<std::string> ProposedFor(const Packet& packet, const std::string& name) {
+  std::vector<std::string> proposed;
+  for (const PacketRecord& record : packet.records) {
+    if (record.section != PacketSection::kAuthority || record.name != name) continue;
+    std::string key;
+    Append16(key, record.classBits & ~uint32_t{kTopBit});
+    Append16(key, record.type);
+    proposed.push_back(key + record.proposed);
+  }
+  std::sort(proposed.begin(), proposed.end());
+  return proposed;
+}
+
 bool IsAsked(const Packet& packet, const std::string& name) {
   for (const PacketQuestion& question : packet.questions) {
     if (question.name == name) return true;
@@ -130,9 +150,24 @@ std::string RecordKeyOf(const PacketRecord& record) {
 void SenderCheck::SetLink(const LinkState& state) {
   const bool isOther = memcmp(link.mac, state.mac, sizeof(link.mac)) != 0;
   link = state;
+  lostAt.clear();
   for (size_t i = 0; i < kFamilies; ++i) {
     if (isOther || !HasFamily(link, static_cast<Family>(i))) sides[i].probes.clear();
   }
+}
+
+bool SenderCheck::IsWaiting(const std::string& name, int64_t now) const {
+  const auto lost = lostAt.find(name);
+  return lost != lostAt.end() && now < lost->second + kSecond;
+}
+
+// RFC 6762, section 8.2: of two that probe at the same time the one with the later records goes on.
+// A printer's claim begins again with the host's, whatever it had lost, so this is about hosts.
+void SenderCheck::MeetRival(const Probes& own, const Packet& packet, const std::string& name,
+                            int64_t now) {
+  const bool isProbing = !own.isClaimed && own.count != 0 && now < own.last + kProbePause;
+  if (!IsHostName(name) || !isProbing || IsWaiting(name, now)) return;
+  if (own.proposed < ProposedFor(packet, name)) lostAt[name] = now;
 }
 
 void SenderCheck::HearUnreadable(Family family, int64_t now) {
@@ -143,7 +178,10 @@ void SenderCheck::Hear(const Packet& packet, const Endpoint& source, int64_t now
   if ((packet.flags & kTopBit) != 0) return;
   Side& side = sides[static_cast<size_t>(source.address.family)];
   for (const PacketRecord& record : packet.records) {
-    if (record.section == PacketSection::kAuthority) side.probedAt[record.name] = now;
+    if (record.section != PacketSection::kAuthority) continue;
+    side.probedAt[record.name] = now;
+    const auto own = side.probes.find(record.name);
+    if (own != side.probes.end()) MeetRival(own->second, packet, record.name, now);
   }
   if (source.port == kMdnsPort) return;
   if (legacies.size() == kLegaciesMax) legacies.erase(legacies.begin());
@@ -187,7 +225,13 @@ std::string SenderCheck::CheckProbe(const Packet& packet, Side& side, int64_t no
     if (!IsProposed(packet, question.name)) {
       return "a probe without a record: " + NameInWords(question.name);
     }
-    Probes& probes = side.probes[question.name];
+    Probes& probes = side.probes.try_emplace(question.name, kNoProbes).first->second;
+    // With other records it is another claim.
+    std::vector<std::string> proposed = ProposedFor(packet, question.name);
+    if (proposed == probes.proposed && IsWaiting(question.name, now)) {
+      return "goes on probing: " + NameInWords(question.name);
+    }
+    probes.proposed = std::move(proposed);
     // Who begins again need not wait, but begins again.
     probes.count = now < probes.last + kProbePause ? 1 : probes.count + 1;
     probes.last = now;
@@ -206,7 +250,7 @@ std::string SenderCheck::CheckProbe(const Packet& packet, Side& side, int64_t no
 // RFC 6762, section 8.1: three probes, and a pause behind each.
 std::string SenderCheck::CheckUse(const PacketRecord& record, Side& side, int64_t now) const {
   if (record.ttl == 0 || IsSharedRecord(record) || IsReverse(record.name)) return {};
-  Probes& probes = side.probes[record.name];
+  Probes& probes = side.probes.try_emplace(record.name, kNoProbes).first->second;
   if (probes.isClaimed) return {};
   if (probes.count < kProbesNeeded || now < probes.last + kProbePause) {
     return About("used before it was probed for", record);

@@ -40,8 +40,10 @@ class SenderCheck {
   struct Probes {
     int count;
     int64_t last;
-    bool isClaimed;  // they were enough, and the name was not lost since
+    bool isClaimed;                     // they were enough, and the name was not lost since
+    std::vector<std::string> proposed;  // with the last one
   };
+  static inline const Probes kNoProbes = {0, INT64_MIN / 2, false, {}};
   struct Legacy {
     Endpoint asker;
     uint16_t id;
@@ -54,6 +56,8 @@ class SenderCheck {
     int64_t unreadableAt;
   };
 
+  void MeetRival(const Probes& own, const Packet& packet, const std::string& name, int64_t now);
+  bool IsWaiting(const std::string& name, int64_t now) const;
   std::string CheckForm(const OutgoingDatagram& out, const Packet& packet) const;
   std::string CheckLegacy(const OutgoingDatagram& out, const Packet& packet);
   std::string CheckProbe(const Packet& packet, Side& side, int64_t now) const;
@@ -63,5 +67,7 @@ class SenderCheck {
   LinkState link = {};
   int64_t lateness;
   std::vector<Legacy> legacies;
+  // When another's probe for a host name was the stronger one.
+  std::unordered_map<std::string, int64_t> lostAt;
   Side sides[kFamilies] = {{{}, {}, {}, INT64_MIN / 2}, {{}, {}, {}, INT64_MIN / 2}};
 };

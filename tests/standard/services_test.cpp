@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "standard/records.h"
 #include "tests/support/standard_host.h"
 
 namespace {
@@ -277,6 +278,58 @@ TEST(Services, OnlyPrintersReserveTheFlagshipsName) {
   host.Settle();
   host.Hear({0, {{"W._printer._tcp.local", kTypeSrv}}});
   EXPECT_THAT(host.RunFor(2000), IsEmpty());
+}
+
+// What is said of the service's TXT record, as bytes.
+string TextOf(Host& host, size_t service) {
+  const Service& own = ServiceAt(host.State(), service);
+  return string(TextAt(host.State(), own.txt));
+}
+
+TEST(Services, TextsStayWhenThoseBeforeThemGo) {
+  Host host(false);
+  Core& core = host.State();
+  const string longest = string(255, 'x') + "\n" + string(255, 'y');
+  const string texts[] = {"a=1", longest, "ty=Printer"};
+  for (size_t i = 0; i < std::size(texts); ++i) {
+    const string name = "P" + std::to_string(i);
+    ASSERT_TRUE(AddService(core, name, "_ipp._tcp", texts[i], 631, 0));
+  }
+  // The place of the reserved name is the device's first.
+  const size_t last = 2 * kServicesPerDevice + kServicesPerDevice - 1;
+  ASSERT_EQ(TextOf(host, last), "\x0Aty=Printer");
+  const size_t length = core.texts.length;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(Remove(host, "P1", "_ipp._tcp"));
+    EXPECT_EQ(TextOf(host, last), "\x0Aty=Printer");
+    EXPECT_TRUE(AddService(core, "P1", "_ipp._tcp", longest, 631, 0));
+    EXPECT_EQ(TextOf(host, last), "\x0Aty=Printer");
+    EXPECT_EQ(core.texts.length, length);
+  }
+  EXPECT_TRUE(Remove(host, "P0", "_ipp._tcp"));
+  EXPECT_TRUE(Remove(host, "P2", "_ipp._tcp"));
+  EXPECT_TRUE(AddService(core, "P2", "_ipp._tcp", "b=2", 631, 0));
+  EXPECT_EQ(TextOf(host, last), "\3b=2");
+  const string instance(TextAt(core, core.devices[1].instance));
+  EXPECT_EQ(instance, "P1");
+}
+
+TEST(Services, AllPlacesHaveRoomForTheLongestTexts) {
+  Host host(false);
+  const string longest = string(255, 'x') + "\n" + string(255, 'y');
+  for (int round = 0; round < 2; ++round) {
+    for (size_t i = 0; i < 3 * kDevicesMax; ++i) {
+      const string name = std::to_string(round) + string(126, 'n') + static_cast<char>('a' + i / 3);
+      const char* types[] = {"_printer._tcp", "_ipp._tcp", "_pdl-datastream._tcp"};
+      ASSERT_TRUE(AddService(host.State(), name, types[i % 3], longest, 631, 0)) << i;
+    }
+    EXPECT_LE(host.State().texts.length, kTextsMax);
+    for (size_t i = 0; round == 0 && i < 3 * kDevicesMax; ++i) {
+      const string name = "0" + string(126, 'n') + static_cast<char>('a' + i / 3);
+      const char* types[] = {"_printer._tcp", "_ipp._tcp", "_pdl-datastream._tcp"};
+      ASSERT_TRUE(Remove(host, name, types[i % 3])) << i;
+    }
+  }
 }
 
 }  // namespace

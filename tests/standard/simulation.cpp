@@ -13,6 +13,7 @@ namespace {
 // More than a core can have to send at one time.
 constexpr size_t kBurstMax = 200;
 constexpr int64_t kStopMax = 1000;
+constexpr size_t kReflector = 9;
 constexpr uint16_t kFlushBit = 0x8000;
 
 std::string BytesOf(const Address& address) {
@@ -404,6 +405,11 @@ void Simulation::Transmit(size_t index, const OutgoingDatagram& datagram) {
   if (isResponse) listeners[static_cast<size_t>(family)].Hear(what->packet, index, now);
   // It comes back by itself, at once and for sure.
   arrivals.push({now, order++, index, what});
+  if (isReflecting) {
+    auto again = std::make_shared<Transmission>(*what);
+    again->source.address = AskerAddress(family, kReflector);
+    arrivals.push({now, order++, index, again});
+  }
   Spread(index, family, what);
 }
 

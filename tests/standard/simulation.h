@@ -87,6 +87,8 @@ class Simulation {
   void SetFaults(const Faults& other) { faults = other; }
   /// Names are never held by two hosts that hear each other: the link is good enough for it.
   void HoldNamesUnique(bool isHeld) { areNamesUnique = isHeld; }
+  /// Something on the link repeats what hosts send, from another address.
+  void Reflect(bool doesReflect) { isReflecting = doesReflect; }
   void SetGroup(size_t host, size_t group) { hosts[host].group = group; }
 
   void SwitchOn(size_t host);
@@ -158,6 +160,7 @@ class Simulation {
   int64_t lateness;
   bool isTraced;
   bool areNamesUnique = false;
+  bool isReflecting = false;
   int64_t now = 0;
   uint64_t order = 0;
   size_t sent = 0;

@@ -98,6 +98,7 @@ void Scenario::DrawFaults() {
       break;
   }
   isPartitioned = dice.Chance(15);
+  link.Reflect(dice.Chance(10));
   link.SetFaults(faults);
 }
 
@@ -238,9 +239,12 @@ void Scenario::AskAnything() {
   for (size_t count = 1 + dice.Below(dice.Chance(30) ? 5 : 1); count > 0; --count) {
     asking.questions.push_back(DrawQuestion());
   }
-  if (dice.Chance(30)) {
+  if (dice.Chance(50)) {
     link.ListenerOf(family).ForEachAlive(link.Now(), [&](const HeardRecord& heard) {
-      if (heard.record.name != asking.questions[0].name || asking.known.size() > 9) return;
+      if (heard.record.name != asking.questions[0].name || asking.known.size() > 9 ||
+          dice.Chance(30)) {
+        return;
+      }
       asking.known.push_back(heard.record);
       asking.known.back().classBits = kClassIn;
       if (dice.Chance(30)) asking.known.back().ttl /= 3;
@@ -564,6 +568,23 @@ TEST(Simulation, ManyEqualHostsThatComeUpAtOnceAllFindNames) {
   EXPECT_EQ(names.size(), 120u) << "of the host, IPP and the reserved one of each";
   std::sort(names.begin(), names.end());
   EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
+}
+
+// RFC 6762, section 8.1: fifteen conflicts within ten seconds, then five seconds for each attempt.
+TEST(Simulation, AHostThatFindsManyNamesTakenTriesThemSlowly) {
+  Simulation link(1, 0, false);
+  for (size_t i = 0; i < 30; ++i) {
+    const string suffix = i == 0 ? "" : "-" + std::to_string(i);
+    link.SwitchOn(link.AddHost("T5140" + suffix, LinkOf(i + 1)));
+  }
+  link.RunUntilSilent(kMinute);
+  const size_t late = link.AddHost("T5140", LinkOf(100));
+  link.SwitchOn(late);
+  link.RunUntil(link.Now() + 10000);
+  EXPECT_STREQ(HostName(*link.Hosts()[late].core), "T5140-16");
+  link.RunUntilSilent(5 * kMinute);
+  EXPECT_STREQ(HostName(*link.Hosts()[late].core), "T5140-30");
+  EXPECT_EQ(link.Failure(), "");
 }
 
 }  // namespace
