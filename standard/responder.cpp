@@ -140,17 +140,13 @@ void Begin(const ResponderStartRecord& start) {
 }
 
 bool AreLinksEqual(const LinkState& a, const LinkState& b) {
-  if (a.isUp != b.isUp || a.mtu != b.mtu || memcmp(a.mac, b.mac, sizeof(a.mac)) != 0 ||
-      a.addressCount != b.addressCount) {
-    return false;
+  bool areEqual = a.isUp == b.isUp && a.mtu == b.mtu && memcmp(a.mac, b.mac, sizeof(a.mac)) == 0 &&
+                  a.addressCount == b.addressCount;
+  for (uint8_t i = 0; areEqual && i < a.addressCount; ++i) {
+    areEqual = a.addresses[i].prefixLength == b.addresses[i].prefixLength &&
+               AreAddressesEqual(a.addresses[i].address, b.addresses[i].address);
   }
-  for (uint8_t i = 0; i < a.addressCount; ++i) {
-    if (a.addresses[i].prefixLength != b.addresses[i].prefixLength ||
-        !AreAddressesEqual(a.addresses[i].address, b.addresses[i].address)) {
-      return false;
-    }
-  }
-  return true;
+  return areEqual;
 }
 
 void GiveLink(const LinkState& link) {

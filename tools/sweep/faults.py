@@ -45,11 +45,11 @@ SERIES_MAX = 12
 # its tests in tests/base/log_test.cpp.
 CANNOT_FAIL = frozenset(
     "__cmsg_nxthdr __errno_location __libc_start_main __memcpy_chk __snprintf_chk "
-    "__stack_chk_fail clock_gettime exit free inet_addr inet_ntop mallopt memchr memcmp memcpy "
-    "memmove memset munmap pthread_attr_destroy pthread_attr_init pthread_attr_setdetachstate "
-    "pthread_cond_destroy pthread_join pthread_mutex_destroy pthread_mutex_lock "
-    "pthread_mutex_unlock pthread_sigmask send sigaddset sigemptyset signal strchr strcmp "
-    "strerror strlen strncmp strnlen".split()
+    "__stack_chk_fail clock_gettime exit free inet_addr inet_ntop malloc_trim mallopt memchr "
+    "memcmp memcpy memmove memset munmap pthread_attr_destroy pthread_attr_init "
+    "pthread_attr_setdetachstate pthread_cond_destroy pthread_join pthread_mutex_destroy "
+    "pthread_mutex_lock pthread_mutex_unlock pthread_sigmask send sigaddset sigemptyset signal "
+    "strchr strcmp strerror strlen strncmp strnlen".split()
 )
 
 
