@@ -3,7 +3,6 @@
 import collections
 import contextlib
 import dataclasses
-import operator
 import re
 import time
 
@@ -64,8 +63,8 @@ KNOWN_LINE = re.compile(
     r"|\[QX\] T5140 Bonjour v2\.1 Start \(.*\)"
 )
 
-# Seconds after which something hangs; in which a daemon with all its threads has shown that it
-# will do it; and without a packet after which nothing is under way: announcements are 1 s apart.
+# Seconds after which something hangs, or after which a daemon that lacks a thread is not waited for,
+# and without a packet after which nothing is under way: announcements are 1 s apart.
 BOUND = 20
 BOUND_WITHOUT_A_THREAD = 4
 QUIET = 1.2
@@ -92,10 +91,8 @@ class Fault:
         thread = "a sender" if self.thread == SENDER else f"thread {self.thread}"
         about = "" if self.about == -1 else f" about {self.about:#x}"
         lasting = ", and all for a second" if self.lasts else ""
-        return (
-            f"{self.responder}, {self.phase}: {self.error} from {self.function}{about}"
-            f" number {self.number} of {thread}{lasting}"
-        )
+        call = f"{self.function}{about} number {self.number} of {thread}"
+        return f"{self.responder}, {self.phase}: {self.error} from {call}{lasting}"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -262,15 +259,6 @@ class Walk:
         self._daemon.signal(15)
         self._wait(lambda: False, "the end")
 
-    def _check_holdings(self):
-        """What a daemon at rest holds."""
-        usual = self._usual
-        if usual:
-            self._daemon.wait_until(
-                lambda: all(map(operator.le, self._held(), (usual.threads, usual.descriptors))),
-                f"no more than {usual}",
-            )
-
     def run(self):
         """Walks it and raises if anything was not as it has to be."""
         steps = {
@@ -283,8 +271,7 @@ class Walk:
         with contextlib.suppress(Gone):
             for phase, step in steps.items():
                 if phase == STOP:
-                    self._check_holdings()
-                    self.at_rest = self._held()
+                    self._rest()
                 self._phase_starts[phase] = self._board.recorded
                 if self._fault and self._fault.phase == phase:
                     self._rule.arm()
@@ -294,13 +281,22 @@ class Walk:
 
     # What has to be true of it
 
-    def _held(self):
-        """Threads and descriptors, without those that stand for closed standard ones."""
-        pid = self._daemon.pid
-        return usage(pid).threads, len([each for each in descriptors(pid) if each != "/dev/null"])
+    def _rest(self):
+        """At rest it holds no more threads and descriptors than usual; one may stand for a closed
+        standard one."""
+        pid, usual = self._daemon.pid, self._usual
+
+        def is_usual():
+            self.threads = usage(pid).threads
+            self.descriptors = len([each for each in descriptors(pid) if each != "/dev/null"])
+            return not usual or (
+                self.threads <= usual.threads and self.descriptors <= usual.descriptors
+            )
+
+        self._daemon.wait_until(is_usual, f"no more than {usual}")
 
     def holdings(self):
-        return Holdings(*self.at_rest, self._board.blocks)
+        return Holdings(self.threads, self.descriptors, self._board.blocks)
 
     def _check(self):
         self._daemon.wait_for_exit()
@@ -341,10 +337,8 @@ class Walk:
     def _check_effort(self):
         used = self._board.processor_seconds
         assert 0 < used < PROCESSOR_SECONDS, f"{used} s of the processor"
-        failed = [self._board.call(number) for number in range(self._board.recorded)]
-        tries = collections.Counter(
-            (call.function, call.thread) for call in failed if call.is_fault
-        )
+        calls = (self._board.call(number) for number in range(self._board.recorded))
+        tries = collections.Counter((each.function, each.thread) for each in calls if each.is_fault)
         for (function, thread), number in tries.items():
             assert function in MAY_BE_REPEATED or number <= TRIES_IN_AN_OUTAGE, (
                 f"{number} calls of {function} failed on thread {thread}"
