@@ -63,7 +63,7 @@ KNOWN_LINE = re.compile(
     r"|\[QX\] T5140 Bonjour v2\.1 Start \(.*\)"
 )
 
-# Seconds after which something hangs, or after which a daemon that lacks a thread is not waited for,
+# Seconds after which something hangs, or a daemon that lacks a thread is not waited for any longer,
 # and without a packet after which nothing is under way: announcements are 1 s apart.
 BOUND = 20
 BOUND_WITHOUT_A_THREAD = 4
