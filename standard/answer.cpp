@@ -1,6 +1,8 @@
 // Answering queries.
 #include "standard/answer.h"
 
+#include <cstring>
+
 #include "standard/claim.h"
 #include "standard/outbox.h"
 #include "standard/random.h"
@@ -216,6 +218,17 @@ void CopyQuestions(const Query& query, LegacyReply& reply) {
   }
 }
 
+// A legacy query is answered alike whoever on the link asks, so its reply is kept.
+void KeepQuery(Core& core, const ReceivedDatagram& datagram) {
+  RepeatedReply& repeated = core.repeated;
+  const size_t length = datagram.length - kIdSize;
+  if (length > sizeof(repeated.query)) return;
+  repeated.family = datagram.source.address.family;
+  repeated.queryLength = static_cast<uint16_t>(length);
+  repeated.replyLength = 0;
+  memcpy(repeated.query, datagram.bytes + kIdSize, length);
+}
+
 void ReplyToLegacy(Core& core, const Query& query, const Answers& answers) {
   LegacyReply& reply = core.legacy;
   if (reply.isUsed || !query.canBeUnicast || query.datagram->source.port == 0) return;
@@ -224,12 +237,37 @@ void ReplyToLegacy(Core& core, const Query& query, const Answers& answers) {
   reply.records.AddAll(answers.defence);
   if (reply.records.IsEmpty()) return;
   CopyQuestions(query, reply);
+  // Against a probe there is more to do than to answer it.
+  if (query.probed.IsEmpty()) KeepQuery(core, *query.datagram);
   reply.isUsed = true;
+  reply.isRepeated = false;
   reply.asker = query.datagram->source;
   reply.id = MessageId(query.datagram->bytes, query.datagram->length);
 }
 
 }  // namespace
+
+bool HandleRepeatedQuery(Core& core, const ReceivedDatagram& query) {
+  const RepeatedReply& repeated = core.repeated;
+  const uint16_t port = query.source.port;
+  if (repeated.replyLength == 0 || query.length != kIdSize + repeated.queryLength ||
+      memcmp(query.bytes + kIdSize, repeated.query, repeated.queryLength) != 0 ||
+      query.source.address.family != repeated.family || port == kMdnsPort || port == 0 ||
+      core.legacy.isUsed || !IsOnLink(core.link, query.source.address)) {
+    return false;
+  }
+  core.legacy.isUsed = true;
+  core.legacy.isRepeated = true;
+  core.legacy.asker = query.source;
+  core.legacy.id = MessageId(query.bytes, query.length);
+  return true;
+}
+
+void ForgetRepeated(Core& core) {
+  if (core.repeated.queryLength == 0) return;
+  core.repeated.queryLength = 0;
+  core.repeated.replyLength = 0;
+}
 
 void HandleQuery(Core& core, const ReceivedDatagram& datagram, bool isFromSelf, int64_t now) {
   const Query query = ReadQuery(core, datagram);

@@ -17,5 +17,12 @@ constexpr int64_t kTruncatedDelayMin = 400;
 constexpr int64_t kTruncatedDelayMax = 500;
 constexpr int64_t kTruncatedWaitMax = 5000;
 
+/// Takes a query that was answered before and is to be answered likewise. False when it is none,
+/// and nothing has changed.
+bool HandleRepeatedQuery(Core& core, const ReceivedDatagram& query);
+
+/// What is repeated may not be true any more.
+void ForgetRepeated(Core& core);
+
 /// Takes a well-formed query. `isFromSelf`: another program on this host sent it.
 void HandleQuery(Core& core, const ReceivedDatagram& query, bool isFromSelf, int64_t now);

@@ -75,6 +75,7 @@ void InitCore(Core& core, std::string_view hostName, uint64_t randomSeed) {
 }
 
 void HandleLink(Core& core, const LinkState& link, int64_t now) {
+  ForgetRepeated(core);
   const uint8_t families = core.families;
   const bool isOther = memcmp(core.link.mac, link.mac, kHardwareAddressSize) != 0;
   core.link = link;
@@ -101,6 +102,8 @@ void HandleLink(Core& core, const LinkState& link, int64_t now) {
 void HandleDatagram(Core& core, const ReceivedDatagram& datagram, int64_t now) {
   const uint16_t flags = MessageFlags(datagram.bytes, datagram.length);
   if (core.isStopping || !IsFromLink(core, datagram) || !HasKnownMeaning(flags)) return;
+  if (HandleRepeatedQuery(core, datagram)) return;
+  ForgetRepeated(core);
   const bool isFromSelf = HasAddress(core.link, datagram.source.address);
   if (isFromSelf && WasSentHere(core, datagram.bytes, datagram.length)) return;
   const bool isResponse = (flags & kFlagResponse) != 0;
@@ -115,10 +118,12 @@ void HandleDatagram(Core& core, const ReceivedDatagram& datagram, int64_t now) {
 
 bool AddService(Core& core, std::string_view instance, std::string_view type, std::string_view txt,
                 uint16_t port, int64_t now) {
+  ForgetRepeated(core);
   return !core.isStopping && InsertService(core, instance, type, txt, port, now);
 }
 
 bool RemoveService(Core& core, std::string_view instance, std::string_view type, int64_t now) {
+  ForgetRepeated(core);
   return !core.isStopping && WithdrawService(core, instance, type, now);
 }
 
@@ -138,9 +143,11 @@ bool TakeDatagram(Core& core, int64_t now, OutgoingDatagram& out) {
   // What is to be sent goes out before anything changes: a name is left only after the goodbyes to
   // it.
   while (!TakeFromOutbox(core, now, out)) {
-    const bool hasAdvanced =
-        AdvanceLeaving(core, now) || AdvanceClaims(core, now) || AdvanceOutbox(core, now);
-    if (!hasAdvanced) return false;
+    if (AdvanceLeaving(core, now) || AdvanceClaims(core, now)) {
+      ForgetRepeated(core);
+    } else if (!AdvanceOutbox(core, now)) {
+      return false;
+    }
   }
   return true;
 }

@@ -310,6 +310,20 @@ bool TakeReplies(Core& core, int64_t now, OutgoingDatagram& out) {
   return false;
 }
 
+void TakeRepeated(const RepeatedReply& repeated, uint16_t id, OutgoingDatagram& out) {
+  out.bytes[0] = static_cast<uint8_t>(id >> 8);
+  out.bytes[1] = static_cast<uint8_t>(id & 0xFF);
+  memcpy(out.bytes + kIdSize, repeated.reply, repeated.replyLength);
+  out.length = kIdSize + repeated.replyLength;
+}
+
+void KeepReply(RepeatedReply& repeated, const OutgoingDatagram& out) {
+  const size_t length = out.length - kIdSize;
+  if (repeated.queryLength == 0 || length > sizeof(repeated.reply)) return;
+  memcpy(repeated.reply, out.bytes + kIdSize, length);
+  repeated.replyLength = static_cast<uint16_t>(length);
+}
+
 // RFC 6762, section 6.7: what a conventional resolver expects.
 bool TakeLegacy(Core& core, int64_t now, OutgoingDatagram& out) {
   LegacyReply& reply = core.legacy;
@@ -317,6 +331,11 @@ bool TakeLegacy(Core& core, int64_t now, OutgoingDatagram& out) {
   reply.isUsed = false;
   const Family family = reply.asker.address.family;
   if (!CanSend(core, family) || !SpendUnicast(core, reply.asker.address, now)) return false;
+  out.destination = reply.asker;
+  if (reply.isRepeated) {
+    TakeRepeated(core.repeated, reply.id, out);
+    return true;
+  }
   const Style style = {false, true};
   WireWriter writer = WriteMessage(out.bytes, MessageRoom(core), false);
   for (size_t i = 0; i < reply.questionCount; ++i) {
@@ -328,7 +347,7 @@ bool TakeLegacy(Core& core, int64_t now, OutgoingDatagram& out) {
   WriteAdditionals(writer, core, AdditionalsFor(core, family, answers), style);
   const uint16_t truncated = rest.IsEmpty() ? uint16_t{0} : kFlagTruncated;
   out.length = FinishMessage(writer, reply.id, kFlagsOfResponse | truncated);
-  out.destination = reply.asker;
+  KeepReply(core.repeated, out);
   return true;
 }
 

@@ -184,11 +184,24 @@ constexpr size_t kRepliesMax = 32;
 constexpr size_t kLegacyQuestionsMax = 8;
 struct LegacyReply {
   bool isUsed;
+  bool isRepeated;  ///< RepeatedReply has the reply, the rest is not filled in
   Endpoint asker;
   uint16_t id;
   uint8_t questionCount;
   Question questions[kLegacyQuestionsMax];
   RecordSet records;
+};
+
+/// The last conventional query that was answered, and the reply: resolvers ask for the same again
+/// and again, and nothing has to be composed as long as nothing has changed. Both without their ID.
+constexpr size_t kRepeatedQueryMax = 128;
+constexpr size_t kRepeatedReplyMax = 512;
+struct RepeatedReply {
+  Family family;
+  uint16_t queryLength;  ///< 0: there is none
+  uint16_t replyLength;  ///< 0: it is not composed yet
+  uint8_t query[kRepeatedQueryMax];
+  uint8_t reply[kRepeatedReplyMax];
 };
 
 /// What was sent to one host within the present second.
@@ -241,6 +254,7 @@ struct Core {
   // From here on filled from the front: what was never used takes no memory.
   Texts texts;
   HostBudget budgets[kHostBudgets];
+  RepeatedReply repeated;
   LegacyReply legacy;
   Reply replies[kRepliesMax];
 };

@@ -8,6 +8,9 @@
 
 /// The header (RFC 1035, section 4.1.1).
 constexpr size_t kHeaderSize = 12;
+
+/// Bytes of the ID, with which it begins.
+constexpr size_t kIdSize = 2;
 constexpr uint16_t kFlagResponse = 0x8000;
 constexpr uint16_t kFlagAuthoritative = 0x0400;
 constexpr uint16_t kFlagTruncated = 0x0200;

@@ -404,6 +404,37 @@ TEST_F(Answer, AConventionalResolverIsAnsweredAtOnceWhateverItAsks) {
   EXPECT_THAT(WordsWithin(0), IsEmpty());
 }
 
+TEST_F(Answer, AConventionalQuestionThatIsAskedAgainIsAnsweredWithItsOwnId) {
+  const char* const kRest = " 00 00 00 01 00 00 00 00 00 00 04 'host' 05 'local' 00 00 01 00 01";
+  for (const char* id : {"00 01", "12 34", "FF FF"}) {
+    host.HearBytes(Wire(std::string(id) + kRest), kOtherIpv4, kLegacyPort);
+    const vector<Bytes> sent = host.BytesUntil(host.Now());
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(Hex(sent[0]).substr(0, 5), id);
+    host.HearBytes(Wire(std::string(id) + kRest), kOtherIpv4, kMdnsPort);
+    host.RunFor(2000);
+  }
+}
+
+TEST_F(Answer, AConventionalQuestionThatIsAskedAgainIsAnsweredWithWhatHoldsNow) {
+  const auto ask = [&](const Address& from) {
+    host.Hear({0, {{"host.local", kTypeA}}}, from, kLegacyPort);
+    host.Hear({0, {{"host.local", kTypeA}}}, from, kLegacyPort + 1);
+    return WordsWithin(0);
+  };
+  const std::string both = "v4.77:40000 ?host A =host A +host AAAA";
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_THAT(ask(kOtherIpv4), ElementsAre(both));
+    EXPECT_THAT(ask(kForeignIpv4), IsEmpty());
+  }
+  host.SetLink(LinkWith({kOwnIpv4}));
+  EXPECT_THAT(WordsWithin(5000), testing::Not(IsEmpty()));
+  EXPECT_THAT(ask(kOtherIpv4), ElementsAre("v4.77:40000 ?host A =host A +host NSEC"));
+  // Another host has the name now.
+  host.Hear({kResponseFlags, {}, {{"host.local", kTypeA, "C0 A8 01 4D"}}});
+  EXPECT_THAT(ask(kOtherIpv4), IsEmpty());
+}
+
 TEST_F(Answer, AConventionalQuestionIsNotUpsetByTheNext) {
   host.Hear({0, {{"host.local", kTypeTxt}}}, kOtherIpv4, kLegacyPort);
   host.Hear({0, {{"guest.local", kTypeTxt}}}, kOtherIpv4, kLegacyPort + 1);

@@ -75,7 +75,7 @@ std::string_view LabelOfType(const std::string& type) {
 std::string DeviceLabel(const Core& core, const std::string& instance) {
   for (size_t i = 0; i < kDevicesMax; ++i) {
     const Device& device = core.devices[i];
-    if (instance != device.instance) continue;
+    if (TextAt(core, device.instance) != instance) continue;
     for (const Service& service : device.services) {
       if (service.presence == Presence::kHere) return std::string(TextOf(device.label));
     }
