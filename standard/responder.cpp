@@ -28,6 +28,8 @@ namespace {
 constexpr int64_t kRetryMilliseconds = 500;
 // The time in which a stop is over, whatever happens: two goodbyes 250 ms apart take less.
 constexpr int64_t kStopMillisecondsMax = 600;
+// Pause where the next wait would be over at once, for what ended the last one is still there.
+constexpr useconds_t kPauseMicroseconds = 100000;
 // Datagrams after which others get their turn.
 constexpr int kDatagramsAtOnce = 32;
 
@@ -138,17 +140,13 @@ void Begin(const ResponderStartRecord& start) {
 }
 
 bool AreLinksEqual(const LinkState& a, const LinkState& b) {
-  if (a.isUp != b.isUp || a.mtu != b.mtu || memcmp(a.mac, b.mac, sizeof(a.mac)) != 0 ||
-      a.addressCount != b.addressCount) {
-    return false;
+  bool areEqual = a.isUp == b.isUp && a.mtu == b.mtu && memcmp(a.mac, b.mac, sizeof(a.mac)) == 0 &&
+                  a.addressCount == b.addressCount;
+  for (uint8_t i = 0; areEqual && i < a.addressCount; ++i) {
+    areEqual = a.addresses[i].prefixLength == b.addresses[i].prefixLength &&
+               AreAddressesEqual(a.addresses[i].address, b.addresses[i].address);
   }
-  for (uint8_t i = 0; i < a.addressCount; ++i) {
-    if (a.addresses[i].prefixLength != b.addresses[i].prefixLength ||
-        !AreAddressesEqual(a.addresses[i].address, b.addresses[i].address)) {
-      return false;
-    }
-  }
-  return true;
+  return areEqual;
 }
 
 void GiveLink(const LinkState& link) {
@@ -253,8 +251,7 @@ void ReceiveAll(Family family) {
 
 void TakeWake() {
   uint64_t count = 0;
-  const ssize_t taken = read(responder.wake, &count, sizeof(count));
-  static_cast<void>(taken);
+  if (read(responder.wake, &count, sizeof(count)) < 0) usleep(kPauseMicroseconds);
 }
 
 int64_t Earlier(int64_t a, int64_t b) { return a < b ? a : b; }
@@ -270,7 +267,9 @@ void WaitAndTake(int64_t turn) {
   const int64_t left = turn > now ? turn - now : 0;
   const timespec timeout = {static_cast<time_t>(left / 1000),
                             static_cast<long>(left % 1000 * 1000000)};
-  if (ppoll(polled, kPolledMax, turn == kNever ? nullptr : &timeout, nullptr) <= 0) return;
+  const int ready = ppoll(polled, kPolledMax, turn == kNever ? nullptr : &timeout, nullptr);
+  if (ready < 0 && errno != EINTR) usleep(kPauseMicroseconds);
+  if (ready <= 0) return;
   if (polled[1].revents != 0) TakeWake();
   // First what has come in on the link as it was.
   for (size_t i = 0; i < kFamilies; ++i) {

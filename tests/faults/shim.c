@@ -11,6 +11,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <link.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -18,7 +19,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -375,6 +378,14 @@ PASS(ssize_t, recvfrom, -1,
      (int descriptor, void* restrict buffer, size_t size, int flags, __SOCKADDR_ARG address,
       socklen_t* restrict length),
      (descriptor, buffer, size, flags, address, length))
+PASS(ssize_t, recvmsg, -1, (int descriptor, struct msghdr* message, int flags),
+     (descriptor, message, flags))
+PASS(int, poll, -1, (struct pollfd * polled, nfds_t count, int timeout), (polled, count, timeout))
+PASS(int, ppoll, -1,
+     (struct pollfd * polled, nfds_t count, const struct timespec* timeout, const sigset_t* mask),
+     (polled, count, timeout, mask))
+PASS(int, eventfd, -1, (unsigned count, int flags), (count, flags))
+PASS(ssize_t, getrandom, -1, (void* bytes, size_t size, unsigned flags), (bytes, size, flags))
 /* Selected by the packet's size. */
 PASS(ssize_t, sendto, size,
      (int descriptor, const void* buffer, size_t size, int flags, __CONST_SOCKADDR_ARG address,

@@ -272,6 +272,13 @@ TEST_F(NetlinkTest, ReplyEndsWithTheLastRequestsNumber) {
   EXPECT_FALSE(Take(LinkMessage(kRunning)));
 }
 
+TEST_F(NetlinkTest, AddressOfAnotherFamilyIsPassedOver) {
+  KnowBridge();
+  Take(Message(RTM_NEWADDR,
+               AddressHeader(AF_PACKET, 24, 0) + Attribute(IFA_ADDRESS, Wire("C0 A8 4D 01"))));
+  EXPECT_EQ(watch.link.addressCount, 0);
+}
+
 TEST_F(NetlinkTest, InterruptedListIsReadAgain) {
   KnowBridge();
   Take(Message(RTM_NEWADDR, AddressHeader(AF_INET, 24, 0), 1, NLM_F_DUMP_INTR));

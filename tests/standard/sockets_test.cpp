@@ -185,6 +185,15 @@ TEST_F(SocketsTest, LongerDatagramThanAnyIsDropped) {
   EXPECT_EQ(Receive(Family::kIpv4).length, kDatagramMax);
 }
 
+TEST_F(SocketsTest, BroadcastIsDropped) {
+  Open();
+  const UdpSocket sender("192.168.77.1");
+  const int on = 1;
+  setsockopt(sender.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+  sender.Send(Wire("01 02 03"), SocketAddress("192.168.77.255", 5353));
+  EXPECT_EQ(Receive(Family::kIpv4).length, 0u);
+}
+
 TEST_F(SocketsTest, PortThatOthersShareIsShared) {
   const int on = 1;
   const Descriptor shared(socket(AF_INET, SOCK_DGRAM, 0));

@@ -1,25 +1,22 @@
-#!/usr/bin/python3
 """Changes one thing at a time in the daemon's sources and runs the tests: do they notice?
 
 Each mutant is built in a scratch copy below build/mutate/ and given to the module's own unit tests,
-then to all unit tests, then to its own under the sanitizers, then to the system and fault
-tests. It is killed when one of them fails or does not end. A change that the compiler turns into
-identical code is set aside, and so is one that it refuses. What survives is listed, unless
+then to all unit tests, then to its own under the sanitizers, then to the tests in the lab. It is
+killed when one of them fails or does not end. A change that the compiler turns into identical code
+is set aside, and so is one that it refuses. What survives is listed, unless
 tools/mutate/survivors.toml says why nobody can observe it.
 """
 
 import argparse
 import collections
+import concurrent.futures
 import hashlib
-import json
 import os
 import pathlib
 import queue
 import re
 import signal
 import sys
-import threading
-import time
 import tomllib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -29,147 +26,83 @@ sys.path.insert(0, str(ROOT / "tools"))
 from mutate.mutants import mutants_of  # noqa: E402
 from mutate.scratch import Failure, Scratch, end_all  # noqa: E402
 
-FOLDERS = ("app", "base", "mdns", "records", "printer")
-SCRATCH = ROOT / "build/mutate"
-RESULTS = SCRATCH / "results.jsonl"
 EXPLAINED = ROOT / "tools/mutate/survivors.toml"
+FOLDERS = ("app", "base", "mdns", "records", "printer", "standard")
 GOAL = 95
-# Mutants that a worker takes at a time, all from one file: less to recompile.
-CHUNK = 8
 
 
-def all_mutants(pattern):
+def all_mutants(root):
     paths = sorted(
-        str(path.relative_to(ROOT))
+        str(path.relative_to(root))
         for folder in FOLDERS
-        for path in (ROOT / folder).iterdir()
+        for path in (root / folder).iterdir()
         if path.suffix in (".cpp", ".h")
     )
-    wanted = [path for path in paths if re.search(pattern, path)]
-    return [mutant for path in wanted for mutant in mutants_of(ROOT, path)]
+    return [mutant for path in paths for mutant in mutants_of(root, path)]
 
 
-def explained():
-    """The survivors that have a reason: file, original and mutated line."""
-    with open(EXPLAINED, "rb") as file:
-        listed = tomllib.load(file)["survivor"]
-    return {(each["file"], each["original"], each["mutated"]) for each in listed}
+def judge(mutants, wanted, options):
+    """Judges mutants in their order until so many count, and gives their verdicts."""
+    jobs = min(options.jobs, wanted)
+    directory = options.root / "build/mutate"
+    idle = queue.SimpleQueue()
+    verdicts = {}
+
+    def prepare(number):
+        scratch = Scratch(options.root, directory / f"job{number}", options.lab_jobs)
+        scratch.prepare()
+        idle.put(scratch)
+
+    def judge_one(mutant):
+        scratch = idle.get()
+        try:
+            verdict, by = scratch.judge(mutant, not options.unit_only)
+        finally:
+            idle.put(scratch)
+        print(f"{verdict:10} {mutant}" + (f"  [{by}]" if by else ""), flush=True)
+        return verdict
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        try:
+            print(f"Building {jobs} scratch copies below {directory}", flush=True)
+            list(pool.map(prepare, range(jobs)))
+            counted = 0
+            while mutants and counted < wanted:
+                # What does not count is replaced by the next in the order. In the order of the
+                # sources there is less to recompile.
+                chosen, mutants = mutants[: wanted - counted], mutants[wanted - counted :]
+                chosen.sort()
+                verdicts.update(zip(chosen, pool.map(judge_one, chosen)))
+                counted = sum(verdict in ("killed", "survived") for verdict in verdicts.values())
+        except BaseException:
+            end_all()
+            pool.shutdown(cancel_futures=True)
+            raise
+    return verdicts
 
 
-class Run:
-    """Judges mutants with several workers, and keeps every verdict in a file."""
-
-    def __init__(self, options):
-        self.options = options
-        self.verdicts = {}
-        self.lock = threading.Lock()
-        self.failure = None
-        if options.resume and RESULTS.exists():
-            for text in RESULTS.read_text().splitlines():
-                entry = json.loads(text)
-                if entry["verdict"] not in options.again:
-                    self.verdicts[entry["id"]] = (entry["verdict"], entry["by"])
-        SCRATCH.mkdir(parents=True, exist_ok=True)
-        self.kept = RESULTS.open("a" if options.resume else "w", buffering=1)
-        print(f"Building {options.jobs} scratch copies in {SCRATCH}", flush=True)
-        self.scratches = [
-            Scratch(ROOT, SCRATCH / f"job{job}", options.lab_jobs) for job in range(options.jobs)
-        ]
-        self.each_worker(Scratch.prepare)
-
-    def each_worker(self, work):
-        """Calls `work` with each scratch copy, at the same time."""
-
-        def guarded(scratch):
-            try:
-                work(scratch)
-            except Exception as error:
-                self.failure = error
-
-        workers = [
-            threading.Thread(target=guarded, args=(each,), daemon=True) for each in self.scratches
-        ]
-        for worker in workers:
-            worker.start()
-        for worker in workers:
-            worker.join()
-        if self.failure:
-            raise self.failure
-
-    def keep(self, mutant, verdict, by, seconds):
-        entry = {
-            "id": mutant.id,
-            "file": mutant.path,
-            "line": mutant.line,
-            "kind": mutant.kind,
-            "original": mutant.original,
-            "mutated": mutant.mutated,
-            "verdict": verdict,
-            "by": by,
-            "seconds": round(seconds, 1),
-        }
-        with self.lock:
-            self.verdicts[mutant.id] = (verdict, by)
-            self.kept.write(json.dumps(entry) + "\n")
-            if self.options.verbose or verdict == "survived":
-                print(f"{verdict} {mutant}" + (f"  [{by}]" if by else ""), flush=True)
-
-    def judge(self, mutants, how):
-        """Gives each mutant to `how`, a method of a scratch copy."""
-        chunks = queue.SimpleQueue()
-        mutants = sorted(mutants)
-        while mutants:
-            size = 1
-            while size < min(CHUNK, len(mutants)) and mutants[size].path == mutants[0].path:
-                size += 1
-            chunks.put(mutants[:size])
-            mutants = mutants[size:]
-
-        def work(scratch):
-            while not self.failure:
-                try:
-                    chunk = chunks.get_nowait()
-                except queue.Empty:
-                    return
-                for mutant in chunk:
-                    start = time.monotonic()
-                    verdict, by = how(scratch, mutant)
-                    self.keep(mutant, verdict, by, time.monotonic() - start)
-
-        self.each_worker(work)
-
-    def verdict(self, mutant):
-        return self.verdicts.get(mutant.id, ("", ""))[0]
-
-    def by_units(self, mutants):
-        self.judge([m for m in mutants if not self.verdict(m)], Scratch.judge_by_units)
-
-    def in_lab(self, mutants):
-        survivors = [m for m in mutants if self.verdict(m) == "survived"]
-        if survivors:
-            print(f"Giving {len(survivors)} survivors of the unit tests to the lab", flush=True)
-            bound = self.scratches[0].check_lab()
-            for scratch in self.scratches:
-                scratch.lab_bound = bound
-            self.judge(survivors, Scratch.judge_in_lab)
-
-
-def report(run, mutants):
-    counted = collections.Counter(run.verdict(mutant) for mutant in mutants)
+def report(verdicts, explained):
+    counted = collections.Counter(verdicts.values())
     killed, survived = counted["killed"], counted["survived"]
     share = 100 * killed / max(killed + survived, 1)
-    known = explained()
-    survivors = [mutant for mutant in mutants if run.verdict(mutant) == "survived"]
-    new = [m for m in survivors if (m.path, m.original, m.mutated) not in known]
-    print()
-    print(f"{killed + survived} mutants: {killed} killed ({share:.1f}%), {survived} survived")
+    new = [m for m in verdicts if verdicts[m] == "survived" and m.change not in explained]
+    print(f"\n{killed + survived} mutants: {killed} killed ({share:.1f}%), {survived} survived")
     print(f"Set aside: {counted['equivalent']} that compile to the same code,", end=" ")
     print(f"{counted['invalid']} that do not compile")
     if new:
-        print(f"Survivors that {EXPLAINED.relative_to(ROOT)} does not explain:")
-    for mutant in sorted(new):
-        print(f"- `{mutant.path}`: `{mutant.original}` -> `{mutant.mutated}`")
+        print(f"Survivors that {EXPLAINED.name} does not explain:")
+        print(*sorted(new), sep="\n")
     return 0 if killed and not new and share >= GOAL else 1
+
+
+def explained_survivors(mutants):
+    """File, original and mutated lines of the survivors that have a reason."""
+    listed = tomllib.loads(EXPLAINED.read_text())["survivor"]
+    known = {(each["file"], each["original"], each["mutated"]) for each in listed}
+    stale = known - {mutant.change for mutant in mutants}
+    if stale:
+        raise Failure(f"{EXPLAINED.name} explains what is no mutant: {sorted(stale)}")
+    return known
 
 
 def parse_arguments():
@@ -179,62 +112,32 @@ def parse_arguments():
     option = parser.add_argument
     option("--mutants", type=int, metavar="N", help="how many are to count (default: all)")
     option("--seed", type=int, default=1, help="what the choice depends on (default: 1)")
-    option("--jobs", type=int, default=2, help="mutants judged at a time (default: 2)")
-    option(
-        "--lab-jobs",
-        type=int,
-        default=3 * (os.cpu_count() or 1),
-        metavar="N",
-        help="tests of one mutant in the lab at a time; they mostly wait",
-    )
-    option(
-        "--files",
-        default="",
-        metavar="PATTERN",
-        help="only files whose path matches this regular expression",
-    )
-    option(
-        "--only",
-        default="",
-        metavar="PATTERN",
-        help="only mutants whose line in the list matches this regular expression",
-    )
-    option("--no-lab", action="store_true", help="unit tests only")
-    option("--resume", action="store_true", help="keep the verdicts of earlier runs")
-    option(
-        "--again",
-        nargs="+",
-        default=[],
-        metavar="VERDICT",
-        help="with --resume: but judge these again, for instance survived",
-    )
+    option("--only", default="", metavar="PATTERN", help="only those whose line in the list "
+           "matches this regular expression, for instance records/encode.cpp or '^printer/'")
+    option("--unit-only", action="store_true", help="no tests in the lab")
+    option("--jobs", type=int, default=os.cpu_count(), help="mutants judged at a time")
+    option("--lab-jobs", type=int, default=3 * os.cpu_count(), metavar="N",
+           help="tests of one mutant in the lab at a time; they mostly wait")
+    option("--root", type=pathlib.Path, default=ROOT, metavar="DIRECTORY",
+           help="another checkout, whose sources and tests are tried")
     option("--list", action="store_true", help="list the mutants, judge none")
-    option("--verbose", action="store_true", help="print every verdict")
     return parser.parse_args()
 
 
 def main():
     options = parse_arguments()
-    mutants = [m for m in all_mutants(options.files) if re.search(options.only, str(m))]
+    options.root = options.root.resolve()
+    mutants = all_mutants(options.root)
+    explained = explained_survivors(mutants) if options.root == ROOT else set()
+    mutants = [mutant for mutant in mutants if re.search(options.only, str(mutant))]
     # By each mutant's own text, so that a change of the sources leaves most of the choice as it is.
     mutants.sort(key=lambda m: hashlib.sha256(f"{options.seed} {m.id}".encode()).digest())
     wanted = min(options.mutants or len(mutants), len(mutants))
     if options.list:
         print(*sorted(mutants[:wanted]), sep="\n")
         return 0
-
     os.nice(10)
-    run = Run(options)
-    # What does not compile, or compiles to the same code, is replaced by the next in the order.
-    taken = counted = 0
-    while counted < wanted and taken < len(mutants):
-        chosen = mutants[taken : taken + wanted - counted]
-        taken += len(chosen)
-        run.by_units(chosen)
-        counted = sum(run.verdict(m) in ("killed", "survived") for m in mutants[:taken])
-    if not options.no_lab:
-        run.in_lab(mutants[:taken])
-    return report(run, mutants[:taken])
+    return report(judge(mutants, wanted, options), explained)
 
 
 if __name__ == "__main__":
@@ -245,5 +148,3 @@ if __name__ == "__main__":
         sys.exit(str(failure))
     except KeyboardInterrupt:
         sys.exit(130)
-    finally:
-        end_all()

@@ -3,6 +3,7 @@ calls, call, string and table row, one at a time."""
 
 import collections
 import dataclasses
+import itertools
 import random
 import re
 
@@ -12,49 +13,21 @@ from clang.cindex import TokenKind, TypeKind
 
 # What the build defines for a source; nothing that it stands for is changed.
 DEFINED = ['-DBONJOUR_VERSION=""', '-DBONJOUR_BUILD_TIME=""', '-DBONJOUR_STATUS_FILE=""']
+_PAIRS = ("+ -", "* /", "<< >>", "& |", "&& ||", "+= -=", "|= &=", "== !=")
 _OPERATORS = {
-    "+": ["-"],
-    "-": ["+"],
-    "*": ["/"],
-    "/": ["*"],
     "%": ["/"],
-    "<<": [">>"],
-    ">>": ["<<"],
-    "&": ["|"],
-    "|": ["&"],
     "^": ["|"],
-    "&&": ["||"],
-    "||": ["&&"],
-    "+=": ["-="],
-    "-=": ["+="],
-    "|=": ["&="],
-    "&=": ["|="],
-}
-_COMPARISONS = {
     "<": ["<=", ">="],
     "<=": ["<", ">"],
     ">": [">=", "<="],
     ">=": [">", "<"],
-    "==": ["!="],
-    "!=": ["=="],
 }
+for _one, _other in map(str.split, _PAIRS):
+    _OPERATORS |= {_one: [_other], _other: [_one]}
+_COMPARISONS = ("<", "<=", ">", ">=", "==", "!=")
 _UNARY = {"!": "", "~": "", "-": "", "++": "--", "--": "++"}
-_INTEGRAL = {
-    TypeKind.BOOL,
-    TypeKind.CHAR_S,
-    TypeKind.CHAR_U,
-    TypeKind.SCHAR,
-    TypeKind.UCHAR,
-    TypeKind.SHORT,
-    TypeKind.USHORT,
-    TypeKind.INT,
-    TypeKind.UINT,
-    TypeKind.LONG,
-    TypeKind.ULONG,
-    TypeKind.LONGLONG,
-    TypeKind.ULONGLONG,
-}
 _ACTIONS = (Kind.CALL_EXPR, Kind.BINARY_OPERATOR, Kind.COMPOUND_ASSIGNMENT_OPERATOR)
+_INTEGRAL = re.compile(r"const (bool|(un)?signed \w+|char|short|int|(un)?(signed )?long( long)?)")
 _INTEGER = re.compile(rb"(0[xX])?([0-9a-fA-F]+)([uUlL]*)")
 # A string's characters: an escape or a conversion of printf counts as one.
 _CHARACTER = re.compile(r"\\x[0-9a-fA-F]+|\\[0-7]{1,3}|\\.|%[-+ #0-9.*]*[a-zA-Z%]|.")
@@ -68,7 +41,6 @@ class Mutant:
     start: int
     end: int
     replacement: str
-    kind: str
     line: int
     original: str  # the lines it is in, as they are, on one line
     mutated: str  # and as they become
@@ -78,6 +50,10 @@ class Mutant:
     def id(self):
         """Stays the same when other lines change."""
         return f"{self.path} {self.occurrence}: {self.original} -> {self.mutated}"
+
+    @property
+    def change(self):
+        return self.path, self.original, self.mutated
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.original}  ->  {self.mutated}"
@@ -90,14 +66,21 @@ def _one_line(source):
     return " ".join(source.decode().split())
 
 
+def _span(cursor):
+    return cursor.extent.start.offset, cursor.extent.end.offset
+
+
+def _is_within(offset, spans):
+    return any(first <= offset < last for first, last in spans)
+
+
 class _Reader:
     """Collects the mutants of one file."""
 
     def __init__(self, root, path):
         self.path = path
         self.source = (root / path).read_bytes()
-        self.found = {}
-        self.bounds = []
+        self.found = set()
         language = "c++-header" if path.endswith(".h") else "c++"
         self.unit = clang.cindex.Index.create().parse(
             str(root / path), args=["-x", language, "-std=c++17", f"-I{root}", "-w", *DEFINED]
@@ -105,56 +88,45 @@ class _Reader:
         errors = [note for note in self.unit.diagnostics if note.severity >= note.Error]
         if errors:
             raise RuntimeError(f"{path} can't be read: {errors[0].spelling}")
+        self.own = [
+            cursor
+            for cursor in self.unit.cursor.get_children()
+            if cursor.location.file and cursor.location.file.name.endswith("/" + path)
+        ]
+        within = list(itertools.chain.from_iterable(each.walk_preorder() for each in self.own))
+        self.asserted = [_span(each) for each in within if each.kind == Kind.STATIC_ASSERT]
+        # Where an array's size is given. What only makes it larger changes nothing, so there a
+        # mutant makes it smaller.
+        self.bounds = [bound for each in within for bound in self.array_bounds(each)]
+
+    def array_bounds(self, cursor):
+        if cursor.kind in (Kind.VAR_DECL, Kind.FIELD_DECL):
+            start, end = _span(cursor)
+            name = cursor.location.offset + len(cursor.spelling)
+            match = re.match(rb"(\[[^\]{]+\])+", self.source[name:end])
+            if cursor.type.kind == TypeKind.CONSTANTARRAY and match:
+                yield name, name + match.end()
 
     def text(self, start, end):
         return self.source[start:end].decode()
 
-    @staticmethod
-    def span(cursor):
-        return cursor.extent.start.offset, cursor.extent.end.offset
-
-    def add(self, kind, start, end, replacement):
-        if self.text(start, end) == replacement:
-            return
-        first = self.source.rfind(b"\n", 0, start) + 1
-        last = self.source.find(b"\n", end)
-        changed = self.source[first:start] + replacement.encode() + self.source[end:last]
-        original = _one_line(self.source[first:last])
-        mutated = _one_line(changed)
-        line = self.source.count(b"\n", 0, start) + 1
-        change = (start, end, replacement)
-        self.found.setdefault(change, (kind, line, original, mutated))
+    def add(self, start, end, replacement):
+        if self.text(start, end) != replacement:
+            self.found.add((start, end, replacement))
 
     def read(self):
-        self.bounds = list(self.array_bounds())
-        for cursor in self.unit.cursor.get_children():
-            file = cursor.location.file
-            if file is not None and file.name.endswith("/" + self.path):
-                self.visit(cursor)
+        for cursor in self.own:
+            self.visit(cursor)
         self.read_tokens()
         like = collections.Counter()
-        mutants = []
-        for change, place in sorted(self.found.items()):
-            mutants.append(Mutant(self.path, *change, *place, like[place[2:]]))
-            like[place[2:]] += 1
-        return mutants
-
-    def array_bounds(self):
-        """Where an array's size is given. What only makes it larger changes nothing, so there a
-        mutant makes it smaller."""
-        for cursor in self.unit.cursor.walk_preorder():
-            file = cursor.location.file
-            if file is None or not file.name.endswith("/" + self.path):
-                continue
-            if cursor.kind in (Kind.VAR_DECL, Kind.FIELD_DECL):
-                start, end = self.span(cursor)
-                name = cursor.location.offset + len(cursor.spelling)
-                match = re.match(rb"(\[[^\]{]+\])+", self.source[name:end])
-                if cursor.type.kind == TypeKind.CONSTANTARRAY and match:
-                    yield name, name + match.end()
-
-    def is_bound(self, start):
-        return any(first <= start < last for first, last in self.bounds)
+        for start, end, replacement in sorted(self.found):
+            first = self.source.rfind(b"\n", 0, start) + 1
+            last = self.source.find(b"\n", end)
+            changed = self.source[first:start] + replacement.encode() + self.source[end:last]
+            lines = (_one_line(self.source[first:last]), _one_line(changed))
+            number = self.source.count(b"\n", 0, start) + 1
+            yield Mutant(self.path, start, end, replacement, number, *lines, like[lines])
+            like[lines] += 1
 
     def visit(self, cursor):
         if cursor.kind == Kind.STATIC_ASSERT:
@@ -168,22 +140,19 @@ class _Reader:
     # Constants and strings. Tokens, not cursors: those of a macro's arguments are of no use.
 
     def read_tokens(self):
-        asserted = [
-            self.span(cursor)
-            for cursor in self.unit.cursor.walk_preorder()
-            if cursor.kind == Kind.STATIC_ASSERT
-        ]
         for token in self.unit.get_tokens(extent=self.unit.cursor.extent):
-            start, end = token.extent.start.offset, token.extent.end.offset
+            start, end = _span(token)
             line = self.source[self.source.rfind(b"\n", 0, start) + 1 : start]
-            if line.startswith(b"#") or any(a <= start < b for a, b in asserted):
+            if line.startswith(b"#") or _is_within(start, self.asserted):
                 continue
             if token.spelling in ("true", "false"):
-                self.add("constant", start, end, "false" if token.spelling == "true" else "true")
+                self.add(start, end, "false" if token.spelling == "true" else "true")
             elif token.kind != TokenKind.LITERAL:
                 continue
             elif token.spelling.startswith("'"):
-                self.read_character(start, end)
+                inside = token.spelling[1:-1]
+                changed = "x" if inside.startswith("\\") else chr(ord(inside) + 1)
+                self.add(start, end, f"'{changed}'")
             elif token.spelling.startswith('"'):
                 self.read_string(start, end)
             else:
@@ -194,62 +163,54 @@ class _Reader:
         prefix, digits, suffix = (group.decode() if group else "" for group in literal.groups())
         value = int(digits, 16 if prefix else 10)
         for changed in (value + 1, value - 1):
-            if changed >= 0 and not (changed > value and self.is_bound(start)):
+            if changed >= 0 and not (changed > value and _is_within(start, self.bounds)):
                 number = f"{prefix}{changed:0{len(digits)}X}" if prefix else str(changed)
-                self.add("constant", start, end, number + suffix)
-
-    def read_character(self, start, end):
-        inside = self.text(start, end)[1:-1]
-        changed = "x" if inside.startswith("\\") else chr(ord(inside) + 1)
-        self.add("constant", start, end, f"'{changed}'")
+                self.add(start, end, number + suffix)
 
     def read_string(self, start, end):
         characters = _CHARACTER.findall(self.text(start, end)[1:-1])
         if not characters:
-            self.add("string", start, end, '"x"')
+            self.add(start, end, '"x"')
             return
-        self.add("string", start, end, '"' + "".join(characters[:-1]) + '"')
+        self.add(start, end, '"' + "".join(characters[:-1]) + '"')
         plain = [i for i, character in enumerate(characters) if len(character) == 1]
         if plain:
             chosen = random.Random(f"{self.path} {self.text(start, end)}").choice(plain)
             characters[chosen] = "x" if characters[chosen] != "x" else "y"
-            self.add("string", start, end, '"' + "".join(characters) + '"')
+            self.add(start, end, '"' + "".join(characters) + '"')
 
     def read_decl_ref_expr(self, cursor):
         """A named number at the place of its use."""
         constant = cursor.referenced
         if (
-            constant is None
-            or constant.kind != Kind.VAR_DECL
-            or constant.semantic_parent.kind not in (Kind.TRANSLATION_UNIT, Kind.NAMESPACE)
-            or not constant.type.is_const_qualified()
-            or constant.type.get_canonical().kind not in _INTEGRAL
+            constant is not None
+            and constant.kind == Kind.VAR_DECL
+            and constant.semantic_parent.kind in (Kind.TRANSLATION_UNIT, Kind.NAMESPACE)
+            and _INTEGRAL.fullmatch(constant.type.get_canonical().spelling)
+            and self.text(*_span(cursor)) == cursor.spelling
         ):
-            return
-        start, end = self.span(cursor)
-        if self.text(start, end) == cursor.spelling:
-            sign = "-" if self.is_bound(start) else "+"
-            self.add("offset", start, end, f"({cursor.spelling} {sign} 1)")
+            start, end = _span(cursor)
+            sign = "-" if _is_within(start, self.bounds) else "+"
+            self.add(start, end, f"({cursor.spelling} {sign} 1)")
 
     # Operators
 
-    def operator_between(self, left, right):
-        """The token between two operands: its text, start and end."""
-        start, end = left.extent.end.offset, right.extent.start.offset
+    def operator_of(self, cursor):
+        """The token between two operands, if there are two: its text, start and end."""
+        operands = sorted(cursor.get_children(), key=lambda child: child.extent.start.offset)
+        if len(operands) < 2:
+            return None, 0, 0
+        start, end = operands[0].extent.end.offset, operands[-1].extent.start.offset
         match = re.fullmatch(rb"[\s()]*?([-+*/%<>&|^=!]+)[\s()]*", self.source[start:end])
         if match is None:
             return None, 0, 0
         return match[1].decode(), start + match.start(1), start + match.end(1)
 
     def read_binary_operator(self, cursor):
-        operands = sorted(cursor.get_children(), key=lambda child: child.extent.start.offset)
-        if len(operands) < 2:
-            return
-        operator, start, end = self.operator_between(operands[0], operands[-1])
-        for kind, table in (("operator", _OPERATORS), ("comparison", _COMPARISONS)):
-            for other in table.get(operator, []):
-                if operator != "-" or not self.is_bound(start):
-                    self.add(kind, start, end, other)
+        operator, start, end = self.operator_of(cursor)
+        for other in _OPERATORS.get(operator, []):
+            if operator != "-" or not _is_within(start, self.bounds):
+                self.add(start, end, other)
 
     read_compound_assignment_operator = read_binary_operator
 
@@ -258,52 +219,45 @@ class _Reader:
             self.read_binary_operator(cursor)
 
     def read_unary_operator(self, cursor):
-        start, end = self.span(cursor)
+        start, end = _span(cursor)
         for operator, other in _UNARY.items():
             if self.text(start, end).startswith(operator):
-                self.add("operator", start, start + len(operator), other)
+                self.add(start, start + len(operator), other)
                 return
             if len(operator) == 2 and self.text(start, end).endswith(operator):
-                self.add("operator", end - len(operator), end, other)
+                self.add(end - len(operator), end, other)
                 return
 
-    def swap(self, kind, first, second):
-        start, first_end = self.span(first)
-        second_start, end = self.span(second)
+    def swap(self, first, second):
+        start, first_end = _span(first)
+        second_start, end = _span(second)
         if first_end > second_start or first_end == start or end == second_start:
             return
         between = self.text(first_end, second_start)
-        swapped = self.text(second_start, end) + between + self.text(start, first_end)
-        self.add(kind, start, end, swapped)
+        self.add(start, end, self.text(second_start, end) + between + self.text(start, first_end))
 
     def read_conditional_operator(self, cursor):
-        _, first, second = cursor.get_children()
-        self.swap("operator", first, second)
+        self.swap(*list(cursor.get_children())[1:])
 
     # Conditions and jumps
 
     def negate(self, condition):
         """Unless a comparison's operator or the `!` before it does that already."""
-        start, end = self.span(condition)
-        if not condition.kind.is_expression() or self.text(start, end).startswith("!"):
-            return
-        operands = sorted(condition.get_children(), key=lambda child: child.extent.start.offset)
-        if len(operands) > 1:
-            operator, _, _ = self.operator_between(operands[0], operands[-1])
-            if operator in _COMPARISONS:
-                return
-        self.add("comparison", start, end, f"!({self.text(start, end)})")
+        start, end = _span(condition)
+        if (
+            condition.kind.is_expression()
+            and not self.text(start, end).startswith("!")
+            and self.operator_of(condition)[0] not in _COMPARISONS
+        ):
+            self.add(start, end, f"!({self.text(start, end)})")
 
     def read_if_stmt(self, cursor):
-        children = list(cursor.get_children())
-        self.negate(children[0])
-        for body in children[1:]:
+        condition, *bodies = cursor.get_children()
+        self.negate(condition)
+        for body in bodies:
             self.read_single(body)
 
-    def read_while_stmt(self, cursor):
-        condition, body = cursor.get_children()
-        self.negate(condition)
-        self.read_single(body)
+    read_while_stmt = read_if_stmt
 
     def read_for_stmt(self, cursor):
         self.read_single(list(cursor.get_children())[-1])
@@ -314,10 +268,10 @@ class _Reader:
         self.negate(list(cursor.get_children())[-1])
 
     def read_continue_stmt(self, cursor):
-        self.add("operator", *self.span(cursor), "break")
+        self.add(*_span(cursor), "break")
 
     def read_break_stmt(self, cursor):
-        self.add("operator", *self.span(cursor), "continue")
+        self.add(*_span(cursor), "continue")
 
     # Calls and assignments, and their order
 
@@ -333,7 +287,7 @@ class _Reader:
 
     def read_single(self, statement):
         if self.action(statement):
-            self.add("call", *self.span(statement), "")
+            self.add(*_span(statement), "")
 
     def read_compound_stmt(self, cursor):
         statements = list(cursor.get_children())
@@ -342,20 +296,20 @@ class _Reader:
         for first, second in zip(statements, statements[1:]):
             actions = (self.action(first), self.action(second))
             if all(actions) and Kind.CALL_EXPR in actions:
-                self.swap("order", first, second)
+                self.swap(first, second)
 
     # Tables
 
     def read_init_list_expr(self, cursor):
         rows = list(cursor.get_children())
         for first, second in zip(rows, rows[1:]):
-            self.swap("row", first, second)
+            self.swap(first, second)
         if len(rows) > 1:
             for row, after in zip(rows, rows[1:]):
-                self.add("row", self.span(row)[0], self.span(after)[0], "")
-            self.add("row", self.span(rows[-2])[1], self.span(rows[-1])[1], "")
+                self.add(_span(row)[0], _span(after)[0], "")
+            self.add(_span(rows[-2])[1], _span(rows[-1])[1], "")
 
 
 def mutants_of(root, path):
     """The mutants of `path` below `root`, in the order of the file."""
-    return _Reader(root, path).read()
+    return list(_Reader(root, path).read())

@@ -27,7 +27,7 @@ PRESETS = ("release", "debug", "tsan", "clang")
 # What ctest runs; pytest runs the others.
 CTEST_GROUPS = ("unit", "fuzz", "bench")
 COVERAGE = "coverage"
-COVERAGE_GROUPS = ("unit", "system", "faults")
+COVERAGE_GROUPS = ("unit", "system", "faults", "standard_link")
 # Runs of their own kind, each with what its argument counts and the most of it.
 WEEK = 7 * 24 * 60 * 60
 LONG_RUNS = {

@@ -1,22 +1,55 @@
-"""Which calls the daemon makes on its way, and so which faults there are."""
+"""Which calls a daemon makes on its way, and so which faults there are."""
 
-import itertools
+import functools
+import operator
 import subprocess
 
-from sweep.walk import ERRORS, Fault
+from sweep.walk import PHASES, Fault
 
-# A thread that makes the same call again and again is polling: this many of them are swept. The
-# longest series that is not polling is the datagrams that end the probe.
+# How a function fails: once, and while it fails for a second.
+ERRORS = {
+    "calloc": ("ENOMEM", "ENOMEM"),
+    "mmap": ("ENOMEM", "EAGAIN"),
+    "pthread_create": ("EAGAIN", "EAGAIN"),
+    "socket": ("EMFILE", "ENOBUFS"),
+    "eventfd": ("EMFILE", "ENOMEM"),
+    "setsockopt": ("ENOPROTOOPT", "ENOMEM"),
+    "bind": ("EADDRINUSE", "ENOMEM"),
+    "ioctl": ("EIO", "ENODEV"),
+    "open": ("EMFILE", "ENOMEM"),
+    "read": ("EINTR", "EIO"),
+    "recvfrom": ("EINTR", "ENETDOWN"),
+    "recvmsg": ("EINTR", "ENETDOWN"),
+    "sendto": ("ENETUNREACH", "ENOBUFS"),
+    "write": ("EAGAIN", "EIO"),
+    "close": ("EINTR", "EIO"),
+    "poll": ("EINTR", "ENOMEM"),
+    "ppoll": ("EINTR", "ENOMEM"),
+    "sleep": ("EINTR", "EINTR"),
+    "usleep": ("EINTR", "EINTR"),
+    "sigsuspend": ("EINTR", "EINTR"),
+    "shutdown": ("ENOTCONN", "EIO"),
+    "fcntl": ("EBADF", "EINTR"),
+    "fstat": ("EIO", "ENOMEM"),
+    "dup2": ("EMFILE", "EINTR"),
+    "sysconf": ("EINVAL", "EINVAL"),
+    "getrandom": ("EAGAIN", "ENOSYS"),
+    "pthread_attr_setstacksize": ("EINVAL", "EINVAL"),
+}
+# Of calls that are alike, in one phase of one thread, so many are swept: the longest series that is
+# no polling is the datagrams that end the probe.
 SERIES_MAX = 12
 
-# What the daemon calls and what does not fail: on memory alone, with valid arguments alone, or
-# without a failure that it could notice.
+# What the daemons call and what does not fail: on memory alone, with valid arguments alone, or
+# without a failure that they could notice. `send` is called where the log is a socket, which has
+# its tests in tests/base/log_test.cpp.
 CANNOT_FAIL = frozenset(
-    "__errno_location __libc_start_main __snprintf_chk __stack_chk_fail free inet_addr memchr "
-    "memcmp munmap pthread_attr_destroy pthread_attr_init pthread_attr_setdetachstate "
-    "pthread_cond_destroy pthread_join pthread_mutex_destroy pthread_mutex_lock "
-    "pthread_mutex_unlock pthread_sigmask sigaddset sigemptyset signal strchr strcmp strerror "
-    "strlen strncmp strnlen memcpy memset".split()
+    "__cmsg_nxthdr __errno_location __libc_start_main __memcpy_chk __snprintf_chk "
+    "__stack_chk_fail clock_gettime exit free inet_addr inet_ntop malloc_trim mallopt memchr "
+    "memcmp memcpy memmove memset munmap pthread_attr_destroy pthread_attr_init "
+    "pthread_attr_setdetachstate pthread_cond_destroy pthread_join pthread_mutex_destroy "
+    "pthread_mutex_lock pthread_mutex_unlock pthread_sigmask send sigaddset sigemptyset signal "
+    "strchr strcmp strerror strlen strncmp strnlen".split()
 )
 
 
@@ -28,38 +61,13 @@ def unknown_calls(binary):
     return called - ERRORS.keys() - CANNOT_FAIL
 
 
-def _numbers(calls, function):
-    """The numbers of the calls of a function that are swept, of a thread's calls in their order."""
-    number = 0
-    for _, series in itertools.groupby(
-        calls, key=lambda call: (call.function, call.about, call.text, call.thread)
-    ):
-        for place, call in enumerate(series):
-            if call.function == function:
-                if place < SERIES_MAX:
-                    yield number
-                number += 1
-
-
-def _faults_of(walks, functions, on_sockets):
-    first, *others = walks
-    for phase in first.phase_starts:
-        for thread, calls in first.calls_of(phase).items():
-            # What not each of the walks reaches depends on the machine's load.
-            reached = [
-                [call.function for call in walk.calls_of(phase)[thread]] for walk in others
-            ]
-            for function in functions:
-                most = min(each.count(function) for each in reached)
-                for number in _numbers(calls, function):
-                    if number < most:
-                        for lasts in (False, True):
-                            yield Fault(phase, thread, function, number, lasts, on_sockets)
-
-
-def all_faults(walks, walks_on_sockets):
-    """The faults at the calls that each of the given walks without a fault made. The log goes to
-    sockets where the fault is one of send(2), which is called for nothing else."""
-    others = [function for function in ERRORS if function != "send"]
-    yield from _faults_of(walks, others, False)
-    yield from _faults_of(walks_on_sockets, ["send"], True)
+def all_faults(responder, walks):
+    """The faults at the calls that each of these walks without a fault made."""
+    for phase in PHASES:
+        # What not each of the walks reaches depends on the machine's load.
+        reached = functools.reduce(operator.and_, (walk.calls_of(phase) for walk in walks))
+        for (thread, function, about), count in sorted(reached.items()):
+            for number in range(min(count, SERIES_MAX) if function in ERRORS else 0):
+                for lasts in (False, True):
+                    error = ERRORS[function][lasts]
+                    yield Fault(responder, phase, thread, function, about, number, error, lasts)

@@ -1,64 +1,24 @@
-"""One daemon's way from its start to its stop with one fault on it, and what is checked of it."""
+"""A daemon's way from its start to its stop with one fault on it, and what has to be true of it."""
 
 import collections
+import contextlib
 import dataclasses
-import functools
-import pathlib
 import re
-import sys
 import time
 
-import last_word
-from board import FIRST_DETACHED, SENDER, THREAD_END, Board, descriptors
-from lab import packets
+from board import FIRST_DETACHED, SENDER, Board, descriptors
+from lab import Lab, packets
+from lab.dual import DualLab
 from lab.printers import Printer
 from lab.usage import usage
 from lab.waiting import PATIENCE, TimedOut
 
-START, IN, ASK, CHANGE, STOP = "start", "printers in", "questions", "one out, one in", "stop"
-
-# The way when the fault is in this phase: on to what it may have affected, and to the stop.
-WAYS = {
-    None: (START, IN, ASK, CHANGE, STOP),
-    START: (START, IN, ASK, STOP),
-    IN: (START, IN, ASK, CHANGE, STOP),
-    ASK: (START, IN, ASK, ASK, STOP),
-    CHANGE: (START, IN, CHANGE, ASK, STOP),
-    STOP: (START, IN, STOP),
-}
-
-# How a function fails: once, and while it fails for a second.
-ERRORS = {
-    "calloc": ("ENOMEM", "ENOMEM"),
-    "mmap": ("ENOMEM", "EAGAIN"),
-    "pthread_create": ("EAGAIN", "EAGAIN"),
-    "socket": ("EMFILE", "ENOBUFS"),
-    "setsockopt": ("ENOPROTOOPT", "ENOMEM"),
-    "bind": ("EADDRINUSE", "ENOMEM"),
-    "ioctl": ("EIO", "ENODEV"),
-    "open": ("EMFILE", "ENOMEM"),
-    "read": ("EINTR", "EIO"),
-    "recvfrom": ("EINTR", "ENETDOWN"),
-    "sendto": ("ENETUNREACH", "ENOBUFS"),
-    "write": ("EAGAIN", "EIO"),
-    "send": ("EAGAIN", "EPIPE"),
-    "close": ("EINTR", "EIO"),
-    "sleep": ("EINTR", "EINTR"),
-    "usleep": ("EINTR", "EINTR"),
-    "sigsuspend": ("EINTR", "EINTR"),
-    "shutdown": ("ENOTCONN", "EIO"),
-    "fcntl": ("EBADF", "EINTR"),
-    "fstat": ("EIO", "ENOMEM"),
-    "dup2": ("EMFILE", "EINTR"),
-    "sysconf": ("EINVAL", "EINVAL"),
-    "clock_gettime": ("EINVAL", "EINVAL"),
-    "pthread_attr_setstacksize": ("EINVAL", "EINVAL"),
-}
+PHASES = START, IN, ASK, CHANGE, STOP = "start", "printers in", "questions", "change", "stop"
 OUTAGE_SECONDS = 1.0
 
 # A thread that finds one of these failing may try again at once: receiving is prescribed to go on,
 # and the others are the very pauses between tries.
-MAY_BE_REPEATED = frozenset(("recvfrom", "sleep", "usleep", "sigsuspend"))
+MAY_BE_REPEATED = frozenset(("recvfrom", "recvmsg", "sleep", "usleep", "sigsuspend"))
 TRIES_IN_AN_OUTAGE = 30
 PROCESSOR_SECONDS = 1.0
 
@@ -72,24 +32,28 @@ MODELLED = Printer(0, "HP", "Model 12")
 UNMODELLED = Printer(1, "HP Laser A", "")
 LATER = Printer(2, "HP", "Model 34")
 DEVICE_ID = "MFG:HP;MODEL:Model 56;CMD:PCL;"
-QUESTIONS = (
-    packets.query(("_ipp._tcp.local", "PTR")),
-    packets.query(("_universal._sub._ipp._tcp.local", "PTR")),
-    packets.query(("_pdl-datastream._tcp.local", "PTR")),
+TYPES = (
+    "_ipp._tcp.local",
+    "_universal._sub._ipp._tcp.local",
+    "_pdl-datastream._tcp.local",
 )
-PACKETS_THAT_END_THE_PROBE = 12
 TEXTS_OF_A_PRINTER = 2
 JOBS_KEPT = 4
+# With which each service ends: as often as each packet is sent, and as its announcements are.
+GOODBYES = {"classic": 3, "standard": 2}
+
+NAME = "[Bonjour] default device name = "
 BANNER = "[QX] T5140 Bonjour v2.1 Start ("
 DEVICE_LINE = re.compile(r"\[Bonjour\] device (insert|remove) lp(\d)")
-# Every line that the daemon may print.
+# Every line that a daemon may print.
 KNOWN_LINE = re.compile(
     r"\[Bonjour\] (?:ioctl HWADDR error|pthread_create(?: error)?|[mc]alloc error|no usb device"
     r"|send packet error|ioctl printer failed|ioctl SIOCGIF(?:FLAGS|ADDR) failed|discovery bind"
-    r"|setsockopt \w+|Can not open \"/proc/printer_status\"): [A-Z][\w /]+"
+    r"|setsockopt \w+|socket(?: AF_NETLINK)?|eventfd|Can not open \"/proc/printer_status\""
+    r"): [A-Z][\w /]+"
     r"|\[Bonjour\] (?:ioctl SIOCGIF(?:FLAGS|ADDR) failed:br0|Interface: br0 is connected"
     r"|MDNS_CheckName: (?:receive packet timeout|ignorePackets limits\.)"
-    r"|default device name = T5140_[0-9A-F-]{17}|Answer Name Start \(192\.168\.77\.1\)"
+    r"|default device name = T5140_[0-9A-F-]{17}|Answer Name Start \((?:192\.168\.77\.1)?\)"
     r"|answer\(192\.168\.77\.1\) query (?:target|_ipp|_pdl-datastream) from [\d.]+ \(\d+\)"
     r"|device (?:insert|remove) lp\d|Can not open \"/proc/printer_status\"|GetTXTData error"
     r"|this service: HP .* \.local is (?:not|already) registered|SERVICE_(?:ADD|REMOVE) error"
@@ -99,53 +63,45 @@ KNOWN_LINE = re.compile(
     r"|\[QX\] T5140 Bonjour v2\.1 Start \(.*\)"
 )
 
-# Descriptors that the lab's own helpers hand down.
-INHERITED = ("mnt", "net")
-
-# Seconds after which something hangs.
+# Seconds after which something hangs, or a daemon that lacks a thread is not waited for any longer,
+# and without a packet after which nothing is under way: announcements are 1 s apart.
 BOUND = 20
-POLL_SECONDS = 0.01
-
-# The threads that may be the monitor: it is the fourth to be started, if no other failed.
-MONITORS = (2, 3, 4)
+BOUND_WITHOUT_A_THREAD = 4
+QUIET = 1.2
+POLL_SECONDS = 0.05
+BETWEEN_QUESTIONS = 1.1
 
 
 @dataclasses.dataclass(frozen=True)
 class Fault:
-    """The call of `function` by `thread` (as in board.py) in `phase` that fails, counted from 0.
-    With `lasts` all others fail too, for a second. `on_sockets`: the log goes to sockets."""
+    """The call of `function` about `about` by `thread` (as in board.py), counted from 0 from the
+    beginning of `phase`, that fails with `error`. With `lasts` all others of the function fail too,
+    for a second."""
 
+    responder: str
     phase: str
     thread: int
     function: str
+    about: int
     number: int
-    lasts: bool = False
-    on_sockets: bool = False
+    error: str
+    lasts: bool
 
     def __str__(self):
         thread = "a sender" if self.thread == SENDER else f"thread {self.thread}"
+        about = "" if self.about == -1 else f" about {self.about:#x}"
         lasting = ", and all for a second" if self.lasts else ""
-        return f"{self.phase}: {self.function} {self.number} of {thread}{lasting}"
+        call = f"{self.function}{about} number {self.number} of {thread}"
+        return f"{self.responder}, {self.phase}: {self.error} from {call}{lasting}"
 
 
 @dataclasses.dataclass(frozen=True)
-class Made:
-    """The calls that a daemon made, and before which of them each phase began."""
+class Holdings:
+    """What a daemon at rest holds, and its heap blocks once it has ended."""
 
-    on_sockets: bool
-    phase_starts: dict
-    calls: list
-
-    def calls_of(self, phase):
-        """The calls that began in a phase, by the thread as faults name it, in their order."""
-        starts = [*self.phase_starts.values(), len(self.calls)]
-        first = self.phase_starts[phase]
-        end = starts[starts.index(first) + 1]
-        by_thread = collections.defaultdict(list)
-        for call in self.calls[first:end]:
-            thread = SENDER if call.thread >= FIRST_DETACHED else call.thread
-            by_thread[thread].append(call)
-        return by_thread
+    threads: int
+    descriptors: int
+    blocks: int
 
 
 class Gone(Exception):
@@ -156,254 +112,150 @@ class Unsuited(AssertionError):
     """The way says nothing about the fault: the machine was too busy for it."""
 
 
-@functools.lru_cache(maxsize=None)
-def _check_form(payload):
-    packets.parse(payload)
-
-
-class Gate:
-    """Holds the monitor at the end of each pass."""
-
-    def __init__(self, board):
-        self._rules = [
-            board.hold("sleep", thread=thread, about=1, times=None) for thread in MONITORS
-        ]
-        self._passed = 0
-
-    @property
-    def is_shut(self):
-        """Whether the monitor stands before it."""
-        return sum(rule.hits for rule in self._rules) > self._passed
-
-    def let_pass(self):
-        self._passed = sum(rule.hits for rule in self._rules)
-        for rule in self._rules:
-            rule.release(rule.hits)
-
-    def open(self):
-        for rule in self._rules:
-            rule.release()
-
-
 class Walk:
-    """Drives a daemon in `lab`. Its board is the file at `path`."""
+    """Drives the daemon with `responder` in `lab`; its board is the file at `path`. `usual` is what
+    it holds at most, if that is known."""
 
-    def __init__(self, lab, path, fault=None, on_sockets=False):
-        self._fault = fault
+    def __init__(self, responder, lab, path, fault=None, usual=None):
+        self._goodbyes = GOODBYES[responder]
         self._lab = lab
-        self._router = lab.router
-        self._on_sockets = on_sockets
+        self._fault = fault
+        self._usual = usual
         self._board = Board(path)
         self._rule = None
         if fault:
             self._rule = self._board.fail(
                 fault.function,
-                ERRORS[fault.function][fault.lasts],
+                fault.error,
                 thread=fault.thread,
+                about=fault.about,
                 skip=fault.number,
                 seconds=OUTAGE_SECONDS if fault.lasts else 0,
                 armed=False,
             )
-        self._gate = Gate(self._board)
-        # What was sent to the daemon, and what is known of it: how much of that it took, whether it
-        # came up, and the ports that it takes to have a printer.
-        self._sent = 0
-        self._taken = 0
-        self._has_banner = False
-        self._name = None
-        self._present = set()
-        # The calls in the order of their beginning; of each thread the last one; those that have
-        # not returned or follow one that has not.
         self._calls = []
-        self._last = {}
-        self._pending = []
         self._phase_starts = {}
-        self._started = {0}
-        self._since = lab.capture.mark()
         self._daemon = None
 
-    def close(self):
-        if self._daemon is not None:
-            self._daemon.kill()
-            self._router.daemons.remove(self._daemon)
-            self._router.daemon = None
-
-    # The daemon's calls
+    # What the daemon does
 
     def _look(self):
-        """Takes in the calls that were made since the last time."""
-        numbers = self._pending + list(range(len(self._calls), self._board.recorded))
-        blocked = set()
-        self._pending = []
-        for number in numbers:
+        """Takes in the calls that have begun since the last time."""
+        for number in range(len(self._calls), self._board.recorded):
             call = self._board.call(number)
             if call is None:
-                break
-            if number == len(self._calls):
-                self._calls.append(call)
-            self._calls[number] = call
-            if number >= getattr(self._last.get(call.thread), "number", 0):
-                self._last[call.thread] = call
-            if not call.is_done or call.thread in blocked:
-                blocked.add(call.thread)
-                self._pending.append(number)
-                continue
-            if call.function == "pthread_create" and call.result >= 0:
-                self._started.add(call.result)
-            self._follow(call)
+                return
+            self._calls.append(call)
 
-    def _follow(self, call):
-        if call.function == "recvfrom":
-            self._taken += call.result > 0
-        elif call.function in ("write", "send"):
-            self._has_banner |= call.text.startswith(BANNER)
-            self._name = call.text.partition(" device name = ")[2] or self._name
-            device = DEVICE_LINE.fullmatch(call.text)
-            if device:
-                change = self._present.add if device[1] == "insert" else self._present.discard
-                change(int(device[2]))
+    def _lines(self):
+        """What it wrote or meant to write, for a line may be what fails."""
+        self._look()
+        return [call.text for call in self._calls if call.function == "write"]
 
-    def _is_at_rest(self, number):
-        call = self._last.get(number)
-        if call is None or call.is_done:
-            return call is not None and call.function == THREAD_END
-        if call.function == "sleep":
-            return number == 1 or self._gate.is_shut
-        if call.function == "recvfrom":
-            return self._taken == self._sent
-        return call.function in ("sigsuspend", "pthread_join")
+    def _present(self):
+        """The ports that it takes to have a printer."""
+        present = set()
+        for device in filter(None, map(DEVICE_LINE.fullmatch, self._lines())):
+            change = present.add if device[1] == "insert" else present.discard
+            change(int(device[2]))
+        return present
 
-    def _is_quiet(self):
-        """Whether every thread waits for something to happen."""
-        return self._has_banner and all(map(self._is_at_rest, self._started))
+    def _services(self, since=0):
+        """What each packet told of services, in its order: by which address family, the name, and
+        whether that was a goodbye."""
+        for packet in self._lab.sent(since):
+            told = {
+                (record.data if record.type == "PTR" else record.name, record.ttl == 0)
+                for record in packet.message.answers + packet.message.additional
+                if record.type in ("PTR", "SRV")
+            }
+            for name, is_goodbye in told:
+                if name.startswith("HP "):
+                    yield ":" in packet.source, name, is_goodbye
 
-    @property
-    def _live(self):
-        return [
-            number
-            for number in self._started
-            if number not in self._last or self._last[number].function != THREAD_END
-        ]
+    def _published(self, since=0):
+        return {name for _, name, is_goodbye in self._services(since) if not is_goodbye}
 
-    @property
-    def _has_monitor(self):
-        return any(
-            self._last[number].function == "sleep" for number in self._live if number in MONITORS
-        )
+    def _has_all_threads(self):
+        return self._usual is None or usage(self._daemon.pid).threads >= self._usual.threads
 
     def _wait(self, holds, what, bound=BOUND):
-        deadline = time.monotonic() + bound * PATIENCE
-        while True:
-            running = self._daemon.running
-            self._look()
-            if holds():
-                return
-            if not running:
+        """A daemon that a fault has cost a thread needs not do it."""
+        begun = time.monotonic()
+        while not holds():
+            waited = (time.monotonic() - begun) / PATIENCE
+            if not self._daemon.running:
                 raise Gone
-            if time.monotonic() > deadline:
+            if waited > BOUND_WITHOUT_A_THREAD and not self._has_all_threads():
+                return
+            if waited > bound:
                 raise TimedOut(f"{bound * PATIENCE} s passed without: {what}")
             time.sleep(POLL_SECONDS)
 
     def _settle(self):
         """Waits until nothing is under way, and the fault is over."""
-        self._wait(self._is_quiet, "quiet")
-        if self._rule and self._rule.lasts:
-            self._wait(lambda: not self._rule.lasts, "the end of the fault")
-            self._wait(self._is_quiet, "quiet after the fault")
+        packets_seen, since = None, 0
+
+        def is_quiet():
+            nonlocal packets_seen, since
+            seen = self._lab.capture.mark()
+            if seen != packets_seen or (self._rule and self._rule.lasts):
+                packets_seen, since = seen, time.monotonic()
+            return time.monotonic() - since > QUIET
+
+        self._wait(is_quiet, "quiet")
 
     # The way
 
-    def _begin(self, phase):
-        self._phase_starts[phase] = self._board.recorded
-        if self._fault and self._fault.phase == phase:
-            self._rule.arm()
-
-    def _send(self, *payloads):
-        self._sent += len(payloads)
-        for payload in payloads:
-            self._lab.bystander.send(payload)
-
-    def _ask(self):
-        """Asks; once the fault is over, everything that was announced has to be answered."""
-        is_over = self._fault is None or self._fault.phase != ASK or ASK in self._phase_starts
-        if ASK not in self._phase_starts:
-            self._begin(ASK)
-        since = self._lab.capture.mark()
-        is_heard = any(self._last[number].function == "recvfrom" for number in self._live)
-        self._send(packets.query((f"{self._name}.local", "A")), *QUESTIONS)
-        if is_heard:
-            self._settle()
-        if not is_heard or not is_over:
-            return
-        hosts = {self._host_of(packet) for packet in self._lab.sent(since)}
-        assert f"{self._name}.local" in hosts, f"{self._name} is not answered: {hosts}"
-        announced = {
-            name
-            for name in _services(self._lab.sent(self._since, since))
-            if int(name[name.index(") ") + 2]) in self._present
-        }
-        answered = _services(self._lab.sent(since))
-        assert announced <= answered, f"announced, but not answered: {announced - answered}"
-
-    @staticmethod
-    def _host_of(packet):
-        """The name that a packet of one answer is about."""
-        answers = packet.message.answers
-        return answers[0].name if len(answers) == 1 and answers[0].type == "A" else None
-
     def _start(self):
-        self._router.status_file.replace("")
+        router = self._lab.router
+        router.connect_device(UNMODELLED.port, DEVICE_ID)
+        router.status_file.replace("")
         self._board.record()
-        self._begin(START)
-        environment, wrapper = self._board.environment, ()
-        if self._on_sockets:
-            relay = pathlib.Path(__file__).with_name("relay.py")
-            words = [f"{name}={value}" for name, value in environment.items()]
-            environment, wrapper = None, (sys.executable, relay, "env", *words)
-        self._daemon = self._router.start(
-            "T5140", ready=False, environment=environment, wrapper=wrapper
-        )
+        self._daemon = router.start("T5140", ready=False, environment=self._board.environment)
 
-        def is_listening():
-            calls = self._last.values()
-            return any(call.function == "recvfrom" and not call.is_done for call in calls)
+        def is_up():
+            router.end_probe()
+            return any(line.startswith(BANNER) for line in self._lines())
 
-        self._wait(lambda: is_listening() or self._is_quiet(), "somebody receives")
-        if is_listening():
-            self._send(*[packets.HARMLESS] * PACKETS_THAT_END_THE_PROBE)
-        self._settle()
+        self._wait(is_up, "the start")
 
     def _show(self, *printers):
         """Lets the monitor see these printers."""
-        self._router.status_file.replace("".join(printer.record() for printer in printers))
+        self._lab.router.status_file.replace("".join(each.record() for each in printers))
         listed = {printer.port for printer in printers}
-        tries = 0
-        while self._has_monitor and (tries == 0 or self._present != listed):
-            tries += 1
-            assert tries <= 4, f"the monitor does not notice {sorted(listed)}"
-            self._gate.let_pass()
-            self._settle()
+        self._wait(lambda: self._present() == listed, f"the printers {sorted(listed)}")
 
-    def _check_holdings(self):
-        """What a daemon at rest holds."""
-        pid = self._daemon.pid
-        live = len(self._live)
-        self._daemon.wait_until(lambda: usage(pid).threads == live, f"{live} threads")
-        held = [name for name in descriptors(pid) if name not in (*INHERITED, "/dev/null")]
-        assert held in ([], ["socket"]), held
+    def _ask(self):
+        """Asks until it answers for its name and for everything that it has announced."""
+        (*_, line) = (each for each in self._lines() if each.startswith(NAME))
+        host = f"{line.removeprefix(NAME)}.local"
+        questions = [packets.query((host, "A"))]
+        questions += [packets.query((name, "PTR")) for name in TYPES]
+        since, asked, missing = self._lab.capture.mark(), 0, []
 
-    def _check_memory(self):
-        """Once it has ended: the texts of the printers that are there, and of services that a fault
-        has left behind when their printer went."""
-        left = 1 if self._fault and self._fault.phase == CHANGE else 0
-        most = TEXTS_OF_A_PRINTER * (len(self._present) + left)
-        assert self._board.blocks <= most, f"{self._board.blocks} heap blocks are left"
-        assert self._board.mappings <= JOBS_KEPT, f"{self._board.mappings} mappings are left"
+        def is_answered():
+            nonlocal asked
+            if time.monotonic() - asked > BETWEEN_QUESTIONS:
+                asked = time.monotonic()
+                # What no type leads to is asked for by its name.
+                for question in [*questions, *(packets.query((each, "SRV")) for each in missing)]:
+                    self._lab.bystander.send(question)
+            answers = [each.message.answers for each in self._lab.sent(since) if not each.is_query]
+            present = self._present()
+            announced = {
+                name for name in self._published() if int(name[name.index(") ") + 2]) in present
+            }
+            missing[:] = announced - self._published(since)
+            return not missing and any(
+                answer.name == host and answer.type == "A"
+                for section in answers
+                for answer in section
+            )
+
+        self._wait(is_answered, f"an answer for {host} and {missing}")
 
     def _stop(self):
-        self._check_holdings()
-        self._begin(STOP)
-        self._gate.open()
         self._daemon.signal(15)
         self._wait(lambda: False, "the end")
 
@@ -411,52 +263,82 @@ class Walk:
         """Walks it and raises if anything was not as it has to be."""
         steps = {
             START: self._start,
-            IN: lambda: (self._begin(IN), self._show(MODELLED, UNMODELLED)),
+            IN: lambda: self._show(MODELLED, UNMODELLED),
             ASK: self._ask,
-            CHANGE: lambda: (self._begin(CHANGE), self._show(UNMODELLED, LATER)),
+            CHANGE: lambda: self._show(UNMODELLED, LATER),
             STOP: self._stop,
         }
-        try:
-            for phase in WAYS[self._fault.phase if self._fault else None]:
-                steps[phase]()
-        except Gone:
-            pass
+        with contextlib.suppress(Gone):
+            for phase, step in steps.items():
+                if phase == STOP:
+                    self._rest()
+                self._phase_starts[phase] = self._board.recorded
+                if self._fault and self._fault.phase == phase:
+                    self._rule.arm()
+                step()
+                self._settle()
         self._check()
+
+    # What has to be true of it
+
+    def _rest(self):
+        """At rest it holds no more threads and descriptors than usual; one may stand for a closed
+        standard one."""
+        pid, usual = self._daemon.pid, self._usual
+
+        def is_usual():
+            self.threads = usage(pid).threads
+            self.descriptors = len([each for each in descriptors(pid) if each != "/dev/null"])
+            return not usual or (
+                self.threads <= usual.threads and self.descriptors <= usual.descriptors
+            )
+
+        self._daemon.wait_until(is_usual, f"no more than {usual}")
+
+    def holdings(self):
+        return Holdings(self.threads, self.descriptors, self._board.blocks)
 
     def _check(self):
         self._daemon.wait_for_exit()
         self._look()
         self._check_pace()
         self._daemon.check_clean()
-        left = [number for number in self._live if number != 0]
-        assert not left, f"threads that did not end: {left}"
-        self._check_memory()
+        most = self._usual.blocks + TEXTS_OF_A_PRINTER if self._usual else 100
+        assert self._board.blocks <= most, f"{self._board.blocks} heap blocks are left"
+        assert self._board.mappings <= JOBS_KEPT, f"{self._board.mappings} mappings are left"
         unknown = [text for text in self._daemon.texts() if not KNOWN_LINE.fullmatch(text)]
         assert not unknown, f"lines that are none of the daemon's: {unknown}"
-        sent = self._lab.sent(self._since)
-        for payload in {packet.payload for packet in sent}:
-            _check_form(payload)
+        self._lab.check_packets()
         # A fault may take a goodbye itself.
         if self._fault is None or self._fault.phase in (START, IN, ASK):
-            last_word.check(sent, by_the_stop=False)
+            self._check_goodbyes()
         self._check_effort()
         if self._rule and self._rule.hits == 0:
             raise Unsuited("the fault was never reached")
 
     def _check_pace(self):
         """A stop waits for what is being sent twice as long as that takes, and no longer."""
-        asleep = [call.about for call in self._calls if call.function == "usleep"]
-        polls = asleep.count(POLL_OF_A_STOP)
+        polls = sum(
+            call.function == "usleep" and call.about == POLL_OF_A_STOP for call in self._calls
+        )
         may_be_short = self._fault and self._fault.function == "usleep" and self._fault.lasts
         if polls >= POLLS_OF_A_STOP and not may_be_short:
             raise Unsuited("a sender took more than twice its time")
 
+    def _check_goodbyes(self):
+        """On each address family the last packets of each service are its goodbyes."""
+        of_service = collections.defaultdict(list)
+        for family, name, is_goodbye in self._services():
+            of_service[family, name].append(is_goodbye)
+        for service, heard in of_service.items():
+            goodbyes = heard[-self._goodbyes :]
+            assert goodbyes == [True] * self._goodbyes, f"{service} ends with {goodbyes}"
+
     def _check_effort(self):
         used = self._board.processor_seconds
         assert 0 < used < PROCESSOR_SECONDS, f"{used} s of the processor"
-        tries = collections.Counter(
-            (call.function, call.thread) for call in self._calls if call.is_fault
-        )
+        calls = (self._board.call(number) for number in range(self._board.recorded))
+        tries = collections.Counter((each.function, each.thread) for each in calls if each.is_fault)
         for (function, thread), number in tries.items():
             assert function in MAY_BE_REPEATED or number <= TRIES_IN_AN_OUTAGE, (
                 f"{number} calls of {function} failed on thread {thread}"
@@ -464,25 +346,34 @@ class Walk:
 
     # What is told of it
 
-    def made(self):
-        """The calls that the daemon made."""
-        return Made(self._on_sockets, self._phase_starts, self._calls)
+    def calls_of(self, phase):
+        """How many calls there were in a phase by each thread, as faults name it, of each function
+        about each thing; of packets the size differs from walk to walk."""
+        starts = [*self._phase_starts.values(), len(self._calls)]
+        place = PHASES.index(phase)
+        return collections.Counter(
+            (
+                SENDER if call.thread >= FIRST_DETACHED else call.thread,
+                call.function,
+                -1 if call.function == "sendto" else call.about,
+            )
+            for call in self._calls[starts[place] : starts[place + 1]]
+        )
 
     def story(self):
         """For people: every call, line and packet."""
-        lines = [f"{call}" for call in self._calls]
-        if self._daemon is not None:
-            lines += [f"{line.stream}: {line.text}" for line in self._daemon.lines.items()]
-        lines += [str(packet) for packet in self._lab.capture.seen(since=self._since)]
-        return "\n".join(lines) + "\n"
+        calls = "\n".join(str(self._board.call(each)) for each in range(self._board.recorded))
+        return f"{calls}\n{self._lab.timeline()}"
 
 
-def _services(sent):
-    """The instances that packets publish."""
-    told = (last_word.services_and_lifetime(each.payload) for each in sent if not each.is_query)
-    return {name for names, is_goodbye in told for name in names if not is_goodbye}
-
-
-def prepare(lab):
-    """Connects what every way needs."""
-    lab.router.connect_device(UNMODELLED.port, DEVICE_ID)
+def walk(responder, path, fault=None, usual=None, keep=print):
+    """Walks a daemon with that responder through a lab of its own. `keep` is given the story of a
+    way that fails."""
+    with DualLab() if responder == "standard" else Lab() as lab:
+        made = Walk(responder, lab, path, fault, usual)
+        try:
+            made.run()
+        except BaseException:
+            keep(f"{fault}\n{made.story()}")
+            raise
+        return made
