@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import time
 
-from lab.daemon import binary, stock_build
+from lab.daemon import binary
 from lab.waiting import PATIENCE, TimedOut
 
 CHROOT = "/usr/sbin/chroot"
@@ -21,16 +21,20 @@ _BOUND = 20.0
 _POLL_SECONDS = 0.01
 
 
-def install(target, *options, prefix="/usr", stock_kernel=False):
-    """`cmake --install` of the build that the daemon under test is of, into `target`; with
-    `stock_kernel` of the build for such kernels."""
-    build = stock_build() if stock_kernel else binary().parent
+def install(target, *options, prefix="/usr", build=None):
+    """`cmake --install` into `target`, of the build of the daemon under test or of another one."""
     subprocess.run(
-        ["env", f"DESTDIR={target}", "cmake", "--install", build]
+        ["env", f"DESTDIR={target}", "cmake", "--install", build or binary().parent]
         + ["--prefix", prefix, "--strip", *options],
         check=True,
         stdout=subprocess.DEVNULL,
     )
+
+
+def write_program(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(text)
+    path.chmod(0o755)
 
 
 def copy_program(program, root, to):
