@@ -3,7 +3,8 @@
 import re
 
 import pytest
-from lab.dual import FAMILIES, DualLab, program
+from lab.dual import FAMILIES, IPP, DualLab, program
+from lab.printers import Printer
 
 # Beside the daemon, as the captures of other tests in the lab: tshark looks at all of them.
 BUILD = program().parent
@@ -40,6 +41,18 @@ def served(request):
         lab.router.plug_in(0)
         lab.start()
         lab.wait_for_announcements()
+        yield from _serve(lab, request)
+
+
+@pytest.fixture(scope="module")
+def ten(request):
+    """A lab whose router has published ten printers."""
+    with DualLab() as lab:
+        lab.router.plug_in_all(Printer(port) for port in range(10))
+        lab.start()
+        for port in range(10):
+            for family in FAMILIES:
+                lab.wait_for_record(IPP.replace(" 0.", f" {port}."), "SRV", family=family)
         yield from _serve(lab, request)
 
 
