@@ -1,8 +1,10 @@
 """What fault tests start from: a board of faults, and a daemon under it."""
 
 import pytest
-from board import Board, descriptors, wait_for_descriptors
+import wire
+from board import Board, descriptors
 from lab.usage import usage_once_senders_ended
+from lab.waiting import wait_until
 
 # Of senders that have done with them, and of one that could not be started.
 JOBS_KEPT = 4 + 1
@@ -12,11 +14,8 @@ JOBS_KEPT = 4 + 1
 def board(tmp_path):
     """The faults of the test's daemon. Each must have been reached when the test ends."""
     made = Board(tmp_path / "board")
-    try:
-        yield made
-        made.check()
-    finally:
-        made.close()
+    yield made
+    made.check()
 
 
 @pytest.fixture
@@ -29,11 +28,26 @@ def start(router, board):
     return run
 
 
+@pytest.fixture
+def daemon(start):
+    return start()
+
+
+@pytest.fixture
+def announced(lab, router, daemon):
+    """The daemon with a printer that is announced, its senders ended."""
+    router.plug_in(0)
+    lab.wait_for_transmissions(wire.IPP_RECORDS)
+    lab.wait_for_transmissions(wire.PDL_RECORDS)
+    usage_once_senders_ended(daemon.pid)
+    return daemon
+
+
 class Holdings:
     """What the daemon held at a quiet moment, to be compared with later ones."""
 
     def __init__(self, board, daemon):
-        board.wait_until_the_monitor_runs()
+        wait_until(lambda: board.blocks > 0, "the monitor has its buffer")
         usage_once_senders_ended(daemon.pid)
         self._board = board
         self._daemon = daemon
@@ -41,14 +55,17 @@ class Holdings:
         # Without the files that the monitor has open for a moment, once a second.
         self._descriptors = [kind for kind in descriptors(daemon.pid) if not kind.startswith("/")]
 
-    def check(self, more_blocks=0):
-        """Waits until as much is held as before, and so many heap blocks more."""
+    def check(self):
+        """Waits until as much is held as before."""
         usage_once_senders_ended(self._daemon.pid)
-        self._board.wait_for_blocks(self._blocks + more_blocks)
+        wait_until(lambda: self._board.blocks == self._blocks, f"{self._blocks} heap blocks")
         assert self._board.mappings <= JOBS_KEPT
-        wait_for_descriptors(self._daemon.pid, self._descriptors)
+        wait_until(
+            lambda: descriptors(self._daemon.pid) == self._descriptors,
+            f"the descriptors are {self._descriptors}",
+        )
 
 
 @pytest.fixture
-def holdings(board):
-    return lambda daemon: Holdings(board, daemon)
+def holdings(board, daemon):
+    return Holdings(board, daemon)

@@ -1,5 +1,4 @@
-/* Preloaded into a program to make chosen calls of libc fail, wait or do less than asked, and to
-   record every one.
+/* Preloaded into a program to make chosen calls of libc fail or wait, and to record every one.
 
    The environment variable FAULTS names the board: a file that this library and the test both map.
    The test writes rules into it, before the program starts or while it runs; the library counts
@@ -25,63 +24,31 @@
 #include <time.h>
 #include <unistd.h>
 
-enum Function {
-  kMalloc,
-  kCalloc,
-  kPthreadCreate,
-  kSocket,
-  kSetsockopt,
-  kBind,
-  kIoctl,
-  kOpen,
-  kRead,
-  kRecvfrom,
-  kSendto,
-  kWrite,
-  kSend,
-  kClose,
-  kSleep,
-  kUsleep,
-  kShutdown,
-  kFcntl,
-  kFstat,
-  kDup2,
-  kSigsuspend,
-  kSysconf,
-  kClockGettime,
-  kSetStackSize,
-  kPthreadJoin,
-  kMmap,
-  kThreadEnd /* no call: a thread's body has returned */
-};
-
-enum Action { kObserve, kFail, kHold, kLimit };
+enum Action { kObserve, kFail, kHold };
 
 /* Threads are told apart by the order in which the program started them: 0 is the initial thread,
    then come the joinable ones; all detached threads count as one. */
 enum { kAnyThread = -1, kDetachedThreads = -2 };
 
-enum { kRules = 32, kPathSize = 64, kStarts = 4096, kHoldMilliseconds = 60000 };
+enum { kRules = 32, kNameSize = 32, kPathSize = 64, kHoldMilliseconds = 60000 };
 enum { kRecords = 16384, kTextSize = 120, kFirstDetached = 1000 };
 
 struct Rule {
+  char function[kNameSize];
   int32_t armed;
-  int32_t function;
-  int32_t thread;
   int32_t action;
+  int32_t thread;
+  int32_t overdue;      /* kHold: the test never released the call */
   int64_t selector;     /* what the call must be about (see the functions below), or -1 */
   int64_t skip;         /* calls that match are let through first */
   int64_t times;        /* this many are then dealt with, -1 = every one */
-  int64_t argument;     /* kFail: errno; kLimit: the most bytes */
+  int64_t error;        /* kFail: errno */
   char path[kPathSize]; /* open: the path, empty = any */
   int64_t duration;     /* kFail: from the first call that failed on, every call of the function
                            fails for so many nanoseconds, on whatever thread */
-  int32_t released;     /* kHold: how many of the held calls go on, set by the test */
-  int32_t overdue;      /* kHold: the test never set it */
+  int64_t released;     /* kHold: how many of the held calls go on, set by the test */
   int64_t seen;         /* calls that matched */
   int64_t hits;         /* calls that were dealt with */
-  int64_t bytes;        /* asked for by the calls that matched */
-  int64_t mostBytes;    /* asked for by one of them */
   int64_t latest;       /* when a call was last dealt with: wall-clock time in nanoseconds */
 };
 
@@ -89,11 +56,11 @@ enum State { kBegun = 1, kDone, kFailed };
 
 /* One call, in the order in which the calls began. */
 struct Record {
-  int32_t state; /* kFailed: a rule made it fail */
-  int32_t function;
+  char function[kNameSize]; /* "the end": none, but a thread's body has returned */
+  int32_t state;            /* kFailed: a rule made it fail */
   int32_t thread;       /* as in rules, but the detached threads by the order of their start, from
                            kFirstDetached on */
-  int32_t error;        /* errno of a call that failed, by a rule or not */
+  int64_t error;        /* errno of a call that failed, by a rule or not */
   int64_t selector;     /* as in rules */
   int64_t result;       /* pthread_create: the thread as above, or -1 */
   char text[kTextSize]; /* open: the path; write, send: the line without its end */
@@ -170,14 +137,6 @@ static int IsProgram(uintptr_t caller) {
 
 static int ThreadMatches(int32_t wanted) { return wanted == kAnyThread || wanted == thisThread; }
 
-static void Count(struct Rule* rule, int64_t bytes) {
-  __atomic_fetch_add(&rule->bytes, bytes, __ATOMIC_ACQ_REL);
-  int64_t most = __atomic_load_n(&rule->mostBytes, __ATOMIC_ACQUIRE);
-  while (bytes > most && !__atomic_compare_exchange_n(&rule->mostBytes, &most, bytes, 0,
-                                                      __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-  }
-}
-
 static int64_t Now(void) {
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
@@ -198,9 +157,8 @@ static void WaitForRelease(struct Rule* rule, int64_t held) {
 }
 
 struct Call {
-  enum Function function;
+  const char* function;
   int64_t selector; /* -1 where there is no such thing */
-  int64_t bytes;    /* asked for, 0 where there is no such thing */
   const char* text; /* as in a record; NULL for most */
   int64_t length;   /* of the text */
 };
@@ -215,27 +173,25 @@ static int IsOutage(struct Rule* rule) {
   return 1;
 }
 
-/* What the rules make of a call: 0, or the errno with which it fails. `limit` is lowered by a rule
-   that says so. A call that fails is not held by a later rule. */
-static int Judge(const struct Call* call, int64_t* limit) {
+/* What the rules make of a call: 0, or the errno with which it fails. A call that fails is not held
+   by a later rule. */
+static int Judge(const struct Call* call) {
   int failure = 0;
   for (int i = 0; i < kRules; ++i) {
     struct Rule* rule = &board->rules[i];
     if (__atomic_load_n(&rule->armed, __ATOMIC_ACQUIRE) == 0) continue;
-    if (rule->function != (int32_t)call->function) continue;
-    if (IsOutage(rule)) failure = (int)rule->argument;
+    if (strcmp(rule->function, call->function) != 0) continue;
+    if (IsOutage(rule)) failure = (int)rule->error;
     if (!ThreadMatches(rule->thread)) continue;
     if (rule->selector != -1 && rule->selector != call->selector) continue;
     if (rule->path[0] != '\0' && strcmp(rule->path, call->text) != 0) continue;
     const int64_t number = __atomic_fetch_add(&rule->seen, 1, __ATOMIC_ACQ_REL);
-    Count(rule, call->bytes);
     if (number < rule->skip) continue;
     if (rule->times >= 0 && number >= rule->skip + rule->times) continue;
     __atomic_store_n(&rule->latest, Now(), __ATOMIC_RELEASE);
     __atomic_fetch_add(&rule->hits, 1, __ATOMIC_ACQ_REL);
     if (rule->action == kHold && failure == 0) WaitForRelease(rule, number - rule->skip);
-    if (rule->action == kFail) failure = (int)rule->argument;
-    if (rule->action == kLimit && rule->argument < *limit) *limit = rule->argument;
+    if (rule->action == kFail) failure = (int)rule->error;
   }
   return failure;
 }
@@ -245,7 +201,7 @@ static struct Record* TakeRecord(const struct Call* call) {
   const int32_t number = __atomic_fetch_add(&board->recorded, 1, __ATOMIC_ACQ_REL);
   if (number >= kRecords) return NULL;
   struct Record* record = &board->records[number];
-  record->function = (int32_t)call->function;
+  strcpy(record->function, call->function);
   record->thread = thisThread == kDetachedThreads ? thisDetached : thisThread;
   record->selector = call->selector;
   const int64_t most = kTextSize - 1;
@@ -259,16 +215,20 @@ static struct Record* TakeRecord(const struct Call* call) {
 struct Passage {
   struct Record* record; /* or NULL */
   int error;             /* with which it fails, or 0 */
-  int64_t limit;         /* the most bytes that it may ask for */
 };
 
 static struct Passage Begin(uintptr_t caller, struct Call call) {
-  struct Passage passage = {NULL, 0, INT64_MAX};
+  struct Passage passage = {NULL, 0};
   if (!IsProgram(caller)) return passage;
   passage.record = TakeRecord(&call);
-  passage.error = Judge(&call, &passage.limit);
+  passage.error = Judge(&call);
   return passage;
 }
+
+/* Begins a call of the function that this stands in, as `passage`. */
+#define BEGIN(selector, text, length)                                          \
+  const struct Passage passage = Begin((uintptr_t)__builtin_return_address(0), \
+                                       (struct Call){__func__, selector, text, length});
 
 static int64_t Finish(const struct Passage* passage, int64_t result, int error) {
   if (passage->record != NULL) {
@@ -288,88 +248,40 @@ static int64_t End(const struct Passage* passage, int64_t result) {
   return result;
 }
 
-static void* CountBlock(uintptr_t caller, void* block) {
-  if (block != NULL && IsProgram(caller)) {
-    __atomic_fetch_add(&board->blocks, 1, __ATOMIC_ACQ_REL);
+/* The functions that do nothing but what the rules say. `selector` is what rules may tell calls
+   apart by, -1 if there is no such thing. */
+#define PASS(type, name, selector, parameters, arguments)                 \
+  type name parameters {                                                  \
+    NEXT(name)                                                            \
+    BEGIN((int64_t)(selector), NULL, 0)                                   \
+    return (type)End(&passage, passage.error != 0 ? -1 : next arguments); \
   }
+
+/* Heap blocks and mappings are selected by their size in bytes. */
+
+void* calloc(size_t count, size_t size) {
+  NEXT(calloc)
+  BEGIN((int64_t)(count * size), NULL, 0)
+  void* block = passage.error != 0 ? NULL : next(count, size);
+  End(&passage, block == NULL ? -1 : 0);
+  if (block != NULL && IsProgram(CALLER)) __atomic_fetch_add(&board->blocks, 1, __ATOMIC_ACQ_REL);
   return block;
 }
 
-/* Looking up a function may itself allocate, through the function that is looked up. What it takes
-   comes from here and is never given back. */
-static struct Allocator {
-  void* (*takeRaw)(size_t);
-  void* (*takeCleared)(size_t, size_t);
-  void (*giveBack)(void*);
-} allocator;
-static int isLookingUp;
-static _Alignas(16) char lookupBytes[4096];
-static size_t lookupBytesTaken;
-
-static void* TakeLookupBytes(size_t size) {
-  const size_t start = lookupBytesTaken;
-  lookupBytesTaken = start + (size + 15) / 16 * 16;
-  if (lookupBytesTaken > sizeof(lookupBytes)) abort();
-  return lookupBytes + start;
-}
-
-static int IsLookupBlock(const void* block) {
-  const uintptr_t address = (uintptr_t)block;
-  return address >= (uintptr_t)lookupBytes &&
-         address < (uintptr_t)lookupBytes + sizeof(lookupBytes);
-}
-
-/* False while the functions are being looked up. First called while there is one thread. */
-static int HasAllocator(void) {
-  if (allocator.giveBack != NULL) return 1;
-  if (isLookingUp) return 0;
-  isLookingUp = 1;
-  *(void**)&allocator.takeRaw = dlsym(RTLD_NEXT, "malloc");
-  *(void**)&allocator.takeCleared = dlsym(RTLD_NEXT, "calloc");
-  *(void**)&allocator.giveBack = dlsym(RTLD_NEXT, "free");
-  isLookingUp = 0;
-  return 1;
-}
-
-/* Allocations are selected by their size in bytes. */
-
-static void* EndAllocation(uintptr_t caller, const struct Passage* passage, void* block) {
-  End(passage, block == NULL ? -1 : 0);
-  return CountBlock(caller, block);
-}
-
-void* malloc(size_t size) {
-  if (!HasAllocator()) return TakeLookupBytes(size);
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kMalloc, (int64_t)size, (int64_t)size, NULL, 0});
-  return EndAllocation(CALLER, &passage, passage.error != 0 ? NULL : allocator.takeRaw(size));
-}
-
-void* calloc(size_t count, size_t size) {
-  if (!HasAllocator()) return TakeLookupBytes(count * size);
-  const int64_t bytes = (int64_t)(count * size);
-  const struct Passage passage = Begin(CALLER, (struct Call){kCalloc, bytes, bytes, NULL, 0});
-  return EndAllocation(CALLER, &passage,
-                       passage.error != 0 ? NULL : allocator.takeCleared(count, size));
-}
-
 void free(void* block) {
-  if (block == NULL || IsLookupBlock(block) || !HasAllocator()) return;
-  if (IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
-  allocator.giveBack(block);
+  NEXT(free)
+  if (block != NULL && IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
+  next(block);
 }
 
-/* Selected by the size in bytes. */
 void* mmap(void* address, size_t size, int protection, int flags, int file, off_t offset) {
   NEXT(mmap)
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kMmap, (int64_t)size, (int64_t)size, NULL, 0});
+  BEGIN((int64_t)size, NULL, 0)
   void* mapped =
       passage.error != 0 ? MAP_FAILED : next(address, size, protection, flags, file, offset);
-  End(&passage, mapped == MAP_FAILED ? -1 : 0);
-  if (mapped != MAP_FAILED && IsProgram(CALLER)) {
-    __atomic_fetch_add(&board->mappings, 1, __ATOMIC_ACQ_REL);
-  }
+  const int failed = mapped == MAP_FAILED;
+  End(&passage, failed ? -1 : 0);
+  if (!failed && IsProgram(CALLER)) __atomic_fetch_add(&board->mappings, 1, __ATOMIC_ACQ_REL);
   return mapped;
 }
 
@@ -380,25 +292,11 @@ int munmap(void* address, size_t size) {
 }
 
 struct Start {
-  int32_t taken;
   int32_t thread;
   int32_t detached; /* the number of a detached one */
   void* (*body)(void*);
   void* argument;
 };
-
-static struct Start starts[kStarts];
-
-static struct Start* TakeStart(void) {
-  for (int i = 0; i < kStarts; ++i) {
-    int32_t taken = 0;
-    if (__atomic_compare_exchange_n(&starts[i].taken, &taken, 1, 0, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return &starts[i];
-    }
-  }
-  abort();
-}
 
 static void* RunThread(void* argument) {
   struct Start* start = argument;
@@ -406,9 +304,9 @@ static void* RunThread(void* argument) {
   thisDetached = start->detached;
   void* (*body)(void*) = start->body;
   void* bodyArgument = start->argument;
-  __atomic_store_n(&start->taken, 0, __ATOMIC_RELEASE);
+  free(start);
   void* result = body(bodyArgument);
-  const struct Passage end = {TakeRecord(&(struct Call){kThreadEnd, -1, 0, NULL, 0}), 0, 0};
+  const struct Passage end = {TakeRecord(&(struct Call){"the end", -1, NULL, 0}), 0};
   Finish(&end, 0, 0);
   return result;
 }
@@ -421,12 +319,12 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
   int state = PTHREAD_CREATE_JOINABLE;
   if (attributes != NULL) pthread_attr_getdetachstate(attributes, &state);
-  const struct Passage passage = Begin(CALLER, (struct Call){kPthreadCreate, state, 0, NULL, 0});
+  BEGIN(state, NULL, 0)
   if (passage.error != 0) {
     Finish(&passage, -1, passage.error);
     return passage.error;
   }
-  struct Start* start = TakeStart();
+  struct Start* start = calloc(1, sizeof(*start));
   int32_t number = 0;
   if (state == PTHREAD_CREATE_DETACHED) {
     number = kFirstDetached + __atomic_fetch_add(&board->detached, 1, __ATOMIC_ACQ_REL);
@@ -439,63 +337,65 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   start->body = body;
   start->argument = argument;
   const int result = next(thread, attributes, RunThread, start);
-  if (result != 0) __atomic_store_n(&start->taken, 0, __ATOMIC_RELEASE);
+  if (result != 0) free(start);
   Finish(&passage, result != 0 ? -1 : number, result);
   return result;
 }
 
 int pthread_join(pthread_t thread, void** result) {
   NEXT(pthread_join)
-  const struct Passage passage = Begin(CALLER, (struct Call){kPthreadJoin, -1, 0, NULL, 0});
+  BEGIN(-1, NULL, 0)
   return (int)Finish(&passage, next(thread, result), 0);
 }
 
 /* The default size is a stack, too. */
 int pthread_attr_setstacksize(pthread_attr_t* attributes, size_t size) {
   NEXT(pthread_attr_setstacksize)
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kSetStackSize, (int64_t)size, 0, NULL, 0});
+  BEGIN((int64_t)size, NULL, 0)
   return (int)Finish(&passage, passage.error != 0 ? passage.error : next(attributes, size),
                      passage.error);
 }
 
-int socket(int domain, int type, int protocol) {
-  NEXT(socket)
-  const struct Passage passage = Begin(CALLER, (struct Call){kSocket, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(domain, type, protocol));
-}
-
+PASS(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
+PASS(int, bind, -1, (int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length),
+     (descriptor, address, length))
+PASS(int, shutdown, -1, (int descriptor, int how), (descriptor, how))
+PASS(int, fstat, -1, (int descriptor, struct stat* status), (descriptor, status))
+PASS(int, dup2, -1, (int from, int to), (from, to))
+PASS(int, usleep, microseconds, (useconds_t microseconds), (microseconds))
+PASS(int, sigsuspend, -1, (const sigset_t* mask), (mask))
+PASS(long, sysconf, name, (int name), (name))
+PASS(int, clock_gettime, clock, (clockid_t clock, struct timespec* now), (clock, now))
+PASS(ssize_t, read, -1, (int descriptor, void* buffer, size_t size), (descriptor, buffer, size))
+PASS(ssize_t, recvfrom, -1,
+     (int descriptor, void* restrict buffer, size_t size, int flags, __SOCKADDR_ARG address,
+      socklen_t* restrict length),
+     (descriptor, buffer, size, flags, address, length))
+/* Selected by the packet's size. */
+PASS(ssize_t, sendto, size,
+     (int descriptor, const void* buffer, size_t size, int flags, __CONST_SOCKADDR_ARG address,
+      socklen_t length),
+     (descriptor, buffer, size, flags, address, length))
 /* Selected by level and option: level * 65536 + option. */
-int setsockopt(int descriptor, int level, int option, const void* value, socklen_t length) {
-  NEXT(setsockopt)
-  const int64_t selector = (int64_t)level * 65536 + option;
-  const struct Passage passage = Begin(CALLER, (struct Call){kSetsockopt, selector, 0, NULL, 0});
-  return (int)End(&passage,
-                  passage.error != 0 ? -1 : next(descriptor, level, option, value, length));
-}
+PASS(int, setsockopt, (int64_t)level * 65536 + option,
+     (int descriptor, int level, int option, const void* value, socklen_t length),
+     (descriptor, level, option, value, length))
 
-int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) {
-  NEXT(bind)
-  const struct Passage passage = Begin(CALLER, (struct Call){kBind, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, address, length));
-}
+/* The argument is a number or a pointer, handed on as it is. */
+#define PASS_WITH_ARGUMENT(name, type)                                                     \
+  int name(int descriptor, type what, ...) {                                               \
+    NEXT(name)                                                                             \
+    va_list arguments;                                                                     \
+    va_start(arguments, what);                                                             \
+    void* argument = va_arg(arguments, void*);                                             \
+    va_end(arguments);                                                                     \
+    BEGIN((int64_t)what, NULL, 0)                                                          \
+    return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, what, argument)); \
+  }
 
-int shutdown(int descriptor, int how) {
-  NEXT(shutdown)
-  const struct Passage passage = Begin(CALLER, (struct Call){kShutdown, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, how));
-}
-
-/* Selected by the request. */
-int ioctl(int descriptor, unsigned long request, ...) {
-  NEXT(ioctl)
-  va_list arguments;
-  va_start(arguments, request);
-  void* argument = va_arg(arguments, void*);
-  va_end(arguments);
-  const struct Passage passage = Begin(CALLER, (struct Call){kIoctl, (int64_t)request, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, request, argument));
-}
+/* Selected by the request, and by the command. */
+PASS_WITH_ARGUMENT(ioctl, unsigned long)
+PASS_WITH_ARGUMENT(fcntl, int)
 
 /* Selected by the path. */
 int open(const char* path, int flags, ...) {
@@ -507,115 +407,35 @@ int open(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kOpen, -1, 0, path, (int64_t)strlen(path)});
+  BEGIN(-1, path, (int64_t)strlen(path))
   return (int)End(&passage, passage.error != 0 ? -1 : next(path, flags, mode));
 }
 
 /* A close that fails has closed all the same, as on Linux. */
 int close(int descriptor) {
   NEXT(close)
-  const struct Passage passage = Begin(CALLER, (struct Call){kClose, -1, 0, NULL, 0});
+  BEGIN(-1, NULL, 0)
   const int result = next(descriptor);
   return (int)End(&passage, passage.error != 0 ? -1 : result);
 }
 
-/* Selected by the command. The argument is a number or a pointer, handed on as it is. */
-int fcntl(int descriptor, int command, ...) {
-  NEXT(fcntl)
-  va_list arguments;
-  va_start(arguments, command);
-  void* argument = va_arg(arguments, void*);
-  va_end(arguments);
-  const struct Passage passage = Begin(CALLER, (struct Call){kFcntl, command, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, command, argument));
-}
-
-int fstat(int descriptor, struct stat* status) {
-  NEXT(fstat)
-  const struct Passage passage = Begin(CALLER, (struct Call){kFstat, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, status));
-}
-
-int dup2(int from, int to) {
-  NEXT(dup2)
-  const struct Passage passage = Begin(CALLER, (struct Call){kDup2, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(from, to));
-}
-
-ssize_t read(int descriptor, void* buffer, size_t size) {
-  NEXT(read)
-  const struct Passage passage = Begin(CALLER, (struct Call){kRead, -1, (int64_t)size, NULL, 0});
-  if (passage.limit < (int64_t)size) size = (size_t)passage.limit;
-  return End(&passage, passage.error != 0 ? -1 : next(descriptor, buffer, size));
+/* A sleep that fails ends before its time. */
+unsigned sleep(unsigned seconds) {
+  NEXT(sleep)
+  BEGIN(seconds, NULL, 0)
+  return (unsigned)End(&passage, passage.error != 0 ? seconds : next(seconds));
 }
 
 /* Lines are selected by the descriptor. */
 
-static struct Call LineCall(enum Function function, int descriptor, const void* line, size_t size) {
-  const int64_t length = (int64_t)size - (size > 0);
-  return (struct Call){function, descriptor, (int64_t)size, line, length};
-}
-
 ssize_t write(int descriptor, const void* buffer, size_t size) {
   NEXT(write)
-  const struct Passage passage = Begin(CALLER, LineCall(kWrite, descriptor, buffer, size));
+  BEGIN(descriptor, buffer, (int64_t)size - 1)
   return End(&passage, passage.error != 0 ? -1 : next(descriptor, buffer, size));
 }
 
 ssize_t send(int descriptor, const void* buffer, size_t size, int flags) {
   NEXT(send)
-  const struct Passage passage = Begin(CALLER, LineCall(kSend, descriptor, buffer, size));
+  BEGIN(descriptor, buffer, (int64_t)size - 1)
   return End(&passage, passage.error != 0 ? -1 : next(descriptor, buffer, size, flags));
-}
-
-ssize_t recvfrom(int descriptor, void* restrict buffer, size_t size, int flags,
-                 __SOCKADDR_ARG address, socklen_t* restrict length) {
-  NEXT(recvfrom)
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kRecvfrom, -1, (int64_t)size, NULL, 0});
-  return End(&passage,
-             passage.error != 0 ? -1 : next(descriptor, buffer, size, flags, address, length));
-}
-
-/* Selected by the packet's size. */
-ssize_t sendto(int descriptor, const void* buffer, size_t size, int flags,
-               __CONST_SOCKADDR_ARG address, socklen_t length) {
-  NEXT(sendto)
-  const struct Passage passage =
-      Begin(CALLER, (struct Call){kSendto, (int64_t)size, (int64_t)size, NULL, 0});
-  return End(&passage,
-             passage.error != 0 ? -1 : next(descriptor, buffer, size, flags, address, length));
-}
-
-/* A sleep that fails ends before its time. */
-
-unsigned sleep(unsigned seconds) {
-  NEXT(sleep)
-  const struct Passage passage = Begin(CALLER, (struct Call){kSleep, seconds, 0, NULL, 0});
-  return (unsigned)End(&passage, passage.error != 0 ? seconds : next(seconds));
-}
-
-int usleep(useconds_t microseconds) {
-  NEXT(usleep)
-  const struct Passage passage = Begin(CALLER, (struct Call){kUsleep, microseconds, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(microseconds));
-}
-
-int sigsuspend(const sigset_t* mask) {
-  NEXT(sigsuspend)
-  const struct Passage passage = Begin(CALLER, (struct Call){kSigsuspend, -1, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(mask));
-}
-
-long sysconf(int name) {
-  NEXT(sysconf)
-  const struct Passage passage = Begin(CALLER, (struct Call){kSysconf, name, 0, NULL, 0});
-  return End(&passage, passage.error != 0 ? -1 : next(name));
-}
-
-int clock_gettime(clockid_t clock, struct timespec* now) {
-  NEXT(clock_gettime)
-  const struct Passage passage = Begin(CALLER, (struct Call){kClockGettime, clock, 0, NULL, 0});
-  return (int)End(&passage, passage.error != 0 ? -1 : next(clock, now));
 }

@@ -1,6 +1,5 @@
 """The monitor, an answer and the stop at the same time: each call is held where the other comes."""
 
-import pytest
 import wire
 from board import ANSWERING, MONITOR, RESPONDER, SIOCGIFADDR
 from heap_sizes import ENTRY, PDL_HOST, PDL_INSTANCE
@@ -12,27 +11,21 @@ NOT_REGISTERED = "**********RegisterOneService error*************"
 IPP_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
 
 
-@pytest.fixture
-def daemon(start):
-    return start()
-
-
-def test_printer_removed_while_the_stop_withdraws_it_is_withdrawn_once(lab, router, board, daemon):
-    router.plug_in(0)
-    lab.wait_for_transmissions(wire.IPP_RECORDS)
-    usage_once_senders_ended(daemon.pid)
+def test_printer_removed_while_the_stop_withdraws_it_is_withdrawn_once(
+    lab, router, board, announced
+):
     since = lab.capture.mark()
     held = board.hold("calloc", thread=MONITOR, about=PDL_INSTANCE)
     withdrawn = board.observe("calloc", thread=RESPONDER, about=PDL_INSTANCE)
     router.pull_out(0)
     held.wait()
-    daemon.signal(15)
+    announced.signal(15)
     withdrawn.wait()
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
     held.release()
     router.stop()
-    assert daemon.texts("stderr") == []
-    assert daemon.count("[Bonjour] SERVICE_REMOVE error") == 2
+    assert announced.texts("stderr") == []
+    assert announced.count("[Bonjour] SERVICE_REMOVE error") == 2
 
 
 def test_printer_that_comes_after_the_stop_has_withdrawn_all_is_not_published(
@@ -52,23 +45,20 @@ def test_printer_that_comes_after_the_stop_has_withdrawn_all_is_not_published(
     assert daemon.texts("stdout")[-2:] == ["[Bonjour] SERVICE_ADD error", NOT_REGISTERED]
 
 
-def test_printer_that_goes_during_an_answer_is_answered_first(lab, router, board, daemon):
-    router.plug_in(0)
-    lab.wait_for_transmissions(wire.IPP_RECORDS)
-    usage_once_senders_ended(daemon.pid)
+def test_printer_that_goes_during_an_answer_is_answered_first(lab, router, board, announced):
     since = lab.capture.mark()
     held = board.hold("ioctl", thread=ANSWERING, about=SIOCGIFADDR)
     lab.host.send(IPP_QUESTION)
     held.wait()
     router.pull_out(0)
-    daemon.wait_for_line(REMOVED)
+    announced.wait_for_line(REMOVED)
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
     held.release()
     lab.wait_for_transmissions(wire.IPP_RECORDS, since)
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
-    usage_once_senders_ended(daemon.pid)
+    usage_once_senders_ended(announced.pid)
     assert lab.ask(IPP_QUESTION) == []
-    assert daemon.texts("stderr") == []
+    assert announced.texts("stderr") == []
 
 
 def test_registration_under_way_at_the_stop_is_announced_and_then_withdrawn(
@@ -91,16 +81,13 @@ def test_registration_under_way_at_the_stop_is_announced_and_then_withdrawn(
 
 
 def test_answer_under_way_at_the_stop_is_sent_three_times_before_the_goodbyes(
-    lab, router, board, daemon
+    lab, router, board, announced
 ):
-    router.plug_in(0)
-    lab.wait_for_transmissions(wire.IPP_RECORDS)
-    usage_once_senders_ended(daemon.pid)
     since = lab.capture.mark()
     held = board.hold("ioctl", thread=ANSWERING, about=SIOCGIFADDR)
     lab.host.send(IPP_QUESTION)
     held.wait()
-    daemon.signal(15)
+    announced.signal(15)
     held.release()
     router.stop()
     sent = [packet.payload for packet in lab.sent(since)]

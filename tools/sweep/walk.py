@@ -227,7 +227,6 @@ class Walk:
             self._daemon.kill()
             self._router.daemons.remove(self._daemon)
             self._router.daemon = None
-        self._board.close()
 
     # The daemon's calls
 
