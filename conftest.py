@@ -186,20 +186,21 @@ def daemon_with_printer(lab, router, responder):
 
 
 @pytest.fixture
-def announcement(lab):
-    """Waits for the announcement of a service of a type, and gives its message."""
+def announced(lab):
+    """Waits until a response has a record of this type whose owner ends like that; its data."""
 
-    def is_one(packet, service_type):
-        answers = packet.message.answers
-        # An answer about the host name has one record.
-        return not packet.is_query and answers[1:] and answers[1].name == service_type
+    def wait(owner, rrtype):
+        def data(packet):
+            records = () if packet.is_query else packet.message.answers
+            named = (one for one in records if one.ttl and one.name.endswith(owner))
+            return [one.data for one in named if one.type == rrtype]
 
-    return lambda service_type: lab.wait_for_packet(
-        lambda packet: is_one(packet, service_type)
-    )[0].message
+        return data(lab.wait_for_packet(data)[0])[0]
+
+    return wait
 
 
 @pytest.fixture
-def announced_txt(announcement):
-    """As announcement(), but gives its TXT strings."""
-    return lambda service_type: announcement(service_type).answers[3].data
+def announced_txt(announced):
+    """The TXT strings of the first announcement of a service of a type."""
+    return lambda service_type: announced(service_type, "TXT")

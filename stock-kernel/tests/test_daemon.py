@@ -41,17 +41,6 @@ def start(system):
     return [CHROOT, str(system.root)]
 
 
-def services(lab, since=0):
-    """The service names that the router announced."""
-    return {
-        record.data
-        for packet in lab.sent(since)
-        if not packet.is_query
-        for record in packet.message.answers
-        if record.name in (IPP, PDL) and record.ttl
-    }
-
-
 def test_main_path_with_printers_that_sysfs_shows(lab, system, start, monkeypatch, responder):
     def plug_in(port):
         system.plug_in(port, HP)
@@ -73,7 +62,7 @@ def test_printer_that_is_there_before_the_daemon_is_published(lab, system, start
     lab.router.start(wrapper=start)
     lab.router.daemon.wait_for_line("[Bonjour] device insert lp0")
     expected = {f"HP Model 12 (aa:bb:cc) 0.{type}" for type in (IPP, PDL)}
-    lab.router.daemon.wait_until(lambda: services(lab) == expected, "it is published")
+    lab.router.daemon.wait_until(lambda: lab.services() == expected, "it is published")
 
 
 def test_every_record_that_is_written_is_published_under_a_name_of_one_label(lab, system, start):
@@ -102,7 +91,7 @@ def test_every_record_that_is_written_is_published_under_a_name_of_one_label(lab
         for port, model in enumerate(models.values())
         for type in (IPP, PDL)
     }
-    daemon.wait_until(lambda: services(lab) == expected, "all are published")
+    daemon.wait_until(lambda: lab.services() == expected, "all are published")
     assert daemon.count("[Bonjour] GetTXTData error") == 0
 
 
@@ -119,14 +108,14 @@ def test_printers_that_swap_ports_between_two_looks_are_published_under_their_ow
     system.plug_in(1, ACME)
     system.update()
     daemon = lab.router.start(wrapper=start)
-    daemon.wait_until(lambda: services(lab) == expected(names), "both are published")
+    daemon.wait_until(lambda: lab.services() == expected(names), "both are published")
     since = lab.capture.mark()
     for port in (0, 1):
         system.pull_out(port)
     for port, device_id in ((0, ACME), (1, HP)):
         system.plug_in(port, device_id)
     system.update()
-    daemon.wait_until(lambda: services(lab, since) >= expected(swapped), "both are published again")
+    daemon.wait_until(lambda: lab.services(since) >= expected(swapped), "both are published again")
     assert daemon.count("[Bonjour] device remove lp0") == 1
     assert daemon.count("[Bonjour] device remove lp1") == 1
 
