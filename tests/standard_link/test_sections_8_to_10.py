@@ -116,7 +116,7 @@ def test_section_8_1_host_name_in_use_gets_a_number(dual, family, answer):
     dual.router.wait_for_banner()
     assert f"{dual.router.daemon.device_name}.local" == RENAMED_HOST
     assert not dual.heard(since, wanted=lambda one: has(one, HOST, "A"))
-    # The reverse name tells of the new one.
+    # The reverse name leads to the new one.
     packet = dual.ask(query("1.77.168.192.in-addr.arpa", "PTR", QU), family, alone=True)
     assert packet.message.answers[0].data == RENAMED_HOST
 
@@ -230,7 +230,7 @@ def test_section_9_conflict_over_srv_is_probed_again(dual, family):
     probes(dual, IPP, since, family)
     dual.asker.send(rival, family)
     dual.wait_for_record(RENAMED_IPP, "SRV", since, family)
-    # A shared record that tells of the old name is taken back.
+    # A shared record that leads to the old name is taken back.
     gone = dual.wait(
         lambda one: any(
             each.ttl == 0 and each.data == IPP for each in one.message.answers if not one.is_query
