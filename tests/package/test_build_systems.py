@@ -10,15 +10,16 @@ import stat
 import subprocess
 
 import pytest
-from lab.daemon import binary, stock_build
-from responders import RESPONDERS, with_both
+from lab.daemon import stock_build
+from responders import with_both
 from small_system import SmallSystem, install, lay_out, write_program
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 OPENWRT = ROOT / "packaging/openwrt/bonjour"
 BUILDROOT = ROOT / "packaging/buildroot"
 RECIPES = ROOT / "packaging/yocto/recipes-connectivity/bonjour"
-VERSION = re.search(r"^project\(bonjour VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
+PROJECT = (ROOT / "CMakeLists.txt").read_text()
+VERSION = re.search(r"^project\(bonjour VERSION (\S+)", PROJECT, re.MULTILINE)[1]
 
 
 def files(root):
@@ -50,7 +51,7 @@ def run(*command):
 
 # A package of one variant, whose CMake project is in PKG_BUILD_DIR, configured and installed with
 # Ninja, with flags as OpenWrt has them on devices.
-OPENWRT_RULES = r"""
+OPENWRT_MACROS = r"""
 INCLUDE_DIR := $(TOPDIR)
 PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
 PKG_INSTALL_DIR = $(PKG_BUILD_DIR)/ipkg-install
@@ -60,8 +61,7 @@ INSTALL_DATA := install -m0644
 INSTALL_CONF := install -m0600
 TARGET_CFLAGS := -Os -pipe -march=native -fno-caller-saves -fno-plt -fstack-protector \
   -D_FORTIFY_SOURCE=1 -Wl,-z,now -Wl,-z,relro
-"""
-OPENWRT_PACKAGE = r"""
+
 define BuildPackage
 $(if $(findstring VARIANT:=$(BUILD_VARIANT),$(value Package/$(1))),$(eval $(call Build,$(1))))
 endef
@@ -74,18 +74,17 @@ install: ; $$(Build/Install)
 package: ; $$(call Package/$(1)/install,$$(TOPDIR)/package)
 show: ; @: $$(info $$($$(SHOWN)))
 endef
-"""
-OPENWRT_CMAKE = """
+
 define Build/Configure
-\tcd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \\
-\t  -DCMAKE_C_FLAGS_RELEASE=-DNDEBUG -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG \\
-\t  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
+cd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_C_FLAGS_RELEASE=-DNDEBUG -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG \
+  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
 endef
 define Build/Compile
-\tcmake --build $(PKG_BUILD_DIR)
+cmake --build $(PKG_BUILD_DIR)
 endef
 define Build/Install
-\t$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
+$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
 endef
 """
 
@@ -95,11 +94,7 @@ class OpenWrt:
         self.top = top
         self.variant = variant
         top.mkdir()
-        for name, text in (
-            ("rules", OPENWRT_RULES),
-            ("package", OPENWRT_PACKAGE),
-            ("cmake", OPENWRT_CMAKE),
-        ):
+        for name, text in (("rules", OPENWRT_MACROS), ("package", ""), ("cmake", "")):
             (top / f"{name}.mk").write_text(text)
 
     def make(self, *words):
@@ -251,17 +246,15 @@ show: ; @: $(info $($(SHOWN)))
 
 @pytest.fixture
 def buildroot(tmp_path, responder):
-    """Makes a target of the package, with the build for a stock kernel; what make prints."""
-    makefile = tmp_path / "Makefile"
-    makefile.write_text(BUILDROOT_MAKEFILE)
+    """Makes a target of the package's Makefile, with that responder's build; what is printed."""
+    (tmp_path / "Makefile").write_text(BUILDROOT_MAKEFILE)
     build = stock_build(responder)
 
     def make(*words):
-        targets = [build / word if word in ("target", "sysv", "systemd") else word for word in words]
         return run(
-            *("make", "-s", "-f", makefile, f"D={build}", f"TARGET_DIR={tmp_path}/target"),
-            *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", 'BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"'),
-            *targets,
+            *("make", "-s", "-f", tmp_path / "Makefile", f"D={build}"),
+            *(f"TARGET_DIR={tmp_path}/target", 'BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"'),
+            *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", *words),
         )
 
     return make
@@ -278,6 +271,8 @@ def test_buildroot_package_says_what_it_is(buildroot):
     assert pathlib.Path(buildroot_value(buildroot, "BONJOUR_SITE")).resolve() == ROOT
     assert buildroot_value(buildroot, "BONJOUR_SITE_METHOD") == "local"
     assert (ROOT / buildroot_value(buildroot, "BONJOUR_LICENSE_FILES")).exists()
+    # The name in the paths.
+    assert (BUILDROOT / "external.desc").read_text().startswith("name: BONJOUR\ndesc: ")
     # Asked of the kernel: its driver, and multicast.
     assert buildroot_value(buildroot, "BONJOUR_LINUX_CONFIG_FIXUPS").split() == [
         *("CONFIG_NET", "CONFIG_INET", "CONFIG_IP_MULTICAST"),
@@ -293,10 +288,11 @@ def test_buildroot_package_says_what_it_is(buildroot):
 def test_buildroot_package_holds_what_cmake_installs(
     buildroot, tmp_path, responder, init, component, link
 ):
-    buildroot("target", init)
+    build = stock_build(responder)
+    buildroot(build / "target", build / init)
     target, whole = tmp_path / "target", tmp_path / "whole"
     for name in ("runtime", "stock-kernel", component):
-        install(whole, "--component", name, build=stock_build(responder))
+        install(whole, "--component", name, build=build)
     assert files(target) == {**files(whole), **link}
     # With the model as it is set.
     ours = (ROOT / "packaging/bonjour.default").read_text()
@@ -352,12 +348,6 @@ def test_buildroot_says_what_the_toolchain_lacks(menu, missing):
     menu.syms[missing].set_value("n")
     assert menu.syms["BR2_PACKAGE_BONJOUR"].str_value == "n"
     assert says_what_is_missing(menu)
-
-
-def test_buildroot_knows_the_external_tree_by_the_name_in_its_paths():
-    lines = (BUILDROOT / "external.desc").read_text().splitlines()
-    assert [line.split(":")[0] for line in lines] == ["name", "desc"]
-    assert lines[0] == "name: BONJOUR"
 
 
 # Yocto

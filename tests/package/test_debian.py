@@ -105,28 +105,6 @@ def test_init_script_renews_a_status_file_that_is_wrong(lab, system):
 
 
 @pytest.mark.lab(bridge=False)
-def test_file_system_that_is_unmounted_beside_the_daemon_is_free(lab, system):
-    lab.router.status_file.remove()
-
-    def mounted():
-        return "tmpfs the-stick " in system.of_process(system.pid, "mountinfo").read_text()
-
-    mount = f"mkdir {system.root}/stick && mount -t tmpfs the-stick {system.root}/stick"
-    assert system.sandbox.spawn(["sh", "-c", mount]).wait() == 0
-    start(system)
-    assert mounted()
-    assert system.sandbox.spawn(["umount", system.root / "stick"]).wait() == 0
-    assert not mounted()
-
-
-@with_both
-def test_model_comes_from_the_one_variable(lab, system):
-    (system.root / DEFAULTS).write_text("MODEL=GLXE4700\n")
-    start(system)
-    lab.wait_for_packet(lambda packet: b"\x1aGLXE4700_00-11-22-AA-BB-CC\x05local" in packet.payload)
-
-
-@pytest.mark.lab(bridge=False)
 def test_model_and_limits_come_from_no_other_place(system):
     (system.root / DEFAULTS).write_text("")
     system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
@@ -157,30 +135,17 @@ echo "${0##*/} $*" >> /tmp/calls
 INVOKE_RC_D = '#!/bin/sh\nexec "/etc/init.d/$1" "$2"\n'
 
 
-class Dpkg:
+def run_dpkg(router, root, *words):
     """The real dpkg, whose root is a small system with hardly anything else."""
+    command = ["dpkg", f"--root={root}", "--force-depends", "--log=/dev/null", *words]
+    quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL}
+    assert router.sandbox.spawn(command, network=router.network, **quiet).wait() == 0
 
-    def __init__(self, router, root):
-        self._router = router
-        self._root = root
-        for name in ("info", "updates"):
-            (root / "var/lib/dpkg" / name).mkdir(parents=True)
-        (root / "var/lib/dpkg/status").touch()
-        (root / "etc").mkdir()
 
-    def __call__(self, *words):
-        command = ["dpkg", f"--root={self._root}", "--force-depends", "--log=/dev/null", *words]
-        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL}
-        started = self._router.sandbox.spawn(command, network=self._router.network, **quiet)
-        assert started.wait() == 0
-
-    def files(self):
-        """What is in /etc, /usr and /var/run."""
-        found = set()
-        for name in ("etc", "usr", "var/run"):
-            below = (self._root / name).rglob("*")
-            found |= {str(path.relative_to(self._root)) for path in below}
-        return found
+def files(root):
+    """What is in /etc, /usr and /var/run."""
+    below = (path for name in ("etc", "usr", "var/run") for path in (root / name).rglob("*"))
+    return {str(path.relative_to(root)) for path in below}
 
 
 def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
@@ -192,13 +157,15 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
     write_program(root / "usr/bin/invoke-rc.d", INVOKE_RC_D)
     (root / "tmp/refused").touch()
     system = SmallSystem(root, lab.router.sandbox, lab.router.network)
-    dpkg = Dpkg(lab.router, root)
-    before = dpkg.files()
+    for directory in ("etc", "var/lib/dpkg/info", "var/lib/dpkg/updates"):
+        (root / directory).mkdir(parents=True)
+    (root / "var/lib/dpkg/status").touch()
+    before = files(root)
     names = {"classic": "bonjour", "standard": "bonjour-standard"}
     model = "T5140"
     for responder in ("classic", "standard", "classic"):
         since = lab.capture.mark()
-        dpkg("--install", packages[responder])
+        run_dpkg(lab.router, root, "--install", packages[responder])
         if responder == "classic":
             lab.wait_for_packet(lambda packet: packet.is_query, since)
             lab.router.end_probe()
@@ -207,19 +174,18 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
         assert system.processes()[system.pid] == [f"/{DAEMON}", model]
         has_drop_in = (root / "usr/lib/systemd/system/bonjour.service.d/standard.conf").exists()
         assert has_drop_in == (responder == "standard")
-        documents = os.listdir(root / "usr/share/doc")
-        assert documents == [names[responder]]
+        assert os.listdir(root / "usr/share/doc") == [names[responder]]
         settings = (root / DEFAULTS).read_text()
         model = "GLXE4700"
         (root / DEFAULTS).write_text(settings.replace("MODEL=T5140", f"MODEL={model}"))
     # What has given way may be purged.
     (root / "tmp/calls").unlink()
-    dpkg("--purge", "bonjour-standard")
+    run_dpkg(lab.router, root, "--purge", "bonjour-standard")
     assert not (root / "tmp/calls").exists()
     assert system.running
     assert "MODEL=GLXE4700\n" in (root / DEFAULTS).read_text()
-    dpkg("--purge", "bonjour")
-    assert dpkg.files() == before
+    run_dpkg(lab.router, root, "--purge", "bonjour")
+    assert files(root) == before
     system.wait_until(lambda: system.programs() == [], "the end of the daemon")
 
 

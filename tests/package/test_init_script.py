@@ -1,11 +1,14 @@
-"""The init script with the shells of routers and desktops.
+"""The init script with the shells of routers and desktops, and the lines of inittab on the page
+about firmware.
 
 In the daemon's place is mostly a program that does nothing and ends on SIGTERM at once: what is
 tested here is the script.
 """
 
 import os
+import pathlib
 import re
+import shutil
 import signal
 import subprocess
 
@@ -13,6 +16,7 @@ import pytest
 from small_system import DAEMON, DEFAULTS, PIDFILE, SCRIPT, SmallSystem, copy_program, install
 from small_system import lay_out, write_program
 
+PAGE = pathlib.Path(__file__).resolve().parent.parent.parent / "docs/firmware.md"
 SHELLS = ["busybox", "dash", "bash"]
 ACTIONS = "start boot stop shutdown restart force-reload run status other".split()
 FAKE_DAEMON = "/bin/sleep"
@@ -24,6 +28,7 @@ echo "$1" >> /tmp/naps
 case $1 in *.*) exit 1 ;; esac
 exec /bin/busybox sleep 0.1
 """
+TUNABLES = "GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0"
 LOCK = "var/run/bonjour.lock"
 GATE = "tmp/gate"
 # Becomes the daemon when the gate is open.
@@ -57,10 +62,6 @@ def naps(system):
     write_program(system.root / "bin/sleep", SLEEP_OF_WHOLE_SECONDS)
     noted = system.root / "tmp/naps"
     return lambda: noted.read_text().split() if noted.exists() else []
-
-
-def write_settings(system, text):
-    (system.root / DEFAULTS).write_text("MODEL=3600\n" + text)
 
 
 def freeze(system):
@@ -173,19 +174,15 @@ def test_script_may_be_called_through_a_link_and_by_a_relative_path(system):
     wait_until_gone(system)
 
 
-def test_unknown_action_names_the_known_ones(system):
-    refused = system.run(SCRIPT, "reload")
-    assert refused.returncode == 2
-    known = "start|boot|stop|shutdown|restart|force-reload|run|status"
-    assert refused.stderr == f"usage: /etc/init.d/bonjour {known}\n"
-
-
-def test_status_tells_whether_the_daemon_runs(system):
+def test_status_tells_whether_the_daemon_runs_and_another_action_which_there_are(system):
     shown = system.run(SCRIPT, "status")
     assert (shown.returncode, shown.stdout) == (3, "bonjour is not running\n")
     system.script("start")
     shown = system.run(SCRIPT, "status")
     assert (shown.returncode, shown.stdout) == (0, "bonjour is running\n")
+    refused = system.run(SCRIPT, "reload")
+    known = "start|boot|stop|shutdown|restart|force-reload|run|status"
+    assert (refused.returncode, refused.stderr) == (2, f"usage: /etc/init.d/bonjour {known}\n")
 
 
 # Two calls at once
@@ -294,57 +291,37 @@ def test_daemon_of_a_stop_that_was_killed_is_ended_before_the_next_is_started(
     assert system.pid == new
 
 
-@pytest.mark.parametrize("action", ["start", "stop", "restart", "run"])
-def test_call_gives_up_after_a_minute_of_another_one(system, naps, action):
-    sleep = SLEEP_OF_WHOLE_SECONDS.replace("sleep 0.1", "true")
-    write_program(system.root / "bin/sleep", sleep)
-    holder = system.spawn("/bin/flock", f"/{LOCK}", "/bin/cat", stdin=subprocess.PIPE)
-    system.wait_until(lambda: "cat" in system.programs(), "the lock is held")
-    refused = system.run(SCRIPT, action)
-    assert refused.returncode == 1
-    assert refused.stderr == f"bonjour: another call of {SCRIPT} has not ended for 60 s\n"
-    assert naps() == ["0.1", "1"] * 60
-    assert system.programs() == ["cat", "flock"]
-    holder.communicate()
-
-
-def test_without_flock_the_daemon_is_started_and_stopped(system):
-    (system.root / "bin/flock").unlink()
-    assert system.script("start") == 0
-    wait_until_started(system)
-    stop(system)
-
-
 # Settings
 
 
 def limits(system, pid):
-    """Address space and stack, soft and hard."""
+    """Of the stack and of the address space, soft and hard."""
     shown = system.of_process(pid, "limits").read_text()
     return re.findall(r"^Max (?:address space|stack size) +(\w+) +(\w+)", shown, re.MULTILINE)
 
 
 @with_every_shell
-@pytest.mark.parametrize("memory", ["40000", "much"])
-def test_daemon_gets_its_settings(system, memory):
-    """A limit that is not a number does not keep it from starting."""
-    tunables = "GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0"
-    write_settings(system, f"MEMORY_LIMIT={memory}\nSTACK_LIMIT=200\n{tunables}\n")
+@pytest.mark.parametrize(
+    "settings, space, stack",
+    [
+        ("MEMORY_LIMIT=40000\nSTACK_LIMIT=200\n", "40960000", "204800"),
+        ("MEMORY_LIMIT=much\nSTACK_LIMIT=200\n", None, "204800"),
+        ("", None, None),
+    ],
+    ids=["both", "one that is not a number", "none"],
+)
+def test_daemon_gets_the_limits_of_its_settings_or_else_of_its_caller(
+    system, settings, space, stack
+):
+    (system.root / DEFAULTS).write_text(f"MODEL=3600\n{TUNABLES}\n{settings}")
     assert system.script("start") == 0
     wait_until_started(system)
     (logger,) = system.processes().keys() - {system.pid}
-    stack, space = limits(system, system.pid)
-    assert stack == ("204800", "204800")
-    expected = "40960000" if memory == "40000" else limits(system, logger)[1][0]
-    assert space == (expected, expected)
-    assert limits(system, logger) == limits(system, 1)
-    assert f"\0{tunables}\0" in "\0" + system.of_process(system.pid, "environ").read_text()
-
-
-def test_daemon_keeps_the_limits_of_its_caller_without_settings(system):
-    write_settings(system, "")
-    system.script("start")
-    assert limits(system, system.pid) == limits(system, 1)
+    usual = limits(system, 1)
+    assert limits(system, logger) == usual
+    wanted = [(value, value) if value else same for value, same in zip((stack, space), usual)]
+    assert limits(system, system.pid) == wanted
+    assert f"\0{TUNABLES}\0" in system.of_process(system.pid, "environ").read_text()
 
 
 # The action run: in the foreground, for an init that starts it again
@@ -386,12 +363,6 @@ def test_run_beside_a_running_daemon_pauses_and_ends(system, naps):
     wait_until_started(system)
 
 
-def test_run_pauses_when_the_pid_file_cannot_be_written(system, naps):
-    replace_by_a_file(system, (system.root / PIDFILE).parent)
-    assert system.script("run") == 1
-    assert naps() == [str(PAUSE_SECONDS)]
-
-
 def test_stop_looks_once_a_second_where_sleep_takes_no_fractions(system, naps):
     system.script("start")
     freeze(system)
@@ -403,56 +374,84 @@ def test_stop_looks_once_a_second_where_sleep_takes_no_fractions(system, naps):
 
 # What can go wrong
 
+NOT_WRITTEN = "not started, because /var/run/bonjour.pid can't be written"
+NOT_STARTED = "/usr/sbin/bonjour could not be started"
+NOT_ENDED = f"another call of {SCRIPT} has not ended for 60 s"
+MINUTE = ["0.1", "1"] * 60
 
-def replace_by_a_file(system, place):
+
+def replace_directory_by_a_file(system):
+    place = (system.root / PIDFILE).parent
     place.rmdir()
     place.write_text("")
 
 
-def make_read_only(system, place):
-    assert system.sandbox.spawn(["mount", "-t", "tmpfs", "-o", "ro", "run", place]).wait() == 0
-
-
-def fill_up(system, place):
+def fill_directory(system):
+    place = (system.root / PIDFILE).parent
     full = f"mount -t tmpfs -o size=4k run {place} && ! yes > {place}/filled"
     assert system.sandbox.spawn(["sh", "-c", full], stderr=subprocess.DEVNULL).wait() == 0
 
 
+def hold_lock(system):
+    quick = SLEEP_OF_WHOLE_SECONDS.replace("sleep 0.1", "true")
+    write_program(system.root / "bin/sleep", quick)
+    system.spawn("/bin/flock", f"/{LOCK}", "/bin/sh", "-c", "read -r _", stdin=subprocess.PIPE)
+    system.wait_until(lambda: "flock" in system.programs(), "the lock is held")
+
+
+def replace_setsid(system):
+    (system.root / "bin/setsid").unlink()
+    write_program(system.root / "bin/setsid", "#!/bin/sh\nexec /bin/busybox sleep 3600\n")
+
+
+def break_daemon(system):
+    (system.root / DAEMON).write_text("#!/bin/missing\n")
+
+
 @pytest.mark.parametrize(
-    "system, damage",
-    [(shell, replace_by_a_file) for shell in SHELLS]
-    + [("busybox", make_read_only), ("busybox", fill_up)],
-    indirect=["system"],
+    "damage, action, complaint, pauses",
+    [
+        (replace_directory_by_a_file, "start", NOT_WRITTEN, []),
+        (fill_directory, "start", NOT_WRITTEN, []),
+        (replace_directory_by_a_file, "run", NOT_WRITTEN, [str(PAUSE_SECONDS)]),
+        (hold_lock, "start", NOT_ENDED, MINUTE),
+        (hold_lock, "stop", NOT_ENDED, MINUTE),
+        (hold_lock, "restart", NOT_ENDED, MINUTE),
+        (hold_lock, "run", NOT_ENDED, MINUTE),
+        (replace_setsid, "start", NOT_STARTED, ["0.1", "1"] * 5),
+        (break_daemon, "start", NOT_STARTED, []),
+    ],
 )
-def test_daemon_whose_pid_file_cannot_be_written_is_not_started(system, damage):
-    damage(system, (system.root / PIDFILE).parent)
-    refused = system.run(SCRIPT, "start")
-    assert refused.returncode == 1
-    assert refused.stderr == (
-        "bonjour: not started, because /var/run/bonjour.pid can't be written\n"
-    )
-    wait_until_gone(system)
-
-
-def test_missing_directory_of_the_pid_file_is_made(system):
-    (system.root / PIDFILE).parent.rmdir()
-    assert system.script("start") == 0
-    assert system.running
-    assert (system.root / LOCK).exists()
+def test_call_that_fails_says_why_and_leaves_no_daemon(
+    system, naps, damage, action, complaint, pauses
+):
+    damage(system)
+    refused = system.run(SCRIPT, action)
+    assert (refused.returncode, refused.stderr) == (1, f"bonjour: {complaint}\n")
+    assert naps() == pauses
+    system.wait_until(lambda: set(system.programs()) <= {"flock", "sh"}, "no daemon")
+    assert not (system.root / PIDFILE).exists()
 
 
 @with_every_shell
-def test_pid_file_with_the_pid_of_the_script_itself_does_not_keep_the_daemon_from_starting(system):
-    assert system.sh(f"echo $$ > /{PIDFILE} && exec {SCRIPT} start").returncode == 0
-    wait_until_started(system)
+@pytest.mark.parametrize("damage", [replace_directory_by_a_file, break_daemon])
+def test_start_that_fails_is_noticed_by_every_shell(system, damage):
+    damage(system)
+    assert system.script("start") == 1
+    wait_until_gone(system)
 
 
+@with_every_shell
 def test_stale_pid_file_does_not_keep_the_daemon_from_starting(system):
-    for content in ("1", "4096", "", "self", "bonjour"):
-        (system.root / PIDFILE).write_text(f"{content}\n")
-        assert system.script("start") == 0, content
+    """Not even with the PID of the script itself, nor does a missing directory of it."""
+    for content in ("1", "4096", "", "self", "bonjour", "$$"):
+        assert system.sh(f"echo {content} > /{PIDFILE} && exec {SCRIPT} start").returncode == 0
         wait_until_started(system)
         stop(system)
+    shutil.rmtree((system.root / PIDFILE).parent)
+    assert system.script("start") == 0
+    assert system.running
+    assert (system.root / LOCK).exists()
 
 
 def test_stop_leaves_another_program_with_the_stale_pid_alone(system):
@@ -463,25 +462,6 @@ def test_stop_leaves_another_program_with_the_stale_pid_alone(system):
     assert system.script("stop") == 0
     assert system.programs() == ["cat"]
     other.communicate()
-
-
-def test_program_that_does_not_become_the_daemon_is_killed_after_five_seconds(system, naps):
-    (system.root / "bin/setsid").unlink()
-    write_program(system.root / "bin/setsid", "#!/bin/sh\nexec /bin/busybox sleep 3600\n")
-    assert system.script("start") == 1
-    assert naps() == ["0.1", "1"] * 5
-    assert not (system.root / PIDFILE).exists()
-    wait_until_gone(system)
-
-
-@with_every_shell
-def test_daemon_that_cannot_be_executed_is_a_failure(system):
-    (system.root / DAEMON).write_text("#!/bin/missing\n")
-    refused = system.run(SCRIPT, "start")
-    assert refused.returncode == 1
-    assert refused.stderr == "bonjour: /usr/sbin/bonjour could not be started\n"
-    assert not (system.root / PIDFILE).exists()
-    wait_until_gone(system)
 
 
 @pytest.mark.parametrize("is_replaced", [True, False], ids=["replaced", "gone"])
@@ -501,3 +481,36 @@ def test_without_the_daemon_every_action_succeeds_and_says_nothing(system):
     for action in ACTIONS:
         left = system.run(SCRIPT, action)
         assert (left.returncode, left.stdout, left.stderr) == (0, "", ""), action
+
+
+# The lines of inittab, with BusyBox init as the first process of a process namespace
+
+
+@pytest.mark.seconds(10)
+def test_documented_lines_respawn_the_daemon_and_stop_it_at_the_end(system):
+    root = system.root
+    lines = re.findall(r"^::\w+:.*bonjour.*\n", PAGE.read_text(), re.MULTILINE)
+    (root / "etc/inittab").write_text("".join(lines))
+    numbered = root / PIDFILE
+    # This daemon ends by itself, at once.
+    (root / DEFAULTS).write_text("MODEL=0\n")
+    # Its root is a mount of its own, as every system's is.
+    mounts = f"mount --bind {root} {root} && mount -t proc proc {root}/proc"
+    starting = f"{mounts} && exec chroot {root} busybox init"
+    box = system.sandbox.spawn(
+        ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-c", starting],
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    )
+    system.wait_until(lambda: numbered.exists() and numbered.read_text(), "the first daemon")
+    begun = numbered.stat().st_mtime
+    # The next one lasts.
+    (root / DEFAULTS).write_text("MODEL=3600\n")
+    lasting = ["/usr/sbin/bonjour", "3600"]
+    system.wait_until(lambda: lasting in system.processes().values(), "the second daemon")
+    assert numbered.stat().st_mtime - begun >= PAUSE_SECONDS
+    (init,) = pathlib.Path(f"/proc/{box.pid}/task/{box.pid}/children").read_text().split()
+    os.kill(int(init), signal.SIGUSR2)
+    box.wait()
+    assert not numbered.exists()

@@ -1,5 +1,6 @@
 """What `cmake --install` puts where, by component and by prefix."""
 
+import filecmp
 import re
 import stat
 import subprocess
@@ -7,7 +8,7 @@ import subprocess
 import pytest
 from lab.daemon import binary, stock_build
 from responders import with_both
-from small_system import DEFAULTS, SCRIPT, SmallSystem, copy_program, install, lay_out
+from small_system import DEFAULTS, SCRIPT, install
 
 UNIT = "lib/systemd/system/bonjour.service"
 STANDARD = f"usr/{UNIT}.d/standard.conf"
@@ -26,42 +27,33 @@ STOCK_KERNEL = [
     "usr/share/man/man8/bonjour-printers.8",
 ]
 PROGRAMS = ["usr/sbin/bonjour", "usr/sbin/bonjour-printers", "etc/init.d/bonjour"]
-PREFIXES = ["/usr/local", "/opt/print services"]
 
 
 def files(root):
     return sorted(str(path.relative_to(root)) for path in root.rglob("*") if not path.is_dir())
 
 
-@pytest.mark.parametrize("component", COMPONENTS)
+@pytest.mark.parametrize("component", [*COMPONENTS, "stock-kernel"])
 def test_component_holds_its_files_and_no_other(component, tmp_path):
-    install(tmp_path, "--component", component)
-    assert files(tmp_path) == COMPONENTS[component]
+    build = stock_build() if component == "stock-kernel" else None
+    install(tmp_path, "--component", component, build=build)
+    assert files(tmp_path) == {**COMPONENTS, "stock-kernel": STOCK_KERNEL}[component]
 
 
-@with_both
-def test_all_components_are_installed_unless_one_is_chosen(tmp_path, responder):
-    build = stock_build(responder)
-    install(tmp_path / "one", "--component", "stock-kernel", build=build)
-    assert files(tmp_path / "one") == STOCK_KERNEL
-    install(tmp_path / "all", build=build)
-    more = [STANDARD] if responder == "standard" else []
-    assert files(tmp_path / "all") == sorted(sum(COMPONENTS.values(), STOCK_KERNEL + more))
-    for name in files(tmp_path / "all"):
-        mode = 0o755 if name in PROGRAMS else 0o644
-        assert stat.S_IMODE((tmp_path / "all" / name).stat().st_mode) == mode, name
+def test_all_components_are_installed_unless_one_is_chosen(tmp_path):
+    """Beside the daemon and its manual the responders differ by a drop-in of the unit."""
+    for responder, more in (("classic", []), ("standard", [STANDARD])):
+        root = tmp_path / responder
+        install(root, build=stock_build(responder))
+        assert files(root) == sorted(sum(COMPONENTS.values(), STOCK_KERNEL + more))
+        for name in files(root):
+            mode = 0o755 if name in PROGRAMS else 0o644
+            assert stat.S_IMODE((root / name).stat().st_mode) == mode, name
+    for name in {*files(tmp_path / "classic")} - {"usr/sbin/bonjour", *COMPONENTS["manual"]}:
+        assert filecmp.cmp(tmp_path / "classic" / name, root / name, shallow=False), name
 
 
-def test_files_beside_the_daemon_are_the_same_with_each_responder(tmp_path):
-    others = [*COMPONENTS["sysvinit"], *COMPONENTS["systemd"], *STOCK_KERNEL, "etc/default/bonjour"]
-    for responder in ("classic", "standard"):
-        install(tmp_path / responder, build=stock_build(responder))
-    for name in others:
-        texts = {(tmp_path / responder / name).read_text() for responder in ("classic", "standard")}
-        assert len(texts) == 1, name
-
-
-@pytest.mark.parametrize("prefix", PREFIXES)
+@pytest.mark.parametrize("prefix", ["/usr/local", "/opt/print services"])
 def test_files_name_the_programs_by_their_prefix(prefix, tmp_path):
     install(tmp_path, prefix=prefix, build=stock_build())
     below = tmp_path / prefix[1:]
@@ -82,26 +74,10 @@ def test_files_name_the_programs_by_their_prefix(prefix, tmp_path):
 
 
 def test_prefix_may_be_relative_to_where_it_is_installed_from(tmp_path):
-    subprocess.run(
-        ["cmake", "--install", binary().parent, "--prefix", "here", "--component", "systemd"],
-        cwd=tmp_path,
-        check=True,
-        stdout=subprocess.DEVNULL,
-    )
+    command = ["cmake", "--install", binary().parent, "--prefix", "here", "--component", "systemd"]
+    subprocess.run(command, cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
     unit = (tmp_path / "here" / UNIT).read_text()
     assert f'ExecStart="{tmp_path}/here/sbin/bonjour" $MODEL\n' in unit
-
-
-def test_init_script_starts_the_daemon_from_another_prefix(tmp_path, sandbox):
-    root = tmp_path / "root"
-    lay_out(root)
-    install(root, prefix="/usr/local")
-    # What stands in for the daemon does nothing.
-    copy_program("/bin/sleep", root, "usr/local/sbin/bonjour")
-    (root / DEFAULTS).write_text("MODEL=3600\n")
-    system = SmallSystem(root, sandbox)
-    assert system.script("start") == 0
-    assert system.processes()[system.pid] == ["/usr/local/sbin/bonjour", "3600"]
 
 
 def test_limits_of_the_unit_are_those_of_the_init_script(tmp_path):
@@ -122,10 +98,6 @@ def test_systemd_finds_no_fault_in_the_unit(prefix, tmp_path, responder):
     units.mkdir(parents=True, exist_ok=True)
     for target in ("basic", "network", "shutdown", "sysinit"):
         (units / f"{target}.target").write_text(f"[Unit]\nDescription={target}\n")
-    verified = subprocess.run(
-        ["systemd-analyze", "verify", "--man=no", f"--root={tmp_path}", f"{prefix}/{UNIT}"],
-        capture_output=True,
-        text=True,
-        check=False,
-    )
+    command = ["systemd-analyze", "verify", "--man=no", f"--root={tmp_path}", f"{prefix}/{UNIT}"]
+    verified = subprocess.run(command, capture_output=True, text=True, check=False)
     assert (verified.returncode, verified.stdout, verified.stderr) == (0, "", "")
