@@ -5,10 +5,9 @@ import pathlib
 import re
 import shutil
 import subprocess
-import time
 
 from lab.daemon import binary
-from lab.waiting import PATIENCE, TimedOut
+from lab.waiting import PATIENCE, wait_until
 
 CHROOT = "/usr/sbin/chroot"
 SCRIPT = "/etc/init.d/bonjour"
@@ -18,7 +17,6 @@ PIDFILE = "var/run/bonjour.pid"
 
 _APPLETS = "awk cat ln logger mkdir mkfifo mv readlink rm setsid sleep syslogd".split()
 _BOUND = 20.0
-_POLL_SECONDS = 0.01
 
 
 def install(target, *options, prefix="/usr", build=None):
@@ -78,9 +76,7 @@ class SmallSystem:
         assert sandbox.spawn(["sh", "-c", mounts]).wait() == 0
 
     def spawn(self, *command, **options):
-        return self.sandbox.spawn(
-            [CHROOT, self.root, *command], network=self._network, **options
-        )
+        return self.sandbox.spawn([CHROOT, self.root, *command], network=self._network, **options)
 
     def run(self, *command):
         """Runs a command to its end, which no process that it leaves behind delays."""
@@ -127,8 +123,4 @@ class SmallSystem:
         return self.sandbox.path(f"/proc/.kernel/{pid}/{file}")
 
     def wait_until(self, holds, what):
-        deadline = time.monotonic() + _BOUND * PATIENCE
-        while not holds():
-            if time.monotonic() > deadline:
-                raise TimedOut(f"{_BOUND * PATIENCE} s passed without: {what}")
-            time.sleep(_POLL_SECONDS)
+        wait_until(holds, what, _BOUND)
