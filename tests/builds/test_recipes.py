@@ -51,11 +51,6 @@ def test_readme_gives_an_image_with_a_stripped_daemon_and_keeps_the_symbols(chec
     assert (image / "etc/init.d/bonjour").exists()
 
 
-def test_router_preset_touches_no_other_build(checkout):
-    building.run("cmake", "--preset", "router", building.UNOPTIMISED, directory=checkout)
-    assert [path.name for path in (checkout / "build").iterdir()] == ["router"]
-
-
 @pytest.mark.seconds(10)
 def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkout, image, tmp_path):
     tools = tmp_path / "tools"
@@ -64,6 +59,8 @@ def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkou
         (tools / tool).symlink_to(shutil.which(tool))
     native, _ = blocks("docs/integration.md", "Build", "sh")
     follow(native, checkout, path=tools, image=image)
+    # Its preset touches no other build.
+    assert [path.name for path in (checkout / "build").iterdir()] == ["router"]
     program = image / "usr/sbin/bonjour"
     assert building.needs(program) == ["libc.so.6"]
     for words in building.compiled_with(checkout / "build/router").values():

@@ -34,7 +34,7 @@ def daemon(start):
 
 
 @pytest.fixture
-def announced(lab, router, daemon):
+def printing(lab, router, daemon):
     """The daemon with a printer that is announced, its senders ended."""
     router.plug_in(0)
     lab.wait_for_transmissions(wire.IPP_RECORDS)

@@ -1,6 +1,5 @@
 """Sizes in bytes of what the monitor takes from the heap, by which rules tell allocations apart."""
 
-STATUS_BUFFER = 40961
 # The text and the link to the next one.
 TXT_BUFFER = 528
 ENTRY = 232

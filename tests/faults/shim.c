@@ -269,7 +269,11 @@ void* calloc(size_t count, size_t size) {
 }
 
 void free(void* block) {
+  static __thread int depth __attribute__((tls_model("initial-exec")));
+  if (depth > 0) return; /* what looking it up gives back: the text of an earlier error */
+  ++depth;
   NEXT(free)
+  --depth;
   if (block != NULL && IsProgram(CALLER)) __atomic_fetch_sub(&board->blocks, 1, __ATOMIC_ACQ_REL);
   next(block);
 }

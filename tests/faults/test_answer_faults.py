@@ -15,17 +15,17 @@ PDL_INSTANCE = 52
 
 
 def test_service_without_memory_for_its_name_is_skipped_and_the_next_one_answered(
-    lab, board, announced, holdings
+    lab, board, printing, holdings
 ):
     board.fail("calloc", "ENOMEM", thread=ANSWERING, about=PDL_INSTANCE)
     since = lab.capture.mark()
     lab.host.send(BOTH)
-    assert announced.wait_for_line(NO_MEMORY).stream == "stderr"
+    assert printing.wait_for_line(NO_MEMORY).stream == "stderr"
     lab.wait_for_transmissions(wire.IPP_RECORDS, since)
-    usage_once_senders_ended(announced.pid)
+    usage_once_senders_ended(printing.pid)
     assert wire.PDL_RECORDS not in {packet.payload for packet in lab.sent(since)}
     assert sorted(lab.ask(BOTH)) == sorted([wire.PDL_RECORDS, wire.IPP_RECORDS])
-    assert announced.texts("stderr") == [NO_MEMORY]
+    assert printing.texts("stderr") == [NO_MEMORY]
     holdings.check()
 
 

@@ -12,20 +12,20 @@ IPP_QUESTION = packets.query(("_ipp._tcp.local", "PTR"))
 
 
 def test_printer_removed_while_the_stop_withdraws_it_is_withdrawn_once(
-    lab, router, board, announced
+    lab, router, board, printing
 ):
     since = lab.capture.mark()
     held = board.hold("calloc", thread=MONITOR, about=PDL_INSTANCE)
     withdrawn = board.observe("calloc", thread=RESPONDER, about=PDL_INSTANCE)
     router.pull_out(0)
     held.wait()
-    announced.signal(15)
+    printing.signal(15)
     withdrawn.wait()
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
     held.release()
     router.stop()
-    assert announced.texts("stderr") == []
-    assert announced.count("[Bonjour] SERVICE_REMOVE error") == 2
+    assert printing.texts("stderr") == []
+    assert printing.count("[Bonjour] SERVICE_REMOVE error") == 2
 
 
 def test_printer_that_comes_after_the_stop_has_withdrawn_all_is_not_published(
@@ -45,20 +45,20 @@ def test_printer_that_comes_after_the_stop_has_withdrawn_all_is_not_published(
     assert daemon.texts("stdout")[-2:] == ["[Bonjour] SERVICE_ADD error", NOT_REGISTERED]
 
 
-def test_printer_that_goes_during_an_answer_is_answered_first(lab, router, board, announced):
+def test_printer_that_goes_during_an_answer_is_answered_first(lab, router, board, printing):
     since = lab.capture.mark()
     held = board.hold("ioctl", thread=ANSWERING, about=SIOCGIFADDR)
     lab.host.send(IPP_QUESTION)
     held.wait()
     router.pull_out(0)
-    announced.wait_for_line(REMOVED)
+    printing.wait_for_line(REMOVED)
     lab.wait_for_transmissions(wire.PDL_GOODBYE, since)
     held.release()
     lab.wait_for_transmissions(wire.IPP_RECORDS, since)
     lab.wait_for_transmissions(wire.IPP_GOODBYE, since)
-    usage_once_senders_ended(announced.pid)
+    usage_once_senders_ended(printing.pid)
     assert lab.ask(IPP_QUESTION) == []
-    assert announced.texts("stderr") == []
+    assert printing.texts("stderr") == []
 
 
 def test_registration_under_way_at_the_stop_is_announced_and_then_withdrawn(
@@ -81,13 +81,13 @@ def test_registration_under_way_at_the_stop_is_announced_and_then_withdrawn(
 
 
 def test_answer_under_way_at_the_stop_is_sent_three_times_before_the_goodbyes(
-    lab, router, board, announced
+    lab, router, board, printing
 ):
     since = lab.capture.mark()
     held = board.hold("ioctl", thread=ANSWERING, about=SIOCGIFADDR)
     lab.host.send(IPP_QUESTION)
     held.wait()
-    announced.signal(15)
+    printing.signal(15)
     held.release()
     router.stop()
     sent = [packet.payload for packet in lab.sent(since)]

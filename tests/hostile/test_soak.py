@@ -6,7 +6,6 @@ import os
 import random
 import re
 import resource
-import threading
 import time
 
 import last_word
@@ -17,6 +16,7 @@ from lab.packaged import as_packaged
 from lab.printers import Printer
 from lab.usage import tells_memory, usage_once_senders_ended
 from lab.waiting import TimedOut
+from last_word import Asker
 from ownuser import NO_THREAD, as_own_user, limited
 
 SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "20"))
@@ -34,14 +34,14 @@ QUESTIONS = [
     packets.query(("T5140_00-11-22-AA-BB-CC.local", "A")),
     packets.query(("_ipp._tcp.local", "PTR")),
     packets.query(("_pdl-datastream._tcp.local", "PTR")),
-    packets.query(("_universal._sub._ipp._tcp.local", "PTR")),
     packets.query(("Maker 3 Model (aa:bb:cc) 3._ipp._tcp.local", "TXT")),
 ]
+ASKED_PER_SECOND = 20
 
 # Seconds from one rest to the next, and of the life that may raise the memory at rest: by then
 # every disturbance has come several times.
 REST_PERIOD = 60
-SETTLING = 300
+SETTLING = min(300, SECONDS / 4)
 # KiB by which the memory at rest may then still grow: the heap's end lies where the largest burst
 # so far has put it, and a later burst may be larger by some pages.
 MEMORY_SLACK = 64
@@ -51,88 +51,14 @@ GENTLE_RATE = 200
 LESS_THAN_A_STACK = 64 * 1024
 
 
-def printer(port):
-    return Printer(port, f"Maker {port}", "Model", "PCL,PS")
-
-
 def status_text(ports):
-    return "".join(printer(port).record() for port in sorted(ports))
-
-
-def instance(port, service):
-    return f"Maker {port} Model (aa:bb:cc) {port}.{service}.local"
-
-
-def published_ports(answers, service):
-    """The ports of the instances that browse answers name for this type."""
-    return {
-        int(record.data.partition(" Model ")[0].removeprefix("Maker "))
-        for answer in answers
-        for record in packets.parse(answer).answers
-        if record.type == "PTR" and record.name.startswith(service)
-    }
-
-
-class Present:
-    """The ports that have a printer as far as the log tells."""
-
-    def __init__(self, daemon):
-        self._daemon = daemon
-        self.known(())
-
-    def known(self, ports):
-        """From here on the log counts, and these are what it goes on from."""
-        self._ports = set(ports)
-        self._since = self._daemon.mark()
-
-    def _now(self):
-        present = set(self._ports)
-        for text in self._daemon.texts("stdout", self._since):
-            change = DEVICE_LINE.fullmatch(text)
-            if change:
-                port = int(change[2])
-                present = present | {port} if change[1] == "insert" else present - {port}
-        return present
-
-    def wait_until(self, wanted):
-        seen = self._daemon.mark()
-        while self._now() != wanted:
-            self._daemon.wait_for_line(DEVICE_LINE, since=seen)
-            seen = self._daemon.mark()
-        self.known(wanted)
+    printers = (Printer(port, f"Maker {port}", "Model", "PCL,PS") for port in sorted(ports))
+    return "".join(printer.record() for printer in printers)
 
 
 def address_space(pid):
     with open(f"/proc/{pid}/statm") as file:
         return int(file.read().split()[0]) * resource.getpagesize()
-
-
-class Asker:
-    """A host that asks twenty times a second while this is entered."""
-
-    def __init__(self, host):
-        self._host = host
-        self._done = threading.Event()
-        self._turn = threading.Lock()
-
-    def _run(self):
-        chance = random.Random(SEED)
-        while not self._done.wait(0.05):
-            with self._turn:
-                self._host.send(chance.choice(QUESTIONS))
-
-    def silent(self):
-        """Context in which it does not ask."""
-        return self._turn
-
-    def __enter__(self):
-        self._done.clear()
-        self._thread = threading.Thread(target=self._run)
-        self._thread.start()
-
-    def __exit__(self, *_):
-        self._done.set()
-        self._thread.join()
 
 
 class Life:
@@ -145,12 +71,14 @@ class Life:
         self._file = lab.router.status_file
         self._chance = random.Random(SEED)
         self._present = set()
-        self._noticed = Present(self._daemon)
+        # What the log tells from this position on is added to these.
+        self._noticed, self._since = set(), 0
         self._bears_limits = tells_memory(self._daemon.pid)
-        printers = [self._plug, self._pull, self._plug, self._pull, self._shuffle]
-        files = [self._cut, self._cut_in_place, self._garbage, self._hide]
-        rest = [self._move, self._lose_address, self._flood, self._hang_logger, self._few_threads]
-        self._steps = printers + files + rest
+        self._steps = [
+            *(self._change_one, self._change_one, self._change_many),
+            *(self._cut, self._cut_in_place, self._garbage, self._file.make_unreadable),
+            *(self._move, self._lose_address, self._flood, self._hang_logger, self._few_threads),
+        ]
         if self._bears_limits:
             self._steps.append(self._little_memory)
 
@@ -166,31 +94,38 @@ class Life:
 
     # Printers and their file
 
-    def _write(self):
-        self._file.replace(status_text(self._present))
+    def _write(self, ports):
+        self._present = set(ports)
+        self._file.replace(status_text(ports))
+
+    def _log_counts_from_here(self):
+        """With the printers that are in the file taken for noticed."""
+        self._noticed, self._since = set(self._present), self._daemon.mark()
+
+    def _notices_all(self):
+        # Lines between the two are taken twice, which changes nothing.
+        mark, texts = self._daemon.mark(), self._daemon.texts(since=self._since)
+        self._since = mark
+        for change in filter(None, map(DEVICE_LINE.fullmatch, texts)):
+            alter = self._noticed.add if change[1] == "insert" else self._noticed.discard
+            alter(int(change[2]))
+        return self._noticed == self._present
 
     def _settle(self, ports):
         """Lets just these printers be there, and waits until the daemon has noticed them. They all
         come back: one is left out if its file goes while its texts are made, or memory does."""
-        for wanted in (set(), set(ports)):
-            self._present = wanted
-            self._write()
-            self._noticed.wait_until(self._present)
-
-    def _plug(self):
-        self._present.add(self._chance.choice(PORTS))
-        self._write()
-
-    def _pull(self):
-        self._present.discard(self._chance.choice(PORTS))
-        self._write()
+        for wanted in (set(), ports):
+            self._write(wanted)
+            self._daemon.wait_until(self._notices_all, f"the printers are {wanted}")
 
     def _some_ports(self):
         return set(self._chance.sample(PORTS, self._chance.randint(0, len(PORTS))))
 
-    def _shuffle(self):
-        self._present = self._some_ports()
-        self._write()
+    def _change_one(self):
+        self._write(self._present ^ {self._chance.choice(PORTS)})
+
+    def _change_many(self):
+        self._write(self._some_ports())
 
     def _cut_text(self):
         text = status_text(self._present)
@@ -200,15 +135,12 @@ class Life:
         self._file.replace(self._cut_text())
 
     def _cut_in_place(self):
-        self._write()
+        self._write(self._present)
         self._file.rewrite(self._cut_text())
 
     def _garbage(self):
         noise = self._chance.randbytes(self._chance.choice((1, 100, 5000, 50000)))
         self._file.replace(noise.replace(b"usblp", b""))
-
-    def _hide(self):
-        self._file.make_unreadable()
 
     # The address
 
@@ -238,10 +170,10 @@ class Life:
         else:
             received = self._ask_much(HOST_QUESTION, GENTLE_RATE)
         assert received > 0
-        self._noticed.known(PORTS)
+        self._log_counts_from_here()
 
     def _wait_for_records(self, port, since, is_goodbye):
-        name = instance(port, SERVICES[0])
+        name = f"Maker {port} Model (aa:bb:cc) {port}.{SERVICES[0]}.local"
 
         def holds(packet):
             answers = () if packet.is_query else packet.message.answers
@@ -256,15 +188,11 @@ class Life:
         since = self._daemon.mark()
         with self._daemon.unread():
             received = self._ask_much(HOST_QUESTION, GENTLE_RATE)
-            unplugged = self._lab.capture.mark()
-            self._present.discard(port)
-            self._write()
-            self._wait_for_records(port, unplugged, True)
-            plugged = self._lab.capture.mark()
-            self._present.add(port)
-            self._write()
-            self._wait_for_records(port, plugged, False)
-        self._noticed.known(PORTS)
+            for ports, is_goodbye in ((set(PORTS) - {port}, True), (PORTS, False)):
+                changed = self._lab.capture.mark()
+                self._write(ports)
+                self._wait_for_records(port, changed, is_goodbye)
+        self._log_counts_from_here()
         from_flood = f" query target from {self._lab.host.address} "
         logged = sum(from_flood in text for text in self._daemon.texts("stdout", since))
         assert received > 3 * logged
@@ -304,7 +232,9 @@ class Life:
         now = usage_once_senders_ended(self._daemon.pid)
         for service in SERVICES:
             answers = self._lab.ask(packets.query((f"{service}.local", "PTR")))
-            assert published_ports(answers, service) == AT_REST
+            assert {packets.parse(answer).answers[1].data for answer in answers} == {
+                f"Maker {port} Model (aa:bb:cc) {port}.{service}.local" for port in AT_REST
+            }
         assert [text for text in self._daemon.texts() if not LINE.fullmatch(text)] == []
         self._lab.check_packets()
         self._lab.capture.forget()
@@ -322,46 +252,17 @@ def start(lab, monkeypatch):
     )
 
 
-class Rests:
-    """The daemon's usage each time that it is at rest."""
-
-    def __init__(self, life):
-        self._life = life
-        self._begun = time.monotonic()
-        self._usages = []
-
-    @property
-    def seconds(self):
-        """How old the life is."""
-        return time.monotonic() - self._begun
-
-    def take(self):
-        seconds = self.seconds
-        usage = self._life.rest()
-        print(f"{seconds:.0f} s: {usage}", flush=True)
-        self._usages.append((seconds, usage))
-
-    def check(self, tells):
-        """Raises unless they are all alike; memory, if it `tells` something, once it settled."""
-        held = {(usage.threads, usage.descriptors) for _, usage in self._usages}
-        assert len(held) == 1, held
-        settled = [
-            usage.memory
-            for seconds, usage in self._usages
-            if seconds >= min(SETTLING, SECONDS / 4)
-        ]
-        assert len(settled) > 1
-        if tells:
-            assert settled[-1] <= settled[0] + MEMORY_SLACK
-
-
 @pytest.mark.seconds(SECONDS + 20)
 def test_published_set_is_what_the_file_says_all_through_a_long_life(lab, monkeypatch):
     daemon = start(lab, monkeypatch)
-    asker = Asker(lab.add_host())
+    chance = random.Random(SEED)
+    asker = Asker(lab.add_host(), ASKED_PER_SECOND, lambda: chance.choice(QUESTIONS))
     life = Life(lab, asker)
-    rests = Rests(life)
-    rests.take()
+    begun = time.monotonic()
+    usages = []
+
+    def age():
+        return time.monotonic() - begun
 
     def live(steps):
         with asker:
@@ -369,14 +270,23 @@ def test_published_set_is_what_the_file_says_all_through_a_long_life(lab, monkey
                 step()
                 # The monitor looks once a second.
                 time.sleep(1)
-        rests.take()
+        seconds = age()
+        usages.append((seconds, life.rest()))
+        print(f"{seconds:.0f} s: {usages[-1][1]}", flush=True)
 
+    live([])
     live(life.each_once())
     end = 0
     while end < SECONDS:
-        end = min(SECONDS, rests.seconds + REST_PERIOD)
-        live(life.any_while(lambda: rests.seconds < end))
-    rests.check(tells_memory(daemon.pid))
+        end = min(SECONDS, age() + REST_PERIOD)
+        live(life.any_while(lambda: age() < end))
+
+    held = {(usage.threads, usage.descriptors) for _, usage in usages}
+    assert len(held) == 1, held
+    settled = [usage.memory for seconds, usage in usages if seconds >= SETTLING]
+    assert len(settled) > 1
+    if tells_memory(daemon.pid):
+        assert settled[-1] <= settled[0] + MEMORY_SLACK
 
     since = lab.capture.mark()
     lab.router.stop()
