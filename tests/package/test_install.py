@@ -88,6 +88,8 @@ def test_limits_of_the_unit_are_those_of_the_init_script(tmp_path):
     for setting, limit in (("MEMORY_LIMIT", "LimitAS"), ("STACK_LIMIT", "LimitSTACK")):
         number, unit_of_it = re.search(rf"^{limit}=(\d+)([KM])$", unit, re.MULTILINE).groups()
         assert f"\n{setting}={int(number) * kibibytes[unit_of_it]}\n" in settings
+    (stop,) = re.findall(r"^TimeoutStopSec=(\d+)$", unit, re.MULTILINE)
+    assert f"\nSTOP_SECONDS={stop}\n" in (tmp_path / SCRIPT[1:]).read_text()
 
 
 @with_both
