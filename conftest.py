@@ -13,8 +13,9 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parent
 sys.path[:0] = [str(ROOT / name) for name in ("", "tests", "tools")]
 
-import wire  # noqa: E402
 from lab import Lab  # noqa: E402
+from lab.dual import DualLab  # noqa: E402
+from responders import PATHS  # noqa: E402
 from runner import inherited  # noqa: E402
 
 # Seconds before a test is given up, on a machine that is many times too busy.
@@ -22,6 +23,8 @@ TIMEOUT = 600
 TIMEOUT_FACTOR = 15
 SECONDS = 3
 SANITIZED = ("debug", "tsan")
+
+LABS = {"classic": Lab, "standard": DualLab}
 
 _failed = pytest.StashKey()
 _build = pytest.StashKey()
@@ -122,10 +125,16 @@ def _kept(request):
 
 
 @pytest.fixture
-def lab(request):
+def responder():
+    """The responder of the lab's routers; responders.with_both gives a test each in turn."""
+    return "classic"
+
+
+@pytest.fixture
+def lab(request, responder):
     """A link with one router and one host; @pytest.mark.lab(...) says what is different."""
     mark = request.node.get_closest_marker("lab")
-    with Lab(**(mark.kwargs if mark else {})) as made:
+    with LABS[responder](**(mark.kwargs if mark else {})) as made:
         finished = False
         try:
             yield made
@@ -168,30 +177,30 @@ def daemon(router):
 
 
 @pytest.fixture
-def daemon_with_printer(lab, router):
+def daemon_with_printer(lab, router, responder):
     """The daemon, up, with the printer HP Model 12 at port 0 published and all announced."""
     router.plug_in(0)
     started = router.start()
-    for payload in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
-        lab.wait_for_transmissions(payload)
+    PATHS[responder].wait_until_announced(lab)
     return started
 
 
 @pytest.fixture
-def announcement(lab):
-    """Waits for the announcement of a service of a type, and gives its message."""
+def announced(lab):
+    """Waits until a response has a record of this type whose owner ends like that; its data."""
 
-    def is_one(packet, service_type):
-        answers = packet.message.answers
-        # An answer about the host name has one record.
-        return not packet.is_query and answers[1:] and answers[1].name == service_type
+    def wait(owner, rrtype):
+        def data(packet):
+            records = () if packet.is_query else packet.message.answers
+            named = (one for one in records if one.ttl and one.name.endswith(owner))
+            return [one.data for one in named if one.type == rrtype]
 
-    return lambda service_type: lab.wait_for_packet(
-        lambda packet: is_one(packet, service_type)
-    )[0].message
+        return data(lab.wait_for_packet(data)[0])[0]
+
+    return wait
 
 
 @pytest.fixture
-def announced_txt(announcement):
-    """As announcement(), but gives its TXT strings."""
-    return lambda service_type: announcement(service_type).answers[3].data
+def announced_txt(announced):
+    """The TXT strings of the first announcement of a service of a type."""
+    return lambda service_type: announced(service_type, "TXT")

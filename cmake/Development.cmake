@@ -39,13 +39,17 @@ endforeach()
 
 if(BONJOUR_LAB)
   add_subdirectory(lab)
-  # The daemon for a stock kernel, and what is installed with it.
-  add_custom_target(stock_build
-    COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock
-      -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
-      -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
-    COMMAND ${CMAKE_COMMAND} --build stock
-    VERBATIM)
+  # The daemon for a stock kernel with each responder, and what is installed with it.
+  set(building_stock)
+  foreach(responder ${responders})
+    list(APPEND building_stock
+      COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR} -B stock/${responder}
+        -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
+        -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DBONJOUR_STOCK_KERNEL=ON
+        -DBONJOUR_RESPONDER=${responder}
+      COMMAND ${CMAKE_COMMAND} --build stock/${responder})
+  endforeach()
+  add_custom_target(stock_build ${building_stock} VERBATIM)
   if(NOT BONJOUR_SANITIZE)
     add_dependencies(lab_tests stock_build)
   endif()

@@ -32,9 +32,9 @@ def binary():
     return pathlib.Path(os.environ.get("BONJOUR", root / "build/release/bonjour")).resolve()
 
 
-def stock_build():
-    """Where the build for a stock kernel is, beside the daemon's own."""
-    return binary().parent / "stock"
+def stock_build(responder="classic"):
+    """Where the build for a stock kernel with this responder is, below the daemon's own."""
+    return binary().parent / "stock" / responder
 
 
 def has_sanitizer():

@@ -60,7 +60,7 @@ class Demo:
     """Milliseconds of a step count from what triggers it: the daemon's start, a change of the
     printer status file, a question on the link, the signal to stop."""
 
-    # How often a packet that tells of a service is sent, and in how many a printer's goodbye goes.
+    # How often a packet about a service is sent, and in how many a printer's goodbye goes.
     transmissions = TRANSMISSIONS
     goodbyes = len(SERVICES) * TRANSMISSIONS
 

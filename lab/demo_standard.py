@@ -1,5 +1,5 @@
 """The demonstration behind ./demo --standard: the same story with the standard responder, and what
-it does more."""
+that one does beyond it."""
 
 import sys
 import time
@@ -22,7 +22,7 @@ class StandardDemo(Demo):
         self.make_bridge_again()
 
     def ask_from_a_phone(self):
-        print_title("A phone asks, from a port of its own, and each answer comes to it alone")
+        print_title("A phone asks from a port of its own, and is answered by unicast")
         phone = self.lab.add_asker()
         name = f"{self.router.daemon.device_name}.local"
         for family in FAMILIES:
@@ -36,17 +36,17 @@ class StandardDemo(Demo):
                 print_step(answer.time - asked.time, f"{rrtype}, asked by {way}: {data}")
 
     def make_bridge_again(self):
-        print_title("The router's bridge is deleted and made again")
+        print_title("The router's bridge is deleted and re-created")
         name = f"{self.router.daemon.device_name}.local"
         self.router.delete_bridge()
         mark, start = self.lab.capture.mark(), time.time()
         self.lab.add_bridge_again()
         probe = self._wait(lambda packet: packet.is_query, mark)[0]
-        print_step(probe.time - start, "it asks again who has its names")
+        print_step(probe.time - start, "the router probes for its names again")
         announced = self._wait(
             lambda packet: is_response(packet) and has_record_of(name)(packet), mark
         )[0]
-        print_step(announced.time - start, "and announces them to all hosts")
+        print_step(announced.time - start, "it announces them to all hosts")
         self._ask(name, "A", f"what is the address of {name}?", has_record_of(name))
 
 

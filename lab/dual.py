@@ -182,6 +182,7 @@ class DualLab(Lab):
         super().__init__(**rest)
         try:
             self.router.program = program()
+            self.router.probe_can_be_cut_short = False
             self.router.addresses.insert(0, LOCAL)
             self.router.addresses[0:0] = [one.partition("/")[0] for one in addresses]
             if rest.get("bridge", True):
@@ -205,7 +206,7 @@ class DualLab(Lab):
 
     def start(self, *arguments, **rest):
         """Starts the daemon; without `ready=False` its name is claimed then."""
-        return self.router.start(*arguments, fast=False, **rest)
+        return self.router.start(*arguments, **rest)
 
     def add_bridge_again(self):
         """Makes br0 as it was."""
@@ -213,6 +214,11 @@ class DualLab(Lab):
         enable_ipv6(self.router.network, BRIDGE, f"{GLOBAL}/64")
 
     # What the router sends
+
+    def check_packets(self, pcap=None):
+        for packet in self.sent():
+            assert packet.ttl == 255, f"RFC 6762, section 11: {packet}"
+        super().check_packets(pcap)
 
     def heard(self, since=0, family=None, wanted=lambda packet: True):
         return [

@@ -5,6 +5,7 @@ import contextlib
 import re
 
 from lab import packets
+from lab.browser import IPP, RAW
 from lab.capture import MDNS_PORT, Capture
 from lab.host import Host
 from lab.link import SWITCH, Link
@@ -78,6 +79,16 @@ class Lab:
     def sent(self, since=0, until=None):
         """The packets that the routers have sent so far, or up to the mark `until`."""
         return self.capture.seen(self.from_router, since, until)
+
+    def services(self, since=0):
+        """The names of the services that the routers have published so far."""
+        return {
+            record.data
+            for packet in self.sent(since)
+            if not packet.is_query
+            for record in packet.message.answers
+            if record.name in (IPP, RAW) and record.ttl
+        }
 
     def wait_for_packet(self, wanted, since=0, count=1, bound=10.0):
         """The first `count` packets of a router that are the bytes `wanted`, or for which the

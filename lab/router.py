@@ -33,6 +33,8 @@ class Router:
         self._printers = {}
         self._devices = {}
         self.program = None
+        # Whether packets of the bystander end a probe.
+        self.probe_can_be_cut_short = True
         self.daemon = None
         self.daemons = []
 
@@ -122,7 +124,7 @@ class Router:
         )
         self.daemons.append(self.daemon)
         if ready:
-            if fast:
+            if fast and self.probe_can_be_cut_short:
                 self._capture.wait_for(
                     lambda packet: packet.source == self.address and packet.is_query,
                     since=before,

@@ -77,7 +77,7 @@ void Lose(LinkWatch& watch) {
 void HandleLinkMessage(LinkWatch& watch, std::string_view name, const nlmsghdr& message,
                        Piece body) {
   ifinfomsg info;
-  // The bridge itself tells of its ports in the same words, under a family of its own.
+  // The bridge announces its ports in messages of the same type, under a family of its own.
   if (!TakeHeader(body, info) || info.ifi_family != AF_UNSPEC || info.ifi_index <= 0) return;
   if (message.nlmsg_type == RTM_DELLINK) {
     if (info.ifi_index == watch.index) Lose(watch);
@@ -115,7 +115,7 @@ void HandleLinkMessage(LinkWatch& watch, std::string_view name, const nlmsghdr& 
     if (info.ifi_index == watch.index) Lose(watch);
     return;
   }
-  // The kernel tells of a carrier late, and of one that came back at once only by this count.
+  // The kernel reports a carrier late, and one that came back at once only by this count.
   if (!link.isUp || carrierChanges != watch.carrierChanges) watch.wasDown = true;
   watch.carrierChanges = carrierChanges;
   if (info.ifi_index == watch.index) {

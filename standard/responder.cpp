@@ -20,6 +20,7 @@
 #include "standard/core.h"
 #include "standard/netlink.h"
 #include "standard/process.h"
+#include "standard/services.h"
 #include "standard/sockets.h"
 
 namespace {
@@ -342,6 +343,10 @@ bool AreParamsValid(const char* name, const char* type, const char* domain, cons
   return false;
 }
 
+void ReportService(const char* name, const char* type, const char* domain, const char* state) {
+  LogLine({"[Bonjour] this service: ", name, " ", type, " ", domain, state});
+}
+
 }  // namespace
 
 void* BonjourServiceInit(void* argument) {
@@ -383,11 +388,13 @@ uint32_t RegisterOneService(const char* serviceName, const char* serviceType,
                             uint32_t port) {
   if (!AreParamsValid(serviceName, serviceType, serviceDomain, txt, txtLength, port)) return 0;
   coreMutex.Lock();
+  const bool isThere = IsServiceOffered(core, serviceName, serviceType);
   const bool isAdded = isTakingServices && AddService(core, serviceName, serviceType,
                                                       {txt, static_cast<size_t>(txtLength)},
                                                       static_cast<uint16_t>(port), Now());
   if (isAdded) Wake();
   coreMutex.Unlock();
+  if (isThere) ReportService(serviceName, serviceType, serviceDomain, " is already registered");
   if (!isAdded) LogLine("[Bonjour] SERVICE_ADD error");
   return isAdded ? 1 : 0;
 }
@@ -397,9 +404,11 @@ uint32_t UnRegisterOneService(const char* serviceName, const char* serviceType,
                               uint32_t port) {
   if (!AreParamsValid(serviceName, serviceType, serviceDomain, txt, txtLength, port)) return 0;
   coreMutex.Lock();
+  const bool isThere = IsServiceOffered(core, serviceName, serviceType);
   const bool isRemoved = isTakingServices && RemoveService(core, serviceName, serviceType, Now());
   if (isRemoved) Wake();
   coreMutex.Unlock();
+  if (!isThere) ReportService(serviceName, serviceType, serviceDomain, " is not registered");
   if (!isRemoved) LogLine("[Bonjour] SERVICE_REMOVE error");
   return isRemoved ? 1 : 0;
 }

@@ -295,6 +295,12 @@ bool IsDue(const T& leaving, int64_t now) {
 
 }  // namespace
 
+bool IsServiceOffered(const Core& core, std::string_view instance, std::string_view type) {
+  ServiceType parsed;
+  return ParseType(type, parsed) &&
+         FindOffered(core, FindDevice(core, instance), parsed) != kServicesMax;
+}
+
 bool InsertService(Core& core, std::string_view instance, std::string_view type,
                    std::string_view txt, uint16_t port, int64_t now) {
   ServiceType parsed;

@@ -14,6 +14,9 @@ bool InsertService(Core& core, std::string_view instance, std::string_view type,
                    std::string_view txt, uint16_t port, int64_t now);
 bool WithdrawService(Core& core, std::string_view instance, std::string_view type, int64_t now);
 
+/// Whether this service is offered: added, and not withdrawn since.
+bool IsServiceOffered(const Core& core, std::string_view instance, std::string_view type);
+
 /// An address comes, or goes with its goodbyes. False when it is there already, or is not.
 bool InsertAddress(Core& core, const Address& address);
 bool WithdrawAddress(Core& core, const Address& address, int64_t now);

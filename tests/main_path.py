@@ -40,12 +40,16 @@ LINES = Counter(
 )
 
 
+def wait_until_announced(lab, since=0):
+    for packet in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
+        lab.wait_for_transmissions(packet, since)
+
+
 def plug_in(lab):
     """Plugs the printer in and waits until both services are announced."""
     since = lab.capture.mark()
     lab.router.plug_in(0)
-    for packet in (wire.PDL_PROBE, wire.PDL_RECORDS, wire.IPP_PROBE, wire.IPP_RECORDS):
-        lab.wait_for_transmissions(packet, since)
+    wait_until_announced(lab, since)
 
 
 def wait_for_goodbyes(lab, since):
@@ -88,3 +92,10 @@ def walk(lab, wrapper=()):
     lab.router.stop()
     wait_for_goodbyes(lab, since)
     return sent(lab), lines(lab)
+
+
+def check(lab, wrapper=()):
+    """Walks, and holds what was sent and printed against the above."""
+    found, printed = walk(lab, wrapper)
+    assert found == PACKETS
+    assert printed == LINES

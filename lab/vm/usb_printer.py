@@ -26,7 +26,7 @@ _CONTROL_HEADER = struct.Struct("<BBBBHHH")
 _BULK_HEADER = struct.Struct("<BBHIH")
 _SUCCESS, _CANCELLED, _STALL = 0, 1, 4
 _HIGH_SPEED = 2
-_SLOTS = 32  # endpoints and interfaces that the protocol tells of
+_SLOTS = 32  # endpoints and interfaces that the protocol allows for
 _TYPE_CONTROL, _TYPE_BULK, _TYPE_NONE = 0, 2, 255
 
 # USB requests: request type, request.

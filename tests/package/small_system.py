@@ -5,10 +5,9 @@ import pathlib
 import re
 import shutil
 import subprocess
-import time
 
-from lab.daemon import binary, stock_build
-from lab.waiting import PATIENCE, TimedOut
+from lab.daemon import binary
+from lab.waiting import PATIENCE, wait_until
 
 CHROOT = "/usr/sbin/chroot"
 SCRIPT = "/etc/init.d/bonjour"
@@ -18,19 +17,22 @@ PIDFILE = "var/run/bonjour.pid"
 
 _APPLETS = "awk cat ln logger mkdir mkfifo mv readlink rm setsid sleep syslogd".split()
 _BOUND = 20.0
-_POLL_SECONDS = 0.01
 
 
-def install(target, *options, prefix="/usr", stock_kernel=False):
-    """`cmake --install` of the build that the daemon under test is of, into `target`; with
-    `stock_kernel` of the build for such kernels."""
-    build = stock_build() if stock_kernel else binary().parent
+def install(target, *options, prefix="/usr", build=None):
+    """`cmake --install` into `target`, of the build of the daemon under test or of another one."""
     subprocess.run(
-        ["env", f"DESTDIR={target}", "cmake", "--install", build]
+        ["env", f"DESTDIR={target}", "cmake", "--install", build or binary().parent]
         + ["--prefix", prefix, "--strip", *options],
         check=True,
         stdout=subprocess.DEVNULL,
     )
+
+
+def write_program(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(text)
+    path.chmod(0o755)
 
 
 def copy_program(program, root, to):
@@ -74,9 +76,7 @@ class SmallSystem:
         assert sandbox.spawn(["sh", "-c", mounts]).wait() == 0
 
     def spawn(self, *command, **options):
-        return self.sandbox.spawn(
-            [CHROOT, self.root, *command], network=self._network, **options
-        )
+        return self.sandbox.spawn([CHROOT, self.root, *command], network=self._network, **options)
 
     def run(self, *command):
         """Runs a command to its end, which no process that it leaves behind delays."""
@@ -123,8 +123,4 @@ class SmallSystem:
         return self.sandbox.path(f"/proc/.kernel/{pid}/{file}")
 
     def wait_until(self, holds, what):
-        deadline = time.monotonic() + _BOUND * PATIENCE
-        while not holds():
-            if time.monotonic() > deadline:
-                raise TimedOut(f"{_BOUND * PATIENCE} s passed without: {what}")
-            time.sleep(_POLL_SECONDS)
+        wait_until(holds, what, _BOUND)

@@ -10,18 +10,16 @@ import stat
 import subprocess
 
 import pytest
-from lab.daemon import binary, stock_build
-from small_system import SmallSystem, install, lay_out
+from lab.daemon import stock_build
+from responders import with_both
+from small_system import SmallSystem, install, lay_out, write_program
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 OPENWRT = ROOT / "packaging/openwrt/bonjour"
 BUILDROOT = ROOT / "packaging/buildroot"
 RECIPES = ROOT / "packaging/yocto/recipes-connectivity/bonjour"
-
-
-def version():
-    cache = (binary().parent / "CMakeCache.txt").read_text()
-    return re.search(r"^CMAKE_PROJECT_VERSION:\w+=(.*)$", cache, re.MULTILINE)[1]
+PROJECT = (ROOT / "CMakeLists.txt").read_text()
+VERSION = re.search(r"^project\(bonjour VERSION (\S+)", PROJECT, re.MULTILINE)[1]
 
 
 def files(root):
@@ -36,7 +34,7 @@ def files(root):
     return found
 
 
-def run(*command, **options):
+def run(*command):
     """What the command prints."""
     ended = subprocess.run(
         [str(word) for word in command],
@@ -44,7 +42,6 @@ def run(*command, **options):
         stderr=subprocess.STDOUT,
         text=True,
         check=False,
-        **options,
     )
     assert ended.returncode == 0, ended.stdout
     return ended.stdout
@@ -54,7 +51,7 @@ def run(*command, **options):
 
 # A package of one variant, whose CMake project is in PKG_BUILD_DIR, configured and installed with
 # Ninja, with flags as OpenWrt has them on devices.
-OPENWRT_RULES = r"""
+OPENWRT_MACROS = r"""
 INCLUDE_DIR := $(TOPDIR)
 PKG_BUILD_DIR = $(TOPDIR)/build_dir/$(PKG_NAME)-$(PKG_VERSION)
 PKG_INSTALL_DIR = $(PKG_BUILD_DIR)/ipkg-install
@@ -64,8 +61,7 @@ INSTALL_DATA := install -m0644
 INSTALL_CONF := install -m0600
 TARGET_CFLAGS := -Os -pipe -march=native -fno-caller-saves -fno-plt -fstack-protector \
   -D_FORTIFY_SOURCE=1 -Wl,-z,now -Wl,-z,relro
-"""
-OPENWRT_PACKAGE = r"""
+
 define BuildPackage
 $(if $(findstring VARIANT:=$(BUILD_VARIANT),$(value Package/$(1))),$(eval $(call Build,$(1))))
 endef
@@ -78,32 +74,27 @@ install: ; $$(Build/Install)
 package: ; $$(call Package/$(1)/install,$$(TOPDIR)/package)
 show: ; @: $$(info $$($$(SHOWN)))
 endef
-"""
-OPENWRT_CMAKE = """
+
 define Build/Configure
-\tcd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \\
-\t  -DCMAKE_C_FLAGS_RELEASE=-DNDEBUG -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG \\
-\t  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
+cd $(PKG_BUILD_DIR) && cmake -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_C_FLAGS_RELEASE=-DNDEBUG -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG \
+  -DCMAKE_C_FLAGS="$(TARGET_CFLAGS)" -DCMAKE_CXX_FLAGS="$(TARGET_CFLAGS)" $(CMAKE_OPTIONS) .
 endef
 define Build/Compile
-\tcmake --build $(PKG_BUILD_DIR)
+cmake --build $(PKG_BUILD_DIR)
 endef
 define Build/Install
-\t$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
+$(if $(PKG_INSTALL),DESTDIR=$(PKG_INSTALL_DIR) cmake --build $(PKG_BUILD_DIR) --target install)
 endef
 """
 
 
 class OpenWrt:
-    def __init__(self, top):
+    def __init__(self, top, variant):
         self.top = top
-        self.variant = "classic"
+        self.variant = variant
         top.mkdir()
-        for name, text in (
-            ("rules", OPENWRT_RULES),
-            ("package", OPENWRT_PACKAGE),
-            ("cmake", OPENWRT_CMAKE),
-        ):
+        for name, text in (("rules", OPENWRT_MACROS), ("package", ""), ("cmake", "")):
             (top / f"{name}.mk").write_text(text)
 
     def make(self, *words):
@@ -116,34 +107,31 @@ class OpenWrt:
 
 
 @pytest.fixture
-def openwrt(tmp_path):
-    return OpenWrt(tmp_path / "openwrt")
+def openwrt(tmp_path, responder):
+    return OpenWrt(tmp_path / "openwrt", responder)
 
 
-def test_openwrt_package_says_what_it_is(openwrt):
+@pytest.mark.parametrize(
+    "responder, package, others",
+    [("classic", "bonjour", ""), ("standard", "bonjour-standard", "bonjour")],
+)
+def test_openwrt_package_says_what_it_is(openwrt, responder, package, others):
     assert openwrt.value("PKG_NAME") == "bonjour"
-    assert openwrt.value("PKG_VERSION") == version()
+    assert openwrt.value("PKG_VERSION") == VERSION
     assert openwrt.value("CATEGORY") == "Network"
     assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
-    assert openwrt.value("Package/bonjour/conffiles") == "/etc/default/bonjour"
+    assert openwrt.value("PROVIDES") == openwrt.value("CONFLICTS") == others
+    assert openwrt.value(f"Package/{package}/conffiles") == "/etc/default/bonjour"
     assert (ROOT / openwrt.value("PKG_LICENSE_FILES")).exists()
 
 
-def test_openwrt_has_a_package_with_the_standard_responder(openwrt):
-    openwrt.variant = "standard"
-    assert openwrt.value("PROVIDES") == openwrt.value("CONFLICTS") == "bonjour"
-    assert openwrt.value("DEPENDS") == "+kmod-usb-printer"
-    assert openwrt.value("Package/bonjour-standard/conffiles") == "/etc/default/bonjour"
-    assert "sbin/bonjour" in openwrt.value("Package/bonjour-standard/install")
-    assert openwrt.value("CMAKE_OPTIONS") == (
-        "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_RESPONDER=standard"
-    )
-
-
 @pytest.mark.seconds(30)
-def test_openwrt_package_is_built_of_the_tree_and_holds_the_daemon(openwrt):
+@pytest.mark.parametrize(
+    "responder", ["standard", pytest.param("classic", marks=pytest.mark.whole)]
+)
+def test_openwrt_package_is_built_of_the_tree_and_holds_the_daemon(openwrt, responder):
     openwrt.make("prepare")
-    sources = openwrt.top / f"build_dir/bonjour-{version()}"
+    sources = openwrt.top / f"build_dir/bonjour-{VERSION}"
     assert not (sources / "build").exists() and not (sources / ".git").exists()
     assert "were not used" not in openwrt.make("configure")
     openwrt.make("compile")
@@ -164,6 +152,8 @@ def test_openwrt_package_is_built_of_the_tree_and_holds_the_daemon(openwrt):
         assert (package / name).read_bytes() == (installed / name).read_bytes(), name
     hotplug = package / "etc/hotplug.d/usbmisc/bonjour"
     assert hotplug.read_bytes() == (installed / "usr/share/bonjour/hotplug-usbmisc").read_bytes()
+    is_standard = b"AF_NETLINK" in (package / "usr/sbin/bonjour").read_bytes()
+    assert is_standard == (responder == "standard")
     script = (package / "etc/init.d/bonjour").read_text()
     assert script.startswith("#!/bin/sh /etc/rc.common\n")
 
@@ -185,17 +175,11 @@ def procd(tmp_path, sandbox):
     """Calls a function of procd's script with these settings; the lines that say what it did."""
     root = tmp_path / "root"
     lay_out(root)
-    (root / "etc/init.d").mkdir(parents=True)
-    (root / "etc/default").mkdir()
-    (root / "etc/rc.common").write_text(RC_COMMON)
-    (root / "etc/rc.common").chmod(0o755)
-    script = root / "etc/init.d/bonjour"
-    script.write_bytes((OPENWRT / "files/bonjour.init").read_bytes())
-    script.chmod(0o755)
-    printers = root / "usr/sbin/bonjour-printers"
-    printers.parent.mkdir(parents=True)
-    printers.write_text("#!/bin/sh\necho \"bonjour-printers [$*]\"\n")
-    printers.chmod(0o755)
+    (root / "etc/default").mkdir(parents=True)
+    write_program(root / "etc/rc.common", RC_COMMON)
+    write_program(root / "etc/init.d/bonjour", (OPENWRT / "files/bonjour.init").read_text())
+    printers = '#!/bin/sh\necho "bonjour-printers [$*]"\n'
+    write_program(root / "usr/sbin/bonjour-printers", printers)
     system = SmallSystem(root, sandbox)
 
     def call(function, settings=None):
@@ -208,34 +192,28 @@ def procd(tmp_path, sandbox):
     return call
 
 
-COMMAND = "set_param [command] [/usr/sbin/bonjour]"
-UPDATE = "bonjour-printers [update]"
-
-
-def test_procd_starts_the_daemon_with_its_settings(procd):
-    settings = "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n"
+@pytest.mark.parametrize(
+    "settings, argument, given",
+    [
+        (None, "", []),
+        (
+            "MODEL=GLXE4700\nMEMORY_LIMIT=65536\nSTACK_LIMIT=256\nGLIBC_TUNABLES=a.b=0\n",
+            " [GLXE4700]",
+            [
+                "set_param [env] [GLIBC_TUNABLES=a.b=0]",
+                "set_param [limits] [as=67108864 67108864] [stack=262144 262144]",
+            ],
+        ),
+    ],
+    ids=["none", "all"],
+)
+def test_procd_starts_the_daemon_with_its_settings(procd, settings, argument, given):
     assert procd("start_service", settings) == [
         "1 95 05",
-        UPDATE,
+        "bonjour-printers [update]",
         "open_instance",
-        f"{COMMAND} [GLXE4700]",
-        "set_param [env] [GLIBC_TUNABLES=a.b=0]",
-        "set_param [limits] [as=67108864 67108864] [stack=262144 262144]",
-        "set_param [respawn] [3600] [5] [0]",
-        "set_param [netdev] [br0]",
-        "set_param [stdout] [1]",
-        "set_param [stderr] [1]",
-        "set_param [term_timeout] [5]",
-        "close_instance",
-    ]
-
-
-def test_procd_starts_the_daemon_without_settings(procd):
-    assert procd("start_service") == [
-        "1 95 05",
-        UPDATE,
-        "open_instance",
-        COMMAND,
+        f"set_param [command] [/usr/sbin/bonjour]{argument}",
+        *given,
         "set_param [respawn] [3600] [5] [0]",
         "set_param [netdev] [br0]",
         "set_param [stdout] [1]",
@@ -266,69 +244,59 @@ show: ; @: $(info $($(SHOWN)))
 """
 
 
-class Buildroot:
-    def __init__(self, directory):
-        self.target = directory / "target"
-        self._makefile = directory / "Makefile"
-        self._makefile.write_text(BUILDROOT_MAKEFILE)
+@pytest.fixture
+def buildroot(tmp_path, responder):
+    """Makes a target of the package's Makefile, with that responder's build; what is printed."""
+    (tmp_path / "Makefile").write_text(BUILDROOT_MAKEFILE)
+    build = stock_build(responder)
 
-    def make(self, *words):
+    def make(*words):
         return run(
-            *("make", "-s", "-f", self._makefile, f"D={stock_build()}"),
-            *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", f"TARGET_DIR={self.target}"),
-            *('BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"', *words),
+            *("make", "-s", "-f", tmp_path / "Makefile", f"D={build}"),
+            *(f"TARGET_DIR={tmp_path}/target", 'BR2_PACKAGE_BONJOUR_MODEL="GLXE4700"'),
+            *(f"BR2_EXTERNAL_BONJOUR_PATH={BUILDROOT}", *words),
         )
 
-    def value(self, variable):
-        kind, *value = self.make("show", f"SHOWN={variable}").splitlines()
-        assert kind == "cmake-package"
-        return "\n".join(value)
-
-    def install(self, *steps):
-        for step in steps:
-            self.make(stock_build() / step)
+    return make
 
 
-@pytest.fixture
-def buildroot(tmp_path):
-    return Buildroot(tmp_path)
+def buildroot_value(make, variable, *words):
+    kind, *value = make("show", f"SHOWN={variable}", *words).splitlines()
+    assert kind == "cmake-package"
+    return "\n".join(value)
 
 
 def test_buildroot_package_says_what_it_is(buildroot):
-    assert buildroot.value("BONJOUR_VERSION") == version()
-    assert pathlib.Path(buildroot.value("BONJOUR_SITE")).resolve() == ROOT
-    assert buildroot.value("BONJOUR_SITE_METHOD") == "local"
-    assert (ROOT / buildroot.value("BONJOUR_LICENSE_FILES")).exists()
-
-
-def test_buildroot_package_asks_the_kernel_for_its_driver_and_multicast(buildroot):
-    options = buildroot.value("BONJOUR_LINUX_CONFIG_FIXUPS").split()
-    assert options == [
+    assert buildroot_value(buildroot, "BONJOUR_VERSION") == VERSION
+    assert pathlib.Path(buildroot_value(buildroot, "BONJOUR_SITE")).resolve() == ROOT
+    assert buildroot_value(buildroot, "BONJOUR_SITE_METHOD") == "local"
+    assert (ROOT / buildroot_value(buildroot, "BONJOUR_LICENSE_FILES")).exists()
+    # The name in the paths.
+    assert (BUILDROOT / "external.desc").read_text().startswith("name: BONJOUR\ndesc: ")
+    # Asked of the kernel: its driver, and multicast.
+    assert buildroot_value(buildroot, "BONJOUR_LINUX_CONFIG_FIXUPS").split() == [
         *("CONFIG_NET", "CONFIG_INET", "CONFIG_IP_MULTICAST"),
         *("CONFIG_USB_SUPPORT", "CONFIG_USB", "CONFIG_USB_PRINTER"),
     ]
 
 
-def test_buildroot_package_for_busybox_holds_what_cmake_installs(buildroot, tmp_path):
-    buildroot.install("target", "sysv")
-    whole = tmp_path / "whole"
-    for component in ("runtime", "stock-kernel", "sysvinit"):
-        install(whole, "--component", component, stock_kernel=True)
-    assert files(buildroot.target) == {**files(whole), "etc/init.d/S95bonjour": "bonjour"}
-
-
-def test_buildroot_package_for_systemd_holds_what_cmake_installs(buildroot, tmp_path):
-    buildroot.install("target", "systemd")
-    whole = tmp_path / "whole"
-    for component in ("runtime", "stock-kernel", "systemd"):
-        install(whole, "--component", component, stock_kernel=True)
-    assert files(buildroot.target) == files(whole)
-
-
-def test_buildroot_sets_the_model_alone(buildroot):
-    buildroot.install("target")
+@with_both
+@pytest.mark.parametrize(
+    "init, component, link",
+    [("sysv", "sysvinit", {"etc/init.d/S95bonjour": "bonjour"}), ("systemd", "systemd", {})],
+)
+def test_buildroot_package_holds_what_cmake_installs(
+    buildroot, tmp_path, responder, init, component, link
+):
+    build = stock_build(responder)
+    buildroot(build / "target", build / init)
+    target, whole = tmp_path / "target", tmp_path / "whole"
+    for name in ("runtime", "stock-kernel", component):
+        install(whole, "--component", name, build=build)
+    assert files(target) == {**files(whole), **link}
+    # With the model as it is set.
     ours = (ROOT / "packaging/bonjour.default").read_text()
-    set_up = (buildroot.target / "etc/default/bonjour").read_text()
+    set_up = (target / "etc/default/bonjour").read_text()
     assert set_up == ours.replace("MODEL=T5140\n", "MODEL=GLXE4700\n") != ours
 
 
@@ -337,6 +305,7 @@ TOOLCHAIN = ["BR2_INSTALL_LIBSTDCPP", "BR2_TOOLCHAIN_GCC_AT_LEAST_8", "BR2_TOOLC
 
 @pytest.fixture
 def menu(tmp_path, monkeypatch):
+    """Buildroot's menu, with such a toolchain and the package."""
     # Tests are listed where nothing but the build's packages is installed.
     import kconfiglib
 
@@ -346,9 +315,14 @@ def menu(tmp_path, monkeypatch):
     above.write_text(symbols + 'source "$BR2_EXTERNAL_BONJOUR_PATH/Config.in"\n')
     made = kconfiglib.Kconfig(above, warn_to_stderr=False)
     assert made.warnings == []
-    for name in TOOLCHAIN:
+    for name in [*TOOLCHAIN, "BR2_PACKAGE_BONJOUR"]:
         made.syms[name].set_value("y")
     return made
+
+
+def chosen(menu):
+    names = ("", "_CLASSIC", "_STANDARD", "_MODEL")
+    return [menu.syms[f"BR2_PACKAGE_BONJOUR{name}"].str_value for name in names]
 
 
 def says_what_is_missing(menu):
@@ -358,50 +332,38 @@ def says_what_is_missing(menu):
     return expr_value(comment.dep) != 0
 
 
-def test_buildroot_offers_the_package_and_its_model(menu):
-    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
-    assert menu.syms["BR2_PACKAGE_BONJOUR"].str_value == "y"
-    assert menu.syms["BR2_PACKAGE_BONJOUR_MODEL"].str_value == "T5140"
+def test_buildroot_offers_the_package_its_model_and_two_responders(menu, buildroot):
+    assert chosen(menu) == ["y", "y", "n", "T5140"]
     assert not says_what_is_missing(menu)
-
-
-def test_buildroot_offers_two_responders(menu, buildroot):
-    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
-    assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "y"
-    stock_kernel = "-DBONJOUR_STOCK_KERNEL=ON"
-    chosen = f"{stock_kernel} -DBONJOUR_RESPONDER=classic"
-    assert buildroot.value("BONJOUR_CONF_OPTS") == chosen
     menu.syms["BR2_PACKAGE_BONJOUR_STANDARD"].set_value("y")
-    assert menu.syms["BR2_PACKAGE_BONJOUR_CLASSIC"].str_value == "n"
-    said = buildroot.make("BR2_PACKAGE_BONJOUR_STANDARD=y", "show", "SHOWN=BONJOUR_CONF_OPTS")
-    assert said.split()[-1] == "-DBONJOUR_RESPONDER=standard"
+    assert chosen(menu) == ["y", "n", "y", "T5140"]
+    for words, responder in (([], "classic"), (["BR2_PACKAGE_BONJOUR_STANDARD=y"], "standard")):
+        assert buildroot_value(buildroot, "BONJOUR_CONF_OPTS", *words) == (
+            f"-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_RESPONDER={responder}"
+        )
 
 
 @pytest.mark.parametrize("missing", TOOLCHAIN)
 def test_buildroot_says_what_the_toolchain_lacks(menu, missing):
     menu.syms[missing].set_value("n")
-    menu.syms["BR2_PACKAGE_BONJOUR"].set_value("y")
     assert menu.syms["BR2_PACKAGE_BONJOUR"].str_value == "n"
     assert says_what_is_missing(menu)
-
-
-def test_buildroot_knows_the_external_tree_by_the_name_in_its_paths():
-    lines = (BUILDROOT / "external.desc").read_text().splitlines()
-    assert [line.split(":")[0] for line in lines] == ["name", "desc"]
-    assert lines[0] == "name: BONJOUR"
 
 
 # Yocto
 
 # A variable, or a flag of one.
 NAME = r"[\w:${}]+(?:\[[\w.-]+\])?"
+SERIES = ["kirkstone", "langdale", "mickledore", "nanbield"]  # 4.0 to 4.3
+SERIES += ["scarthgap", "styhead", "walnascar", "whinlatter"]  # 5.0 to 5.3
+SERIES += ["wrynose", "blacksail"]  # 6.0, 6.1
 
 
 @pytest.fixture
 def recipe():
     """The recipe's variables, and the classes that it inherits."""
     (path,) = RECIPES.glob("*.bb")
-    assert path.name == f"bonjour_{version()}.bb"
+    assert path.name == f"bonjour_{VERSION}.bb"
     text = path.read_text()
     found = dict(re.findall(rf'^({NAME}) (?:\?\?)?= "(.*)"$', text, re.MULTILINE))
     found["inherit"] = re.search(r"^inherit (.*)$", text, re.MULTILINE)[1].split()
@@ -410,36 +372,41 @@ def recipe():
     return found
 
 
-def test_yocto_recipe_installs_what_it_names(recipe, tmp_path):
+@pytest.mark.parametrize("configuration", ["", "standard"])
+def test_yocto_recipe_installs_what_it_names(recipe, tmp_path, configuration):
     build = tmp_path / "build"
     root = tmp_path / "root"
     units = "/lib/systemd/system"
-    options = recipe["EXTRA_OECMAKE"].replace("${systemd_system_unitdir}", units).split()
+
+    def resolved(variable):
+        text = recipe[variable].replace("${systemd_system_unitdir}", units)
+        return text.replace("${prefix}", "/usr").replace("${datadir}", "/usr/share").split()
+
+    assert recipe["PACKAGECONFIG"] == ""
+    options = recipe["PACKAGECONFIG[standard]"].split(",")
     # As the class cmake passes them.
+    options = [*resolved("EXTRA_OECMAKE"), options[0 if configuration else 1]]
     options += ["-DCMAKE_INSTALL_PREFIX:PATH=/usr", "-DCMAKE_INSTALL_SBINDIR:PATH=sbin"]
     said = run("cmake", "-G", "Ninja", "-S", ROOT, "-B", build, *options)
     assert "were not used" not in said
     for component in ("sysvinit", "systemd"):
-        run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", component)
+        install(root, "--component", component, build=build)
+    unit = f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}"
+    drop_in = {f"{unit}.d/standard.conf": 0o644} if configuration else {}
     assert files(root) == {
         f"etc/init.d/{recipe['INITSCRIPT_NAME']}": 0o755,
-        f"{units[1:]}/{recipe['SYSTEMD_SERVICE:${PN}']}": 0o644,
+        unit: 0o644,
+        **drop_in,
         "usr/lib/udev/rules.d/70-bonjour.rules": 0o644,
     }
-    run("env", f"DESTDIR={root}", "cmake", "--install", build, "--component", "stock-kernel")
-    named = recipe["FILES:${PN}:append"].replace("${systemd_system_unitdir}", units)
-    named = named.replace("${prefix}", "/usr").replace("${datadir}", "/usr/share").split()
-    # These are in the package without being named.
-    named += ["/etc", "/usr/sbin", "/usr/share/man"]
+    install(root, "--component", "stock-kernel", build=build)
+    # The others are in the package without being named.
+    named = (*resolved("FILES:${PN}:append"), "/etc", "/usr/sbin", "/usr/share/man")
     for name in files(root):
-        assert f"/{name}".startswith(tuple(named)), name
+        assert f"/{name}".startswith(named), name
     install(tmp_path / "runtime", "--component", "runtime")
     kept = recipe["CONFFILES:${PN}"].replace("${sysconfdir}", "etc")
     assert kept in files(tmp_path / "runtime")
-
-
-def test_yocto_recipe_starts_the_daemon_late_and_stops_it_early(recipe):
-    assert recipe["INITSCRIPT_PARAMS"] == "defaults 95 05"
 
 
 def test_yocto_recipe_builds_the_tree_around_it(recipe):
@@ -448,6 +415,7 @@ def test_yocto_recipe_builds_the_tree_around_it(recipe):
     assert (RECIPES / up).resolve() == ROOT
     # Links to the build, which would be left in the tree.
     assert recipe["EXTERNALSRC_SYMLINKS"] == ""
+    assert recipe["INITSCRIPT_PARAMS"] == "defaults 95 05"
 
 
 def test_yocto_recipe_names_the_file_that_grants_no_licence(recipe):
@@ -459,25 +427,10 @@ def test_yocto_recipe_names_the_file_that_grants_no_licence(recipe):
     assert recipe["LIC_FILES_CHKSUM"] == f"file://LICENSE;md5={checksum}"
 
 
-SERIES = ["kirkstone", "langdale", "mickledore", "nanbield"]  # 4.0 to 4.3
-SERIES += ["scarthgap", "styhead", "walnascar", "whinlatter"]  # 5.0 to 5.3
-SERIES += ["wrynose", "blacksail"]  # 6.0, 6.1
-
-
-def test_yocto_layer_is_for_every_series_since_4_0():
-    configuration = (ROOT / "packaging/yocto/conf/layer.conf").read_text()
-    lines = re.findall(r'^LAYERSERIES_COMPAT_bonjour \+?= "(.*)"$', configuration, re.MULTILINE)
-    assert " ".join(lines).split() == SERIES
-
-
-def test_yocto_recipe_offers_the_standard_responder(recipe):
-    assert recipe["PACKAGECONFIG"] == ""
-    chosen, other = recipe["PACKAGECONFIG[standard]"].split(",")
-    assert (chosen, other) == ("-DBONJOUR_RESPONDER=standard", "-DBONJOUR_RESPONDER=classic")
-
-
-def test_yocto_layer_finds_the_recipe():
+def test_yocto_layer_is_for_every_series_since_4_0_and_finds_the_recipe():
     layer = ROOT / "packaging/yocto"
     configuration = (layer / "conf/layer.conf").read_text()
+    lines = re.findall(r'^LAYERSERIES_COMPAT_bonjour \+?= "(.*)"$', configuration, re.MULTILINE)
+    assert " ".join(lines).split() == SERIES
     (pattern,) = re.findall(r'^BBFILES \+= "\$\{LAYERDIR\}/(.*)"$', configuration, re.MULTILINE)
     assert list(layer.glob(pattern)) == list(RECIPES.glob("*.bb"))

@@ -24,7 +24,7 @@ check_options() {
 }
 
 refuse_option() {
-  echo "$0: $1; --help tells of those there are" >&2
+  echo "$0: $1; --help lists the options" >&2
   exit 2
 }
 

@@ -33,7 +33,7 @@ def test_arguments_without_a_sense_are_refused(run, stand_ins, arguments, told):
     status, output, errors = run("./test", *arguments.split(), environment=stand_ins(**NOTHING))
     assert (status, output) == (2, "")
     assert told in errors
-    assert errors.endswith("./test --help tells of the arguments\n")
+    assert errors.endswith("./test --help describes the arguments\n")
     assert errors.count("\n") == 2
 
 
@@ -46,7 +46,7 @@ def test_arguments_without_a_sense_are_refused(run, stand_ins, arguments, told):
 def test_unknown_option_is_refused_before_anything_is_installed(run, stand_ins, command):
     status, output, errors = run(*command.split(), environment=stand_ins(**NOTHING))
     assert (status, output) == (2, "")
-    assert "--help tells of those there are\n" in errors
+    assert "--help lists the options\n" in errors
     assert errors.count("\n") == 1
 
 

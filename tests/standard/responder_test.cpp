@@ -97,7 +97,10 @@ TEST_F(ResponderTest, ServiceIsRegisteredOnceAndWithdrawnOnce) {
   EXPECT_EQ(Register("A"), 0u);
   const std::string lines = output.Stdout();
   const std::string end =
-      "[Bonjour] SERVICE_ADD error\n[Bonjour] SERVICE_REMOVE error\n"
+      "[Bonjour] this service: A _ipp._tcp .local is already registered\n"
+      "[Bonjour] SERVICE_ADD error\n"
+      "[Bonjour] this service: A _ipp._tcp .local is not registered\n"
+      "[Bonjour] SERVICE_REMOVE error\n"
       "[Bonjour] SERVICE_ADD error\n";
   EXPECT_EQ(lines.substr(lines.size() - end.size()), end);
 }

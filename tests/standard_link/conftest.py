@@ -3,8 +3,8 @@
 import re
 
 import pytest
-from lab.dual import FAMILIES, DualLab, program
-from lab.capture import MDNS_PORT
+from lab.dual import FAMILIES, IPP, DualLab, program
+from lab.printers import Printer
 
 # Beside the daemon, as the captures of other tests in the lab: tshark looks at all of them.
 BUILD = program().parent
@@ -12,9 +12,6 @@ BUILD = program().parent
 
 def _finish(lab, name):
     """What holds for everything that was ever sent, and for the daemon's end."""
-    for packet in lab.sent():
-        assert packet.ttl == 255, f"RFC 6762, section 11: {packet}"
-        assert packet.source_port == MDNS_PORT
     for router in lab.routers:
         if router.daemon is not None and router.daemon.running:
             router.stop()
@@ -44,6 +41,18 @@ def served(request):
         lab.router.plug_in(0)
         lab.start()
         lab.wait_for_announcements()
+        yield from _serve(lab, request)
+
+
+@pytest.fixture(scope="module")
+def ten(request):
+    """A lab whose router has published ten printers."""
+    with DualLab() as lab:
+        lab.router.plug_in_all(Printer(port) for port in range(10))
+        lab.start()
+        for port in range(10):
+            for family in FAMILIES:
+                lab.wait_for_record(IPP.replace(" 0.", f" {port}."), "SRV", family=family)
         yield from _serve(lab, request)
 
 

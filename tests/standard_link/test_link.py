@@ -141,13 +141,16 @@ def test_without_a_bridge_it_waits_and_starts_when_there_is_one(dual):
 
 def test_ipv4_alone_and_ipv6_alone(family):
     addresses = {"ipv4": {"address": f"{IPV4}/24"}, "ipv6": {"address": None}}[family]
+    rrtype = "A" if family == "ipv4" else "AAAA"
     with DualLab(**addresses) as lab:
         if family == "ipv4":
             set_ipv6(lab.router.network, "br0", False)
         lab.router.addresses.append(IPV4)
         lab.start()
         packet = lab.ask(query(HOST, "ANY", QU), family, alone=True)
-        assert {one.type for one in packet.message.answers} == (
-            {"A"} if family == "ipv4" else {"AAAA"}
-        )
+        assert {one.type for one in packet.message.answers} == {rrtype}
+        # An address brings word that there is none of the other family (section 6.2).
+        packet = lab.ask(query(HOST, rrtype, QU), family, alone=True)
+        (nsec,) = [one for one in packet.message.additional if one.type == "NSEC"]
+        assert nsec.name == HOST and nsec.data.split()[1:] == [rrtype]
         lab.router.stop()

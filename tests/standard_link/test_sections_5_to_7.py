@@ -1,11 +1,15 @@
 """Answering, as RFC 6762 has it from section 5 to section 7."""
 
+import time
+
 import pytest
 from lab.dual import (
     ANY,
+    FAMILIES,
     FLUSH,
     GLOBAL,
     HOST,
+    IN,
     IPP,
     IPV4,
     LOCAL,
@@ -83,6 +87,17 @@ def test_section_6_txt_begins_with_txtvers(served, family):
     assert "rp=USB1_LQ" in txt.data
 
 
+def test_rfc_6763_section_6_strings_of_a_txt_record_have_at_most_255_bytes(dual, family):
+    dual.router.plug_in(0, commands="A," * 19 + "A")
+    dual.start()
+    packet = dual.wait_for_record(IPP, "TXT", family=family)[0]
+    (txt,) = answers(packet, IPP, "TXT")
+    pdl = "pdl=" + ",".join(["application/A"] * 20)
+    assert len(pdl) > 255
+    assert txt.data[2] == pdl[:255]
+    assert all(1 <= len(text) <= 255 for text in txt.data)
+
+
 def test_section_6_any_names_all_of_a_name(served, family):
     packet = served.ask(query(HOST, "ANY", QU), family)
     assert {one.type for one in packet.message.answers} == {"A", "AAAA"}
@@ -113,7 +128,14 @@ def test_section_6_1_type_that_a_unique_name_lacks_is_denied(
 
 def test_section_6_nothing_negative_for_shared_names(served, family):
     assert not served.hears_nothing(
-        [query(IPP_TYPE, "A"), query(SERVICES, "TXT"), query("_tcp.local", "PTR")], family
+        [
+            query(IPP_TYPE, "A"),
+            query(SERVICES, "TXT"),
+            query("_tcp.local", "PTR"),
+            # Claimed, and not offered (RFC 6763, section 8).
+            query("_printer._tcp.local", "PTR"),
+        ],
+        family,
     )
 
 
@@ -267,6 +289,20 @@ def test_section_6_7_question_from_another_port(served, family, owner, rrtype, d
         assert not one.cache_flush
 
 
+@pytest.mark.seconds(40)
+def test_section_5_4_after_a_quarter_of_the_ttl_the_answer_goes_to_all(dual):
+    dual.start()
+    dual.wait_for_record(HOST, "A", family="ipv6", count=2)
+    since = dual.capture.mark()
+    dual.rest("ipv6", HOST)
+    # A quarter of 120 s after the last multicast; nothing is said meanwhile.
+    time.sleep(30)
+    assert dual.heard(since) == []
+    for family in FAMILIES:
+        assert is_multicast(dual.ask(query(HOST, "A", QU), family))
+        assert not is_multicast(dual.ask(query(HOST, "A", QU), family, alone=True))
+
+
 def test_section_6_7_aaaa_is_answered_or_denied(served, family):
     packet = served.ask(query(HOST, "AAAA", ident=7), family, port=0)
     assert {one.data for one in packet.message.answers} == {GLOBAL, LOCAL}
@@ -289,6 +325,26 @@ def test_section_7_1_known_answer_is_known_by_name_and_data(served, family):
         assert served.ask(query(IPP_TYPE, "PTR", QU, answers=[known]), family)
 
 
+@pytest.mark.parametrize("rrclass", [IN, QU], ids=["to all", "to the asker"])
+def test_section_7_1_known_answer_is_left_out_of_the_others(served, family, rrclass):
+    served.rest(family, IPP_TYPE, PDL_TYPE)
+    questions = [question(name, "PTR", rrclass) for name in (PDL_TYPE, IPP_TYPE)]
+    known = record(IPP_TYPE, "PTR", packets.name(IPP), 2250)
+    packet = served.ask(message(questions, answers=[known]), family)
+    assert is_multicast(packet) == (rrclass == IN)
+    assert has(packet, PDL_TYPE, "PTR") and not has(packet, IPP_TYPE, "PTR")
+
+
+def test_section_7_1_known_answers_count_for_their_asker_alone(served, family):
+    other = served.askers[1] if len(served.askers) > 1 else served.add_asker()
+    served.rest(family, IPP_TYPE)
+    since = served.capture.mark()
+    other.send(query(IPP_TYPE, "PTR"), family)
+    known = record(IPP_TYPE, "PTR", packets.name(IPP), 4500)
+    served.asker.send(query(IPP_TYPE, "PTR", answers=[known]), family)
+    served.wait_for_record(IPP_TYPE, "PTR", since, family)
+
+
 def test_section_7_2_known_answers_follow_in_further_packets(served, family):
     questions = [question(IPP_TYPE, "PTR"), question(PDL_TYPE, "PTR")]
     since = served.capture.mark()
@@ -304,6 +360,21 @@ def test_section_7_2_truncated_question_is_answered_after_400_to_500_ms(served, 
     payload = query(SERVICES, "PTR", flags=TRUNCATED)
     (delay,) = delays(served, served.asker, family, payload, 1)
     assert 0.399 <= delay < 1.0
+
+
+def test_section_7_2_each_further_truncated_packet_extends_the_wait(served, family):
+    served.rest(family, SERVICES)
+    since = served.capture.mark()
+    served.asker.send(query(SERVICES, "PTR", flags=TRUNCATED), family)
+    # Well within the wait: the moment is the subject.
+    time.sleep(0.3)
+    known = record(SERVICES, "PTR", packets.name(PDL_TYPE), 4500)
+    further = message(answers=[known], flags=TRUNCATED)
+    served.asker.send(further, family)
+    packet = served.wait_for_record(SERVICES, "PTR", since, family)[0]
+    sent = served.capture.seen(lambda one: one.payload == further, since)[0]
+    assert packet.time - sent.time >= 0.399
+    assert {one.data for one in answers(packet, SERVICES, "PTR")} == {IPP_TYPE}
 
 
 def test_section_7_4_answer_of_another_host_suppresses_ones_own(served, family):

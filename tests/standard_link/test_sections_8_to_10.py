@@ -1,7 +1,10 @@
 """Claiming names and giving them back, as RFC 6762 has it in sections 8 to 10."""
 
+import time
+
 import pytest
 from lab.dual import (
+    FAMILIES,
     FLUSH,
     HOST,
     IN,
@@ -22,7 +25,9 @@ from lab.dual import (
     srv,
 )
 from lab import packets
+from lab.waiting import PATIENCE
 
+IPP_TYPE = "_ipp._tcp.local"
 RENAMED_HOST = HOST.replace(".local", "-1.local")
 RENAMED_IPP = IPP.replace(" 0.", " 0 (2).")
 # A loser of a comparison waits for this long (section 8.2).
@@ -47,10 +52,18 @@ def proposed(packet, owner):
     return {(one.type, one.data) for one in packet.message.authority if one.name == owner}
 
 
+def flushing(packet):
+    """The unique records that a response announces."""
+    return () if packet.is_query else [one for one in packet.message.answers if one.cache_flush]
+
+
 def test_section_8_1_names_are_probed_three_times(dual, family):
     dual.router.plug_in(0)
     dual.start(ready=False)
     sent = probes(dual, HOST, family=family, count=3)
+    # After a random delay of at most 250 ms.
+    connected = dual.router.daemon.wait_for_line("[Bonjour] Interface: br0 is connected")
+    assert sent[0].time - connected.time < 0.25 + 0.1 * PATIENCE
     for packet in sent:
         assert is_multicast(packet)
         (one,) = [each for each in packet.message.questions if each.name == HOST]
@@ -103,7 +116,7 @@ def test_section_8_1_host_name_in_use_gets_a_number(dual, family, answer):
     dual.router.wait_for_banner()
     assert f"{dual.router.daemon.device_name}.local" == RENAMED_HOST
     assert not dual.heard(since, wanted=lambda one: has(one, HOST, "A"))
-    # The reverse name tells of the new one.
+    # The reverse name leads to the new one.
     packet = dual.ask(query("1.77.168.192.in-addr.arpa", "PTR", QU), family, alone=True)
     assert packet.message.answers[0].data == RENAMED_HOST
 
@@ -168,8 +181,7 @@ def test_section_8_1_probe_for_an_own_name_is_denied_at_once(served, family):
             assert IPV4 in {one.data for one in packet.message.answers}
 
 
-def test_section_8_1_after_fifteen_conflicts_each_attempt_waits_five_seconds(dual):
-    family = "ipv4"
+def test_section_8_1_after_fifteen_conflicts_each_attempt_waits_five_seconds(dual, family):
     since = dual.capture.mark()
     dual.start(ready=False)
     number = 0
@@ -190,8 +202,9 @@ def test_section_8_1_after_fifteen_conflicts_each_attempt_waits_five_seconds(dua
 
 
 def test_section_9_conflict_over_the_host_name_is_probed_again(dual, family):
+    dual.router.plug_in(0)
     dual.start()
-    dual.wait_for_record(HOST, "A", family=family, count=2)
+    dual.wait_for_announcements(families=[family])
     since = dual.capture.mark()
     rival = response(record(HOST, "A", a("192.168.77.99"), rrclass=1 | FLUSH))
     dual.asker.send(rival, family)
@@ -199,6 +212,9 @@ def test_section_9_conflict_over_the_host_name_is_probed_again(dual, family):
     dual.asker.send(rival, family)
     probes(dual, RENAMED_HOST, since, family, 3)
     dual.wait_for_record(RENAMED_HOST, "A", since, family)
+    # That changes the data of every SRV record (section 8.4).
+    target = (631, RENAMED_HOST)
+    dual.wait(lambda one: target in {each.data for each in flushing(one)}, since, family)
     dual.router.daemon.wait_for_line(
         f"[Bonjour] default device name = {RENAMED_HOST.removesuffix('.local')}"
     )
@@ -214,7 +230,7 @@ def test_section_9_conflict_over_srv_is_probed_again(dual, family):
     probes(dual, IPP, since, family)
     dual.asker.send(rival, family)
     dual.wait_for_record(RENAMED_IPP, "SRV", since, family)
-    # A shared record that tells of the old name is taken back.
+    # A shared record that leads to the old name is taken back.
     gone = dual.wait(
         lambda one: any(
             each.ttl == 0 and each.data == IPP for each in one.message.answers if not one.is_query
@@ -233,14 +249,46 @@ def test_section_9_identical_data_are_no_conflict(served, family):
     assert not served.heard(since, wanted=lambda one: one.is_query)
 
 
-@pytest.mark.parametrize("ttl", [0, 59])
+@pytest.mark.parametrize(
+    "owner, rrtype, rdata, rrclass, ttl, true_ttl",
+    [
+        (HOST, "A", a(IPV4), IN | FLUSH, 0, 120),
+        (HOST, "A", a(IPV4), IN | FLUSH, 59, 120),
+        (IPP_TYPE, "PTR", packets.name(IPP), IN, 0, 4500),
+    ],
+)
 def test_section_6_6_and_10_1_record_of_another_with_a_lower_ttl_is_put_right(
-    served, family, ttl
+    served, family, owner, rrtype, rdata, rrclass, ttl, true_ttl
 ):
     since = served.capture.mark()
-    low = response(record(HOST, "A", a(IPV4), ttl=ttl, rrclass=1 | FLUSH))
-    served.asker.send(low, family)
-    served.wait_for_record(HOST, "A", since, family, ttl=120)
+    served.asker.send(response(record(owner, rrtype, rdata, ttl, rrclass)), family)
+    served.wait_for_record(owner, rrtype, since, family, ttl=true_ttl)
+
+
+@pytest.mark.seconds(20)
+def test_section_8_4_changes_are_announced_at_most_ten_times_a_minute(dual):
+    network = dual.router.network
+    added = [f"192.168.78.{number}" for number in range(1, 13)]
+    network.ip(*(f"addr add {address}/32 dev br0" for address in added))
+    dual.start()
+    dual.wait_for_record(HOST, "A", family="ipv4", count=2)
+    for address in added:
+        network.ip(f"addr del {address}/32 dev br0")
+        # Each could be announced at once: a second has passed since the last (section 6).
+        time.sleep(1)
+    for family in FAMILIES:
+        said = dual.heard(0, family, lambda one: is_multicast(one) and has(one, HOST, "A"))
+        assert 5 < len(said) <= 10
+        packet = dual.ask(query(HOST, "A", QU), family, alone=True)
+        assert not set(added) & {one.data for one in packet.message.answers}
+
+
+def test_rfc_6763_section_4_1_control_characters_do_not_get_into_names(dual, family):
+    dual.router.plug_in(0, "A\tB", "C\x1b\x7fD")
+    dual.start()
+    packet = dual.wait_for_record(IPP_TYPE, "PTR", family=family)[0]
+    names = {one.data for one in packet.message.answers if one.name == IPP_TYPE}
+    assert names == {f"A B C  D (aa:bb:cc) 0.{IPP_TYPE}"}
 
 
 def test_section_10_1_printer_that_goes_gets_a_goodbye(dual, family):

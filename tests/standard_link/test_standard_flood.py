@@ -18,17 +18,18 @@ BROWSE = "_ipp._tcp.local"
 
 
 def flood(lab, kinds, seconds):
-    """Each host asks every kind in turn, RATE questions a second together."""
+    """Each host asks every kind in turn, RATE questions a second together, or as many as a busy
+    machine can send: there are always as many in all."""
     begun = time.monotonic()
     sent = 0
-    while (elapsed := time.monotonic() - begun) < seconds:
-        while sent < elapsed * RATE:
+    while sent < RATE * seconds:
+        elapsed = time.monotonic() - begun
+        while sent < min(elapsed, seconds) * RATE:
             asker = lab.askers[sent % HOSTS]
             payload, family, port = kinds[sent % len(kinds)]
             asker.send(payload, family, port)
             sent += 1
         time.sleep(0.001)
-    return sent
 
 
 @pytest.mark.seconds(20)
@@ -53,13 +54,12 @@ def test_flood_leaves_memory_flat_and_the_link_in_peace(dual):
     flood(dual, kinds, 0.5)
     before = usage(daemon.pid)
     since = dual.capture.mark()
-    sent = flood(dual, kinds, SECONDS)
+    flood(dual, kinds, SECONDS)
     # It answers on, and is asked once more than it may answer a host.
     dual.asker.send(query(HOST, "AAAA"), "ipv4")
     dual.wait_for_record(HOST, "AAAA", dual.capture.mark())
     after = usage(daemon.pid)
-    print(f"{sent} questions, {before} before, {after} after")
-    assert sent >= RATE * SECONDS * 0.9
+    print(f"{before} before, {after} after")
     assert (after.threads, after.descriptors) == (before.threads, before.descriptors)
     if tells_memory(daemon.pid):
         assert after.memory <= before.memory + 16

@@ -1,4 +1,4 @@
-"""What does not depend on the responder, through the standard one: lines, printers, files."""
+"""Printers, and the lines that they give. What holds for both responders is in tests/system."""
 
 import re
 
@@ -47,26 +47,3 @@ def test_ten_printers_at_once_are_all_published(dual):
     dual.router.daemon.wait_until(lambda: wanted <= published(), "all printers")
     packet = dual.ask(query(IPP_TYPE, "PTR", QU), "ipv4", alone=True)
     assert {one.data for one in packet.message.answers} <= wanted
-
-
-def test_status_file_that_cannot_be_opened_keeps_printers_published(dual):
-    dual.router.plug_in(0)
-    daemon = dual.start()
-    dual.wait_for_announcements(families=["ipv4"])
-    since = dual.capture.mark()
-    dual.router.status_file.remove()
-    daemon.wait_for_line('[Bonjour] Can not open "/proc/printer_status"')
-    packet = dual.ask(query(IPP, "SRV", QU), "ipv4", alone=True)
-    assert packet.message.answers[0].ttl == 120
-    assert not dual.heard(since, wanted=lambda one: any(each.ttl == 0 for each in answers(one)))
-
-
-def answers(packet):
-    return () if packet.is_query else packet.message.answers
-
-
-def test_model_comes_from_the_printer_where_the_file_has_none(dual):
-    dual.router.connect_device(0, "MFG:HP;MODEL:Model 12;CMD:PJL,PCL;")
-    dual.router.plug_in(0, model="")
-    dual.start()
-    dual.wait(lambda one: not one.is_query and b"\x0bty=Model 12" in one.payload)

@@ -1,4 +1,5 @@
-"""Links of the pages lead somewhere, no limit on them is missed, and their pictures are small."""
+"""Links of the pages lead somewhere, tests that they name exist, no limit on them is missed, and
+their pictures are small."""
 
 import pathlib
 import re
@@ -34,6 +35,23 @@ def test_links_lead_somewhere():
     ]
     assert links
     assert [(page.name, link) for page, link in links if is_dead(page, link)] == []
+
+
+def test_conformance_names_tests_that_exist():
+    page = (ROOT / "docs/conformance.md").read_text()
+    folders = "|".join(path.name for path in (ROOT / "tests").iterdir())
+    named = re.findall(rf"`({folders})/(\w+)`(?:: ([^`;.|]*))?", page)
+    assert named
+    for folder, module, words in named:
+        names = (f"test_{module}.py", f"{module}_test.cpp")
+        (path,) = filter(pathlib.Path.exists, (ROOT / "tests" / folder / name for name in names))
+        text = re.sub(r"\W|_", "", path.read_text()).lower()
+        for word in words.split(", "):
+            assert re.sub(r"\W|_", "", word).lower() in text, f"{path.name}: {word}"
+    sections = re.findall(r"`((?:rfc_6763_)?section_\w+)`", page)
+    assert sections
+    tests = "".join(path.read_text() for path in ROOT.glob("tests/standard_link/*.py"))
+    assert [name for name in sections if f"def test_{name}" not in tests] == []
 
 
 def test_no_limit_is_missed():

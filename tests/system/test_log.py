@@ -7,6 +7,7 @@ import os
 import pytest
 import wire
 from lab.waiting import TimedOut
+from responders import with_both
 
 FIFO = "/dev/.log"
 PAGE = 4096
@@ -62,11 +63,14 @@ def test_logger_that_hangs_changes_nothing(lab, router):
         assert all(line.startswith(b"[") for line in read.splitlines())
 
 
+@with_both
 @pytest.mark.parametrize("closed", ["0<&- 1>&- 2>&-", "1>&-"], ids=["all", "output"])
 def test_closed_standard_descriptors_are_not_given_to_sockets_and_devices(lab, router, closed):
     router.connect_device(0, "MFG:HP;MODEL:Model 12;CMD:PJL,PCL;")
     router.plug_in(0, model="")
-    daemon = start_unread(lab, ["sh", "-c", f'exec "$0" "$@" {closed}'])
-    lab.wait_for_packet(lambda packet: b"\x0bty=Model 12" in packet.payload, count=6)
+    daemon = router.start(ready=False, wrapper=["sh", "-c", f'exec "$0" "$@" {closed}'])
+    lab.wait_for_packet(lambda packet: packet.is_query)
+    router.end_probe()
+    lab.wait_for_packet(lambda packet: b"\x0bty=Model 12" in packet.payload, count=2)
     for part in closed.split():
         assert os.readlink(f"/proc/{daemon.pid}/fd/{part[0]}") == "/dev/null"

@@ -46,7 +46,7 @@ def end_pass(lab, router, number, label):
 
 
 def test_conflict_gives_the_next_number_and_another_pass_begins_with_the_first(
-    lab, router, host, probing, announcement
+    lab, router, host, probing, announced
 ):
     host.send(SAME)
     (conflict,) = lab.capture.wait_for(lambda packet: packet.payload == SAME)
@@ -72,10 +72,9 @@ def test_conflict_gives_the_next_number_and_another_pass_begins_with_the_first(
     ]
     assert lab.ask(wire.HOST_QUESTION) == []
     router.plug_in(0)
-    answers = announcement("_ipp._tcp.local").answers
-    assert answers[0].name == f"{NAME}-1.local"
-    assert answers[2].data == (631, f"{NAME}-1.local")
-    assert f"note={NAME}-1" in answers[3].data
+    assert announced(f"{NAME}-1.local", "A") == "192.168.77.1"
+    assert announced("_ipp._tcp.local", "SRV") == (631, f"{NAME}-1.local")
+    assert f"note={NAME}-1" in announced("_ipp._tcp.local", "TXT")
 
 
 def test_near_misses_are_no_conflict(router, host, probing):

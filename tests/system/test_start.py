@@ -5,6 +5,7 @@ import time
 
 import pytest
 import wire
+from responders import with_both
 
 CONNECTED = "[Bonjour] Interface: br0 is connected"
 TIMEOUT = "[Bonjour] MDNS_CheckName: receive packet timeout"
@@ -47,6 +48,7 @@ def test_log_is_line_buffered(router):
     router.wait_for_banner()
 
 
+@with_both
 @pytest.mark.lab(mac="02:9a:bc:de:f0:01")
 @pytest.mark.parametrize(
     "arguments, model",

@@ -3,13 +3,12 @@
 import time
 
 import pytest
-import wire
-from lab.packets import hexbytes
+from lab.browser import IPP
 from lab.printers import Printer
+from responders import with_both
 
-pytestmark = pytest.mark.release
+pytestmark = [pytest.mark.release, with_both]
 
-BROWSE_IPP = hexbytes(f"{wire.QUERY_1} {wire.IPP} 000C 0001")
 CANNOT_OPEN = '[Bonjour] Can not open "/proc/printer_status"'
 
 
@@ -46,12 +45,10 @@ def test_text_beyond_40960_bytes_is_not_read(router, daemon):
     daemon.wait_for_line("[Bonjour] device remove lp1")
 
 
-def test_later_record_of_a_port_gives_the_name_and_the_first_the_text(router, announcement):
+def test_later_record_of_a_port_gives_the_name_and_the_first_the_text(router, announced):
     router.status_file.replace("usblp0\nAcme\nJet\nPCL\n\nusblp0\nOther\nInk\nPJL\n\n")
     router.start()
-    answers = announcement("_ipp._tcp.local").answers
-    assert answers[1].data == "Other Ink (aa:bb:cc) 0._ipp._tcp.local"
-    assert "usb_MFG=Acme" in answers[3].data
+    assert "usb_MFG=Acme" in announced(f"Other Ink (aa:bb:cc) 0.{IPP}", "TXT")
 
 
 @pytest.mark.parametrize("make_unreadable", ["make_unreadable", "remove"])
@@ -60,15 +57,16 @@ def test_file_that_cannot_be_opened_keeps_the_printer(
 ):
     getattr(router.status_file, make_unreadable)()
     daemon_with_printer.wait_for_line(CANNOT_OPEN, count=2)
-    assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
     router.status_file.replace(Printer(0).record())
     router.status_file.wait_until_read()
     router.plug_in(1, "Acme", "Jet", "PCL")
     daemon_with_printer.wait_for_line("[Bonjour] device insert lp1")
     assert presence(daemon_with_printer) == ["insert lp0", "insert lp1"]
+    sent = [packet.message.answers for packet in lab.sent() if not packet.is_query]
+    assert all(record.ttl for answers in sent for record in answers)
 
 
-def test_missing_file_is_looked_for_once_a_second(lab, router):
+def test_missing_file_is_looked_for_once_a_second(router, announced):
     # A line is seen some time after it was written: only the start is surely not late.
     start = time.time()
     router.status_file.remove()
@@ -78,4 +76,4 @@ def test_missing_file_is_looked_for_once_a_second(lab, router):
     assert line.time - start >= 3
     router.plug_in(0)
     daemon.wait_for_line("[Bonjour] device insert lp0")
-    lab.wait_for_transmissions(wire.IPP_RECORDS)
+    announced(IPP, "SRV")

@@ -64,7 +64,7 @@ def targets(groups):
 
 class _Parser(argparse.ArgumentParser):
     def error(self, message):
-        print(f"./test: {message}\n./test --help tells of the arguments", file=sys.stderr)
+        print(f"./test: {message}\n./test --help describes the arguments", file=sys.stderr)
         sys.exit(2)
 
 

@@ -13,7 +13,8 @@ EXTERNALSRC_SYMLINKS = ""
 
 EXTRA_OECMAKE = "-DBONJOUR_STOCK_KERNEL=ON -DBONJOUR_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
-# The responder: with "standard" the one that keeps every rule of RFC 6762 and RFC 6763.
+# The responder: with "standard" the one that keeps every rule of RFC 6762 and RFC 6763;
+# docs/responders.md says what differs for whom.
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[standard] = "-DBONJOUR_RESPONDER=standard,-DBONJOUR_RESPONDER=classic"
 
