@@ -40,13 +40,12 @@ def _pytest(preset, groups, name, *others):
 
 
 def environment():
-    """That of programs written in Python, pytest among them."""
-    return {
-        **os.environ,
-        "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1",
-        "PYTHONDONTWRITEBYTECODE": "1",
-        "PYTHONPATH": os.getcwd(),
-    }
+    """That of programs written in Python, pytest among them. They keep what they compile: a dozen
+    workers a build read it again."""
+    own = {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
+    inherited = {**os.environ, **own}
+    inherited.pop("PYTHONDONTWRITEBYTECODE", None)
+    return inherited
 
 
 def _parts(groups):
