@@ -78,6 +78,12 @@ if(BONJOUR_SANITIZE)
   add_compile_options(-fsanitize=${BONJOUR_SANITIZE} -fno-sanitize-recover=all
     -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${BONJOUR_SANITIZE})
+  # A library, as gcc has it: what the lab preloads comes before the sanitizer's functions.
+  if(BONJOUR_LAB AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-resource-dir
+      OUTPUT_VARIABLE resources OUTPUT_STRIP_TRAILING_WHITESPACE)
+    add_link_options(-shared-libsan -Wl,-rpath,${resources}/lib/linux)
+  endif()
 endif()
 
 # Threads count at the same time.

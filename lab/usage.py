@@ -44,7 +44,7 @@ LASTING_THREADS = 4
 
 def tells_memory(pid):
     """Whether the process's memory is its own: a sanitizer's runtime keeps what was freed."""
-    return not (_maps(pid, "libasan") or _maps(pid, "libtsan"))
+    return not (_maps(pid, "libclang_rt.asan") or _maps(pid, "libtsan"))
 
 
 def usage_once_senders_ended(pid, bound=10.0):

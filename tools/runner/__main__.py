@@ -15,7 +15,7 @@ from suite import PYTHON, Suite, environment, show_list
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What clang looks at when other builds are tested; the tests would be the release build's again.
-CHECKED = ["bench_tests", "bonjour", "fuzz_tests"]
+CHECKED = ["bench_tests", "bonjour", "bonjour-standard", "fuzz_tests"]
 FOLDERS = ("app", "base", "mdns", "records", "printer", "standard")
 
 

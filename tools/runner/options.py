@@ -42,8 +42,8 @@ LONG_RUNS = {
     "router": None,
 }
 MOST_JOBS = 1000
-# System tests mostly wait for the daemon's own sleeps.
-JOBS = 10 * (os.cpu_count() or 1)
+# System tests mostly wait for the daemon's own sleeps; each worker costs half a second to start.
+JOBS = 6 * (os.cpu_count() or 1)
 
 
 def groups_of(preset, groups):

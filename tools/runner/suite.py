@@ -40,13 +40,12 @@ def _pytest(preset, groups, name, *others):
 
 
 def environment():
-    """That of programs written in Python, pytest among them."""
-    return {
-        **os.environ,
-        "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1",
-        "PYTHONDONTWRITEBYTECODE": "1",
-        "PYTHONPATH": os.getcwd(),
-    }
+    """That of programs written in Python, pytest among them. They keep what they compile: a dozen
+    workers a build read it again."""
+    own = {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
+    inherited = {**os.environ, **own}
+    inherited.pop("PYTHONDONTWRITEBYTECODE", None)
+    return inherited
 
 
 def _parts(groups):
@@ -72,7 +71,7 @@ def show_list(preset, groups, name):
 def _output(command):
     listing = processes.start(command, stdout=subprocess.PIPE, text=True, env=environment())
     lines = listing.stdout.read().splitlines()
-    processes.finish(listing)
+    listing.wait()
     return lines
 
 
@@ -115,7 +114,7 @@ class Suite:
         # A line at a time: what builds print must not end up inside one.
         for line in running.stdout:
             print(line, end="", flush=True)
-        status = processes.finish(running)
+        status = running.wait()
         failed = self._count(preset, results) if results.exists() else 0
         if status not in (0, _NONE_MEANT) and not failed:
             self.failed.append(f"{program} of {preset} ended with status {status}")
