@@ -10,7 +10,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "base/descriptor.h"
 #include "tests/support/fault.h"
@@ -227,8 +226,8 @@ TEST(StuckLog, FileAndTerminalStayAsTheyAre) {
 
 TEST(StuckLog, LinesOfManyThreadsAreNotMixed) {
   const Redirected log(kPipe);
-  std::vector<std::thread> writers;
-  for (int i = 0; i < 4; ++i) writers.emplace_back(WriteLines, 100);
+  std::thread writers[4];
+  for (std::thread& writer : writers) writer = std::thread(WriteLines, 100);
   for (std::thread& writer : writers) writer.join();
   EXPECT_EQ(log.TakeLines(), 800);
 }

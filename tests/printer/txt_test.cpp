@@ -273,7 +273,7 @@ TEST_F(GetTxtDataTest, LongestDeviceNameGoesWholeIntoTheNote) {
 
 TEST_F(GetTxtDataTest, CommandSetIsCutAfter511Characters) {
   // A text cannot be made from so long a line; the list shows how far it was read.
-  for (const size_t commas : {510, 511}) {
+  for (const size_t commas : {size_t{510}, size_t{511}}) {
     txt.reset(new char[513]());
     Get("usblp0\nA\nM\n" + std::string(commas, ',') + "X\n\n", 0, -1);
     EXPECT_EQ(ValueOf("pdl"), commas == 510 ? "application/X" : "");
