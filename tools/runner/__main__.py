@@ -11,7 +11,8 @@ import builds
 import inherited
 import options as command_line
 import processes
-from suite import PYTHON, Suite, environment, show_list
+from options import PYTHON
+from suite import Suite, environment, show_list
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What clang looks at when other builds are tested; the tests would be the release build's again.
@@ -30,11 +31,6 @@ def install(*groups):
     """Installs the packages of these groups of packages.txt."""
     script = '. lab/prepare.sh && require_root && require_packages "$@"'
     need("packages", "sh", "-c", script, "./test", *groups)
-
-
-def prepare(*groups):
-    install(*groups)
-    need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
 
 
 def list_tests(options):
@@ -94,54 +90,20 @@ def cover(options):
     )
 
 
-def hostile(file, **own):
-    """Runs the tests of a file of the group hostile, with these variables, for as long as it
-    takes."""
-    prepare("build", "test")
-    if builds.build("release", ["lab_tests"]) != 0:
+def run_long(options):
+    run = command_line.LONG_RUNS[options.long_run]
+    if run.packages:
+        install(*run.packages)
+    if "test" in run.packages:
+        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+    if options.long_run == command_line.COVERAGE:
+        return cover(options)
+    if run.is_in_lab and builds.build("release", ["lab_tests"]) != 0:
         return 1
-    pytest = [PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider"]
-    own = {name: str(value) for name, value in own.items()}
-    return processes.run([*pytest, f"tests/hostile/{file}"], env={**environment(), **own})
-
-
-def soak(options):
-    return hostile("test_soak.py", BONJOUR_SOAK_SECONDS=options.count)
-
-
-def stop(options):
-    return hostile("test_many_stops.py", BONJOUR_STOPS=options.count)
-
-
-def sweep(_):
-    prepare("build", "test")
-    if builds.build("release", ["lab_tests"]) != 0:
-        return 1
-    return processes.run([PYTHON, "tools/sweep"])
-
-
-def look_for_unwritten_bytes(_):
-    prepare("build", "test", "memory")
-    return processes.run(["tools/memory"])
-
-
-def mutate(options):
-    prepare("build", "test", "mutants")
-    return processes.run([PYTHON, "tools/mutate", "--mutants", options.count])
-
-
-def fuzz(options):
-    install("build", "fuzz")
-    return processes.run(["fuzz/run", options.count])
-
-
-def boot_routers(options):
+    own = {**environment(), run.variable: str(options.count)} if run.variable else None
     kinds = [word for kind in options.kinds for word in ("--kind", kind)]
-    return processes.run(["tests/router/run", *kinds])
-
-
-def build_targets(_):
-    return processes.run(["tools/targets"])
+    words = [word.format(options.count) for word in run.command]
+    return processes.run([*words, *kinds], env=own)
 
 
 def main():
@@ -153,26 +115,14 @@ def main():
     # Whatever tools and tests leave behind is removed with it.
     temporary = processes.temporary_directory()
     os.chdir(ROOT)
-    long_runs = {
-        "mutants": mutate,
-        "soak": soak,
-        "stops": stop,
-        "fuzz": fuzz,
-        "sweep": sweep,
-        "memory": look_for_unwritten_bytes,
-        "targets": build_targets,
-        "router": boot_routers,
-    }
     try:
-        if options.long_run in long_runs:
-            return long_runs[options.long_run](options)
-        if options.long_run == command_line.COVERAGE:
-            prepare("build", "test", "coverage")
-            return cover(options)
+        if options.long_run:
+            return run_long(options)
         if options.list:
             install("build", "test")
             return list_tests(options)
-        prepare("build", "test")
+        install("build", "test")
+        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
         return run_tests(options)
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

@@ -5,7 +5,7 @@ import sys
 import threading
 
 import processes
-from suite import PYTHON
+from options import PYTHON
 
 
 def build(preset, targets=(), output=None, background=False):

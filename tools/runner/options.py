@@ -4,7 +4,9 @@ import argparse
 import os
 import re
 import sys
+import typing
 
+PYTHON = "/usr/bin/python3"
 GROUPS = (
     "unit",
     "system",
@@ -28,22 +30,48 @@ PRESETS = ("release", "debug", "tsan", "clang")
 CTEST_GROUPS = ("unit", "fuzz", "bench")
 COVERAGE = "coverage"
 COVERAGE_GROUPS = ("unit", "system", "faults", "standard_link")
-# Runs of their own kind, each with what its argument counts and the most of it.
 WEEK = 7 * 24 * 60 * 60
-LONG_RUNS = {
-    "coverage": None,
-    "mutants": ("mutants", 1000000),
-    "soak": ("seconds", WEEK),
-    "stops": ("stops", 100000),
-    "fuzz": ("seconds", WEEK),
-    "sweep": None,
-    "memory": None,
-    "targets": None,
-    "router": None,
-}
 MOST_JOBS = 1000
 # System tests mostly wait for the daemon's own sleeps; each worker costs half a second to start.
 JOBS = 6 * (os.cpu_count() or 1)
+
+
+class LongRun(typing.NamedTuple):
+    """A run of its own kind: what its argument counts and the most of it, the packages that it
+    needs, what it starts, "{}" standing for the argument, and the variable that gets it."""
+
+    packages: tuple = ()
+    command: tuple = ()
+    counted: tuple = ()
+    variable: str = ""
+    is_in_lab: bool = False
+
+
+def _hostile(file):
+    pytest = (PYTHON, "-m", "pytest", "-q", "-s", "-p", "no:cacheprovider")
+    return (*pytest, f"tests/hostile/{file}")
+
+
+_TEST = ("build", "test")
+LONG_RUNS = {
+    COVERAGE: LongRun((*_TEST, "coverage")),
+    "mutants": LongRun(
+        (*_TEST, "mutants"),
+        (PYTHON, "tools/mutate", "--mutants", "{}"),
+        ("mutants", 1000000),
+    ),
+    "soak": LongRun(
+        _TEST, _hostile("test_soak.py"), ("seconds", WEEK), "BONJOUR_SOAK_SECONDS", True
+    ),
+    "stops": LongRun(
+        _TEST, _hostile("test_many_stops.py"), ("stops", 100000), "BONJOUR_STOPS", True
+    ),
+    "fuzz": LongRun(("build", "fuzz"), ("fuzz/run", "{}"), ("seconds", WEEK)),
+    "sweep": LongRun(_TEST, (PYTHON, "tools/sweep"), is_in_lab=True),
+    "memory": LongRun((*_TEST, "memory"), ("tools/memory",)),
+    "targets": LongRun((), ("tools/targets",)),
+    "router": LongRun((), ("tests/router/run",)),
+}
 
 
 def groups_of(preset, groups):
@@ -68,58 +96,56 @@ class _Parser(argparse.ArgumentParser):
         sys.exit(2)
 
 
+def _one_of(what, known):
+    def check(word):
+        if word not in known:
+            raise argparse.ArgumentTypeError(
+                f"there is no {what} {word!r}; there are {', '.join(known)}"
+            )
+        return word
+
+    return check
+
+
+def _pattern(text):
+    try:
+        re.compile(text)
+    except re.error as error:
+        raise argparse.ArgumentTypeError(f"{text!r} is no regular expression: {error}") from None
+    return text
+
+
+def _number(counted, most):
+    def check(text):
+        if not re.fullmatch("[1-9][0-9]{0,8}", text) or int(text) > most:
+            raise argparse.ArgumentTypeError(
+                f"takes a number of {counted} from 1 to {most}, not {text!r}"
+            )
+        return int(text)
+
+    return check
+
+
 def _parser():
     parser = _Parser(prog="./test", add_help=False, allow_abbrev=False)
-    parser.add_argument("groups", nargs="*", metavar="GROUP")
-    parser.add_argument("--name", metavar="PATTERN")
-    parser.add_argument("--preset", action="append", default=[], dest="presets")
-    parser.add_argument("--jobs", metavar="N")
+    parser.add_argument("groups", nargs="*", metavar="GROUP", type=_one_of("group", GROUPS))
+    parser.add_argument("--name", type=_pattern)
+    parser.add_argument(
+        "--preset",
+        action="append",
+        default=[],
+        dest="presets",
+        type=_one_of("preset", PRESETS),
+    )
+    parser.add_argument("--jobs", type=_number("tests at a time", MOST_JOBS))
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--kind", action="append", default=[], dest="kinds")
-    for name, counted in LONG_RUNS.items():
-        if counted:
-            parser.add_argument(f"--{name}", metavar="N")
+    for name, run in LONG_RUNS.items():
+        if run.counted:
+            parser.add_argument(f"--{name}", type=_number(*run.counted))
         else:
             parser.add_argument(f"--{name}", action="store_true")
     return parser
-
-
-def _check_long_run(parser, options, chosen, others):
-    """Refuses a long run that is combined with anything else."""
-    selections = {
-        "GROUP": options.groups,
-        "--name": options.name is not None,
-        "--preset": options.presets,
-        "--list": options.list,
-        "--jobs": options.jobs is not None and chosen != "coverage",
-    }
-    others = [f"--{name}" for name in others]
-    others += [name for name, is_given in selections.items() if is_given]
-    if others:
-        parser.error(f"--{chosen} and {others[0]} do not go together")
-
-
-def _check_selection(parser, options):
-    for group in options.groups:
-        if group not in GROUPS:
-            parser.error(f"there is no group {group!r}; there are {', '.join(GROUPS)}")
-    for preset in options.presets:
-        if preset not in PRESETS:
-            parser.error(f"there is no preset {preset!r} to test; there are {', '.join(PRESETS)}")
-    if options.name is not None:
-        try:
-            re.compile(options.name)
-        except re.error as error:
-            parser.error(f"--name {options.name!r} is no regular expression: {error}")
-    for preset in options.presets:
-        if options.groups and not groups_of(preset, options.groups):
-            parser.error(f"the group {options.groups[0]} is none of the preset {preset}")
-
-
-def _number(parser, name, text, counted, most):
-    if not re.fullmatch("[1-9][0-9]{0,8}", text) or int(text) > most:
-        parser.error(f"{name} takes a number of {counted} from 1 to {most}, not {text!r}")
-    return int(text)
 
 
 def parse(words):
@@ -129,23 +155,22 @@ def parse(words):
     """
     parser = _parser()
     options = parser.parse_args(words)
-    given = [name for name in LONG_RUNS if getattr(options, name) not in (None, False)]
+    given = [name for name in LONG_RUNS if getattr(options, name)]
     options.long_run = given[0] if given else None
-    options.count = None
-    if options.long_run:
-        _check_long_run(parser, options, options.long_run, given[1:])
-        counted = LONG_RUNS[options.long_run]
-        if counted:
-            text = getattr(options, options.long_run)
-            options.count = _number(parser, f"--{options.long_run}", text, *counted)
+    options.count = getattr(options, options.long_run) if given else None
+    if given:
+        others = [*given[1:], *("name", "presets", "list", "groups")]
+        others += [] if options.long_run == COVERAGE else ["jobs"]
+        for other in others:
+            if getattr(options, other):
+                word = {"groups": "GROUP", "presets": "--preset"}.get(other, f"--{other}")
+                parser.error(f"--{options.long_run} and {word} do not go together")
     if options.kinds and options.long_run != "router":
         parser.error("--kind goes with --router")
-    _check_selection(parser, options)
-    jobs = options.jobs
-    if jobs is None:
-        options.jobs = JOBS
-    else:
-        options.jobs = _number(parser, "--jobs", jobs, "tests at a time", MOST_JOBS)
+    for preset in options.presets:
+        if options.groups and not groups_of(preset, options.groups):
+            parser.error(f"the group {options.groups[0]} is none of the preset {preset}")
+    options.jobs = options.jobs or JOBS
     if options.long_run == COVERAGE:
         options.groups, options.presets = COVERAGE_GROUPS, [COVERAGE]
     elif not options.presets:

@@ -9,8 +9,8 @@ import xml.etree.ElementTree as ElementTree
 
 import options as command_line
 import processes
+from options import PYTHON
 
-PYTHON = "/usr/bin/python3"
 _PLUGINS = [f"-p{name}" for name in ("pytest_timeout", "xdist.plugin", "no:cacheprovider")]
 # The status of pytest that has no test to run.
 _NONE_MEANT = 5
