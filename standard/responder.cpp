@@ -199,10 +199,10 @@ void FollowLink() {
 }
 
 // Only so many that a core that always has one more would not keep the thread from the rest.
-void SendDue() {
+void SendDue(int64_t now) {
   for (int i = 0; i < kDatagramsAtOnce; ++i) {
     coreMutex.Lock();
-    const bool isDue = TakeDatagram(core, Now(), responder.datagram);
+    const bool isDue = TakeDatagram(core, now, responder.datagram);
     coreMutex.Unlock();
     if (!isDue) return;
     SendDatagram(responder.sockets, responder.datagram);
@@ -243,10 +243,11 @@ void ReceiveAll(Family family) {
       return;
     }
     if (datagram.length == 0) continue;
+    const int64_t now = Now();
     coreMutex.Lock();
-    HandleDatagram(core, datagram, Now());
+    HandleDatagram(core, datagram, now);
     coreMutex.Unlock();
-    SendDue();
+    SendDue(now);
   }
 }
 
@@ -297,7 +298,7 @@ void Serve() {
   for (;;) {
     if (stopLimit == kNever && FollowEnd()) stopLimit = Now() + kStopMillisecondsMax;
     if (responder.retry <= Now()) FollowLink();
-    SendDue();
+    SendDue(Now());
     ReportHostName();
     coreMutex.Lock();
     const bool isStopped = stopLimit != kNever && IsStopped(core);
