@@ -153,6 +153,8 @@ void SenderCheck::SetLink(const LinkState& state) {
   link = state;
   lostAt.clear();
   for (size_t i = 0; i < kFamilies; ++i) {
+    // Other addresses will be proposed from now on.
+    for (auto& [name, probes] : sides[i].probes) probes.proposed.clear();
     if (isOther || !HasFamily(link, static_cast<Family>(i))) sides[i].probes.clear();
   }
 }
@@ -166,7 +168,7 @@ bool SenderCheck::IsWaiting(const std::string& name, int64_t now) const {
 // A printer's claim begins again with the host's, whatever it had lost, so this is about hosts.
 void SenderCheck::MeetRival(const Probes& own, const Packet& packet, const std::string& name,
                             int64_t now) {
-  const bool isProbing = !own.isClaimed && own.count != 0 && now < own.last + kProbePause;
+  const bool isProbing = !own.isClaimed && !own.proposed.empty() && now < own.last + kProbePause;
   if (!IsHostName(name) || !isProbing || IsWaiting(name, now)) return;
   if (own.proposed < ProposedFor(packet, name)) lostAt[name] = now;
 }
