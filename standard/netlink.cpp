@@ -22,6 +22,8 @@ constexpr int kReadAttempts = 3;
 constexpr int kReplyMilliseconds = 100;
 // Datagrams after which others get their turn.
 constexpr int kTakenAtOnce = 64;
+// The kernel's lists are in far fewer.
+constexpr int kTakenForReplyMax = 256;
 
 // A piece of a received datagram.
 struct Piece {
@@ -223,12 +225,13 @@ bool TakeWaiting(int netlink, LinkWatch& watch, std::string_view name, uint8_t* 
 
 bool WaitForReply(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buffer) {
   bool isReplyOver = false;
-  while (!isReplyOver) {
+  // What can't be taken goes on to wait, so that there is always something.
+  for (int i = 0; i < kTakenForReplyMax && !isReplyOver; ++i) {
     if (TakeWaiting(netlink, watch, name, buffer, isReplyOver)) continue;
     pollfd entry = {netlink, POLLIN, 0};
-    if (poll(&entry, 1, kReplyMilliseconds) <= 0) return false;
+    if (poll(&entry, 1, kReplyMilliseconds) <= 0) break;
   }
-  return true;
+  return isReplyOver;
 }
 
 bool Send(int netlink, const void* request, size_t size) {
@@ -326,13 +329,13 @@ bool ReadLink(int netlink, LinkWatch& watch, std::string_view name, uint8_t* buf
     while (TakeWaiting(netlink, watch, name, buffer, isReplyOver)) {
     }
     Forget(watch);
-    if (!RequestLink(netlink, name, ++watch.sequence) ||
-        !WaitForReply(netlink, watch, name, buffer))
-      break;
+    const auto isTold = [&](bool isAsked) {
+      return isAsked && WaitForReply(netlink, watch, name, buffer);
+    };
+    if (!isTold(RequestLink(netlink, name, ++watch.sequence))) break;
     watch.mustReread = false;
     if (watch.index == 0) return true;
-    if (!RequestAddresses(netlink, ++watch.sequence) || !WaitForReply(netlink, watch, name, buffer))
-      break;
+    if (!isTold(RequestAddresses(netlink, ++watch.sequence))) break;
     if (!watch.mustReread) return true;
   }
   watch.mustReread = true;

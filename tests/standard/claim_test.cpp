@@ -351,6 +351,17 @@ TEST(Claim, NamesWithinProposedDataAreComparedUncompressed) {
   EXPECT_LT(std::stoll(host.RunFor(3000).at(0)), start + 1000);
 }
 
+TEST(Claim, ALongerTextThatBeginsAlikeIsLater) {
+  Host host;
+  host.Settle();
+  host.AddPrinter();
+  host.RunFor(300);
+  const char* const name = "Printer._ipp._tcp.local";
+  host.Hear({0, {{name, kTypeAny}}, {}, {{name, kTypeTxt, "09 'txtvers=1' 01 'x'"}}});
+  const int64_t start = host.Now();
+  EXPECT_GE(std::stoll(host.RunFor(3000).at(0)), start + 1000);
+}
+
 TEST(Claim, TheLoserWaitsASecondAndProbesAgain) {
   Host host;
   host.RunUntil(300);

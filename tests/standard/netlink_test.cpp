@@ -279,6 +279,23 @@ TEST_F(NetlinkTest, AddressOfAnotherFamilyIsPassedOver) {
   EXPECT_EQ(watch.link.addressCount, 0);
 }
 
+TEST_F(NetlinkTest, OtherMessagesArePassedOver) {
+  KnowBridge();
+  Take(Message(RTM_NEWROUTE, Bytes(12)));
+  EXPECT_EQ(watch.index, kBridge);
+  EXPECT_FALSE(watch.mustReread);
+}
+
+// As when the socket is lost: there is nothing to be read, now and later.
+TEST_F(NetlinkTest, KernelThatTellsNothingIsAskedAgainLater) {
+  KnowBridge();
+  uint8_t buffer[kNetlinkDatagramMax];
+  TakeNetlink(-1, watch, "br0", buffer);
+  EXPECT_TRUE(watch.mustReread);
+  EXPECT_FALSE(ReadLink(-1, watch, "br0", buffer));
+  EXPECT_TRUE(watch.mustReread);
+}
+
 TEST_F(NetlinkTest, InterruptedListIsReadAgain) {
   KnowBridge();
   Take(Message(RTM_NEWADDR, AddressHeader(AF_INET, 24, 0), 1, NLM_F_DUMP_INTR));
