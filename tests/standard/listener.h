@@ -4,8 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "tests/standard/packet.h"
@@ -34,8 +34,8 @@ class Listener {
  private:
   void Flush(const PacketRecord& record, size_t sender, int64_t now);
 
-  // By name and type.
-  std::unordered_map<std::string, std::vector<HeardRecord>> sets;
+  // By name and type; in an order that is the same on every machine.
+  std::map<std::string, std::vector<HeardRecord>> sets;
 };
 
 /// True when the record was neither said goodbye to nor flushed until `now`, however old it is.

@@ -14,6 +14,8 @@ constexpr uint16_t kErrors = 0x780F;  // other operations, and response codes
 constexpr uint16_t kTypePointer = 12;
 constexpr uint16_t kTypeText = 16;
 constexpr uint16_t kTypeAll = 255;
+// On a link with less not even a question may fit (RFC 1122, section 3.3.3).
+constexpr uint16_t kMtuMin = 576;
 constexpr size_t kHeaders = 48;  // of IPv6 and UDP
 constexpr int64_t kSecond = 1000;
 constexpr int64_t kDefence = 250;
@@ -93,7 +95,7 @@ std::string CheckResponse(const Packet& packet, bool isLegacy) {
 
 bool AreRepeated(const std::vector<PacketQuestion>& repeated,
                  const std::vector<PacketQuestion>& asked) {
-  if (repeated.empty() || repeated.size() > asked.size()) return false;
+  if (repeated.size() > asked.size()) return false;
   for (size_t i = 0; i < repeated.size(); ++i) {
     if (repeated[i].name != asked[i].name || repeated[i].type != asked[i].type ||
         repeated[i].classBits != asked[i].classBits) {
@@ -213,6 +215,7 @@ std::string SenderCheck::CheckLegacy(const OutgoingDatagram& out, const Packet& 
   for (const Legacy& legacy : legacies) {
     if (legacy.asker.port == out.destination.port && legacy.id == packet.id &&
         AreAddressesEqual(legacy.asker.address, out.destination.address) &&
+        (!packet.questions.empty() || link.mtu < kMtuMin) &&
         AreRepeated(packet.questions, legacy.questions)) {
       return CheckResponse(packet, true);
     }
