@@ -85,3 +85,7 @@ uint32_t UnRegisterOneService(const char* serviceName, const char* serviceType,
 
 /// True while a registered service refers to `txt` (the reference, not the characters). Any thread.
 bool IsTextRegistered(const char* txt);
+
+/// True when the responder copies the texts that it is given: they are the caller's to free as soon
+/// as RegisterOneService returns. Always the same. Any thread.
+bool AreTextsCopied();

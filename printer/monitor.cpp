@@ -20,6 +20,9 @@ namespace {
 // changed while it was plugged in, so that the removal went under another name.
 PrinterTxt* keptTexts = nullptr;
 
+// Stands for every text that the responder has copied.
+PrinterTxt copiedText;
+
 // Manufacturer and model, and what tells apart two printers of a kind on one link: the end of the
 // bridge's address and the port.
 void SetServiceName(int32_t port, std::string_view lines) {
@@ -41,6 +44,10 @@ void InsertService(int32_t port, int32_t kind, PrinterTxt*& txt) {
     return;
   }
   UpdatePrinterService(port, kRegisterPrinter, kind, txt->text);
+  if (AreTextsCopied()) {
+    free(txt);
+    txt = &copiedText;
+  }
 }
 
 // Gives back every text that nothing refers to any more.
@@ -60,8 +67,10 @@ void FreeUnusedTexts() {
 void RemoveService(int32_t port, int32_t kind, PrinterTxt*& txt) {
   if (txt == nullptr) return;
   UpdatePrinterService(port, kUnregisterPrinter, kind, txt->text);
-  txt->nextKept = keptTexts;
-  keptTexts = txt;
+  if (!AreTextsCopied()) {
+    txt->nextKept = keptTexts;
+    keptTexts = txt;
+  }
   txt = nullptr;
   FreeUnusedTexts();
 }

@@ -163,6 +163,8 @@ bool IsTextRegistered(const char* txt) {
   return entry != nullptr;
 }
 
+bool AreTextsCopied() { return false; }
+
 bool CloseRegistryIfEmpty(ServiceEntry& copy) {
   const RegistryLock lock;
   if (responderState.registryHead != nullptr) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "printer/monitor.h"
 #include "standard/process.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
@@ -110,6 +111,18 @@ TEST_F(ResponderTest, TextsBelongToTheirOwner) {
   std::string txt = kTxt;
   EXPECT_EQ(RegisterOneService("A", "_ipp._tcp", ".local", txt.data(), kTxtLength, 631), 1u);
   EXPECT_FALSE(IsTextRegistered(txt.data()));
+}
+
+TEST_F(ResponderTest, TheMonitorKeepsNoTextsThatAreCopied) {
+  StartOnBridge();
+  PrinterPresence previous = {};
+  PrinterPresence both = {};
+  both.present[0] = both.present[1] = 1;
+  ApplyPresence(previous, both);
+  EXPECT_NE(printerTxtIpp[0], nullptr);
+  EXPECT_EQ(printerTxtIpp[0], printerTxtPdl[1]);
+  ApplyPresence(previous, {});
+  EXPECT_EQ(printerTxtIpp[0], nullptr);
 }
 
 TEST_F(ResponderTest, ParametersThatAreNoneAreRefused) {

@@ -57,3 +57,5 @@ uint32_t UnRegisterOneService(const char* name, const char* type, const char* do
 }
 
 bool IsTextRegistered(const char* /*txt*/) { return false; }
+
+bool AreTextsCopied() { return false; }
