@@ -34,6 +34,7 @@ def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
     parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
+    parser.addoption("--beside", help="only tests beside others; makes this file if there are more")
     parser.addoption("--list-names", action="store_true", help="to list them by name")
 
 
@@ -82,8 +83,11 @@ def pytest_collection_modifyitems(config, items):
             return False
         return _is_for(item, preset) and re.search(name, f"{name_of(item)}\n{item.nodeid}")
 
-    config.hook.pytest_deselected(items=[item for item in items if not is_meant(item)])
     items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)
+    alone = [item for item in items if item.get_closest_marker("alone")]
+    if alone and config.getoption("beside"):
+        pathlib.Path(config.getoption("beside")).touch()
+        items[:] = [item for item in items if item not in alone]
     if config.pluginmanager.hasplugin("timeout"):
         for item in items:
             item.add_marker(pytest.mark.timeout(max(TIMEOUT, TIMEOUT_FACTOR * _seconds(item))))
