@@ -58,8 +58,8 @@ def show_list(preset, groups, name):
         shown = _output(_ctest(preset, ctest, name, "--show-only"))
         names += re.findall(r"^ *Test +#\d+: (.*)$", shown, re.MULTILINE)
     if pytest:
-        shown = _output(_pytest(preset, pytest, name, "--collect-only", "-qq", "--list-names"))
-        names += re.findall(r"^\w+/\w+: .*$", shown, re.MULTILINE)
+        shown = _output(_pytest(preset, pytest, name, "--collect-only"))
+        names += re.findall(r"^\S+\.py::.*$", shown, re.MULTILINE)
     print(*names, sep="\n")
     return len(names)
 
