@@ -33,7 +33,6 @@ _build = pytest.StashKey()
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
-    parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
     parser.addoption("--beside", help="not those marked alone; makes this file if there are any")
 
 
@@ -69,9 +68,6 @@ def pytest_collection_modifyitems(config, items):
     preset, name = config.getoption("preset"), config.getoption("name")
 
     def is_meant(item):
-        is_whole = item.get_closest_marker("whole") is not None
-        if is_whole != config.getoption("whole"):
-            return False
         return _is_for(item, preset) and re.search(name, item.nodeid)
 
     items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)

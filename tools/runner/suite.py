@@ -91,7 +91,7 @@ class Suite:
             beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
             self._run(preset, "pytest", _pytest(preset, pytest, name, *beside), "--junit-xml")
             if alone.exists():
-                command = _pytest(preset, pytest, name, "-m", "alone")
+                command = _pytest(preset, pytest, name, "-m", "alone and not whole")
                 self._run(preset, "pytest-alone", command, "--junit-xml")
             self._dissect(preset, captures)
         if self.tests + len(self.failed) == before:
