@@ -33,8 +33,7 @@ _build = pytest.StashKey()
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
-    parser.addoption("--whole", action="store_true", help="the tests that are marked so, alone")
-    parser.addoption("--list-names", action="store_true", help="to list them by name")
+    parser.addoption("--beside", help="not those marked alone; makes this file if there are any")
 
 
 def pytest_configure(config):
@@ -47,14 +46,6 @@ def pytest_configure(config):
     os.environ.setdefault("BONJOUR_USBLP_DEVICE", str(build / "lab/usblp_device"))
     # What tests start finds the lab.
     os.environ["PYTHONPATH"] = str(ROOT)
-
-
-def name_of(item):
-    """For instance "system/probing: conflict gives the name a suffix"."""
-    module = item.module.__name__.removeprefix("test_")
-    folder = item.path.parent
-    group = folder.parent.name.replace("-", "_") if folder.name == "tests" else folder.name
-    return f"{group}/{module}: {item.name.removeprefix('test_').replace('_', ' ')}"
 
 
 def _seconds(item):
@@ -77,22 +68,16 @@ def pytest_collection_modifyitems(config, items):
     preset, name = config.getoption("preset"), config.getoption("name")
 
     def is_meant(item):
-        is_whole = item.get_closest_marker("whole") is not None
-        if is_whole != config.getoption("whole"):
-            return False
-        return _is_for(item, preset) and re.search(name, f"{name_of(item)}\n{item.nodeid}")
+        return _is_for(item, preset) and re.search(name, item.nodeid)
 
-    config.hook.pytest_deselected(items=[item for item in items if not is_meant(item)])
     items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)
+    alone = [item for item in items if item.get_closest_marker("alone")]
+    if alone and config.getoption("beside"):
+        pathlib.Path(config.getoption("beside")).touch()
+        items[:] = [item for item in items if item not in alone]
     if config.pluginmanager.hasplugin("timeout"):
         for item in items:
             item.add_marker(pytest.mark.timeout(max(TIMEOUT, TIMEOUT_FACTOR * _seconds(item))))
-
-
-def pytest_collection_finish(session):
-    if session.config.getoption("list_names"):
-        print(*map(name_of, session.items), sep="\n")
-        session.items.clear()
 
 
 @pytest.hookimpl(hookwrapper=True)

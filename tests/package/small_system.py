@@ -1,9 +1,11 @@
 """A router's small root file system: the shell, BusyBox, the C library, and what is installed."""
 
 import contextlib
+import os
 import pathlib
 import re
 import shutil
+import stat
 import subprocess
 
 from lab.daemon import binary
@@ -27,6 +29,18 @@ def install(target, *options, prefix="/usr", build=None):
         check=True,
         stdout=subprocess.DEVNULL,
     )
+
+
+def files(root):
+    """The modes of the files, and where the symbolic links lead, by name."""
+    found = {}
+    for path in root.rglob("*"):
+        name = str(path.relative_to(root))
+        if path.is_symlink():
+            found[name] = os.readlink(path)
+        elif path.is_file():
+            found[name] = stat.S_IMODE(path.stat().st_mode)
+    return found
 
 
 def write_program(path, text):

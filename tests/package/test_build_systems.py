@@ -3,16 +3,15 @@ Makefiles are evaluated by GNU make with the few macros that they use written do
 parts run by BusyBox, and what they install is held against `cmake --install`."""
 
 import hashlib
-import os
 import pathlib
 import re
-import stat
+import shlex
 import subprocess
 
 import pytest
 from lab.daemon import stock_build
 from responders import with_both
-from small_system import SmallSystem, install, lay_out, write_program
+from small_system import SmallSystem, files, install, lay_out, write_program
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 OPENWRT = ROOT / "packaging/openwrt/bonjour"
@@ -22,29 +21,11 @@ PROJECT = (ROOT / "CMakeLists.txt").read_text()
 VERSION = re.search(r"^project\(bonjour VERSION (\S+)", PROJECT, re.MULTILINE)[1]
 
 
-def files(root):
-    """The modes of the files, and where the symbolic links lead, by name."""
-    found = {}
-    for path in root.rglob("*"):
-        name = str(path.relative_to(root))
-        if path.is_symlink():
-            found[name] = os.readlink(path)
-        elif path.is_file():
-            found[name] = stat.S_IMODE(path.stat().st_mode)
-    return found
-
-
 def run(*command):
     """What the command prints."""
-    ended = subprocess.run(
-        [str(word) for word in command],
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-        check=False,
-    )
-    assert ended.returncode == 0, ended.stdout
-    return ended.stdout
+    status, printed = subprocess.getstatusoutput(shlex.join(map(str, command)))
+    assert status == 0, printed
+    return printed
 
 
 # OpenWrt

@@ -123,19 +123,6 @@ def test_main_path_with_the_rights_of_the_unit(lab, responder, capabilities):
     PATHS[responder].check(lab, wrapper)
 
 
-def test_confined_daemon_has_the_rights_of_the_unit_and_no_more(lab):
-    wrapper = [*as_user_of_its_own("net_raw"), *under_the_filter("classic")]
-    daemon = lab.router.start(wrapper=wrapper, ready=False)
-    daemon.wait_for_line("[Bonjour] Interface: br0 is connected")
-    status = pathlib.Path(f"/proc/{daemon.pid}/status").read_text()
-    fields = dict(line.split(":\t", 1) for line in status.splitlines())
-    net_raw = "0000000000002000"
-    for field in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
-        assert fields[field] == net_raw, field
-    assert (fields["NoNewPrivs"], fields["Seccomp"]) == ("1", "2")
-    assert fields["Uid"].split() == [NOBODY] * 4
-
-
 @with_both
 def test_device_id_is_read_under_the_filter_without_any_capability(lab, responder):
     # The lab's device node answers its owner only, root; a printer's node is the group lp's.

@@ -11,12 +11,13 @@ import time
 import pytest
 from lab.daemon import stock_build
 from responders import PATHS, RESPONDERS, with_both
-from small_system import DAEMON, DEFAULTS, SCRIPT, SmallSystem, copy_libraries, lay_out
+from small_system import DAEMON, DEFAULTS, SCRIPT, SmallSystem, copy_libraries, files, lay_out
 from small_system import write_program
 
 SCRIPTS = pathlib.Path(__file__).resolve().parent.parent.parent / "packaging/debian"
 STOP_SECONDS = 5
 SIZE_MAX = {"classic": 48 * 1024, "standard": 60 * 1024}
+DROP_IN = "usr/lib/systemd/system/bonjour.service.d/standard.conf"
 # Beside what test_install.py lists.
 MANUALS = ["usr/share/man/man8/bonjour.8.gz", "usr/share/man/man8/bonjour-printers.8.gz"]
 
@@ -57,10 +58,10 @@ def start(system):
 
 @with_both
 def test_package_holds_what_a_router_needs(root, responder):
-    drop_in = "usr/lib/systemd/system/bonjour.service.d/standard.conf"
-    assert (root / drop_in).exists() == (responder == "standard")
-    for name, mode in ((DAEMON, 0o755), (SCRIPT[1:], 0o755), *((page, 0o644) for page in MANUALS)):
-        assert stat.S_IMODE((root / name).stat().st_mode) == mode, name
+    found = files(root)
+    assert (DROP_IN in found) == (responder == "standard")
+    wanted = {DAEMON: 0o755, SCRIPT[1:]: 0o755, **dict.fromkeys(MANUALS, 0o644)}
+    assert {**found, **wanted} == found
     assert (root / DAEMON).stat().st_size <= SIZE_MAX[responder]
     shown = subprocess.run(["readelf", "-d", root / DAEMON], capture_output=True, text=True)
     assert re.findall(r"NEEDED.*\[(.*)\]", shown.stdout) == ["libc.so.6"]
@@ -128,10 +129,8 @@ def run_dpkg(router, root, *words):
     assert router.sandbox.spawn(command, network=router.network, **quiet).wait() == 0
 
 
-def files(root):
-    """What is in /etc, /usr and /var/run."""
-    below = (path for name in ("etc", "usr", "var/run") for path in (root / name).rglob("*"))
-    return {str(path.relative_to(root)) for path in below}
+def own_files(root):
+    return {name for name in files(root) if name.startswith(("etc", "usr", "var/run"))}
 
 
 def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
@@ -141,12 +140,12 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
     for program in ("deb-systemd-helper", "update-rc.d"):
         write_program(root / "usr/bin" / program, NOTING)
     write_program(root / "usr/bin/invoke-rc.d", INVOKE_RC_D)
-    (root / "tmp/refused").touch()
-    system = SmallSystem(root, lab.router.sandbox, lab.router.network)
     for directory in ("etc", "var/lib/dpkg/info", "var/lib/dpkg/updates"):
         (root / directory).mkdir(parents=True)
-    (root / "var/lib/dpkg/status").touch()
-    before = files(root)
+    for name in ("tmp/refused", "var/lib/dpkg/status"):
+        (root / name).touch()
+    system = SmallSystem(root, lab.router.sandbox, lab.router.network)
+    before = own_files(root)
     names = {"classic": "bonjour", "standard": "bonjour-standard"}
     model = "T5140"
     for responder in ("classic", "standard", "classic"):
@@ -158,8 +157,7 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
         # One daemon runs, with the settings as they were.
         assert system.programs().count("bonjour") == 1
         assert system.processes()[system.pid] == [f"/{DAEMON}", model]
-        has_drop_in = (root / "usr/lib/systemd/system/bonjour.service.d/standard.conf").exists()
-        assert has_drop_in == (responder == "standard")
+        assert (root / DROP_IN).exists() == (responder == "standard")
         assert os.listdir(root / "usr/share/doc") == [names[responder]]
         model = "GLXE4700"
         settings = (root / DEFAULTS).read_text()
@@ -171,7 +169,7 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
     assert system.running
     assert "MODEL=GLXE4700\n" in (root / DEFAULTS).read_text()
     run_dpkg(lab.router, root, "--purge", "bonjour")
-    assert files(root) == before
+    assert own_files(root) == before
     system.wait_until(lambda: system.programs() == [], "the end of the daemon")
 
 
@@ -253,16 +251,11 @@ def test_calls_under_systemd(scripts, words, refused, expected):
     assert call(scripts, words, refused) == (0, expected)
 
 
-@pytest.mark.parametrize(
-    "words, expected",
-    [
-        ("/postinst configure", [WAS_ENABLED, ENABLE, LINKS, RESTART]),
-        ("/prerm remove", [STOP]),
-    ],
-)
 @pytest.mark.parametrize("status", [0, 1])
-def test_calls_without_systemd_the_last_of_which_decides(scripts, words, expected, status):
-    assert call(scripts, words, expected[-1:] * status) == (status, expected)
+def test_calls_without_systemd_the_last_of_which_decides(scripts, status):
+    configure = [WAS_ENABLED, ENABLE, LINKS, RESTART]
+    for words, expected in (("/postinst configure", configure), ("/prerm remove", [STOP])):
+        assert call(scripts, words, expected[-1:] * status) == (status, expected), words
 
 
 def test_nothing_is_called_that_is_not_there(scripts):

@@ -100,7 +100,7 @@ def access_mode(system, pid, descriptor):
 
 @with_every_shell
 def test_start_leaves_the_daemon_and_one_logger_with_an_unlinked_fifo_between(system):
-    assert system.script("start") == 0
+    assert system.sh(f"cd /tmp && {SCRIPT} start").returncode == 0
     wait_until_started(system)
     daemon = system.pid
     assert system.processes()[daemon] == ["/usr/sbin/bonjour", "3600"]
@@ -112,13 +112,10 @@ def test_start_leaves_the_daemon_and_one_logger_with_an_unlinked_fifo_between(sy
     # Each learns when the other has ended.
     assert access_mode(system, daemon, 1) == access_mode(system, daemon, 2) == os.O_WRONLY
     assert access_mode(system, logger, 0) == os.O_RDONLY
-
-
-def test_daemon_has_its_own_session_and_keeps_no_directory_in_use(system):
-    system.sh(f"cd /tmp && {SCRIPT} start")
-    assert os.path.samefile(system.of_process(system.pid, "cwd"), system.root)
-    fields = system.of_process(system.pid, "stat").read_text().rpartition(") ")[2].split()
-    assert int(fields[3]) == system.pid
+    # It has its own session and keeps no directory in use.
+    assert os.path.samefile(system.of_process(daemon, "cwd"), system.root)
+    fields = system.of_process(daemon, "stat").read_text().rpartition(") ")[2].split()
+    assert int(fields[3]) == daemon
 
 
 @with_dash
@@ -358,9 +355,7 @@ def test_run_beside_a_running_daemon_pauses_and_ends(system, naps):
     assert naps() == []
     pid = system.pid
     assert system.script("run") == 0
-    assert naps() == [str(PAUSE_SECONDS)]
-    assert system.pid == pid
-    wait_until_started(system)
+    assert (naps(), system.pid) == ([str(PAUSE_SECONDS)], pid)
 
 
 def test_stop_looks_once_a_second_where_sleep_takes_no_fractions(system, naps):

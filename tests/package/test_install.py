@@ -2,13 +2,12 @@
 
 import filecmp
 import re
-import stat
 import subprocess
 
 import pytest
 from lab.daemon import binary, stock_build
 from responders import with_both
-from small_system import DEFAULTS, SCRIPT, install
+from small_system import DEFAULTS, SCRIPT, files, install
 
 UNIT = "lib/systemd/system/bonjour.service"
 STANDARD = f"usr/{UNIT}.d/standard.conf"
@@ -29,15 +28,11 @@ STOCK_KERNEL = [
 PROGRAMS = ["usr/sbin/bonjour", "usr/sbin/bonjour-printers", "etc/init.d/bonjour"]
 
 
-def files(root):
-    return sorted(str(path.relative_to(root)) for path in root.rglob("*") if not path.is_dir())
-
-
 @pytest.mark.parametrize("component", [*COMPONENTS, "stock-kernel"])
 def test_component_holds_its_files_and_no_other(component, tmp_path):
     build = stock_build() if component == "stock-kernel" else None
     install(tmp_path, "--component", component, build=build)
-    assert files(tmp_path) == {**COMPONENTS, "stock-kernel": STOCK_KERNEL}[component]
+    assert sorted(files(tmp_path)) == {**COMPONENTS, "stock-kernel": STOCK_KERNEL}[component]
 
 
 def test_all_components_are_installed_unless_one_is_chosen(tmp_path):
@@ -45,10 +40,8 @@ def test_all_components_are_installed_unless_one_is_chosen(tmp_path):
     for responder, more in (("classic", []), ("standard", [STANDARD])):
         root = tmp_path / responder
         install(root, build=stock_build(responder))
-        assert files(root) == sorted(sum(COMPONENTS.values(), STOCK_KERNEL + more))
-        for name in files(root):
-            mode = 0o755 if name in PROGRAMS else 0o644
-            assert stat.S_IMODE((root / name).stat().st_mode) == mode, name
+        names = sum(COMPONENTS.values(), STOCK_KERNEL + more)
+        assert files(root) == {name: 0o755 if name in PROGRAMS else 0o644 for name in names}
     for name in {*files(tmp_path / "classic")} - {"usr/sbin/bonjour", *COMPONENTS["manual"]}:
         assert filecmp.cmp(tmp_path / "classic" / name, root / name, shallow=False), name
 

@@ -15,39 +15,35 @@ NOTHING = {"cmake": "echo built", "apt_get": "echo installed", "id": "echo 0"}
 
 
 @pytest.mark.parametrize(
-    "arguments, told",
+    "command, told",
     [
-        ("sytem", "no group 'sytem'; there are unit, system, faults"),
-        ("--preset mips", "no preset 'mips'; there are release, debug, tsan, clang"),
-        ("--jobs 0", "--jobs: takes a number of tests at a time from 1 to 1000, not '0'"),
-        ("--name (", "'(' is no regular expression"),
-        ("--cov", "unrecognized arguments: --cov"),
-        ("--soak 1.5", "--soak: takes a number of seconds from 1 to 604800, not '1.5'"),
-        ("--sweep unit", "--sweep and GROUP do not go together"),
-        ("--coverage --soak 5", "--coverage and --soak do not go together"),
-        ("--kind debian", "--kind goes with --router"),
-        ("bench --preset debug", "the group bench is none of the preset debug"),
+        ("./test sytem", "no group 'sytem'; there are unit, system, faults"),
+        ("./test --preset mips", "no preset 'mips'; there are release, debug, tsan, clang"),
+        ("./test --jobs 0", "--jobs: takes a number of tests at a time from 1 to 1000, not '0'"),
+        ("./test --name (", "'(' is no regular expression"),
+        ("./test --cov", "unrecognized arguments: --cov"),
+        ("./test --soak 1.5", "--soak: takes a number of seconds from 1 to 604800, not '1.5'"),
+        ("./test --sweep unit", "--sweep and GROUP do not go together"),
+        ("./test --memory --jobs 2", "--memory and --jobs do not go together"),
+        ("./test --coverage --soak 5", "--soak: not allowed with argument --coverage"),
+        ("./test --kind debian", "--kind goes with --router"),
+        ("./test bench --preset debug", "the group bench is none of the preset debug"),
+        ("./test --router --kind ppc", "there is no kind 'ppc'"),
+        ("./demo --kep", "there is no option '--kep'"),
+        ("./demo --keep=yes", "there is no option '--keep=yes'"),
+        ("./demo --router --kep", "there is no option '--kep'"),
+        ("./demo --router --kind ppc", "there is no kind 'ppc'"),
+        ("tests/router/demo --kind", "there is no kind ''"),
+        ("tests/router/run --kep", "there is no option '--kep'"),
+        ("tests/router/run -k", "-k takes an expression"),
     ],
 )
-def test_arguments_without_a_sense_are_refused(run, stand_ins, arguments, told):
-    status, output, errors = run("./test", *arguments.split(), environment=stand_ins(**NOTHING))
-    assert (status, output) == (2, "")
-    assert told in errors
-    assert errors.endswith("./test --help describes the arguments\n")
-    assert errors.count("\n") == 2
-
-
-@pytest.mark.parametrize(
-    "command",
-    ["./demo --kep", "./demo --keep=yes", "./demo --router --kep", "./demo --router --kind ppc"]
-    + ["tests/router/demo --kind", "tests/router/run --kep", "tests/router/run --kind ppc"]
-    + ["./test --router --kind ppc"],
-)
-def test_unknown_option_is_refused_before_anything_is_installed(run, stand_ins, command):
+def test_arguments_without_a_sense_are_refused(run, stand_ins, command, told):
     status, output, errors = run(*command.split(), environment=stand_ins(**NOTHING))
     assert (status, output) == (2, "")
-    assert "--help lists the options\n" in errors
-    assert errors.count("\n") == 1
+    assert told in errors
+    assert re.search(r"--help (lists the options|describes the arguments)\n$", errors)
+    assert errors.count("\n") <= 2
 
 
 @pytest.mark.parametrize(
@@ -73,9 +69,7 @@ def test_each_folder_of_tests_is_a_group():
     folders = {path.parent for path in ROOT.glob("tests/*/test_*.py")}
     # Those need builds of their own: ./test --targets, --memory and --router.
     folders -= {ROOT / "tests" / name for name in ("targets", "memory", "router")}
-    of_groups = {ROOT / options.folder(group) for group in options.GROUPS}
-    assert folders < of_groups
-    assert all(list(folder.glob("*test*")) for folder in of_groups if folder.exists())
+    assert folders < {ROOT / options.folder(group) for group in options.GROUPS}
 
 
 def test_each_unit_test_and_fuzzer_is_built():

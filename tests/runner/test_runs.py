@@ -1,12 +1,12 @@
 """How ./test runs tests: what it shows, its exit status, and what an interrupted run leaves."""
 
-import os
 import pathlib
 import signal
 import time
 
 import pytest
-from commands import BOUND, ROOT
+from commands import BOUND
+from lab.waiting import wait_until
 from runner.processes import PATIENCE_SECONDS
 
 pytestmark = pytest.mark.release
@@ -31,8 +31,9 @@ def last_line(output):
     return output.splitlines()[-1]
 
 
-def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins):
-    environment = stand_ins(cmake=BUILT, ctest=PASSED)
+def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins, tmp_path):
+    building = f'[ "$1" = --build ] || exit 0; nice > {tmp_path}/$3'
+    environment = stand_ins(cmake=building, ctest=PASSED)
     status, output, errors = run(*TWO_BUILDS, "--preset", "clang", environment=environment)
     assert (status, errors) == (0, "")
     # A build may begin before or after the tests of the one before.
@@ -43,47 +44,53 @@ def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins):
     ]
     assert output.count("what it says\n") == 2
     assert last_line(output) == "100% tests passed, 0 tests failed out of 4"
-
-
-def test_test_that_fails_is_named_at_the_end(run, stand_ins):
-    environment = stand_ins(cmake=BUILT, ctest=FAILED)
-    status, output, _ = run("./test", "unit", environment=environment)
-    assert status == 1
-    assert "The following tests FAILED:\n  unit: base/text: Two (release)\n" in output
-    assert last_line(output) == "50% tests passed, 1 tests failed out of 2"
+    # Builds beside tests leave the processor to them.
+    first, second = (int((tmp_path / preset).read_text()) for preset in ("release", "debug"))
+    assert second == min(first + 10, 19)
 
 
 @pytest.mark.parametrize(
-    "ctest, told",
-    [("exit 0", "no test of release is meant"), ("exit 3", "ctest of release ended with status 3")],
-    ids=["nothing to run", "no result"],
+    "ctest, told, summary",
+    [
+        (
+            FAILED,
+            "The following tests FAILED:\n  unit: base/text: Two (release)\n",
+            "50% tests passed, 1 tests failed out of 2",
+        ),
+        ("exit 0", "no test of release is meant", "0% tests passed, 1 tests failed out of 0"),
+        (
+            "exit 3",
+            "ctest of release ended with status 3",
+            "0% tests passed, 1 tests failed out of 0",
+        ),
+    ],
+    ids=["a test", "nothing to run", "no result"],
 )
-def test_run_without_results_fails(run, stand_ins, ctest, told):
-    environment = stand_ins(cmake=BUILT, ctest=ctest)
-    status, output, _ = run("./test", "unit", environment=environment)
+def test_what_fails_is_named_at_the_end(run, stand_ins, ctest, told, summary):
+    status, output, _ = run("./test", "unit", environment=stand_ins(cmake=BUILT, ctest=ctest))
     assert status == 1
     assert told in output
+    assert last_line(output) == summary
 
 
 def test_tests_of_ctest_and_of_pytest_are_chosen_and_listed_by_name(run):
-    arguments = ("./test", "unit", "style", "--name", "gate:Gate.IsEmpty|style: flake")
+    arguments = ("./test", "unit", "style", "--name", "gate:Gate.NobodyIs|style.py::test_flake")
     status, output, _ = run(*arguments, "--list")
-    assert (status, output) == (
+    assert (status, output.splitlines()) == (
         0,
-        "base/gate:Gate.IsEmptyUntilSomebodyEnters\nstyle/style: flake8 finds nothing\n",
+        [
+            "base/gate:Gate.NobodyIsInsideOnceItIsClosedAndEmpty",
+            "tests/style/test_style.py::test_flake8_finds_nothing",
+        ],
     )
     status, output, _ = run(*arguments)
     assert (status, last_line(output)) == (0, "100% tests passed, 0 tests failed out of 2")
 
 
-def test_builds_beside_tests_leave_the_processor_to_them(run, stand_ins, tmp_path):
-    building = f'[ "$1" = --build ] || exit 0; nice > {tmp_path}/$3'
-    run(*TWO_BUILDS, environment=stand_ins(cmake=building, ctest=PASSED))
-    first, second = (int((tmp_path / preset).read_text()) for preset in ("release", "debug"))
-    assert second == min(first + 10, 19)
-
-
-def test_build_that_fails_shows_the_compilers_words_and_runs_nothing(run, stand_ins):
+@pytest.mark.parametrize("command, preset", [("./test unit", "release"), ("./demo", "router")])
+def test_build_that_fails_shows_the_compilers_words_and_runs_nothing(
+    run, stand_ins, command, preset
+):
     failing = """
 [ "$1" = --build ] || exit 0
 echo '[1/9] Building CXX object a.o'
@@ -91,32 +98,32 @@ echo 'b.cpp:1: error: expected a declaration'
 exit 2
 """
     environment = stand_ins(cmake=failing, ctest="echo tested")
+    status, output, errors = run(*command.split(), environment=environment)
+    assert (status, output) == (2, f"Building {preset}\n")
+    assert errors == f"b.cpp:1: error: expected a declaration\n{preset} could not be built\n"
+
+
+def test_packages_that_are_missing_are_installed_or_it_is_told_why_not(run, stand_ins):
+    installing = '[ "$2" = update ] || { echo "no such package"; exit 100; }'
+    environment = stand_ins(dpkg_query="", apt_get=installing, cmake="echo built")
     status, output, errors = run("./test", "unit", environment=environment)
-    assert (status, output) == (2, "Building release\n")
-    assert errors == "b.cpp:1: error: expected a declaration\nrelease could not be built\n"
+    assert (status, output.count("\n")) == (100, 1)
+    assert output.startswith("Installing cmake ")
+    assert errors.startswith("no such package\nfailed: apt-get -q install -y ")
 
 
 @pytest.fixture
 def both_under_way(start, stand_ins, tmp_path):
     """A run that builds and tests for ten minutes, begun with these words before its own."""
 
-    def begin(*wrapper, **how):
-        building = f"""
-[ "$1 $3" = "--build debug" ] || exit 0
-touch {tmp_path}/building
-sleep 600
-"""
-        testing = f"""
-setsid sh -c 'sleep 600' &
-touch {tmp_path}/testing
-sleep 600
-"""
+    def begin(*wrapper):
+        building = f'[ "$1 $3" != "--build debug" ] || {{ touch {tmp_path}/building; sleep 600; }}'
+        testing = f"setsid sleep 600 & touch {tmp_path}/testing; sleep 600"
         environment = stand_ins(cmake=building, ctest=testing)
-        command = start(*wrapper, *TWO_BUILDS, environment=environment, **how)
-        deadline = time.monotonic() + BOUND
-        while not all((tmp_path / name).exists() for name in ("building", "testing")):
-            assert time.monotonic() < deadline
-            time.sleep(0.02)
+        command = start(*wrapper, *TWO_BUILDS, environment=environment)
+        signs = [tmp_path / "building", tmp_path / "testing"]
+        wait_until(lambda: all(sign.exists() for sign in signs), "both are under way", 30)
+        assert len(command.left()) > 3
         return command
 
     return begin
@@ -126,7 +133,7 @@ sleep 600
     "number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129)]
 )
 def test_interrupted_run_ends_builds_and_tests_at_once(both_under_way, tmp_path, number, status):
-    """Also what tests started in sessions of their own, and what ignores the polite signal."""
+    """Also what tests started in sessions of their own."""
     command = both_under_way()
     begun = time.monotonic()
     command.process.send_signal(number)
@@ -141,14 +148,12 @@ def test_interrupted_run_ends_builds_and_tests_at_once(both_under_way, tmp_path,
 
 def test_signals_that_a_run_was_started_to_ignore_do_not_end_it(both_under_way):
     """As nohup and the background of a shell have it."""
-    ignoring = ("sh", "-c", 'trap "" INT HUP; exec "$@"', "sh")
-    command = both_under_way(*ignoring)
+    command = both_under_way("sh", "-c", 'trap "" INT HUP; exec "$@"', "sh")
     status = pathlib.Path(f"/proc/{command.process.pid}/status")
     for number in (signal.SIGINT, signal.SIGHUP):
         command.process.send_signal(number)
         # Signals that are pending together may be taken by threads that do not act on them.
-        while "ShdPnd:\t0000000000000000\n" not in status.read_text():
-            time.sleep(0.02)
+        wait_until(lambda: "ShdPnd:\t0000000000000000\n" in status.read_text(), "it is taken")
     command.process.send_signal(signal.SIGTERM)
     assert command.process.wait(BOUND) == 143
     command.wait_until_nothing_is_left()
@@ -162,25 +167,19 @@ env | sed -n '/^L[CA]/p'
 """
 
 
-def test_tests_inherit_nothing_that_they_do_not_bear(run, stand_ins):
-    environment = {**stand_ins(cmake=BUILT, ctest=INHERITED + PASSED), "LANG": "de_DE"}
+def test_tests_inherit_nothing_that_they_do_not_bear_and_need_no_environment(run, stand_ins):
     by_a_stranger = """
 umask 077
 trap '' INT HUP QUIT CHLD PIPE
 exec 0<&- 8< /dev/null 9> /dev/null
-exec ./test unit
+exec env -i "PATH=$PATH" LANG=de_DE ./test unit
 """
+    environment = stand_ins(cmake=BUILT, ctest=INHERITED + PASSED)
     status, output, _ = run("sh", "-c", by_a_stranger, environment=environment)
     assert status == 0
     inherited = output.partition("Testing release\n")[2].splitlines()
     # Standard input, output and error, and that of the directory.
     assert inherited[:5] == ["0022", "0" * 16, "0" * 16, "4", "LC_ALL=C"]
-
-
-def test_run_needs_no_more_of_its_environment_than_path(start, stand_ins):
-    path = stand_ins(cmake=BUILT, ctest=PASSED)["PATH"]
-    status, output, errors = start("env", "-i", f"PATH={path}", "./test", "unit").finish()
-    assert (status, errors) == (0, "")
 
 
 def test_reader_that_goes_away_ends_the_run_and_nothing_is_left(start, stand_ins, tmp_path):
@@ -191,15 +190,3 @@ def test_reader_that_goes_away_ends_the_run_and_nothing_is_left(start, stand_ins
     assert command.process.wait(BOUND) == 128 + signal.SIGPIPE
     assert command.process.stderr.read() == ""
     assert [path.name for path in tmp_path.iterdir()] == ["programs"]
-
-
-def test_check_of_the_style_that_finds_no_files_fails(run, tmp_path):
-    """In a tree that is this one's check alone."""
-    (tmp_path / "tests/style").mkdir(parents=True)
-    copy = tmp_path / "tests/style/test_style.py"
-    copy.write_text((ROOT / "tests/style/test_style.py").read_text())
-    pytest_here = ["/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider"]
-    environment = {"PYTHONPATH": os.pathsep.join([str(ROOT), str(pathlib.Path(__file__).parent)])}
-    status, output, _ = run(*pytest_here, copy, cwd=tmp_path, environment=environment)
-    assert status == 1
-    assert "nothing to look at" in output

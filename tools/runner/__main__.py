@@ -2,12 +2,13 @@
 
 import os
 import pathlib
+import queue
 import shutil
 import signal
 import sys
+import threading
 import time
 
-import builds
 import inherited
 import options as command_line
 import processes
@@ -33,13 +34,46 @@ def install(*groups):
     need("packages", "sh", "-c", script, "./test", *groups)
 
 
+def build(preset, targets, output=None, background=False):
+    """Builds these targets of a preset; progress goes to `output`. The exit status."""
+    options = ["--background"] if background else []
+    command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
+    return processes.run(command, stdout=output)
+
+
+def built(targets):
+    """Builds presets, with these targets of each, in their order and in a separate thread. Gives
+    each as soon as it is built, and ends the process if one can't be."""
+    done = queue.SimpleQueue()
+
+    def build_all():
+        for number, preset in enumerate(targets):
+            # Tests need the processor free: they look at times.
+            status = build(preset, targets[preset], background=number > 0)
+            done.put(status)
+            if status != 0:
+                return
+
+    threading.Thread(target=build_all, daemon=True).start()
+    for preset in targets:
+        status = done.get()
+        if status != 0:
+            sys.exit(status)
+        yield preset
+
+
+def groups_of(options):
+    """The groups of each preset that are meant."""
+    groups = options.groups or command_line.GROUPS
+    return {preset: command_line.groups_of(preset, groups) for preset in options.presets}
+
+
 def list_tests(options):
     """Names the tests; the builds' progress goes to standard error, apart from the names."""
-    for preset in options.presets:
-        groups = command_line.groups_of(preset, options.groups or command_line.GROUPS)
+    for preset, groups in groups_of(options).items():
         # ctest knows a test once it is built.
         targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
-        if targets and builds.build(preset, targets, sys.stderr) != 0:
+        if targets and build(preset, targets, sys.stderr) != 0:
             return 1
         if not show_list(preset, groups, options.name):
             sys.exit(f"./test: no test of {preset} is meant")
@@ -49,15 +83,12 @@ def list_tests(options):
 def run_tests(options):
     start = time.monotonic()
     suite = Suite(options.jobs)
-    groups = {
-        preset: command_line.groups_of(preset, options.groups or command_line.GROUPS)
-        for preset in options.presets
-    }
-    targets = {preset: command_line.targets(groups[preset]) for preset in options.presets}
+    groups = groups_of(options)
+    targets = {preset: command_line.targets(groups[preset]) for preset in groups}
     tested = [preset for preset in options.presets if preset != "clang"] or options.presets
     if "clang" not in tested and "clang" in targets:
         targets["clang"] = CHECKED
-    for preset in builds.Builds(targets):
+    for preset in built(targets):
         if preset in tested:
             suite.run(preset, groups[preset], options.name)
     print(f"\nTotal time {time.monotonic() - start:.0f} s")
@@ -67,7 +98,7 @@ def run_tests(options):
 def cover(options):
     suite = Suite(options.jobs)
     (directory,) = options.presets
-    if builds.build(directory, command_line.targets(options.groups)) != 0:
+    if build(directory, command_line.targets(options.groups)) != 0:
         return 1
     # Nothing that ran before counts.
     for counts in pathlib.Path("build", directory).rglob("*.gcda"):
@@ -98,7 +129,7 @@ def run_long(options):
         need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
     if options.long_run == command_line.COVERAGE:
         return cover(options)
-    if run.is_in_lab and builds.build("release", ["lab_tests"]) != 0:
+    if run.is_in_lab and build("release", ["lab_tests"]) != 0:
         return 1
     own = {**environment(), run.variable: str(options.count)} if run.variable else None
     kinds = [word for kind in options.kinds for word in ("--kind", kind)]
@@ -118,10 +149,9 @@ def main():
     try:
         if options.long_run:
             return run_long(options)
-        if options.list:
-            install("build", "test")
-            return list_tests(options)
         install("build", "test")
+        if options.list:
+            return list_tests(options)
         need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
         return run_tests(options)
     except KeyboardInterrupt:

@@ -130,41 +130,32 @@ def _parser():
     parser = _Parser(prog="./test", add_help=False, allow_abbrev=False)
     parser.add_argument("groups", nargs="*", metavar="GROUP", type=_one_of("group", GROUPS))
     parser.add_argument("--name", type=_pattern)
-    parser.add_argument(
-        "--preset",
-        action="append",
-        default=[],
-        dest="presets",
-        type=_one_of("preset", PRESETS),
-    )
+    preset = _one_of("preset", PRESETS)
+    parser.add_argument("--preset", action="append", default=[], dest="presets", type=preset)
     parser.add_argument("--jobs", type=_number("tests at a time", MOST_JOBS))
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--kind", action="append", default=[], dest="kinds")
+    one = parser.add_mutually_exclusive_group()
     for name, run in LONG_RUNS.items():
-        if run.counted:
-            parser.add_argument(f"--{name}", type=_number(*run.counted))
-        else:
-            parser.add_argument(f"--{name}", action="store_true")
+        how = {"type": _number(*run.counted)} if run.counted else {"action": "store_true"}
+        one.add_argument(f"--{name}", **how)
     return parser
 
 
 def parse(words):
     """The options, checked and completed; ends the process with status 2 if they make no sense.
 
-    `long_run` is the name of the long run or None, and `count` its number.
+    `long_run` is the name of the long run or None, and `count` its number, if it takes one.
     """
     parser = _parser()
     options = parser.parse_args(words)
-    given = [name for name in LONG_RUNS if getattr(options, name)]
-    options.long_run = given[0] if given else None
-    options.count = getattr(options, options.long_run) if given else None
-    if given:
-        others = [*given[1:], *("name", "presets", "list", "groups")]
-        others += [] if options.long_run == COVERAGE else ["jobs"]
-        for other in others:
-            if getattr(options, other):
-                word = {"groups": "GROUP", "presets": "--preset"}.get(other, f"--{other}")
-                parser.error(f"--{options.long_run} and {word} do not go together")
+    options.long_run = next((name for name in LONG_RUNS if getattr(options, name)), None)
+    options.count = getattr(options, options.long_run or "list")
+    words = {"--name": "name", "--preset": "presets", "--list": "list", "GROUP": "groups"}
+    words |= {} if options.long_run == COVERAGE else {"--jobs": "jobs"}
+    for word, name in words.items():
+        if options.long_run and getattr(options, name):
+            parser.error(f"--{options.long_run} and {word} do not go together")
     if options.kinds and options.long_run != "router":
         parser.error("--kind goes with --router")
     for preset in options.presets:

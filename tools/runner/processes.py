@@ -36,24 +36,24 @@ def temporary_directory():
     return made
 
 
-def _left():
-    """The other processes that have this run's directory in their environment; no zombie has."""
-    mark = f"TMPDIR={os.environ['TMPDIR']}".encode()
+def marked(variable):
+    """The other processes with this NAME=VALUE in their environment; no zombie has it."""
     found = []
     for path in pathlib.Path("/proc").glob("[0-9]*/environ"):
         pid = int(path.parent.name)
         with contextlib.suppress(OSError):
-            if pid != os.getpid() and mark in path.read_bytes().split(b"\0"):
+            if pid != os.getpid() and variable.encode() in path.read_bytes().split(b"\0"):
                 found.append(pid)
     return found
 
 
 def end_all():
     """Ends every program that still runs, and all that it has started."""
+    mark = f"TMPDIR={os.environ['TMPDIR']}"
     for number in (signal.SIGTERM, signal.SIGKILL):
-        for pid in _left():
+        for pid in marked(mark):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, number)
         deadline = time.monotonic() + PATIENCE_SECONDS
-        while _left() and time.monotonic() < deadline:
+        while marked(mark) and time.monotonic() < deadline:
             time.sleep(0.02)

@@ -25,16 +25,12 @@ def _steady(preset):
 
 
 def _ctest(preset, groups, name, *others):
-    chosen = ["--label-regex", f"^({'|'.join(groups)})$"]
-    if name is not None:
-        chosen += ["--tests-regex", name]
+    chosen = ["--label-regex", f"^({'|'.join(groups)})$", "--tests-regex", name or "."]
     return [*_steady(preset), "ctest", "--test-dir", f"build/{preset}", *chosen, *others]
 
 
 def _pytest(preset, groups, name, *others):
-    chosen = [f"--preset={preset}", "-q"]
-    if name is not None:
-        chosen += ["--name", name]
+    chosen = [f"--preset={preset}", "--name", name or "", "-q"]
     folders = [command_line.folder(group) for group in groups]
     return [*_steady(preset), PYTHON, "-m", "pytest", *_PLUGINS, *chosen, *others, *folders]
 
@@ -60,19 +56,17 @@ def show_list(preset, groups, name):
     names = []
     if ctest:
         shown = _output(_ctest(preset, ctest, name, "--show-only"))
-        names += [line.partition(": ")[2] for line in shown if ": " in line and " Test " in line]
+        names += re.findall(r"^ *Test +#\d+: (.*)$", shown, re.MULTILINE)
     if pytest:
-        shown = _output(_pytest(preset, pytest, name, "--collect-only", "-qq", "--list-names"))
-        names += [line for line in shown if re.match(r"\w+/\w+: ", line)]
+        shown = _output(_pytest(preset, pytest, name, "--collect-only"))
+        names += re.findall(r"^\S+\.py::.*$", shown, re.MULTILINE)
     print(*names, sep="\n")
     return len(names)
 
 
 def _output(command):
     listing = processes.start(command, stdout=subprocess.PIPE, text=True, env=environment())
-    lines = listing.stdout.read().splitlines()
-    listing.wait()
-    return lines
+    return listing.communicate()[0]
 
 
 class Suite:
@@ -92,10 +86,13 @@ class Suite:
         if pytest:
             captures = pathlib.Path("build", preset, "lab-captures")
             shutil.rmtree(captures, ignore_errors=True)
-            beside = ["-m", "not alone", "--numprocesses", self._jobs, "--dist", "loadgroup"]
+            # Made if there are tests that no other test may run beside.
+            alone = pathlib.Path(os.environ["TMPDIR"], f"{preset}-alone")
+            beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
             self._run(preset, "pytest", _pytest(preset, pytest, name, *beside), "--junit-xml")
-            alone = ["-m", "alone"]
-            self._run(preset, "pytest-alone", _pytest(preset, pytest, name, *alone), "--junit-xml")
+            if alone.exists():
+                command = _pytest(preset, pytest, name, "-m", "alone and not whole")
+                self._run(preset, "pytest-alone", command, "--junit-xml")
             self._dissect(preset, captures)
         if self.tests + len(self.failed) == before:
             self.failed.append(f"no test of {preset} is meant")
@@ -131,21 +128,18 @@ class Suite:
     def _count(self, preset, results):
         cases = ElementTree.parse(results).getroot().findall(".//testcase")
         failed = [
-            f"{case.get('classname')}: {case.get('name')}"
+            f"{case.get('classname')}: {case.get('name')} ({preset})"
             for case in cases
-            if case.get("status") == "fail"
-            or case.find("failure") is not None
-            or case.find("error") is not None
+            if case.get("status") == "fail" or {child.tag for child in case} & {"failure", "error"}
         ]
         self.tests += len(cases)
-        self.failed += [f"{name} ({preset})" for name in failed]
+        self.failed += failed
         return len(failed)
 
     def report(self):
         """Prints the summary. The exit status."""
         if self.failed:
-            print("\nThe following tests FAILED:")
-            print("\n".join(f"  {name}" for name in self.failed))
+            print("\nThe following tests FAILED:", *self.failed, sep="\n  ")
         passed = max(self.tests - len(self.failed), 0)
         share = 100 * passed // max(self.tests, 1)
         print(f"\n{share}% tests passed, {len(self.failed)} tests failed out of {self.tests}")
