@@ -174,14 +174,16 @@ void OtherHost::SendMulticast(const char* source, std::span<const uint8_t> paylo
   Headers headers = {};
   // The group's Ethernet address, then the other host's own (locally administered).
   headers.ethernet = {{0x01, 0, 0x5E, 0, 0, 0xFB}, {0x02, 0, 0, 0, 0, 0x99}, htons(ETHERTYPE_IP)};
-  headers.ip.version = 4;
-  headers.ip.ihl = 5;
-  headers.ip.tot_len = htons(static_cast<uint16_t>(sizeof(iphdr) + udpSize));
-  headers.ip.ttl = 255;
-  headers.ip.protocol = IPPROTO_UDP;
-  headers.ip.saddr = SocketAddress(source, 0).sin_addr.s_addr;
-  headers.ip.daddr = SocketAddress("224.0.0.251", 0).sin_addr.s_addr;
-  headers.ip.check = Checksum(headers.ip);
+  iphdr ip = {};
+  ip.version = 4;
+  ip.ihl = 5;
+  ip.tot_len = htons(static_cast<uint16_t>(sizeof(iphdr) + udpSize));
+  ip.ttl = 255;
+  ip.protocol = IPPROTO_UDP;
+  ip.saddr = SocketAddress(source, 0).sin_addr.s_addr;
+  ip.daddr = SocketAddress("224.0.0.251", 0).sin_addr.s_addr;
+  ip.check = Checksum(ip);
+  headers.ip = ip;
   headers.udp.source = kMdnsPort;
   headers.udp.dest = kMdnsPort;
   headers.udp.len = htons(udpSize);
