@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -108,6 +109,29 @@ TEST_F(Outgoing, QuestionsInGreatNumbersKeepTheInterval) {
     }
   }
   EXPECT_EQ(last.size(), 4u);
+}
+
+// RFC 6762, section 6.4.
+TEST_F(Outgoing, NoAnswerIsHeldBackMoreThan500MillisecondsForOthersToJoinIt) {
+  for (int i = 0; i < 15; ++i) host.AddPrinter("P" + std::to_string(i));
+  host.Settle();
+  std::map<string, int64_t> asked;
+  vector<string> lines;
+  for (int i = 0; i < 60; ++i) {
+    const string name = "P" + std::to_string(i % 15) + "._ipp._tcp";
+    const string question = name + ".local";
+    // Two questions, so that the answer is delayed: by 20 ms at least.
+    host.Hear({0, {{question, kTypeSrv}, {"guest.local", kTypeA}}});
+    asked.emplace("=" + name + " SRV", host.Now());
+    for (const string& line : host.RunFor(15)) lines.push_back(line);
+  }
+  for (const string& line : host.RunFor(5000)) lines.push_back(line);
+  for (const auto& one : asked) {
+    const auto has = [&](const string& line) { return line.find(one.first) != string::npos; };
+    const auto found = std::find_if(lines.begin(), lines.end(), has);
+    ASSERT_NE(found, lines.end()) << one.first;
+    EXPECT_LE(std::stoll(*found) - one.second, 500) << one.first;
+  }
 }
 
 TEST_F(Outgoing, UnicastToAHostIsBoundedAndTheRestGoesToAll) {
