@@ -12,7 +12,8 @@
 //       as many questions as are answered, for SECONDS each; lines: target number, tab, answers
 //       per second, tab, answers, tab, transmissions per answer, tab, questions without an answer
 //
-// QUESTION is hexadecimal. TARGET is NETWORK:LOG:ADDRESS:PID: descriptors of the network namespace
+// QUESTION is hexadecimal, or several with commas between, of which "latency" asks one after the
+// other. TARGET is NETWORK:LOG:ADDRESS:PID: descriptors of the network namespace
 // of a host on the link and of the reading end of the router's log, the host's own address, and the
 // process that answers.
 #include <arpa/inet.h>
@@ -70,6 +71,16 @@ Bytes FromHex(const std::string& text) {
     bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
   }
   return bytes;
+}
+
+std::vector<Bytes> ReadQuestions(const std::string& text) {
+  std::vector<Bytes> questions;
+  for (size_t start = 0; start <= text.size();) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    questions.push_back(FromHex(text.substr(start, end - start)));
+    start = end + 1;
+  }
+  return questions;
 }
 
 struct Target {
@@ -218,13 +229,15 @@ int64_t ProcessorTime(const Target& target) {
   return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
 }
 
-void MeasureLatency(std::vector<Target>& targets, int count, const Bytes& question) {
+void MeasureLatency(std::vector<Target>& targets, int count, const std::vector<Bytes>& questions) {
   for (Target& target : targets) OpenWire(target);
   std::vector<int64_t> processor(targets.size());
   auto next = Clock::now() + kPause;
   const auto settled = next + kTransmissionsEnd;
   int asked = 0;
+  size_t turns = 0;
   while (asked < count) {
+    const Bytes& question = questions[turns++ % questions.size()];
     const bool counts = next >= settled;
     for (size_t turn = 0; turn < targets.size(); ++turn) {
       // Each goes first equally often, because the order matters to the asker's caches.
@@ -297,11 +310,12 @@ int main(int argc, char** argv) {
   if (argc < 5) return 2;
   const std::string mode = argv[1];
   const int amount = atoi(argv[2]);
-  const Bytes question = FromHex(argv[3]);
+  const std::vector<Bytes> questions = ReadQuestions(argv[3]);
+  const Bytes& question = questions.front();
   std::vector<Target> targets;
   for (int i = 4; i < argc; ++i) targets.push_back(OpenTarget(argv[i]));
   if (mode == "latency") {
-    MeasureLatency(targets, amount, question);
+    MeasureLatency(targets, amount, questions);
   } else if (mode == "again") {
     MeasureAgain(targets, amount, question);
   } else {

@@ -40,15 +40,16 @@ def running(**changes):
         yield stages
 
 
-def ask(mode, amount, question, stages):
-    """What the asker prints: a list of words for each line."""
+def ask(mode, amount, questions, stages):
+    """What the asker prints: a list of words for each line. `questions` are asked in turns."""
     targets = [
         f"{network}:{log}:{stage.lab.host.address}:{stage.process.pid}"
         for stage in stages
         for network, log in [stage.descriptors]
     ]
+    asked = ",".join(question.hex() for question in questions)
     done = subprocess.run(
-        [program("bench_asker"), mode, str(amount), question.hex(), *targets],
+        [program("bench_asker"), mode, str(amount), asked, *targets],
         stdout=subprocess.PIPE,
         text=True,
         check=True,
@@ -76,7 +77,7 @@ def latencies(stages, question, count):
     infinite if that is late."""
     names = list(stages)
     values, processor = {name: [] for name in names}, {}
-    for first, *rest in ask("latency", count, question, stages.values()):
+    for first, *rest in ask("latency", count, [question], stages.values()):
         if first == "processor":
             processor[names[int(rest[0])]] = [int(rest[1]) / 1000]
         else:
@@ -92,7 +93,8 @@ def rates(stages, question, seconds, first):
     names = names[first % len(names) :] + names[: first % len(names)]
     before = _processor_time(stages)
     values, answered = {}, {}
-    for name, line in zip(names, ask("rate", seconds, question, [stages[name] for name in names])):
+    turns = [stages[name] for name in names]
+    for name, line in zip(names, ask("rate", seconds, [question], turns)):
         _, rate, answers, transmissions, lost = line
         if abs(float(transmissions) - TRANSMISSIONS) > 0.1 or int(lost) > 0:
             raise RuntimeError(f"{name}: {transmissions} packets an answer, {lost} questions lost")

@@ -93,7 +93,7 @@ def measure(count, rounds):
         for _ in range(rounds):
             for mode, asked in MODES.items():
                 before = [len(_notes(path)) for path in paths]
-                endtoend.ask(asked, count, question, stages)
+                endtoend.ask(asked, count, [question], stages)
                 for name, path, first in zip(TARGETS, paths, before):
                     found.setdefault((name, mode), []).extend(_answers(_notes(path)[first:]))
         return {
