@@ -397,9 +397,7 @@ def test_yocto_recipe_builds_the_tree_around_it(recipe):
     # Links to the build, which would be left in the tree.
     assert recipe["EXTERNALSRC_SYMLINKS"] == ""
     assert recipe["INITSCRIPT_PARAMS"] == "defaults 95 05"
-
-
-def test_yocto_recipe_names_the_file_that_grants_no_licence(recipe):
+    # Its file grants no licence.
     reference = "bonjour-CLOSED"
     assert recipe["LICENSE"] == f"LicenseRef-{reference}"
     for flag in (reference, f"LicenseRef-{reference}"):

@@ -6,24 +6,14 @@ from lab.printers import Printer
 from lab.vm.kinds import KINDS
 from lab.vm.router import MachineLab
 
-_TABLE = pytest.StashKey()
-
-
-def pytest_configure(config):
-    config.stash[_TABLE] = []
-
-
-def pytest_terminal_summary(terminalreporter, config):
-    if config.stash[_TABLE]:
-        terminalreporter.section("figures; memory before, at the most and after, in KiB")
-        for line in config.stash[_TABLE]:
-            terminalreporter.write_line(line)
-
 
 @pytest.fixture
-def table(request):
-    """A list of lines that are shown at the end."""
-    return request.config.stash[_TABLE]
+def table(capsys):
+    """A list of lines that are shown though the test passes."""
+    lines = []
+    yield lines
+    with capsys.disabled():
+        print("", *lines, sep="\n")
 
 
 def pytest_addoption(parser):

@@ -302,7 +302,7 @@ def test_flood_kills_nothing_and_everything_answers_behind_it(request, lab, empt
     counted, peak = flood(lab, empty, rate)
     wait_until_quiet(empty)
     after = memory(empty)
-    table.append(f"{request.node.callspec.id}: {counted}")
+    table.append(f"{request.node.callspec.id}: {counted}; KiB before, at the most and after:")
     table.extend(f"  {name:12} {before[name]:7} {peak[name]:7} {after[name]:7}" for name in before)
     assert counted["sent"] == rate * FLOOD_SECONDS
     assert empty.run("dmesg | grep -A60 oom-killer || true") == ""

@@ -2,6 +2,7 @@
 and test for minutes."""
 
 import os
+from contextlib import ExitStack, closing
 
 import pytest
 from commands import Command
@@ -10,15 +11,8 @@ from commands import Command
 @pytest.fixture
 def start():
     """Starts a command in the tree; ends what is left of it when the test does."""
-    started = []
-
-    def begin(*words, **options):
-        started.append(Command(words, **options))
-        return started[-1]
-
-    yield begin
-    for each in started:
-        each.close()
+    with ExitStack() as started:
+        yield lambda *words, **how: started.enter_context(closing(Command(words, **how)))
 
 
 @pytest.fixture

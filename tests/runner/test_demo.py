@@ -175,29 +175,18 @@ def test_lab_that_stands_is_taken_down_with_ctrl_c(standing):
 @pytest.mark.parametrize(
     "printers, words, told",
     [
-        (range(1), ["out", "X"], "there is no printer 'X'; there are: HP X0"),
-        (range(0), ["out", "X"], "there is no printer 'X'; there are: none"),
-        (range(0), ["in", "HP"], "usage: "),
-        (range(10), ["in", "HP", "Y", "PCL"], "all ports have a printer"),
+        (1, "lab.plug status out X", "there is no printer 'X'; there are: HP X0"),
+        (0, "lab.plug status out X", "there is no printer 'X'; there are: none"),
+        (0, "lab.plug status in HP", "usage: "),
+        (10, "lab.plug status in HP Y PCL", "all ports have a printer"),
+        (0, "lab.ask a.local NONSENSE", "a.local NONSENSE is no question: "),
+        (0, "lab.ask a.local A", "this is no host of a lab, with an interface eth0 on its link: "),
     ],
 )
-def test_plugging_that_makes_no_sense_is_told(run, tmp_path, printers, words, told):
-    status_file = tmp_path / "printer_status"
-    status_file.write_text("".join(f"usblp{port}\nHP\nX{port}\nPCL\n\n" for port in printers))
-    status, output, errors = run(*PYTHON, "lab.plug", status_file, *words)
-    assert (status, output) == (1, "")
-    assert errors.startswith(told)
-
-
-@pytest.mark.parametrize(
-    "words, told",
-    [
-        (["a.local", "NONSENSE"], "a.local NONSENSE is no question: "),
-        (["a.local", "A"], "this is no host of a lab, with an interface eth0 on its link: "),
-    ],
-)
-def test_question_that_can_not_be_asked_is_told(run, words, told):
-    status, output, errors = run("unshare", "--net", *PYTHON, "lab.ask", *words)
+def test_hint_that_is_used_wrongly_says_so(run, tmp_path, printers, words, told):
+    records = [f"usblp{port}\nHP\nX{port}\nPCL\n\n" for port in range(printers)]
+    (tmp_path / "status").write_text("".join(records))
+    status, output, errors = run("unshare", "--net", *PYTHON, *words.split(), cwd=tmp_path)
     assert (status, output) == (1, "")
     assert told in errors
     assert "Traceback" not in errors

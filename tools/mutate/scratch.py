@@ -118,7 +118,8 @@ class Build:
             "BONJOUR_USBLP_DEVICE": str(self._directory / "lab/usblp_device"),
         }
         pytest = ["/usr/bin/python3", "-m", "pytest", "-xq", *_PLUGINS, *folders]
-        for chosen in (["-m", "not alone", "-n", str(parallel)], ["-m", "alone"]):
+        beside = ["-m", "not alone and not whole", "-n", str(parallel)]
+        for chosen in (beside, ["-m", "alone"]):
             command = [*pytest, *chosen, f"--junit-xml={self._results}"]
             how = {"cwd": self._source, "env": environment}
             failed = self._judge(command, _LAB_CPU, _LAB_SECONDS, **how)
