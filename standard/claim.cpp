@@ -205,31 +205,19 @@ void Announce(Core& core, size_t index, int64_t now) {
 
 void Advance(Core& core, size_t index, int64_t now) {
   Claim& claim = core.claims[index];
-  switch (claim.step) {
-    case ClaimStep::kRenaming:
-      Rename(core, index);
-      BeginAttempt(core, index, now);
-      break;
-    case ClaimStep::kResting:
-      GoTo(claim, ClaimStep::kWaiting, StartTime(core, now));
-      break;
-    case ClaimStep::kWaiting:
-    case ClaimStep::kDeferring:
-    case ClaimStep::kProbing:
-      if (claim.probesSent < kProbes) {
-        SendProbe(core, index, now);
-      } else {
-        Succeed(core, index, now);
-      }
-      break;
-    case ClaimStep::kAnnouncing:
-      Announce(core, index, now);
-      break;
-    case ClaimStep::kNone:
-    case ClaimStep::kHeldBack:
-    case ClaimStep::kSettled:
-      claim.due = kNever;
-      break;
+  // Whichever step comes next has a turn of its own, or none.
+  claim.due = kNever;
+  if (claim.step == ClaimStep::kRenaming) {
+    Rename(core, index);
+    BeginAttempt(core, index, now);
+  } else if (claim.step == ClaimStep::kResting) {
+    GoTo(claim, ClaimStep::kWaiting, StartTime(core, now));
+  } else if (claim.step == ClaimStep::kAnnouncing) {
+    Announce(core, index, now);
+  } else if (claim.probesSent < kProbes) {
+    SendProbe(core, index, now);
+  } else {
+    Succeed(core, index, now);
   }
 }
 

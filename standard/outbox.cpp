@@ -190,13 +190,13 @@ bool WriteProposals(WireWriter& writer, const Core& core, NameId name) {
 // Writes a probe for the first `count` names of the set (RFC 6762, section 8.1): a question for
 // each, then the records that are proposed for all of them.
 bool WriteProbe(WireWriter& writer, const Core& core, const NameSet& names, size_t count) {
+  bool areWritten = true;
   size_t written = 0;
   for (NameId id = names.Next(0); id < kNamesMax && written < count; id = names.Next(id + 1)) {
     Name name;
     ++written;
-    if (DescribeName(core, id, name) &&
-        !WriteQuestion(writer, name, kTypeAny, kClassIn | kClassTopBit)) {
-      return false;
+    if (DescribeName(core, id, name)) {
+      areWritten &= WriteQuestion(writer, name, kTypeAny, kClassIn | kClassTopBit);
     }
   }
   written = 0;
@@ -204,7 +204,7 @@ bool WriteProbe(WireWriter& writer, const Core& core, const NameSet& names, size
     ++written;
     if (!WriteProposals(writer, core, id)) return false;
   }
-  return true;
+  return areWritten;
 }
 
 void RemoveFirst(NameSet& names, size_t count) {

@@ -177,6 +177,16 @@ TEST(Core, AFamilyWithoutAnAddressIsSilent) {
   EXPECT_FALSE(IsHostAnswered(host, kOtherIpv6));
 }
 
+TEST(Core, WhatIsNotTakenYetIsDueAtOnce) {
+  Host host;
+  OutgoingDatagram out;
+  const int64_t turn = NextTurn(host.State());
+  ASSERT_TRUE(TakeDatagram(host.State(), turn, out));
+  EXPECT_EQ(NextTurn(host.State()), 0);
+  ASSERT_TRUE(TakeDatagram(host.State(), turn, out));
+  EXPECT_GT(NextTurn(host.State()), turn);
+}
+
 TEST(Core, ALinkThatComesBackIsProbedAndAnnouncedWithinTwoSeconds) {
   struct Row {
     const char* what;

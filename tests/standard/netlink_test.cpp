@@ -5,11 +5,13 @@
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 
+#include "base/descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/network.h"
 
@@ -293,6 +295,21 @@ TEST_F(NetlinkTest, KernelThatTellsNothingIsAskedAgainLater) {
   TakeNetlink(-1, watch, "br0", buffer);
   EXPECT_TRUE(watch.mustReread);
   EXPECT_FALSE(ReadLink(-1, watch, "br0", buffer));
+  EXPECT_TRUE(watch.mustReread);
+}
+
+// As netlink sockets, those of a pair tell the size of what did not fit.
+TEST_F(NetlinkTest, DatagramThatDoesNotFitIsReadAgainAsAWhole) {
+  KnowBridge();
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, pair), 0);
+  const Descriptor socket(pair[0]);
+  const Descriptor kernel(pair[1]);
+  const Bytes datagram(kNetlinkDatagramMax + 1);
+  ASSERT_EQ(write(kernel.Get(), datagram.data(), datagram.size()),
+            static_cast<ssize_t>(datagram.size()));
+  uint8_t buffer[kNetlinkDatagramMax];
+  TakeNetlink(socket.Get(), watch, "br0", buffer);
   EXPECT_TRUE(watch.mustReread);
 }
 
