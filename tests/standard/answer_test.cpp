@@ -27,16 +27,7 @@ class Answer : public testing::Test {
     host.Settle();
   }
 
-  // What is sent within `time`, each line with the time since now.
-  vector<string> Within(int64_t time) {
-    const int64_t start = host.Now();
-    vector<string> lines;
-    for (const string& line : host.RunFor(time)) {
-      const size_t blank = line.find(' ');
-      lines.push_back(std::to_string(std::stoll(line) - start) + line.substr(blank));
-    }
-    return lines;
-  }
+  vector<string> Within(int64_t time) { return host.RunFromNow(time); }
 
   // The same without times.
   vector<string> WordsWithin(int64_t time) {

@@ -138,6 +138,15 @@ std::vector<Bytes> Host::BytesUntil(int64_t until) {
   return datagrams;
 }
 
+std::vector<std::string> Host::RunFromNow(int64_t time) {
+  const int64_t start = now;
+  std::vector<std::string> lines = RunFor(time);
+  for (std::string& line : lines) {
+    line = std::to_string(std::stoll(line) - start) + line.substr(line.find(' '));
+  }
+  return lines;
+}
+
 void Host::Settle() { RunFor(62000); }
 
 void Host::AddPrinter(std::string_view instance) {

@@ -68,7 +68,9 @@ class Host {
   /// Lets time go by until `until`; takes what is sent, each line behind the time.
   std::vector<std::string> RunUntil(int64_t until);
   std::vector<std::string> RunFor(int64_t time) { return RunUntil(now + time); }
-  /// The same, with the datagrams themselves.
+  /// The same, each line behind the time since now.
+  std::vector<std::string> RunFromNow(int64_t time);
+  /// What is sent until `until`, the datagrams themselves.
   std::vector<Bytes> BytesUntil(int64_t until);
   /// Runs until names are claimed and announced, and a minute longer.
   void Settle();

@@ -24,15 +24,7 @@ class Outgoing : public testing::Test {
     host.Settle();
   }
 
-  // What is sent within `time`, each line with the time since now.
-  vector<string> Within(int64_t time) {
-    const int64_t start = host.Now();
-    vector<string> lines;
-    for (const string& line : host.RunFor(time)) {
-      lines.push_back(std::to_string(std::stoll(line) - start) + line.substr(line.find(' ')));
-    }
-    return lines;
-  }
+  vector<string> Within(int64_t time) { return host.RunFromNow(time); }
 
   void AskForHost(const Address& from = kOtherIpv4) {
     host.Hear({0, {{"host.local", kTypeA}}}, from);
