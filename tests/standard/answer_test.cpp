@@ -395,6 +395,17 @@ TEST_F(Answer, AConventionalResolverIsAnsweredAtOnceWhateverItAsks) {
   EXPECT_THAT(WordsWithin(0), IsEmpty());
 }
 
+TEST_F(Answer, AConventionalQuestionThatIsAskedAgainGetsTheReplyThatWasKept) {
+  const Bytes query = BytesOf({0, {{"host.local", kTypeA}}, {}, {}, 7});
+  const ReceivedDatagram again = {query.data(), query.size(), {kOtherIpv4, kLegacyPort}, true};
+  EXPECT_FALSE(HandleRepeatedQuery(host.State(), again));
+  HandleDatagram(host.State(), again, host.Now());
+  const vector<Bytes> composed = host.BytesUntil(host.Now());
+  ASSERT_EQ(composed.size(), 1u);
+  EXPECT_TRUE(HandleRepeatedQuery(host.State(), again));
+  EXPECT_THAT(host.BytesUntil(host.Now()), ElementsAre(composed[0]));
+}
+
 TEST_F(Answer, AConventionalQuestionThatIsAskedAgainIsAnsweredWithItsOwnId) {
   const char* const kRest = " 00 00 00 01 00 00 00 00 00 00 04 'host' 05 'local' 00 00 01 00 01";
   for (const char* id : {"00 01", "12 34", "FF FF"}) {
