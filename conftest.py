@@ -34,6 +34,7 @@ def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
     parser.addoption("--beside", help="not those marked alone; makes this file if there are any")
+    parser.addoption("--captures", type=pathlib.Path, help="where what the daemons send is written")
 
 
 def pytest_configure(config):
@@ -42,6 +43,7 @@ def pytest_configure(config):
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     build = ROOT / "build" / config.getoption("preset")
     config.stash[_build] = build
+    config.option.captures = config.getoption("captures") or build / "lab-captures"
     os.environ.setdefault("BONJOUR", str(build / "bonjour"))
     os.environ.setdefault("BONJOUR_USBLP_DEVICE", str(build / "lab/usblp_device"))
     # What tests start finds the lab.
@@ -94,16 +96,6 @@ def _file_name(request):
     return f"{slug}-{zlib.crc32(name.encode()):08x}"
 
 
-def _finish(lab, request):
-    """What holds for every test: the daemon ends cleanly, and what it sent is well-formed."""
-    for router in lab.routers:
-        if router.daemon is not None and router.daemon.running:
-            router.stop()
-    captures = request.config.stash[_build] / "lab-captures"
-    captures.mkdir(parents=True, exist_ok=True)
-    lab.check_packets(captures / f"{_file_name(request)}.pcap")
-
-
 def _kept(request):
     """Where what is kept of a test that fails belongs."""
     return request.config.stash[_build] / "lab-failures" / _file_name(request)
@@ -124,7 +116,7 @@ def lab(request, responder):
         try:
             yield made
             if not request.node.stash.get(_failed, False):
-                _finish(made, request)
+                made.finish(request.config.option.captures, _file_name(request))
                 finished = True
         finally:
             if not finished:

@@ -186,6 +186,15 @@ class Lab:
         if pcap:
             self.capture.write_pcap(pcap, self._must_be_well_formed)
 
+    def finish(self, captures, name):
+        """What holds for every test: the daemons end cleanly, and what they sent is well-formed.
+        It is written to the directory `captures` under this name."""
+        for router in self.routers:
+            if router.daemon is not None and router.daemon.running:
+                router.stop()
+        captures.mkdir(parents=True, exist_ok=True)
+        self.check_packets(captures / f"{name}.pcap")
+
     def timeline(self):
         """Log lines and packets in the order of their times, in milliseconds from the first."""
         events = [(packet.time, str(packet)) for packet in self.capture.seen()]

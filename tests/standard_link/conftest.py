@@ -6,18 +6,7 @@ import pytest
 from lab.dual import FAMILIES, IPP, DualLab, program
 from lab.printers import Printer
 
-# Beside the daemon, as the captures of other tests in the lab: tshark looks at all of them.
 BUILD = program().parent
-
-
-def _finish(lab, name):
-    """What holds for everything that was ever sent, and for the daemon's end."""
-    for router in lab.routers:
-        if router.daemon is not None and router.daemon.running:
-            router.stop()
-    captures = BUILD / "lab-captures"
-    captures.mkdir(parents=True, exist_ok=True)
-    lab.check_packets(captures / f"{name}.pcap")
 
 
 def _serve(lab, request):
@@ -26,7 +15,7 @@ def _serve(lab, request):
     try:
         yield lab
         if request.session.testsfailed == failures:
-            _finish(lab, name)
+            lab.finish(request.config.option.captures, name)
             return
     finally:
         if request.session.testsfailed != failures:

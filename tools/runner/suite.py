@@ -44,6 +44,11 @@ def environment():
     return inherited
 
 
+def _own(name):
+    """A path in the directory that only this run has."""
+    return pathlib.Path(os.environ["TMPDIR"], name)
+
+
 def _parts(groups):
     """The groups that ctest runs, and those that pytest runs."""
     ctest = [group for group in groups if group in command_line.CTEST_GROUPS]
@@ -84,22 +89,23 @@ class Suite:
             command = _ctest(preset, ctest, name, "--parallel", self._jobs, "--output-on-failure")
             self._run(preset, "ctest", command, "--output-junit")
         if pytest:
-            captures = pathlib.Path("build", preset, "lab-captures")
-            shutil.rmtree(captures, ignore_errors=True)
+            # A run that a test starts has its own: two runs share nothing but what they build.
+            captures = _own(f"{preset}-captures")
+            chosen = _pytest(preset, pytest, name, "--captures", captures)
             # Made if there are tests that no other test may run beside.
-            alone = pathlib.Path(os.environ["TMPDIR"], f"{preset}-alone")
+            alone = _own(f"{preset}-alone")
             beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
-            self._run(preset, "pytest", _pytest(preset, pytest, name, *beside), "--junit-xml")
+            self._run(preset, "pytest", [*chosen, *beside], "--junit-xml")
             if alone.exists():
-                command = _pytest(preset, pytest, name, "-m", "alone and not whole")
-                self._run(preset, "pytest-alone", command, "--junit-xml")
+                self._run(
+                    preset, "pytest-alone", [*chosen, "-m", "alone and not whole"], "--junit-xml"
+                )
             self._dissect(preset, captures)
         if self.tests + len(self.failed) == before:
             self.failed.append(f"no test of {preset} is meant")
 
     def _run(self, preset, program, command, option):
-        # In the directory that only this run has.
-        results = pathlib.Path(os.environ["TMPDIR"], f"{preset}-{program}.xml")
+        results = _own(f"{preset}-{program}.xml")
         running = processes.start(
             [*command, option, results],
             stdout=subprocess.PIPE,
@@ -124,6 +130,7 @@ class Suite:
         command = [PYTHON, "-m", "lab.dissect", captures]
         if processes.run(command, env=environment()) != 0:
             self.failed.append(f"packets that tshark refuses ({preset})")
+            shutil.copytree(captures, f"build/{preset}/lab-failures/refused", dirs_exist_ok=True)
 
     def _count(self, preset, results):
         cases = ElementTree.parse(results).getroot().findall(".//testcase")
