@@ -17,8 +17,8 @@ NOTHING = {"cmake": "echo built", "apt_get": "echo installed", "id": "echo 0"}
 @pytest.mark.parametrize(
     "command, told",
     [
-        ("./test sytem", "no group 'sytem'; there are unit, system, faults"),
-        ("./test --preset mips", "no preset 'mips'; there are release, debug, tsan, clang"),
+        ("./test sytem", "no group 'sytem'; there are unit, simulation, system"),
+        ("./test --preset mips", "no preset 'mips'; there are release, debug, tsan"),
         ("./test --jobs 0", "--jobs: takes a number of tests at a time from 1 to 1000, not '0'"),
         ("./test --name (", "'(' is no regular expression"),
         ("./test --cov", "unrecognized arguments: --cov"),

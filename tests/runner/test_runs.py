@@ -34,16 +34,16 @@ def last_line(output):
 def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins, tmp_path):
     building = f'[ "$1" = --build ] || exit 0; nice > {tmp_path}/$3'
     environment = stand_ins(cmake=building, ctest=PASSED)
-    status, output, errors = run(*TWO_BUILDS, "--preset", "clang", environment=environment)
+    status, output, errors = run(*TWO_BUILDS, "--preset", "tsan", environment=environment)
     assert (status, errors) == (0, "")
     # A build may begin before or after the tests of the one before.
     told = [line for line in output.splitlines() if line.startswith(("Buil", "Test"))]
     assert sorted(told) == [
-        *("Building clang", "Building debug", "Building release"),
-        *("Testing debug", "Testing release"),
+        *("Building debug", "Building release", "Building tsan"),
+        *("Testing debug", "Testing release", "Testing tsan"),
     ]
-    assert output.count("what it says\n") == 2
-    assert last_line(output) == "100% tests passed, 0 tests failed out of 4"
+    assert output.count("what it says\n") == 3
+    assert last_line(output) == "100% tests passed, 0 tests failed out of 6"
     # Builds beside tests leave the processor to them.
     first, second = (int((tmp_path / preset).read_text()) for preset in ("release", "debug"))
     assert second == min(first + 10, 19)
@@ -54,13 +54,13 @@ def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins, tmp_
     [
         (
             FAILED,
-            "The following tests FAILED:\n  unit: base/text: Two (release)\n",
+            "The following tests FAILED:\n  unit: base/text: Two (debug)\n",
             "50% tests passed, 1 tests failed out of 2",
         ),
-        ("exit 0", "no test of release is meant", "0% tests passed, 1 tests failed out of 0"),
+        ("exit 0", "no test of debug is meant", "0% tests passed, 1 tests failed out of 0"),
         (
             "exit 3",
-            "ctest of release ended with status 3",
+            "ctest of debug ended with status 3",
             "0% tests passed, 1 tests failed out of 0",
         ),
     ],
@@ -74,12 +74,13 @@ def test_what_fails_is_named_at_the_end(run, stand_ins, ctest, told, summary):
 
 
 def test_tests_of_ctest_and_of_pytest_are_chosen_and_listed_by_name(run):
-    arguments = ("./test", "unit", "style", "--name", "gate:Gate.NobodyIs|style.py::test_flake")
+    name = "Simulation.SeedsThatFailedOnce|style.py::test_flake"
+    arguments = ("./test", "simulation", "style", "--name", name)
     status, output, _ = run(*arguments, "--list")
     assert (status, output.splitlines()) == (
         0,
         [
-            "base/gate:Gate.NobodyIsInsideOnceItIsClosedAndEmpty",
+            "standard/simulation:Simulation.SeedsThatFailedOnceHold",
             "tests/style/test_style.py::test_flake8_finds_nothing",
         ],
     )
@@ -87,7 +88,7 @@ def test_tests_of_ctest_and_of_pytest_are_chosen_and_listed_by_name(run):
     assert (status, last_line(output)) == (0, "100% tests passed, 0 tests failed out of 2")
 
 
-@pytest.mark.parametrize("command, preset", [("./test unit", "release"), ("./demo", "router")])
+@pytest.mark.parametrize("command, preset", [("./test unit", "debug"), ("./demo", "router")])
 def test_build_that_fails_shows_the_compilers_words_and_runs_nothing(
     run, stand_ins, command, preset
 ):
@@ -177,7 +178,7 @@ exec env -i "PATH=$PATH" LANG=de_DE ./test unit
     environment = stand_ins(cmake=BUILT, ctest=INHERITED + PASSED)
     status, output, _ = run("sh", "-c", by_a_stranger, environment=environment)
     assert status == 0
-    inherited = output.partition("Testing release\n")[2].splitlines()
+    inherited = output.partition("Testing debug\n")[2].splitlines()
     # Standard input, output and error, and that of the directory.
     assert inherited[:5] == ["0022", "0" * 16, "0" * 16, "4", "LC_ALL=C"]
 

@@ -105,7 +105,8 @@ class Build:
 
     def test_units(self, pattern):
         """The test that fails, of the unit tests whose name matches, or None."""
-        chosen = ["--label-regex", "^unit$", "--tests-regex", pattern, "--no-tests=error"]
+        labels = ["--label-regex", "^(unit|simulation)$"]
+        chosen = [*labels, "--tests-regex", pattern, "--no-tests=error"]
         how = ["--parallel", "4", "--stop-on-failure", "--output-junit", self._results]
         ctest = ["ctest", "--test-dir", self._directory, *chosen, *how]
         return self._judge(ctest, _UNIT_CPU, _UNIT_SECONDS)

@@ -9,6 +9,7 @@ import typing
 PYTHON = "/usr/bin/python3"
 GROUPS = (
     "unit",
+    "simulation",
     "system",
     "faults",
     "hostile",
@@ -23,13 +24,16 @@ GROUPS = (
 )
 # These are about the release build or about the sources.
 RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style")
-# No thread takes part in what is fuzzed.
-NOT_OF_TSAN = ("fuzz",)
-PRESETS = ("release", "debug", "tsan", "clang")
+# No thread takes part in them.
+NOT_OF_TSAN = ("simulation", "fuzz")
+PRESETS = ("release", "debug", "tsan")
+# Under the sanitizers these notice what they notice in the build release, and more; to compile them
+# twice takes minutes.
+SANITIZED_GROUPS = ("unit", "fuzz")
 # What ctest runs; pytest runs the others.
-CTEST_GROUPS = ("unit", "fuzz", "bench")
+CTEST_GROUPS = ("unit", "simulation", "fuzz", "bench")
 COVERAGE = "coverage"
-COVERAGE_GROUPS = ("unit", "system", "faults", "standard_link")
+COVERAGE_GROUPS = ("unit", "simulation", "system", "faults", "standard_link")
 WEEK = 7 * 24 * 60 * 60
 MOST_JOBS = 1000
 # System tests mostly wait for the daemon's own sleeps; each worker costs half a second to start.
@@ -78,6 +82,18 @@ def groups_of(preset, groups):
     """Those of these groups that have tests of the preset."""
     without = {"release": (), "tsan": RELEASE_GROUPS + NOT_OF_TSAN}.get(preset, RELEASE_GROUPS)
     return [group for group in groups if group not in without]
+
+
+def plan(options):
+    """The groups of each preset that are meant."""
+    groups = options.groups or GROUPS
+    if options.presets:
+        return {preset: groups_of(preset, groups) for preset in dict.fromkeys(options.presets)}
+    sanitized = [group for group in groups if group in SANITIZED_GROUPS]
+    once = {"release": [group for group in groups if group not in sanitized], "debug": sanitized}
+    if not (options.groups or options.name is not None or options.list):
+        once |= {preset: groups_of(preset, groups) for preset in PRESETS[1:]}
+    return {preset: some for preset, some in once.items() if some}
 
 
 def folder(group):
@@ -162,10 +178,4 @@ def parse(words):
         if options.groups and not groups_of(preset, options.groups):
             parser.error(f"the group {options.groups[0]} is none of the preset {preset}")
     options.jobs = options.jobs or JOBS
-    if options.long_run == COVERAGE:
-        options.groups, options.presets = COVERAGE_GROUPS, [COVERAGE]
-    elif not options.presets:
-        some = options.groups or options.name is not None or options.list
-        options.presets = ["release"] if some else list(PRESETS)
-    options.presets = list(dict.fromkeys(options.presets))
     return options
