@@ -38,7 +38,8 @@ BRIDGE = "sys-subsystem-net-devices-br0.device"
 # A service that ends with the bridge and that the bridge starts.
 BOUND = f"[Unit]\\nBindsTo={BRIDGE}\\nAfter={BRIDGE}\\n[Service]\\nExecStart=/bin/sleep 3600\\n"
 BOUND += f"[Install]\\nWantedBy={BRIDGE}\\n"
-FLOOD = pathlib.Path(__file__).resolve().parent.parent.parent / "build/release/lab/flood"
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+FLOOD = ROOT / "build/release/lab/flood"
 FLOOD_SECONDS = 10
 LOOK_SECONDS = 0.25
 BROWSE_QUESTION = packets.query((IPP, "PTR"))
@@ -105,15 +106,17 @@ def write_status_file(machine, text):
 
 
 @pytest.fixture(autouse=True)
-def kept(request, lab, failed, failures):
+def kept(request, lab):
     """What is kept of a failed test."""
+    failures = request.session.testsfailed
     yield
-    if failed():
-        lab.keep(failures)
-        print(f"packets and log are kept in {failures}")
-        print(lab.timeline())
-    else:
+    if request.session.testsfailed == failures:
         lab.check_packets()
+    else:
+        kept = ROOT / "build/lab-failures" / request.node.name
+        lab.keep(kept)
+        print(f"packets and log are kept in {kept}")
+        print(lab.timeline())
 
 
 @pytest.fixture
