@@ -26,6 +26,8 @@ RELEASE_GROUPS = ("package", "stock_kernel", "builds", "bench", "runner", "style
 # No thread takes part in what is fuzzed.
 NOT_OF_TSAN = ("fuzz",)
 PRESETS = ("release", "debug", "tsan", "clang")
+# The machines of tests/router.
+KINDS = ("x86-64", "armhf", "mipsel", "debian")
 # What ctest runs; pytest runs the others.
 CTEST_GROUPS = ("unit", "fuzz", "bench")
 COVERAGE = "coverage"
@@ -134,7 +136,7 @@ def _parser():
     parser.add_argument("--preset", action="append", default=[], dest="presets", type=preset)
     parser.add_argument("--jobs", type=_number("tests at a time", MOST_JOBS))
     parser.add_argument("--list", action="store_true")
-    parser.add_argument("--kind", action="append", default=[], dest="kinds")
+    parser.add_argument("--kind", action="append", default=[], dest="kinds", choices=KINDS)
     one = parser.add_mutually_exclusive_group()
     for name, run in LONG_RUNS.items():
         how = {"type": _number(*run.counted)} if run.counted else {"action": "store_true"}
