@@ -18,7 +18,7 @@ NOTHING = {"cmake": "echo built", "apt_get": "echo installed", "id": "echo 0"}
     "command, told",
     [
         ("./test sytem", "no group 'sytem'; there are unit, system, faults"),
-        ("./test --preset mips", "no preset 'mips'; there are release, debug, tsan, clang"),
+        ("./test --preset mips", "--preset: invalid choice: 'mips' (choose from 'release', "),
         ("./test --jobs 0", "--jobs: takes a number of tests at a time from 1 to 1000, not '0'"),
         ("./test --name (", "'(' is no regular expression"),
         ("./test --cov", "unrecognized arguments: --cov"),

@@ -98,17 +98,6 @@ class _Parser(argparse.ArgumentParser):
         sys.exit(2)
 
 
-def _one_of(what, known):
-    def check(word):
-        if word not in known:
-            raise argparse.ArgumentTypeError(
-                f"there is no {what} {word!r}; there are {', '.join(known)}"
-            )
-        return word
-
-    return check
-
-
 def _pattern(text):
     try:
         re.compile(text)
@@ -130,10 +119,9 @@ def _number(counted, most):
 
 def _parser():
     parser = _Parser(prog="./test", add_help=False, allow_abbrev=False)
-    parser.add_argument("groups", nargs="*", metavar="GROUP", type=_one_of("group", GROUPS))
+    parser.add_argument("groups", nargs="*", metavar="GROUP")
     parser.add_argument("--name", type=_pattern)
-    preset = _one_of("preset", PRESETS)
-    parser.add_argument("--preset", action="append", default=[], dest="presets", type=preset)
+    parser.add_argument("--preset", action="append", default=[], dest="presets", choices=PRESETS)
     parser.add_argument("--jobs", type=_number("tests at a time", MOST_JOBS))
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--kind", action="append", default=[], dest="kinds", choices=KINDS)
@@ -151,6 +139,9 @@ def parse(words):
     """
     parser = _parser()
     options = parser.parse_args(words)
+    unknown = set(options.groups) - set(GROUPS)
+    if unknown:
+        parser.error(f"there is no group {unknown.pop()!r}; there are {', '.join(GROUPS)}")
     options.long_run = next((name for name in LONG_RUNS if getattr(options, name)), None)
     options.count = getattr(options, options.long_run or "list")
     words = {"--name": "name", "--preset": "presets", "--list": "list", "GROUP": "groups"}
