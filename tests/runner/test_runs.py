@@ -73,17 +73,10 @@ def test_what_fails_is_named_at_the_end(run, stand_ins, ctest, told, summary):
     assert last_line(output) == summary
 
 
-def test_tests_of_ctest_and_of_pytest_are_chosen_and_listed_by_name(run):
-    arguments = ("./test", "unit", "style", "--name", "gate:Gate.NobodyIs|style.py::test_flake")
-    status, output, _ = run(*arguments, "--list")
-    assert (status, output.splitlines()) == (
-        0,
-        [
-            "base/gate:Gate.NobodyIsInsideOnceItIsClosedAndEmpty",
-            "tests/style/test_style.py::test_flake8_finds_nothing",
-        ],
-    )
-    status, output, _ = run(*arguments)
+def test_tests_of_ctest_and_of_pytest_are_chosen_by_name(run):
+    pattern = "gate:Gate.NobodyIs|style.py::test_flake"
+    status, output, _ = run("./test", "unit", "style", "--name", pattern)
+    assert "base/gate:Gate.NobodyIsInsideOnceItIsClosedAndEmpty" in output
     assert (status, last_line(output)) == (0, "100% tests passed, 0 tests failed out of 2")
 
 

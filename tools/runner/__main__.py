@@ -13,7 +13,7 @@ import inherited
 import options as command_line
 import processes
 from options import PYTHON
-from suite import Suite, environment, show_list
+from suite import Suite, environment
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What clang looks at when other builds are tested; the tests would be the release build's again.
@@ -21,7 +21,7 @@ CHECKED = ["bench_tests", "bonjour", "bonjour-standard", "fuzz_tests"]
 FOLDERS = ("app", "base", "mdns", "records", "printer", "standard")
 
 
-def need(what, *command):
+def need(*command):
     """Runs a command that says itself why it fails; ends the process then."""
     status = processes.run(command)
     if status != 0:
@@ -31,14 +31,13 @@ def need(what, *command):
 def install(*groups):
     """Installs the packages of these groups of packages.txt."""
     script = '. lab/prepare.sh && require_root && require_packages "$@"'
-    need("packages", "sh", "-c", script, "./test", *groups)
+    need("sh", "-c", script, "./test", *groups)
 
 
-def build(preset, targets, output=None, background=False):
-    """Builds these targets of a preset; progress goes to `output`. The exit status."""
+def build(preset, targets, background=False):
+    """Builds these targets of a preset. The exit status."""
     options = ["--background"] if background else []
-    command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
-    return processes.run(command, stdout=output)
+    return processes.run([PYTHON, "-BE", "lab/build.py", *options, preset, *targets])
 
 
 def built(targets):
@@ -62,28 +61,11 @@ def built(targets):
         yield preset
 
 
-def groups_of(options):
-    """The groups of each preset that are meant."""
-    groups = options.groups or command_line.GROUPS
-    return {preset: command_line.groups_of(preset, groups) for preset in options.presets}
-
-
-def list_tests(options):
-    """Names the tests; the builds' progress goes to standard error, apart from the names."""
-    for preset, groups in groups_of(options).items():
-        # ctest knows a test once it is built.
-        targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
-        if targets and build(preset, targets, sys.stderr) != 0:
-            return 1
-        if not show_list(preset, groups, options.name):
-            sys.exit(f"./test: no test of {preset} is meant")
-    return 0
-
-
 def run_tests(options):
     start = time.monotonic()
     suite = Suite(options.jobs)
-    groups = groups_of(options)
+    meant = options.groups or command_line.GROUPS
+    groups = {preset: command_line.groups_of(preset, meant) for preset in options.presets}
     targets = {preset: command_line.targets(groups[preset]) for preset in groups}
     tested = [preset for preset in options.presets if preset != "clang"] or options.presets
     if "clang" not in tested and "clang" in targets:
@@ -97,28 +79,24 @@ def run_tests(options):
 
 def cover(options):
     suite = Suite(options.jobs)
-    (directory,) = options.presets
-    if build(directory, command_line.targets(options.groups)) != 0:
+    (preset,) = options.presets
+    directory = pathlib.Path("build", preset)
+    if build(preset, command_line.targets(options.groups)) != 0:
         return 1
     # Nothing that ran before counts.
-    for counts in pathlib.Path("build", directory).rglob("*.gcda"):
+    for counts in directory.rglob("*.gcda"):
         counts.unlink()
-    suite.run(directory, options.groups)
+    suite.run(preset, options.groups)
     if suite.report() != 0:
         return 1
-    report = pathlib.Path("build", directory, "report")
+    report = directory / "report"
     report.mkdir(exist_ok=True)
-    counts = report / "counts.json"
     filters = "|".join(f"{folder}/" for folder in FOLDERS)
-    need(
-        "gcovr", "gcovr", "--root", ".", "--filter", filters, "--json", counts, f"build/{directory}"
-    )
-    show = ["gcovr", "--add-tracefile", counts, "--txt", "-"]
-    need("gcovr", *show, "--html-details", report / "index.html")
+    limits = ["--fail-under-line", "100", "--fail-under-branch", "95"]
+    shown = ["--txt", "-", "--print-summary", "--html-details", report / "index.html"]
     print(f"Line by line: {report}/index.html", flush=True)
-    return processes.run(
-        [*show, "--branches", "--fail-under-line", "100", "--fail-under-branch", "95"]
-    )
+    gcovr = ["gcovr", "--root", ".", "--filter", filters, *limits, *shown]
+    return processes.run([*gcovr, directory])
 
 
 def run_long(options):
@@ -126,7 +104,7 @@ def run_long(options):
     if run.packages:
         install(*run.packages)
     if "test" in run.packages:
-        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+        need(PYTHON, "-B", "lab/rights.py", "--fuse")
     if options.long_run == command_line.COVERAGE:
         return cover(options)
     if run.is_in_lab and build("release", ["lab_tests"]) != 0:
@@ -150,9 +128,7 @@ def main():
         if options.long_run:
             return run_long(options)
         install("build", "test")
-        if options.list:
-            return list_tests(options)
-        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+        need(PYTHON, "-B", "lab/rights.py", "--fuse")
         return run_tests(options)
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

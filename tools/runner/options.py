@@ -123,7 +123,6 @@ def _parser():
     parser.add_argument("--name", type=_pattern)
     parser.add_argument("--preset", action="append", default=[], dest="presets", choices=PRESETS)
     parser.add_argument("--jobs", type=_number("tests at a time", MOST_JOBS))
-    parser.add_argument("--list", action="store_true")
     parser.add_argument("--kind", action="append", default=[], dest="kinds", choices=KINDS)
     one = parser.add_mutually_exclusive_group()
     for name, run in LONG_RUNS.items():
@@ -143,8 +142,8 @@ def parse(words):
     if unknown:
         parser.error(f"there is no group {unknown.pop()!r}; there are {', '.join(GROUPS)}")
     options.long_run = next((name for name in LONG_RUNS if getattr(options, name)), None)
-    options.count = getattr(options, options.long_run or "list")
-    words = {"--name": "name", "--preset": "presets", "--list": "list", "GROUP": "groups"}
+    options.count = options.long_run and getattr(options, options.long_run)
+    words = {"--name": "name", "--preset": "presets", "GROUP": "groups"}
     words |= {} if options.long_run == COVERAGE else {"--jobs": "jobs"}
     for word, name in words.items():
         if options.long_run and getattr(options, name):
@@ -158,7 +157,7 @@ def parse(words):
     if options.long_run == COVERAGE:
         options.groups, options.presets = COVERAGE_GROUPS, [COVERAGE]
     elif not options.presets:
-        some = options.groups or options.name is not None or options.list
+        some = options.groups or options.name is not None
         options.presets = ["release"] if some else list(PRESETS)
     options.presets = list(dict.fromkeys(options.presets))
     return options

@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import re
 import shutil
 import subprocess
 import xml.etree.ElementTree as ElementTree
@@ -24,54 +23,14 @@ def _steady(preset):
     return ["setarch", "-R"] if preset == "tsan" and wide else []
 
 
-def _ctest(preset, groups, name, *others):
-    chosen = ["--label-regex", f"^({'|'.join(groups)})$", "--tests-regex", name or "."]
-    return [*_steady(preset), "ctest", "--test-dir", f"build/{preset}", *chosen, *others]
-
-
-def _pytest(preset, groups, name, *others):
-    chosen = [f"--preset={preset}", "--name", name or "", "-q"]
-    folders = [command_line.folder(group) for group in groups]
-    return [*_steady(preset), PYTHON, "-m", "pytest", *_PLUGINS, *chosen, *others, *folders]
-
-
 def environment():
-    """That of programs written in Python, pytest among them. They keep what they compile: a dozen
-    workers a build read it again."""
-    own = {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
-    inherited = {**os.environ, **own}
-    inherited.pop("PYTHONDONTWRITEBYTECODE", None)
-    return inherited
+    """That of programs written in Python, pytest among them."""
+    return {**os.environ, "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
 
 
 def _own(name):
     """A path in the directory that only this run has."""
     return pathlib.Path(os.environ["TMPDIR"], name)
-
-
-def _parts(groups):
-    """The groups that ctest runs, and those that pytest runs."""
-    ctest = [group for group in groups if group in command_line.CTEST_GROUPS]
-    return ctest, [group for group in groups if group not in ctest]
-
-
-def show_list(preset, groups, name):
-    """Prints the names of a build's tests. How many there are."""
-    ctest, pytest = _parts(groups)
-    names = []
-    if ctest:
-        shown = _output(_ctest(preset, ctest, name, "--show-only"))
-        names += re.findall(r"^ *Test +#\d+: (.*)$", shown, re.MULTILINE)
-    if pytest:
-        shown = _output(_pytest(preset, pytest, name, "--collect-only"))
-        names += re.findall(r"^\S+\.py::.*$", shown, re.MULTILINE)
-    print(*names, sep="\n")
-    return len(names)
-
-
-def _output(command):
-    listing = processes.start(command, stdout=subprocess.PIPE, text=True, env=environment())
-    return listing.communicate()[0]
 
 
 class Suite:
@@ -84,30 +43,39 @@ class Suite:
         """Runs a build's tests of these groups, those with such a name."""
         print(f"Testing {preset}", flush=True)
         before = self.tests + len(self.failed)
-        ctest, pytest = _parts(groups)
+        ctest = [group for group in groups if group in command_line.CTEST_GROUPS]
+        pytest = [command_line.folder(group) for group in groups if group not in ctest]
         if ctest:
-            command = _ctest(preset, ctest, name, "--parallel", self._jobs, "--output-on-failure")
-            self._run(preset, "ctest", command, "--output-junit")
+            self._run_ctest(preset, ctest, name or ".")
         if pytest:
-            # A run that a test starts has its own: two runs share nothing but what they build.
-            captures = _own(f"{preset}-captures")
-            chosen = _pytest(preset, pytest, name, "--captures", captures)
-            # Made if there are tests that no other test may run beside.
-            alone = _own(f"{preset}-alone")
-            beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
-            self._run(preset, "pytest", [*chosen, *beside], "--junit-xml")
-            if alone.exists():
-                self._run(
-                    preset, "pytest-alone", [*chosen, "-m", "alone and not whole"], "--junit-xml"
-                )
-            self._dissect(preset, captures)
+            self._run_pytest(preset, pytest, name or "")
         if self.tests + len(self.failed) == before:
             self.failed.append(f"no test of {preset} is meant")
+
+    def _run_ctest(self, preset, labels, name):
+        chosen = ["--label-regex", f"^({'|'.join(labels)})$", "--tests-regex", name]
+        how = ["--parallel", self._jobs, "--output-on-failure"]
+        ctest = ["ctest", "--test-dir", f"build/{preset}", *chosen, *how]
+        self._run(preset, "ctest", ctest, "--output-junit")
+
+    def _run_pytest(self, preset, folders, name):
+        # A run that a test starts has its own: two runs share nothing but what they build.
+        captures = _own(f"{preset}-captures")
+        chosen = [f"--preset={preset}", "--name", name, "-q", "--captures", captures, *folders]
+        pytest = [PYTHON, "-m", "pytest", *_PLUGINS, *chosen]
+        # Made if there are tests that no other test may run beside.
+        alone = _own(f"{preset}-alone")
+        beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
+        self._run(preset, "pytest", [*pytest, *beside], "--junit-xml")
+        if alone.exists():
+            by_itself = [*pytest, "-m", "alone and not whole"]
+            self._run(preset, "pytest-alone", by_itself, "--junit-xml")
+        self._dissect(preset, captures)
 
     def _run(self, preset, program, command, option):
         results = _own(f"{preset}-{program}.xml")
         running = processes.start(
-            [*command, option, results],
+            [*_steady(preset), *command, option, results],
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
             env=environment(),
