@@ -30,6 +30,8 @@ _UNIT_CPU = 30
 _BUILD_SECONDS = 1800
 _UNIT_SECONDS = 600
 _LAB_SECONDS = 900
+# Tests of one mutant in the lab at a time; they mostly wait.
+_LAB_JOBS = 3 * os.cpu_count()
 _TOO_LONG = (124, 137)
 _NO_TESTS = 5
 _PLUGINS = [f"-p{name}" for name in ("pytest_timeout", "xdist.plugin", "no:cacheprovider")]
@@ -110,15 +112,15 @@ class Build:
         ctest = ["ctest", "--test-dir", self._directory, *chosen, *how]
         return self._judge(ctest, _UNIT_CPU, _UNIT_SECONDS)
 
-    def test_in_lab(self, folders, parallel):
-        """The same for the tests of these folders, so many at a time."""
+    def test_in_lab(self, folders):
+        """The same for the tests of these folders."""
         environment = {
             **_ENVIRONMENT,
             "BONJOUR": str(self._directory / "bonjour"),
             "BONJOUR_USBLP_DEVICE": str(self._directory / "lab/usblp_device"),
         }
         pytest = ["/usr/bin/python3", "-m", "pytest", "-xq", *_PLUGINS, *folders]
-        beside = ["-m", "not alone and not whole", "-n", str(parallel)]
+        beside = ["-m", "not alone and not whole", "-n", str(_LAB_JOBS)]
         for chosen in (beside, ["-m", "alone"]):
             command = [*pytest, *chosen, f"--junit-xml={self._results}"]
             how = {"cwd": self._source, "env": environment}
@@ -140,10 +142,9 @@ class Build:
 
 
 class Scratch:
-    def __init__(self, root, directory, lab_jobs):
+    def __init__(self, root, directory):
         self._root = root
         self._source = directory / "source"
-        self._lab_jobs = lab_jobs
         self._plain = Build(self._source, directory / "plain", _PLAIN)
         self._sanitized = Build(self._source, directory / "sanitized", _SANITIZED)
         # The kinds of tests that passed without a mutant.
@@ -198,7 +199,7 @@ class Scratch:
         if not self._plain.make("lab_tests"):
             return "the build of the daemon"
         tests = ["standard_link"] if folder == "standard" else ["system", "faults"]
-        return self._plain.test_in_lab([f"tests/{name}" for name in tests], self._lab_jobs)
+        return self._plain.test_in_lab([f"tests/{name}" for name in tests])
 
     def judge(self, mutant, in_lab):
         """The verdict and, for a mutant that is killed, what noticed it."""
