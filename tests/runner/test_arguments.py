@@ -19,10 +19,10 @@ NOTHING = {"cmake": "echo built", "apt_get": "echo installed", "id": "echo 0"}
     [
         ("./test sytem", "no group 'sytem'; there are unit, system, faults"),
         ("./test --preset mips", "--preset: invalid choice: 'mips' (choose from 'release', "),
-        ("./test --jobs 0", "--jobs: takes a number of tests at a time from 1 to 1000, not '0'"),
+        ("./test --jobs 0", "--jobs: takes a number from 1, not '0'"),
         ("./test --name (", "'(' is no regular expression"),
         ("./test --cov", "unrecognized arguments: --cov"),
-        ("./test --soak 1.5", "--soak: takes a number of seconds from 1 to 604800, not '1.5'"),
+        ("./test --soak 1.5", "--soak: takes a number from 1, not '1.5'"),
         ("./test --sweep unit", "--sweep and GROUP do not go together"),
         ("./test --memory --jobs 2", "--memory and --jobs do not go together"),
         ("./test --coverage --soak 5", "--soak: not allowed with argument --coverage"),

@@ -13,7 +13,7 @@ import inherited
 import options as command_line
 import processes
 from options import PYTHON
-from suite import Suite, environment
+from suite import Suite
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What clang looks at when other builds are tested; the tests would be the release build's again.
@@ -101,18 +101,17 @@ def cover(options):
 
 def run_long(options):
     run = command_line.LONG_RUNS[options.long_run]
-    if run.packages:
-        install(*run.packages)
-    if "test" in run.packages:
+    packages = run.packages.split()
+    if packages:
+        install(*packages)
+    if "test" in packages:
         need(PYTHON, "-B", "lab/rights.py", "--fuse")
     if options.long_run == command_line.COVERAGE:
         return cover(options)
     if run.is_in_lab and build("release", ["lab_tests"]) != 0:
         return 1
-    own = {**environment(), run.variable: str(options.count)} if run.variable else None
     kinds = [word for kind in options.kinds for word in ("--kind", kind)]
-    words = [word.format(options.count) for word in run.command]
-    return processes.run([*words, *kinds], env=own)
+    return processes.run([*run.command.format(options.count).split(), *kinds])
 
 
 def main():

@@ -23,7 +23,7 @@ def _steady(preset):
     return ["setarch", "-R"] if preset == "tsan" and wide else []
 
 
-def environment():
+def _environment():
     """That of programs written in Python, pytest among them."""
     return {**os.environ, "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
 
@@ -78,7 +78,7 @@ class Suite:
             [*_steady(preset), *command, option, results],
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            env=environment(),
+            env=_environment(),
             text=True,
             errors="replace",
         )
@@ -96,7 +96,7 @@ class Suite:
             return
         self.tests += 1
         command = [PYTHON, "-m", "lab.dissect", captures]
-        if processes.run(command, env=environment()) != 0:
+        if processes.run(command, env=_environment()) != 0:
             self.failed.append(f"packets that tshark refuses ({preset})")
             shutil.copytree(captures, f"build/{preset}/lab-failures/refused", dirs_exist_ok=True)
 
