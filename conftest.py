@@ -30,7 +30,6 @@ LABS = {"classic": Lab, "standard": DualLab}
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
-    parser.addoption("--beside", help="not those marked alone; makes this file if there are any")
     parser.addoption("--captures", type=pathlib.Path, help="where what the daemons send is written")
 
 
@@ -69,10 +68,6 @@ def pytest_collection_modifyitems(config, items):
         return _is_for(item, preset) and re.search(name, item.nodeid)
 
     items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)
-    alone = [item for item in items if item.get_closest_marker("alone")]
-    if alone and config.getoption("beside"):
-        pathlib.Path(config.getoption("beside")).touch()
-        items[:] = [item for item in items if item not in alone]
     if config.pluginmanager.hasplugin("timeout"):
         for item in items:
             item.add_marker(pytest.mark.timeout(max(TIMEOUT, TIMEOUT_FACTOR * _seconds(item))))

@@ -63,13 +63,11 @@ class Suite:
         captures = _own(f"{preset}-captures")
         chosen = [f"--preset={preset}", "--name", name, "-q", "--captures", captures, *folders]
         pytest = [PYTHON, "-m", "pytest", *_PLUGINS, *chosen]
-        # Made if there are tests that no other test may run beside.
-        alone = _own(f"{preset}-alone")
-        beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
+        beside = ["-m", "not alone and not whole", "-n", self._jobs, "--dist", "loadgroup"]
         self._run(preset, "pytest", [*pytest, *beside], "--junit-xml")
-        if alone.exists():
-            by_itself = [*pytest, "-m", "alone and not whole"]
-            self._run(preset, "pytest-alone", by_itself, "--junit-xml")
+        # No other test may run beside these.
+        by_itself = [*pytest, "-m", "alone and not whole"]
+        self._run(preset, "pytest-alone", by_itself, "--junit-xml")
         self._dissect(preset, captures)
 
     def _run(self, preset, program, command, option):
