@@ -129,11 +129,12 @@ def empty(lab, machine):
     wait_for_packets(lab, PUBLISHED, since)
 
 
-def test_boot_ends_with_the_printer_published_and_no_hand_moved(request, lab, table):
+def test_boot_ends_with_the_printer_published_and_no_hand_moved(request, lab):
     wait_for_start(lab, 0, BOOT_BOUND)
+    print()
     for what, packet in (("probed", wire.HOST_PROBE), ("published", wire.IPP_RECORDS)):
         seconds = lab.wait_for_packet(packet)[0].time - lab.router.switched_on
-        table.append(f"{request.node.callspec.id}: {what} {seconds:.1f} s after it was switched on")
+        print(f"{request.node.callspec.id}: {what} {seconds:.1f} s after it was switched on")
 
 
 def test_stick_that_was_mounted_before_the_daemon_is_free_when_unmounted(lab, machine):
@@ -175,21 +176,6 @@ def test_ten_printers_are_published_and_an_eleventh_gets_a_line(lab, empty):
     since = lab.capture.mark()
     empty.pull_all_out()
     lab.wait_for_packet(is_goodbye, since, 10 * SERVICES * TRANSMISSIONS, 30)
-
-
-def test_long_and_hostile_ids_are_published_well_formed_and_a_missing_one_gets_a_line(lab, empty):
-    ids = {
-        b"MFG:" + b"A" * 480 + b";MDL:" + b"B" * 510 + b";": "A" * 15 + " " + "B" * 34,
-        b"MFG:A;MDL:B\nusblp0\r\x07\x1b[2J;CMD:\nusblp1": "A B usb_lp0   [2J",
-        b"MFG:$(reboot);MDL:`reboot`\\n%s.;CMD:'\"": "$(reboot) `reboot`\\n%s_",
-    }
-    since, lines = lab.capture.mark(), empty.log.mark()
-    for port, hostile in enumerate([*ids, None]):
-        empty.plug_in(port, hostile)
-        empty.wait_until(f"[ -e /sys/class/usbmisc/lp{port} ]")
-    names = [f"{name} (aa:bb:cc) {port}" for port, name in enumerate(ids.values())]
-    wait_for_services(lab, names, since)
-    empty.log.wait_for_line("bonjour-printers: lp3: no device id, not published", since=lines)
 
 
 def test_printer_pulled_out_while_the_driver_asks_for_its_id(lab, empty):
@@ -251,7 +237,7 @@ def memory(machine):
 
 @pytest.mark.kinds("armhf", "mipsel")
 @pytest.mark.parametrize("rate", [500, 5000])
-def test_flood_kills_nothing_and_everything_answers_behind_it(request, lab, empty, table, rate):
+def test_flood_kills_nothing_and_everything_answers_behind_it(lab, empty, rate):
     for port in range(10):
         empty.plug_in(port, HP)
     wait_until_present(empty, *range(10))
@@ -264,11 +250,11 @@ def test_flood_kills_nothing_and_everything_answers_behind_it(request, lab, empt
         time.sleep(LOOK_SECONDS)
     counted = json.loads(asking.stdout.read())
     wait_until_quiet(empty)
-    table.append(f"{request.node.callspec.id}: {counted}; KiB before, at the worst and after:")
+    print(f"\n{counted}; KiB before, at the worst and after:")
     for name, after in memory(empty).items():
         seen = [look[name] for look in looks]
         worst = min(seen) if name == "MemAvailable" else max(seen)
-        table.append(f"  {name:12} {seen[0]:7} {worst:7} {after:7}")
+        print(f"  {name:12} {seen[0]:7} {worst:7} {after:7}")
     assert counted["sent"] == rate * FLOOD_SECONDS
     assert empty.run("dmesg | grep -A60 oom-killer || true") == ""
     assert pid(empty) == daemon
