@@ -3,7 +3,6 @@
 import argparse
 import os
 import re
-import sys
 import typing
 
 PYTHON = "/usr/bin/python3"
@@ -80,12 +79,6 @@ def targets(groups):
     return sorted({f"{group if group in CTEST_GROUPS else 'lab'}_tests" for group in groups})
 
 
-class _Parser(argparse.ArgumentParser):
-    def error(self, message):
-        print(f"./test: {message}\n./test --help describes the arguments", file=sys.stderr)
-        sys.exit(2)
-
-
 def _pattern(text):
     try:
         re.compile(text)
@@ -101,7 +94,8 @@ def _number(text):
 
 
 def _parser():
-    parser = _Parser(prog="./test", add_help=False, allow_abbrev=False)
+    usage = "./test [GROUP...] [OPTION...]; --help describes the arguments"
+    parser = argparse.ArgumentParser("./test", usage, add_help=False, allow_abbrev=False)
     parser.add_argument("groups", nargs="*", metavar="GROUP")
     parser.add_argument("--name", type=_pattern)
     parser.add_argument("--preset", action="append", default=[], dest="presets", choices=PRESETS)
