@@ -102,8 +102,7 @@ def cover(options):
 def run_long(options):
     run = command_line.LONG_RUNS[options.long_run]
     packages = run.packages.split()
-    if packages:
-        install(*packages)
+    install(*packages)
     if "test" in packages:
         need(PYTHON, "-B", "lab/rights.py", "--fuse")
     if options.long_run == command_line.COVERAGE:
