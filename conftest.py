@@ -26,14 +26,10 @@ SANITIZED = ("debug", "tsan")
 
 LABS = {"classic": Lab, "standard": DualLab}
 
-_failed = pytest.StashKey()
-_build = pytest.StashKey()
-
 
 def pytest_addoption(parser):
     parser.addoption("--preset", default="release", help="the build whose daemon is tested")
     parser.addoption("--name", default="", help="only tests whose name matches this")
-    parser.addoption("--beside", help="not those marked alone; makes this file if there are any")
     parser.addoption("--captures", type=pathlib.Path, help="where what the daemons send is written")
 
 
@@ -42,7 +38,6 @@ def pytest_configure(config):
     # As Ctrl-C: fixtures are torn down.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     build = ROOT / "build" / config.getoption("preset")
-    config.stash[_build] = build
     config.option.captures = config.getoption("captures") or build / "lab-captures"
     os.environ.setdefault("BONJOUR", str(build / "bonjour"))
     os.environ.setdefault("BONJOUR_USBLP_DEVICE", str(build / "lab/usblp_device"))
@@ -73,20 +68,9 @@ def pytest_collection_modifyitems(config, items):
         return _is_for(item, preset) and re.search(name, item.nodeid)
 
     items[:] = sorted(filter(is_meant, items), key=_seconds, reverse=True)
-    alone = [item for item in items if item.get_closest_marker("alone")]
-    if alone and config.getoption("beside"):
-        pathlib.Path(config.getoption("beside")).touch()
-        items[:] = [item for item in items if item not in alone]
     if config.pluginmanager.hasplugin("timeout"):
         for item in items:
             item.add_marker(pytest.mark.timeout(max(TIMEOUT, TIMEOUT_FACTOR * _seconds(item))))
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    report = (yield).get_result()
-    if report.failed:
-        item.stash[_failed] = True
 
 
 def _file_name(request):
@@ -94,11 +78,6 @@ def _file_name(request):
     # Names that differ in other characters alone stay apart, else two tests would write one file.
     slug = re.sub(r"[^\w.-]+", "_", name)
     return f"{slug}-{zlib.crc32(name.encode()):08x}"
-
-
-def _kept(request):
-    """Where what is kept of a test that fails belongs."""
-    return request.config.stash[_build] / "lab-failures" / _file_name(request)
 
 
 @pytest.fixture
@@ -112,29 +91,20 @@ def lab(request, responder):
     """A link with one router and one host; @pytest.mark.lab(...) says what is different."""
     mark = request.node.get_closest_marker("lab")
     with LABS[responder](**(mark.kwargs if mark else {})) as made:
+        failures = request.session.testsfailed
         finished = False
         try:
             yield made
-            if not request.node.stash.get(_failed, False):
+            if request.session.testsfailed == failures:
                 made.finish(request.config.option.captures, _file_name(request))
                 finished = True
         finally:
             if not finished:
-                made.keep(_kept(request))
-                print(f"packets and log are kept in {_kept(request)}")
+                build = ROOT / "build" / request.config.getoption("preset")
+                kept = build / "lab-failures" / _file_name(request)
+                made.keep(kept)
+                print(f"packets and log are kept in {kept}")
                 print(made.timeline())
-
-
-@pytest.fixture
-def failed(request):
-    """Tells whether the test has failed."""
-    return lambda: request.node.stash.get(_failed, False)
-
-
-@pytest.fixture
-def failures(request):
-    """Where what is kept of this test belongs."""
-    return _kept(request)
 
 
 @pytest.fixture

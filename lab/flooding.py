@@ -15,20 +15,20 @@ EVERYTHING_QUESTION = packets.query(
 )
 
 
-def flood(lab, question, rate, seconds):
-    """Asks `question` `rate` times a second; returns what `flood` counted, and the peak usage."""
+def start_flood(lab, question, rate, seconds):
+    """Starts the program that asks `question` `rate` times a second, and prints what it counted."""
+    program = device_tool().with_name("flood")
     with lab.host.network.entered():
-        asking = subprocess.Popen(
-            [
-                device_tool().with_name("flood"),
-                lab.host.address,
-                question.hex(),
-                str(rate),
-                str(seconds),
-            ],
+        return subprocess.Popen(
+            [program, lab.host.address, question.hex(), str(rate), str(seconds)],
             stdout=subprocess.PIPE,
             text=True,
         )
+
+
+def flood(lab, question, rate, seconds):
+    """Asks `question` `rate` times a second; returns what was counted, and the peak usage."""
+    asking = start_flood(lab, question, rate, seconds)
     with PeakUsage(lab.router.daemon.pid) as peak:
         counted = json.loads(asking.communicate(timeout=seconds + 60)[0])
     return counted, peak

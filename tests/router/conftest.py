@@ -7,15 +7,6 @@ from lab.vm.kinds import KINDS
 from lab.vm.router import MachineLab
 
 
-@pytest.fixture
-def table(capsys):
-    """A list of lines that are shown though the test passes."""
-    lines = []
-    yield lines
-    with capsys.disabled():
-        print("", *lines, sep="\n")
-
-
 def pytest_addoption(parser):
     parser.addoption("--kind", action="append", help="only machines of this kind")
 

@@ -19,14 +19,13 @@ class Command:
         # Inherited by all that it starts, in whatever session or namespace.
         name, value = "BONJOUR_TEST_MARK", str(uuid.uuid4())
         self._mark = f"{name}={value}"
-        usual = {"stdin": subprocess.DEVNULL, "cwd": ROOT}
         self.process = subprocess.Popen(
             [str(word) for word in words],
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             env={**os.environ, **dict(environment), name: value},
             text=True,
-            **{**usual, **options},
+            **{"stdin": subprocess.DEVNULL, "cwd": ROOT, **options},
         )
 
     def finish(self):

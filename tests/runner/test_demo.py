@@ -1,13 +1,9 @@
 """./demo: what it refuses, where it runs, and what can be done while it stands."""
 
-import ctypes
-import os
 import re
-import shlex
 import shutil
 import signal
 import subprocess
-import threading
 
 import pytest
 from commands import BOUND, ROOT
@@ -15,7 +11,7 @@ from lab.daemon import binary
 
 pytestmark = pytest.mark.release
 
-PYTHON = ["/usr/bin/python3", "-B", "-m"]
+STORY = ["/usr/bin/python3", "-B", "-m", "lab.demo"]
 LAST_LINE = "./demo --keep leaves it running to explore."
 
 
@@ -28,32 +24,12 @@ def test_container_without_rights_is_told_before_anything_is_built(run, stand_in
     assert errors.count("\n") == 1
 
 
-def test_chroot_that_is_no_mount_point_is_told(run, tmp_path):
-    """The system in a directory, as a chroot has it, but for the one thing that is missing."""
-    making = f"""
-    cd {tmp_path}
-    for name in /*; do
-      if [ -L "$name" ]; then cp -P "$name" .
-      elif [ -d "$name" ]; then mkdir ".$name" && mount --rbind "$name" ".$name"
-      fi
-    done
-    exec chroot . /bin/sh -c 'cd {shlex.quote(str(ROOT))} && exec ./demo'
-    """
-    status, output, errors = run("unshare", "--mount", "sh", "-ec", making)
-    assert (status, output) == (1, "")
-    assert errors == (
-        "The lab can't be set up on this machine: "
-        "the root directory has to be a mount point; in this chroot it is none\n"
-    )
-
-
 @pytest.fixture
 def story(start):
     """Starts the story itself, with the daemon of this build."""
 
-    def begin(*words, wrapper=(), environment=(), **options):
+    def begin(*command, environment=(), **options):
         own = {"BONJOUR": str(binary()), "PYTHONPATH": str(ROOT), "PYTHONUNBUFFERED": ""}
-        command = [*wrapper, *PYTHON, "lab.demo", *words]
         return start(*command, environment={**own, **dict(environment)}, **options)
 
     return begin
@@ -69,33 +45,10 @@ def test_story_needs_neither_fuse_nor_a_terminal_nor_other_letters_than_ascii(st
     """
     wrapper = ["unshare", "--mount", "sh", "-ec", without_fuse, "sh"]
     locale = {"LC_ALL": "C", "PYTHONIOENCODING": "ascii", "PYTHONCOERCECLOCALE": "0"}
-    status, output, errors = story(wrapper=wrapper, environment=locale).finish()
+    status, output, errors = story(*wrapper, *STORY, environment=locale).finish()
     assert (status, errors) == (0, "")
     assert output.isascii()
     assert output.rstrip().endswith(LAST_LINE)
-
-
-PR_SET_CHILD_SUBREAPER = 36
-
-
-def take_orphans_away():
-    """As an init does, which a container may lack: a sandbox lasts as long as its zombies."""
-    try:
-        while True:
-            os.wait()
-    except ChildProcessError:
-        pass
-
-
-def test_reader_that_goes_away_ends_the_story_quietly(story):
-    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-    command = story()
-    assert command.process.stdout.readline() == "\n"
-    command.process.stdout.close()
-    assert command.process.wait(BOUND) == -signal.SIGPIPE
-    threading.Thread(target=take_orphans_away, daemon=True).start()
-    assert command.process.stderr.read() == ""
-    command.wait_until_nothing_is_left()
 
 
 class Standing:
@@ -134,7 +87,8 @@ def standing(story, tmp_path):
     copy = tmp_path / "a lab"
     shutil.copytree(ROOT / "lab", copy / "lab", ignore=shutil.ignore_patterns("__pycache__"))
     environment = {"PYTHONPATH": str(copy)}
-    return Standing(story("--keep", environment=environment, stdin=subprocess.PIPE, cwd=copy))
+    command = [*STORY, "--keep"]
+    return Standing(story(*command, environment=environment, stdin=subprocess.PIPE, cwd=copy))
 
 
 @pytest.mark.seconds(20)
@@ -170,23 +124,3 @@ def test_lab_that_stands_is_taken_down_with_ctrl_c(standing):
     standing.process.send_signal(signal.SIGINT)
     standing.end()
     assert "The daemon has ended" not in standing.process.stdout.read()
-
-
-@pytest.mark.parametrize(
-    "printers, words, told",
-    [
-        (1, "lab.plug status out X", "there is no printer 'X'; there are: HP X0"),
-        (0, "lab.plug status out X", "there is no printer 'X'; there are: none"),
-        (0, "lab.plug status in HP", "usage: "),
-        (10, "lab.plug status in HP Y PCL", "all ports have a printer"),
-        (0, "lab.ask a.local NONSENSE", "a.local NONSENSE is no question: "),
-        (0, "lab.ask a.local A", "this is no host of a lab, with an interface eth0 on its link: "),
-    ],
-)
-def test_hint_that_is_used_wrongly_says_so(run, tmp_path, printers, words, told):
-    records = [f"usblp{port}\nHP\nX{port}\nPCL\n\n" for port in range(printers)]
-    (tmp_path / "status").write_text("".join(records))
-    status, output, errors = run("unshare", "--net", *PYTHON, *words.split(), cwd=tmp_path)
-    assert (status, output) == (1, "")
-    assert told in errors
-    assert "Traceback" not in errors

@@ -1,6 +1,5 @@
 """How ./test runs tests: what it shows, its exit status, and what an interrupted run leaves."""
 
-import pathlib
 import signal
 import time
 
@@ -50,27 +49,18 @@ def test_several_builds_end_in_one_summary_on_the_last_line(run, stand_ins, tmp_
 
 
 @pytest.mark.parametrize(
-    "ctest, told, summary",
+    "ctest, told, share, tests",
     [
-        (
-            FAILED,
-            "The following tests FAILED:\n  unit: base/text: Two (debug)\n",
-            "50% tests passed, 1 tests failed out of 2",
-        ),
-        ("exit 0", "no test of debug is meant", "0% tests passed, 1 tests failed out of 0"),
-        (
-            "exit 3",
-            "ctest of debug ended with status 3",
-            "0% tests passed, 1 tests failed out of 0",
-        ),
+        (FAILED, "The following tests FAILED:\n  unit: base/text: Two (debug)\n", 50, 2),
+        ("exit 0", "no test of debug is meant", 0, 0),
+        ("exit 3", "ctest of debug ended with status 3", 0, 0),
     ],
-    ids=["a test", "nothing to run", "no result"],
 )
-def test_what_fails_is_named_at_the_end(run, stand_ins, ctest, told, summary):
+def test_what_fails_is_named_at_the_end(run, stand_ins, ctest, told, share, tests):
     status, output, _ = run("./test", "unit", environment=stand_ins(cmake=BUILT, ctest=ctest))
     assert status == 1
     assert told in output
-    assert last_line(output) == summary
+    assert last_line(output) == f"{share}% tests passed, 1 tests failed out of {tests}"
 
 
 def test_tests_of_ctest_and_of_pytest_are_chosen_and_listed_by_name(run):
@@ -113,29 +103,17 @@ def test_packages_that_are_missing_are_installed_or_it_is_told_why_not(run, stan
     assert errors.startswith("no such package\nfailed: apt-get -q install -y ")
 
 
-@pytest.fixture
-def both_under_way(start, stand_ins, tmp_path):
-    """A run that builds and tests for ten minutes, begun with these words before its own."""
-
-    def begin(*wrapper):
-        building = f'[ "$1 $3" != "--build debug" ] || {{ touch {tmp_path}/building; sleep 600; }}'
-        testing = f"setsid sleep 600 & touch {tmp_path}/testing; sleep 600"
-        environment = stand_ins(cmake=building, ctest=testing)
-        command = start(*wrapper, *TWO_BUILDS, environment=environment)
-        signs = [tmp_path / "building", tmp_path / "testing"]
-        wait_until(lambda: all(sign.exists() for sign in signs), "both are under way", 30)
-        assert len(command.left()) > 3
-        return command
-
-    return begin
-
-
 @pytest.mark.parametrize(
     "number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143), (signal.SIGHUP, 129)]
 )
-def test_interrupted_run_ends_builds_and_tests_at_once(both_under_way, tmp_path, number, status):
+def test_interrupted_run_ends_builds_and_tests_at_once(start, stand_ins, tmp_path, number, status):
     """Also what tests started in sessions of their own."""
-    command = both_under_way()
+    building = f'[ "$1 $3" != "--build debug" ] || {{ touch {tmp_path}/building; sleep 600; }}'
+    testing = f"setsid sleep 600 & touch {tmp_path}/testing; sleep 600"
+    command = start(*TWO_BUILDS, environment=stand_ins(cmake=building, ctest=testing))
+    signs = [tmp_path / "building", tmp_path / "testing"]
+    wait_until(lambda: all(sign.exists() for sign in signs), "both are under way", 30)
+    assert len(command.left()) > 3
     begun = time.monotonic()
     command.process.send_signal(number)
     assert command.process.wait(BOUND) == status
@@ -147,28 +125,18 @@ def test_interrupted_run_ends_builds_and_tests_at_once(both_under_way, tmp_path,
     assert not list(tmp_path.glob("bonjour-test-*"))
 
 
-def test_signals_that_a_run_was_started_to_ignore_do_not_end_it(both_under_way):
-    """As nohup and the background of a shell have it."""
-    command = both_under_way("sh", "-c", 'trap "" INT HUP; exec "$@"', "sh")
-    status = pathlib.Path(f"/proc/{command.process.pid}/status")
-    for number in (signal.SIGINT, signal.SIGHUP):
-        command.process.send_signal(number)
-        # Signals that are pending together may be taken by threads that do not act on them.
-        wait_until(lambda: "ShdPnd:\t0000000000000000\n" in status.read_text(), "it is taken")
-    command.process.send_signal(signal.SIGTERM)
-    assert command.process.wait(BOUND) == 143
-    command.wait_until_nothing_is_left()
-
-
 INHERITED = """
 umask
 sed -n 's/^Sig\\(Ign\\|Blk\\):[[:blank:]]*//p' /proc/self/status
 ls /proc/self/fd | wc -l
 env | sed -n '/^L[CA]/p'
+kill -INT $PPID
+kill -HUP $PPID
 """
 
 
-def test_tests_inherit_nothing_that_they_do_not_bear_and_need_no_environment(run, stand_ins):
+def test_tests_inherit_nothing_that_they_do_not_bear_and_ignored_signals_end_no_run(run, stand_ins):
+    """As nohup and the background of a shell have it."""
     by_a_stranger = """
 umask 077
 trap '' INT HUP QUIT CHLD PIPE

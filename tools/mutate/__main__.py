@@ -49,7 +49,7 @@ def judge(mutants, wanted, options):
     verdicts = {}
 
     def prepare(number):
-        scratch = Scratch(options.root, directory / f"job{number}", options.lab_jobs)
+        scratch = Scratch(options.root, directory / f"job{number}")
         scratch.prepare()
         idle.put(scratch)
 
@@ -96,9 +96,9 @@ def report(verdicts, explained):
 
 
 def explained_survivors(mutants):
-    """File, original and mutated lines of the survivors that have a reason."""
+    """File and mutated lines of the survivors that have a reason."""
     listed = tomllib.loads(EXPLAINED.read_text())["survivor"]
-    known = {(each["file"], each["original"], each["mutated"]) for each in listed}
+    known = {(each["file"], each["mutated"]) for each in listed}
     stale = known - {mutant.change for mutant in mutants}
     if stale:
         raise Failure(f"{EXPLAINED.name} explains what is no mutant: {sorted(stale)}")
@@ -116,8 +116,6 @@ def parse_arguments():
            "matches this regular expression, for instance records/encode.cpp or '^printer/'")
     option("--unit-only", action="store_true", help="no tests in the lab")
     option("--jobs", type=int, default=os.cpu_count(), help="mutants judged at a time")
-    option("--lab-jobs", type=int, default=3 * os.cpu_count(), metavar="N",
-           help="tests of one mutant in the lab at a time; they mostly wait")
     option("--root", type=pathlib.Path, default=ROOT, metavar="DIRECTORY",
            help="another checkout, whose sources and tests are tried")
     option("--list", action="store_true", help="list the mutants, judge none")

@@ -53,7 +53,7 @@ class Mutant:
 
     @property
     def change(self):
-        return self.path, self.original, self.mutated
+        return self.path, self.mutated
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.original}  ->  {self.mutated}"

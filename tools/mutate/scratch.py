@@ -30,6 +30,8 @@ _UNIT_CPU = 30
 _BUILD_SECONDS = 1800
 _UNIT_SECONDS = 600
 _LAB_SECONDS = 900
+# Tests of one mutant in the lab at a time; they mostly wait.
+_LAB_JOBS = 3 * os.cpu_count()
 _TOO_LONG = (124, 137)
 _NO_TESTS = 5
 _PLUGINS = [f"-p{name}" for name in ("pytest_timeout", "xdist.plugin", "no:cacheprovider")]
@@ -50,40 +52,6 @@ def end_all():
         process.terminate()
 
 
-def _run(command, cpu, bound, **options):
-    """The exit status, and what it printed; the whole group is ended beyond `bound` seconds."""
-    if _ended.is_set():
-        raise Failure("was ended")
-    process = subprocess.Popen(
-        ["timeout", "--kill-after=30", str(bound), "prlimit", f"--cpu={cpu}", *_LIMITS, *command],
-        stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-        errors="replace",
-        **{"env": _ENVIRONMENT, **options},
-    )
-    _running.add(process)
-    output, _ = process.communicate()
-    _running.discard(process)
-    with contextlib.suppress(ProcessLookupError):
-        os.killpg(process.pid, signal.SIGKILL)
-    return process.returncode, output
-
-
-def _failed(status, output, results):
-    """The name of a test that failed, None when none did."""
-    if status in (0, _NO_TESTS):
-        return None
-    if status in _TOO_LONG:
-        return "no end"
-    if results.exists():
-        for case in ElementTree.parse(results).iter("testcase"):
-            if case.find("failure") is not None or case.find("error") is not None:
-                return case.get("name")
-    raise Failure(f"the tests can't be run:\n{output}")
-
-
 class Build:
     def __init__(self, source, directory, options):
         self._source = source
@@ -96,11 +64,11 @@ class Build:
         if not (self._directory / "build.ninja").exists():
             configure = ["cmake", "-S", self._source, "-B", self._directory]
             command = [*configure, *_COMMON, *self._options]
-            status, output = _run(command, _BUILD_CPU, _BUILD_SECONDS)
+            status, output = self._run(command, _BUILD_CPU, _BUILD_SECONDS)
             if status != 0:
                 raise Failure(f"{self._directory} can't be configured:\n{output}")
         ninja = ["ninja", "-j2", "-C", self._directory, *targets]
-        status, self.output = _run(ninja, _BUILD_CPU, _BUILD_SECONDS)
+        status, self.output = self._run(ninja, _BUILD_CPU, _BUILD_SECONDS)
         return status == 0
 
     def test_units(self, pattern):
@@ -111,27 +79,56 @@ class Build:
         ctest = ["ctest", "--test-dir", self._directory, *chosen, *how]
         return self._judge(ctest, _UNIT_CPU, _UNIT_SECONDS)
 
-    def test_in_lab(self, folders, parallel):
-        """The same for the tests of these folders, so many at a time."""
+    def test_in_lab(self, folders):
+        """The same for the tests of these folders."""
         environment = {
-            **_ENVIRONMENT,
             "BONJOUR": str(self._directory / "bonjour"),
             "BONJOUR_USBLP_DEVICE": str(self._directory / "lab/usblp_device"),
         }
         pytest = ["/usr/bin/python3", "-m", "pytest", "-xq", *_PLUGINS, *folders]
-        beside = ["-m", "not alone and not whole", "-n", str(parallel)]
+        beside = ["-m", "not alone and not whole", "-n", str(_LAB_JOBS)]
         for chosen in (beside, ["-m", "alone"]):
             command = [*pytest, *chosen, f"--junit-xml={self._results}"]
-            how = {"cwd": self._source, "env": environment}
-            failed = self._judge(command, _LAB_CPU, _LAB_SECONDS, **how)
+            failed = self._judge(command, _LAB_CPU, _LAB_SECONDS, **environment)
             if failed:
                 return failed
         return None
 
-    def _judge(self, command, cpu, bound, **how):
+    def _judge(self, command, cpu, bound, **environment):
+        """The name of a test that failed, None when none did."""
         self._results.unlink(missing_ok=True)
-        status, self.output = _run(command, cpu, bound, **how)
-        return _failed(status, self.output, self._results)
+        status, output = self._run(command, cpu, bound, **environment)
+        if status in (0, _NO_TESTS):
+            return None
+        if status in _TOO_LONG:
+            return "no end"
+        if self._results.exists():
+            for case in ElementTree.parse(self._results).iter("testcase"):
+                if case.find("failure") is not None or case.find("error") is not None:
+                    return case.get("name")
+        raise Failure(f"the tests can't be run:\n{output}")
+
+    def _run(self, command, cpu, bound, **environment):
+        """The exit status, and what it printed; the whole group is ended beyond `bound` seconds."""
+        if _ended.is_set():
+            raise Failure("was ended")
+        timeout = ["timeout", "--kill-after=30", str(bound)]
+        process = subprocess.Popen(
+            [*timeout, "prlimit", f"--cpu={cpu}", *_LIMITS, *command],
+            cwd=self._source,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            errors="replace",
+            env={**_ENVIRONMENT, **environment},
+        )
+        _running.add(process)
+        output, _ = process.communicate()
+        _running.discard(process)
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        return process.returncode, output
 
     def objects(self):
         """The compiled form of each source file of both daemons."""
@@ -141,10 +138,9 @@ class Build:
 
 
 class Scratch:
-    def __init__(self, root, directory, lab_jobs):
+    def __init__(self, root, directory):
         self._root = root
         self._source = directory / "source"
-        self._lab_jobs = lab_jobs
         self._plain = Build(self._source, directory / "plain", _PLAIN)
         self._sanitized = Build(self._source, directory / "sanitized", _SANITIZED)
         # The kinds of tests that passed without a mutant.
@@ -199,7 +195,7 @@ class Scratch:
         if not self._plain.make("lab_tests"):
             return "the build of the daemon"
         tests = ["standard_link"] if folder == "standard" else ["system", "faults"]
-        return self._plain.test_in_lab([f"tests/{name}" for name in tests], self._lab_jobs)
+        return self._plain.test_in_lab([f"tests/{name}" for name in tests])
 
     def judge(self, mutant, in_lab):
         """The verdict and, for a mutant that is killed, what noticed it."""

@@ -13,7 +13,7 @@ import inherited
 import options as command_line
 import processes
 from options import PYTHON
-from suite import Suite, environment, show_list
+from suite import Suite, show_list
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # What clang-tidy looks at although no test runs it, in the build that has clang-tidy.
@@ -21,7 +21,7 @@ CHECKED = {"debug": ["bench_tests", "bonjour", "bonjour-standard"]}
 FOLDERS = ("app", "base", "mdns", "records", "printer", "standard")
 
 
-def need(what, *command):
+def need(*command):
     """Runs a command that says itself why it fails; ends the process then."""
     status = processes.run(command)
     if status != 0:
@@ -31,14 +31,13 @@ def need(what, *command):
 def install(*groups):
     """Installs the packages of these groups of packages.txt."""
     script = '. lab/prepare.sh && require_root && require_packages "$@"'
-    need("packages", "sh", "-c", script, "./test", *groups)
+    need("sh", "-c", script, "./test", *groups)
 
 
-def build(preset, targets, output=None, background=False):
-    """Builds these targets of a preset; progress goes to `output`. The exit status."""
+def build(preset, targets, background=False):
+    """Builds these targets of a preset. The exit status."""
     options = ["--background"] if background else []
-    command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
-    return processes.run(command, stdout=output)
+    return processes.run([PYTHON, "-BE", "lab/build.py", *options, preset, *targets])
 
 
 def built(targets):
@@ -91,44 +90,38 @@ def run_tests(options):
 
 def cover(options):
     suite = Suite(options.jobs)
-    directory, groups = command_line.COVERAGE, command_line.COVERAGE_GROUPS
-    if build(directory, command_line.targets(groups)) != 0:
+    preset, groups = command_line.COVERAGE, command_line.COVERAGE_GROUPS
+    directory = pathlib.Path("build", preset)
+    if build(preset, command_line.targets(groups)) != 0:
         return 1
     # Nothing that ran before counts.
-    for counts in pathlib.Path("build", directory).rglob("*.gcda"):
+    for counts in directory.rglob("*.gcda"):
         counts.unlink()
-    suite.run(directory, groups)
+    suite.run(preset, groups)
     if suite.report() != 0:
         return 1
-    report = pathlib.Path("build", directory, "report")
+    report = directory / "report"
     report.mkdir(exist_ok=True)
-    counts = report / "counts.json"
     filters = "|".join(f"{folder}/" for folder in FOLDERS)
-    need(
-        "gcovr", "gcovr", "--root", ".", "--filter", filters, "--json", counts, f"build/{directory}"
-    )
-    show = ["gcovr", "--add-tracefile", counts, "--txt", "-"]
-    need("gcovr", *show, "--html-details", report / "index.html")
+    limits = ["--fail-under-line", "100", "--fail-under-branch", "95"]
+    shown = ["--txt", "-", "--print-summary", "--html-details", report / "index.html"]
     print(f"Line by line: {report}/index.html", flush=True)
-    return processes.run(
-        [*show, "--branches", "--fail-under-line", "100", "--fail-under-branch", "95"]
-    )
+    gcovr = ["gcovr", "--root", ".", "--filter", filters, *limits, *shown]
+    return processes.run([*gcovr, directory])
 
 
 def run_long(options):
     run = command_line.LONG_RUNS[options.long_run]
-    if run.packages:
-        install(*run.packages)
-    if "test" in run.packages:
-        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+    packages = run.packages.split()
+    install(*packages)
+    if "test" in packages:
+        need(PYTHON, "-B", "lab/rights.py", "--fuse")
     if options.long_run == command_line.COVERAGE:
         return cover(options)
     if run.is_in_lab and build("release", ["lab_tests"]) != 0:
         return 1
-    own = {**environment(), run.variable: str(options.count)} if run.variable else None
     kinds = [word for kind in options.kinds for word in ("--kind", kind)]
-    words = [word.format(options.count) for word in run.command]
-    return processes.run([*words, *kinds], env=own)
+    return processes.run([*run.command.format(options.count).split(), *kinds])
 
 
 def main():
@@ -146,7 +139,7 @@ def main():
         install("build", "test")
         if options.list:
             return list_tests(options)
-        need("rights", PYTHON, "-B", "lab/rights.py", "--fuse")
+        need(PYTHON, "-B", "lab/rights.py", "--fuse")
         return run_tests(options)
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

@@ -24,18 +24,7 @@ def _steady(preset):
     return ["setarch", "-R"] if preset == "tsan" and wide else []
 
 
-def _ctest(preset, groups, name, *others):
-    chosen = ["--label-regex", f"^({'|'.join(groups)})$", "--tests-regex", name or "."]
-    return [*_steady(preset), "ctest", "--test-dir", f"build/{preset}", *chosen, *others]
-
-
-def _pytest(preset, groups, name, *others):
-    chosen = [f"--preset={preset}", "--name", name or "", "-q"]
-    folders = [command_line.folder(group) for group in groups]
-    return [*_steady(preset), PYTHON, "-m", "pytest", *_PLUGINS, *chosen, *others, *folders]
-
-
-def environment():
+def _environment():
     """That of programs written in Python, pytest among them. They keep what they compile: a dozen
     workers a build read it again."""
     own = {"PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1", "PYTHONPATH": os.getcwd()}
@@ -49,29 +38,32 @@ def _own(name):
     return pathlib.Path(os.environ["TMPDIR"], name)
 
 
-def _parts(groups):
-    """The groups that ctest runs, and those that pytest runs."""
-    ctest = [group for group in groups if group in command_line.CTEST_GROUPS]
-    return ctest, [group for group in groups if group not in ctest]
+def _ctest(preset, groups, name, *how):
+    labels = [group for group in groups if group in command_line.CTEST_GROUPS]
+    chosen = ["--label-regex", f"^({'|'.join(labels)})$", "--tests-regex", name or "."]
+    return [*_steady(preset), "ctest", "--test-dir", f"build/{preset}", *chosen, *how]
+
+
+def _pytest(preset, groups, name, *how):
+    some = [group for group in groups if group not in command_line.CTEST_GROUPS]
+    chosen = [f"--preset={preset}", "--name", name or "", "-q", *map(command_line.folder, some)]
+    return [*_steady(preset), PYTHON, "-m", "pytest", *_PLUGINS, *chosen, *how]
 
 
 def show_list(preset, groups, name):
-    """Prints the names of a build's tests. How many there are."""
-    ctest, pytest = _parts(groups)
+    """Prints the names of a build's tests of these groups, those with such a name. Whether there
+    are any."""
+    commands = []
+    if set(groups) & set(command_line.CTEST_GROUPS):
+        commands.append((_ctest(preset, groups, name, "--show-only"), r"^ *Test +#\d+: (.*)$"))
+    if set(groups) - set(command_line.CTEST_GROUPS):
+        commands.append((_pytest(preset, groups, name, "--collect-only"), r"^\S+\.py::.*$"))
     names = []
-    if ctest:
-        shown = _output(_ctest(preset, ctest, name, "--show-only"))
-        names += re.findall(r"^ *Test +#\d+: (.*)$", shown, re.MULTILINE)
-    if pytest:
-        shown = _output(_pytest(preset, pytest, name, "--collect-only"))
-        names += re.findall(r"^\S+\.py::.*$", shown, re.MULTILINE)
+    for command, pattern in commands:
+        listing = processes.start(command, stdout=subprocess.PIPE, text=True, env=_environment())
+        names += re.findall(pattern, listing.communicate()[0], re.MULTILINE)
     print(*names, sep="\n")
-    return len(names)
-
-
-def _output(command):
-    listing = processes.start(command, stdout=subprocess.PIPE, text=True, env=environment())
-    return listing.communicate()[0]
+    return bool(names)
 
 
 class Suite:
@@ -84,25 +76,24 @@ class Suite:
         """Runs a build's tests of these groups, those with such a name."""
         print(f"Testing {preset}", flush=True)
         before = self.tests + len(self.failed)
-        ctest, pytest = _parts(groups)
-        if ctest:
-            command = _ctest(preset, ctest, name, "--parallel", self._jobs, "--output-on-failure")
-            self._run(preset, "ctest", command, "--output-junit")
-        if pytest:
-            # A run that a test starts has its own: two runs share nothing but what they build.
-            captures = _own(f"{preset}-captures")
-            chosen = _pytest(preset, pytest, name, "--captures", captures)
-            # Made if there are tests that no other test may run beside.
-            alone = _own(f"{preset}-alone")
-            beside = ["--beside", alone, "--numprocesses", self._jobs, "--dist", "loadgroup"]
-            self._run(preset, "pytest", [*chosen, *beside], "--junit-xml")
-            if alone.exists():
-                self._run(
-                    preset, "pytest-alone", [*chosen, "-m", "alone and not whole"], "--junit-xml"
-                )
-            self._dissect(preset, captures)
+        if set(groups) & set(command_line.CTEST_GROUPS):
+            how = ["--parallel", self._jobs, "--output-on-failure"]
+            self._run(preset, "ctest", _ctest(preset, groups, name, *how), "--output-junit")
+        if set(groups) - set(command_line.CTEST_GROUPS):
+            self._run_pytest(preset, groups, name)
         if name is None and self.tests + len(self.failed) == before:
             self.failed.append(f"no test of {preset} is meant")
+
+    def _run_pytest(self, preset, groups, name):
+        # A run that a test starts has its own: two runs share nothing but what they build.
+        captures = _own(f"{preset}-captures")
+        pytest = _pytest(preset, groups, name, "--captures", captures)
+        beside = ["-m", "not alone and not whole", "-n", self._jobs, "--dist", "loadgroup"]
+        self._run(preset, "pytest", [*pytest, *beside], "--junit-xml")
+        # No other test may run beside these.
+        by_itself = [*pytest, "-m", "alone and not whole"]
+        self._run(preset, "pytest-alone", by_itself, "--junit-xml")
+        self._dissect(preset, captures)
 
     def _run(self, preset, program, command, option):
         results = _own(f"{preset}-{program}.xml")
@@ -110,7 +101,7 @@ class Suite:
             [*command, option, results],
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            env=environment(),
+            env=_environment(),
             text=True,
             errors="replace",
         )
@@ -128,7 +119,7 @@ class Suite:
             return
         self.tests += 1
         command = [PYTHON, "-m", "lab.dissect", captures]
-        if processes.run(command, env=environment()) != 0:
+        if processes.run(command, env=_environment()) != 0:
             self.failed.append(f"packets that tshark refuses ({preset})")
             shutil.copytree(captures, f"build/{preset}/lab-failures/refused", dirs_exist_ok=True)
 
