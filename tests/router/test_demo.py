@@ -6,7 +6,6 @@ import sys
 
 from lab.waiting import PATIENCE
 
-COMMAND = [sys.executable, "-m", "lab.vm.demo"]
 BOUND = 180.0
 STEPS = [
     "asks who has the name T5140_00-11-22-AA-BB-CC.local",
@@ -21,8 +20,7 @@ STEPS = [
 
 
 def test_demo_tells_of_a_routers_whole_life():
-    done = subprocess.run(
-        COMMAND, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=BOUND * PATIENCE
-    )
+    command = [sys.executable, "-m", "lab.vm.demo"]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=BOUND * PATIENCE)
     assert (done.returncode, done.stderr) == (0, "")
     assert re.search(".*".join(map(re.escape, STEPS)), done.stdout, re.DOTALL), done.stdout
