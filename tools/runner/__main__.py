@@ -34,10 +34,11 @@ def install(*groups):
     need("sh", "-c", script, "./test", *groups)
 
 
-def build(preset, targets, background=False):
-    """Builds these targets of a preset. The exit status."""
+def build(preset, targets, background=False, output=None):
+    """Builds these targets of a preset; progress goes to `output`. The exit status."""
     options = ["--background"] if background else []
-    return processes.run([PYTHON, "-BE", "lab/build.py", *options, preset, *targets])
+    command = [PYTHON, "-BE", "lab/build.py", *options, preset, *targets]
+    return processes.run(command, stdout=output)
 
 
 def built(targets):
@@ -67,7 +68,7 @@ def list_tests(options):
     for preset, groups in command_line.plan(options).items():
         # ctest knows a test once it is built.
         targets = [name for name in command_line.targets(groups) if name != "lab_tests"]
-        if targets and build(preset, targets, sys.stderr) != 0:
+        if targets and build(preset, targets, output=sys.stderr) != 0:
             return 1
         shown += show_list(preset, groups, options.name)
     if not shown:
