@@ -252,29 +252,23 @@ TEST_F(ResponderTest, StopWithdrawsServicesInTheOrderOfRegistrationBeforeTheClos
   EXPECT_FALSE(RegistryLock().IsOpen());
 }
 
-// Lets the `count`th poll from here on find that nobody sends any more.
-void StopSendingAtPoll(int count) {
-  static std::atomic<int> left;
-  left = count;
-  EXPECT_TRUE(fakeSenders.Enter());
-  onUsleep = [](unsigned microseconds) {
-    Note("poll " + std::to_string(microseconds));
-    if (--left == 0) fakeSenders.Leave();
-  };
-}
-
 TEST_F(ResponderTest, GoodbyesWaitForEarlierPacketsAndTheCloseForTheGoodbyes) {
   whileAnswering = [] {
     RegisterFirst();
-    StopSendingAtPoll(3);
+    EXPECT_TRUE(fakeSenders.Enter());
     onSendPacket = [] {
       Note("send");
-      StopSendingAtPoll(2);
+      EXPECT_TRUE(fakeSenders.Enter());
+    };
+    // Each packet has been sent by the second poll.
+    onUsleep = [](unsigned microseconds) {
+      Note("poll " + std::to_string(microseconds));
+      if (Count("poll 10000") % 2 == 0) fakeSenders.Leave();
     };
   };
   Run();
-  EXPECT_THAT(events, ElementsAre("poll 10000", "poll 10000", "poll 10000", "send", "poll 10000",
-                                  "poll 10000", "close"));
+  EXPECT_THAT(events,
+              ElementsAre("poll 10000", "poll 10000", "send", "poll 10000", "poll 10000", "close"));
 }
 
 // The responder runs while this registration hands over its first packet, and so waits 1.5 seconds
