@@ -98,10 +98,6 @@ void SetAddress(const char* name, const char* address) {
   const sockaddr_in inet = SocketAddress(address, 0);
   memcpy(&request.ifr_addr, &inet, sizeof(inet));
   Control(SIOCSIFADDR, &request, "SIOCSIFADDR");
-  request = Request(name);
-  const sockaddr_in mask = SocketAddress("255.255.255.0", 0);
-  memcpy(&request.ifr_netmask, &mask, sizeof(mask));
-  Control(SIOCSIFNETMASK, &request, "SIOCSIFNETMASK");
 }
 
 void SetInterfaceUp(const char* name, bool up) {

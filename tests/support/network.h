@@ -27,7 +27,7 @@ void AddBridge(const char* name);
 void RemoveBridge(const char* name);
 /// Gives the interface a MAC address.
 void SetMac(const char* name, const uint8_t (&mac)[6]);
-/// Gives the interface an IPv4 address in dotted form, with a netmask of 24 bits.
+/// Gives the interface an IPv4 address in dotted form, with the netmask of its class.
 void SetAddress(const char* name, const char* address);
 /// Sets the interface up or down.
 void SetInterfaceUp(const char* name, bool up);
