@@ -136,7 +136,7 @@ TEST_F(CheckNameTest, StopBeforeTheStartSendsNothing) {
   EXPECT_EQ(SentPackets().size(), 0u);
 }
 
-TEST_F(CheckNameTest, LongestNameIsProbedWholeAndKeptOnASilentLink) {
+TEST_F(CheckNameTest, ProbeIsOnePlainAddressQuestionAndASilentLinkKeepsTheName) {
   const std::string name(64, 'x');
   name.copy(record.name, 64);
   EXPECT_EQ(Run(), kTimeout);
