@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <linux/sockios.h>
 #include <net/if_arp.h>
-#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -12,17 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-namespace {
-
-constexpr int kPatienceMilliseconds = 10000;
-
-bool IsReadable(int descriptor, int milliseconds) {
-  pollfd entry = {descriptor, POLLIN, 0};
-  return poll(&entry, 1, milliseconds) == 1;
-}
-
-}  // namespace
 
 void Require(bool good, const char* what) {
   if (good) return;
@@ -88,6 +76,7 @@ UdpSocket::UdpSocket(const char* dotted, uint16_t port)
     : descriptor(socket(AF_INET, SOCK_DGRAM, 0)) {
   const sockaddr_in address = SocketAddress(dotted, port);
   Require(bind(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
+  SetReceiveTimeout(10000);
 }
 
 sockaddr_in UdpSocket::Name() const {
@@ -110,12 +99,14 @@ void UdpSocket::Send(std::span<const uint8_t> bytes, const sockaddr_in& destinat
 }
 
 std::optional<Bytes> UdpSocket::Receive() const {
-  if (!IsReadable(Get(), kPatienceMilliseconds)) return std::nullopt;
   Bytes bytes(65536);
-  const ssize_t received = recv(Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-  Require(received >= 0, "recv");
+  const ssize_t received = recv(Get(), bytes.data(), bytes.size(), 0);
+  if (received < 0) return std::nullopt;
   bytes.resize(static_cast<size_t>(received));
   return bytes;
 }
 
-bool UdpSocket::HasNoPacket() const { return !IsReadable(Get(), 0); }
+bool UdpSocket::HasNoPacket() const {
+  uint8_t byte;
+  return recv(Get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
+}

@@ -46,10 +46,10 @@ class UdpSocket {
   int Get() const { return descriptor.Get(); }
   /// Where it is bound.
   sockaddr_in Name() const;
-  /// Receives give up after this long.
+  /// Receives give up after this long instead of ten seconds.
   void SetReceiveTimeout(int milliseconds) const;
   void Send(std::span<const uint8_t> bytes, const sockaddr_in& destination) const;
-  /// The next datagram, or nothing when none came within ten seconds.
+  /// The next datagram, or nothing when none came in time.
   std::optional<Bytes> Receive() const;
   /// True when no datagram waits.
   bool HasNoPacket() const;
