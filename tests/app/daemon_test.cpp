@@ -26,8 +26,6 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr char kNoThread[] = "[Bonjour] pthread_create error: Resource temporarily unavailable\n";
-
 // What RunDaemon did, in order, and what else happens at such a moment.
 std::vector<std::string> events;
 std::map<std::string, std::function<void()>> at;
@@ -37,7 +35,6 @@ void Note(const std::string& event) {
   if (const auto action = at.find(event); action != at.end()) action->second();
 }
 
-std::string failingThread;
 ResponderStartRecord start;
 uint8_t macAtStart[6];
 sigset_t blockedInWait;
@@ -52,7 +49,6 @@ class Daemon : public testing::Test {
     onSleep = [](unsigned seconds) { Note("pause " + std::to_string(seconds)); };
     at = {{"wait", [] { bTerminate.Set(1); }}};
     events.clear();
-    failingThread.clear();
     bTerminate.Set(0);
   }
   ~Daemon() override { onSleep = nullptr; }
@@ -83,24 +79,6 @@ TEST_F(Daemon, StartsResponderThenMonitorWaitsForAStopAndJoinsThemInThatOrder) {
   EXPECT_EQ(log.err, "");
 }
 
-TEST_F(Daemon, BannerIsPrintedBetweenTheMonitorsStartAndTheWait) {
-  std::string atMonitorStart;
-  std::string atWait;
-  const auto take = [](std::string& output) {
-    output = testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-  };
-  at["start monitor"] = [&] { take(atMonitorStart); };
-  at["wait"] = [&] {
-    take(atWait);
-    bTerminate.Set(1);
-  };
-  const Log log = Run();
-  EXPECT_EQ(atMonitorStart, "");
-  ExpectBanner(atWait, "T5140");
-  EXPECT_EQ(log.out, "");
-}
-
 TEST_F(Daemon, HandsTheNameOfTheModelAskedForAndTheProbeRequestToTheResponder) {
   const Log log = Run("T5100b3");
   ExpectBanner(log.out, "T5100b3");
@@ -120,26 +98,7 @@ TEST_F(Daemon, ForgetsAnEarlierAddressWhenTheBridgeIsMissing) {
 
 // Standard descriptors
 
-std::string FileOf(int descriptor) {
-  char target[256] = {};
-  const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
-  return readlink(path.c_str(), target, sizeof(target) - 1) < 0 ? "" : target;
-}
-
-TEST_F(Daemon, ClosedStandardDescriptorsAreOpenBeforeAnythingElseIsOpened) {
-  for (int descriptor = 0; descriptor <= 2; ++descriptor) {
-    at["start responder"] = [&] { _exit(FileOf(descriptor) == "/dev/null" ? 0 : 2); };
-    EXPECT_EXIT(
-        {
-          close(descriptor);
-          RunDaemon(1, nullptr);
-        },
-        testing::ExitedWithCode(0), "")
-        << descriptor;
-  }
-}
-
-TEST_F(Daemon, ClosedStandardDescriptorsAreOpenWithoutANullDeviceToo) {
+TEST_F(Daemon, ClosedStandardDescriptorsAreOpenWithoutANullDevice) {
   onOpen = [](const std::string& path, int flags) {
     return path == "/dev/null" ? -1 : openat(AT_FDCWD, path.c_str(), flags);
   };
@@ -155,22 +114,7 @@ TEST_F(Daemon, ClosedStandardDescriptorsAreOpenWithoutANullDeviceToo) {
   onOpen = nullptr;
 }
 
-TEST_F(Daemon, OpenStandardDescriptorsStayWhatTheyAre) {
-  const std::string before = FileOf(0);
-  std::string during;
-  at["start responder"] = [&] { during = FileOf(0); };
-  Run();
-  EXPECT_EQ(during, before);
-}
-
 // Signals
-
-TEST_F(Daemon, SigpipeIsIgnored) {
-  Run();
-  bTerminate.Set(0);
-  raise(SIGPIPE);
-  EXPECT_EQ(bTerminate.Get(), 0u);
-}
 
 TEST_F(Daemon, StopSignalsSetTheFlagFromTheStartAlsoIfTheParentBlockedThem) {
   sigset_t stop;
@@ -232,26 +176,6 @@ TEST_F(Daemon, UnknownResponderStatusStartsNoMonitor) {
   ExpectBanner(log.out, "T5140");
 }
 
-// Threads that cannot be started
-
-TEST_F(Daemon, ResponderThatCannotBeStartedEndsItAtOnce) {
-  failingThread = "responder";
-  const Log log = Run();
-  EXPECT_THAT(events, ElementsAre("start responder"));
-  EXPECT_EQ(log.err, kNoThread);
-  EXPECT_EQ(log.out, "");
-  EXPECT_EQ(bTerminate.Get(), 1u);
-}
-
-TEST_F(Daemon, MonitorThatCannotBeStartedStopsTheResponder) {
-  failingThread = "monitor";
-  const Log log = Run();
-  EXPECT_THAT(events, ElementsAre("start responder", "start monitor", "end receive",
-                                  "join responder", "join none"));
-  EXPECT_EQ(log.err, kNoThread);
-  ExpectBanner(log.out, "T5140");
-}
-
 }  // namespace
 
 // In place of base/thread: the handle says which of the two threads it is.
@@ -263,11 +187,10 @@ int StartThread(JoinableThread& thread, void* (*body)(void*), void* argument) {
     start = *static_cast<ResponderStartRecord*>(argument);
     memcpy(macAtStart, hw_addr, 6);
   }
-  const std::string name = isMonitor ? "monitor" : "responder";
-  Note("start " + name);
+  Note(isMonitor ? "start monitor" : "start responder");
   thread.handle = isMonitor;
-  thread.running = name != failingThread;
-  return thread.running ? 0 : EAGAIN;
+  thread.running = true;
+  return 0;
 }
 
 void JoinThread(JoinableThread& thread) {

@@ -69,14 +69,6 @@ class BridgeMac : public testing::Test {
   uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
 };
 
-TEST_F(BridgeMac, IsReadFromTheBridge) {
-  AddBridge("br0");
-  SetMac("br0", {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC});
-  const Log log = LogOf([&] { EXPECT_TRUE(ReadBridgeMac(mac)); });
-  EXPECT_EQ(memcmp(mac, "\x00\x11\x22\xAA\xBB\xCC", 6), 0);
-  EXPECT_EQ(log.err, "");
-}
-
 TEST_F(BridgeMac, IsUnchangedAndLoggedWithoutBridge) {
   ExpectUnchangedMac("[Bonjour] ioctl HWADDR error: No such device\n");
 }

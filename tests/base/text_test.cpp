@@ -5,8 +5,6 @@
 
 #include <string>
 
-#include "tests/support/fault.h"
-
 namespace {
 
 TEST(FormatNumber, WritesTheNumberInDecimal) {
@@ -49,14 +47,6 @@ TEST(NewText, IsEmptyWithRoomForItsLength) {
 TEST(JoinTexts, PutsThePartsOneAfterAnother) {
   EXPECT_STREQ(JoinTexts({"Office", ".", "", std::string_view(), "_ipp"}).get(), "Office._ipp");
   EXPECT_STREQ(JoinTexts({}).get(), "");
-}
-
-TEST(HeapTexts, AreNullWithoutMemory) {
-  callocFault.FailCall(1);
-  EXPECT_EQ(NewText(3), nullptr);
-  callocFault.FailCall(1);
-  EXPECT_EQ(JoinTexts({"a"}), nullptr);
-  EXPECT_TRUE(callocFault.HasStruck());
 }
 
 }  // namespace

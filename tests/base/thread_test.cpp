@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
-
-#include "tests/support/fault.h"
 
 namespace {
 
@@ -36,18 +33,6 @@ TEST(JoinableThread, RunsItsBodyWithTheArgumentAndWithTheStopSignalsBlockedThere
   EXPECT_EQ(blocked, "xx--");
   // There is none to join any more.
   JoinThread(thread);
-}
-
-TEST(JoinableThread, IsNoneWhenItCouldNotBeCreated) {
-  std::string blocked = "not run";
-  JoinableThread thread;
-  thread.running = true;
-  threadFault.FailCall(1);
-  EXPECT_EQ(StartThread(thread, TakeBlockedSignals, &blocked), EAGAIN);
-  EXPECT_FALSE(thread.running);
-  EXPECT_EQ(BlockedSignals(), "----");
-  JoinThread(thread);
-  EXPECT_EQ(blocked, "not run");
 }
 
 }  // namespace

@@ -9,15 +9,17 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
+#include "mdns/answer.h"
+#include "mdns/probe.h"
 #include "records/registration.h"
 #include "records/registry.h"
 #include "tests/support/bytes.h"
-#include "tests/support/fake_responder_threads.h"
 #include "tests/support/fake_sender.h"
 #include "tests/support/fake_socket.h"
 #include "tests/support/fault.h"
@@ -56,6 +58,10 @@ void RegisterFirst() {
 // A stop is asked for at the nth sleep; 0: never.
 unsigned stopAtSleep = 0;
 unsigned sleeps = 0;
+// So many passes of probing meet a conflict.
+int conflicts = 0;
+std::function<void()> whileProbing;
+std::function<void()> whileAnswering;
 
 constexpr char kProbe[] = "probe router retry 0 socket 17 slot 0";
 constexpr char kNamed[] = "[Bonjour] default device name = router\n";
@@ -87,22 +93,6 @@ class ResponderTest : public testing::Test {
       return 1;
     };
     fakeSocketModule.close = [] { Note("close"); };
-    onCheckName = [this](ProbeRecord& record) {
-      Note(std::string("probe ") + record.name + " retry " + std::to_string(record.retry) +
-           " socket " + std::to_string(record.socket) + " slot " + std::to_string(record.slot));
-      if (conflicts > 0) {
-        --conflicts;
-        record.name[strlen(record.name)] = 'x';
-        record.retry = 1;
-      }
-      if (stopWhileProbing) bTerminate.Set(1);
-    };
-    onAnswer = [this](const AnswerStartRecord& given) {
-      while (GetBonjourInitStatus() == 0) sched_yield();
-      Note("answer socket " + std::to_string(given.socket) + " slot " + std::to_string(given.slot));
-      if (whileAnswering) whileAnswering();
-      bTerminate.Set(1);
-    };
     strcpy(start.deviceName, "router");
     start.probeRequest = 1;
   }
@@ -123,9 +113,6 @@ class ResponderTest : public testing::Test {
   ResponderStartRecord start{};
   unsigned sleepsToAddress = 0;  // an address is there after so many sleeps
   unsigned sleepsToSocket = 0;   // and the socket can be set up
-  int conflicts = 0;
-  bool stopWhileProbing = false;
-  std::function<void()> whileAnswering;
   std::string err;
 };
 
@@ -193,7 +180,7 @@ TEST_F(ResponderTest, ProbesAgainUntilAPassWithoutConflict) {
 
 TEST_F(ResponderTest, StopWhileProbingKeepsTheNameReachedSoFar) {
   conflicts = 5;
-  stopWhileProbing = true;
+  whileProbing = [] { bTerminate.Set(1); };
   Run();
   EXPECT_EQ(DeviceName(), "routerx");
   EXPECT_EQ(Count("probe routerx retry 0 socket 17 slot 0"), 0);
@@ -262,82 +249,63 @@ TEST_F(ResponderTest, StopWithdrawsServicesInTheOrderOfRegistrationBeforeTheClos
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_NE(Hex(sent[0].bytes).find(WireHex("01 'A' 04 '_ipp'")), std::string::npos);
   EXPECT_NE(Hex(sent[1].bytes).find(WireHex("01 'B' 04 '_ipp'")), std::string::npos);
-  EXPECT_THAT(std::vector<std::string>(events.end() - 3, events.end()),
-              ElementsAre("send", "send", "close"));
   EXPECT_FALSE(RegistryLock().IsOpen());
-}
-
-// Lets the `count`th poll from here on find that nobody sends any more.
-void StopSendingAtPoll(int count) {
-  static std::atomic<int> left;
-  left = count;
-  EXPECT_TRUE(fakeSenders.Enter());
-  onUsleep = [](unsigned microseconds) {
-    Note("poll " + std::to_string(microseconds));
-    if (--left == 0) fakeSenders.Leave();
-  };
 }
 
 TEST_F(ResponderTest, GoodbyesWaitForEarlierPacketsAndTheCloseForTheGoodbyes) {
   whileAnswering = [] {
     RegisterFirst();
-    StopSendingAtPoll(3);
+    EXPECT_TRUE(fakeSenders.Enter());
     onSendPacket = [] {
       Note("send");
-      StopSendingAtPoll(2);
+      EXPECT_TRUE(fakeSenders.Enter());
+    };
+    // Each packet has been sent by the second poll.
+    onUsleep = [](unsigned microseconds) {
+      Note("poll " + std::to_string(microseconds));
+      if (Count("poll 10000") % 2 == 0) fakeSenders.Leave();
     };
   };
   Run();
-  EXPECT_THAT(events, ElementsAre("poll 10000", "poll 10000", "poll 10000", "send", "poll 10000",
-                                  "poll 10000", "close"));
+  EXPECT_THAT(events,
+              ElementsAre("poll 10000", "poll 10000", "send", "poll 10000", "poll 10000", "close"));
 }
 
-TEST_F(ResponderTest, GoodbyesWaitForARegistrationThatIsUnderWay) {
-  static std::atomic<bool> isHeld{true};
-  static std::atomic<int> polls;
-  static std::thread registering;
-  whileAnswering = [] {
-    onSendPacket = [] {
-      Note("announce");
-      while (isHeld) sched_yield();
-      onSendPacket = [] { Note("send"); };
-    };
-    registering = std::thread([] { Register("A"); });
-    while (Count("announce") == 0) sched_yield();
-    const std::lock_guard lock(eventMutex);
-    events.clear();
-  };
+// The responder runs while this registration hands over its first packet, and so waits 1.5 seconds
+// in vain; a sender takes ten polls more.
+TEST_F(ResponderTest, GoodbyesWaitForARegistrationUnderWayAndNoneIsBegunAnyMore) {
   onUsleep = [](unsigned) {
-    if (++polls == 3) {
-      Note("third poll");
-      isHeld = false;
-      registering.join();
+    Note("registered " + std::to_string(Register("B")));
+    if (Count("registered 0") == 160) fakeSenders.Leave();
+  };
+  onSendPacket = [this, isFirst = true]() mutable {
+    if (std::exchange(isFirst, false)) {
+      Run();
+    } else {
+      Note("send");
     }
   };
-  Run();
-  // The announcement, then the goodbye.
-  EXPECT_THAT(events, ElementsAre("third poll", "send", "send", "close"));
+  EXPECT_TRUE(fakeSenders.Enter());
+  responderState.connected[0].Set(1);
+  Register("A");
+  EXPECT_EQ(Count("registered 0"), 160);
+  const auto last = std::find(events.begin(), events.end(), "close");
+  EXPECT_THAT(std::vector<std::string>(last - 2, last + 1),
+              ElementsAre("registered 0", "send", "close"));
 }
 
-TEST_F(ResponderTest, NothingIsRegisteredAfterAnsweringHasEnded) {
-  whileAnswering = [] {
-    RegisterFirst();
-    StopSendingAtPoll(1);
-    onUsleep = [](unsigned) {
-      Note("registered " + std::to_string(Register("B")));
-      fakeSenders.Leave();
-    };
-  };
-  Run();
-  EXPECT_THAT(events, ElementsAre("registered 0", "send", "close"));
-}
-
-// Somebody tries to send after each look at who is sending, the last one too, and hangs.
+// Whenever somebody has sent, the next one tries to.
 TEST_F(ResponderTest, NobodySendsOnTheSocketThatIsClosed) {
   fakeSocketModule.close = [] { Note(fakeSenders.IsEmpty() ? "nobody sends" : "somebody sends"); };
   whileAnswering = [] {
     RegisterFirst();
-    onSendPacket = [] { onLookAtSenders = [] { static_cast<void>(fakeSenders.Enter()); }; };
+    onSendPacket = [] {
+      EXPECT_TRUE(fakeSenders.Enter());
+      onUsleep = [](unsigned) {
+        fakeSenders.Leave();
+        static_cast<void>(fakeSenders.Enter());
+      };
+    };
   };
   Run();
   EXPECT_EQ(events.back(), "nobody sends");
@@ -365,3 +333,27 @@ TEST_F(ResponderTest, SenderThatHangsIsWaitedForThreeSecondsInAll) {
 }
 
 }  // namespace
+
+// In place of the threads that the responder starts.
+
+void* MDNS_CheckName(void* argument) {
+  ProbeRecord& record = *static_cast<ProbeRecord*>(argument);
+  Note(std::string("probe ") + record.name + " retry " + std::to_string(record.retry) + " socket " +
+       std::to_string(record.socket) + " slot " + std::to_string(record.slot));
+  if (conflicts > 0) {
+    --conflicts;
+    record.name[strlen(record.name)] = 'x';
+    record.retry = 1;
+  }
+  if (whileProbing) whileProbing();
+  return nullptr;
+}
+
+void* MDNS_Answer(void* argument) {
+  const AnswerStartRecord& given = *static_cast<AnswerStartRecord*>(argument);
+  while (GetBonjourInitStatus() == 0) sched_yield();
+  Note("answer socket " + std::to_string(given.socket) + " slot " + std::to_string(given.slot));
+  if (whileAnswering) whileAnswering();
+  bTerminate.Set(1);
+  return nullptr;
+}

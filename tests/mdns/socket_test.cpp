@@ -206,19 +206,16 @@ TEST_F(BridgeTest, StepThatFailsIsReportedAndClosesTheSocket) {
 TEST_F(BridgeTest, EndedReceiveReturnsAtOnceAndSendingGoesOn) {
   EndReceive();  // Does nothing without a socket.
   SetUpSocket();
-  const OtherHost host("br0");
   uint8_t byte;
   // Without the end both would take the socket's five seconds, and return -1.
   std::thread receiving([&] { EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0); });
   EndReceive();
   receiving.join();
   EXPECT_EQ(recv(multicastSocket.Get(), &byte, 1, 0), 0);
-  const Bytes packet = Wire("01 02");
   const sockaddr_in group = SocketAddress("224.0.0.251", 5353);
-  EXPECT_EQ(sendto(multicastSocket.Get(), packet.data(), packet.size(), 0,
-                   reinterpret_cast<const sockaddr*>(&group), sizeof(group)),
-            2);
-  EXPECT_EQ(host.ReceiveMulticast(), packet);
+  EXPECT_EQ(sendto(multicastSocket.Get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&group),
+                   sizeof(group)),
+            1);
   EXPECT_FALSE(IsAnyoneSending());
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/descriptor.h"
+#include "tests/standard/other_host.h"
 #include "tests/support/bytes.h"
 #include "tests/support/network.h"
 

@@ -13,6 +13,7 @@
 
 #include "printer/monitor.h"
 #include "standard/process.h"
+#include "tests/standard/other_host.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
 

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "tests/standard/other_host.h"
 #include "tests/support/bytes.h"
 #include "tests/support/fault.h"
 #include "tests/support/network.h"

@@ -26,8 +26,6 @@ struct SentPacket {
 std::function<void()> onSendPacket;
 /// Who is sending: inside, until CloseSending.
 Gate fakeSenders;
-/// Called for each look at who is sending, after the look. Set before any thread starts.
-std::function<void()> onLookAtSenders;
 
 namespace fake_sender {
 
@@ -66,11 +64,7 @@ void SendPacket(const uint8_t* packet, int32_t length, int32_t socket, sockaddr_
   if (onSendPacket) onSendPacket();
 }
 
-bool IsAnyoneSending() {
-  const bool isAnyone = !fakeSenders.IsEmpty();
-  if (onLookAtSenders) onLookAtSenders();
-  return isAnyone;
-}
+bool IsAnyoneSending() { return !fakeSenders.IsEmpty(); }
 
 void CloseSending() { fakeSenders.Close(); }
 

@@ -2,6 +2,7 @@
 // test's process.
 #pragma once
 
+#include <net/if.h>
 #include <netinet/in.h>
 
 #include <cstdint>
@@ -12,14 +13,17 @@
 #include "base/descriptor.h"
 #include "tests/support/bytes.h"
 
-/// Moves the calling thread, and the threads it starts, into a new network namespace whose loopback
-/// interface is up. Ends the process when that can't be done.
-void EnterOwnNetwork();
-
-/// A member of a fixture that enters an own network before the members after it are made.
+/// A member of a fixture that moves the calling thread, and the threads it starts, into a new
+/// network namespace before the members after it are made. The loopback interface is up.
 struct OwnNetwork {
-  OwnNetwork() { EnterOwnNetwork(); }
+  OwnNetwork();
 };
+
+/// Ends the process, with the text of errno behind `what`, unless that was `good`.
+void Require(bool good, const char* what);
+/// A request about the interface, and the ioctl(2) that hands one over.
+ifreq InterfaceRequest(const char* name);
+void ControlInterface(unsigned long operation, void* argument, const char* what);
 
 /// Makes a bridge without an address; it is down.
 void AddBridge(const char* name);
@@ -27,7 +31,7 @@ void AddBridge(const char* name);
 void RemoveBridge(const char* name);
 /// Gives the interface a MAC address.
 void SetMac(const char* name, const uint8_t (&mac)[6]);
-/// Gives the interface an IPv4 address in dotted form, with a netmask of 24 bits.
+/// Gives the interface an IPv4 address in dotted form, with the netmask of its class.
 void SetAddress(const char* name, const char* address);
 /// Sets the interface up or down.
 void SetInterfaceUp(const char* name, bool up);
@@ -42,29 +46,14 @@ class UdpSocket {
   int Get() const { return descriptor.Get(); }
   /// Where it is bound.
   sockaddr_in Name() const;
-  /// Receives give up after this long.
+  /// Receives give up after this long instead of ten seconds.
   void SetReceiveTimeout(int milliseconds) const;
   void Send(std::span<const uint8_t> bytes, const sockaddr_in& destination) const;
-  /// The next datagram, or nothing when none came within ten seconds.
+  /// The next datagram, or nothing when none came in time.
   std::optional<Bytes> Receive() const;
   /// True when no datagram waits.
   bool HasNoPacket() const;
 
  private:
   Descriptor descriptor;
-};
-
-/// The far end of a wire that is plugged into a bridge.
-class OtherHost {
- public:
-  /// Makes a port on the bridge, which is up; packets pass from then on.
-  explicit OtherHost(const char* bridge);
-  /// Puts a UDP datagram to the multicast DNS group and port on the wire, as another host would.
-  void SendMulticast(const char* source, std::span<const uint8_t> payload) const;
-  /// The UDP payload of the next multicast DNS packet from the bridge, or nothing after ten
-  /// seconds.
-  std::optional<Bytes> ReceiveMulticast() const;
-
- private:
-  Descriptor tap;
 };
