@@ -92,28 +92,11 @@ def test_changed_model_line_leaves_the_old_service_which_refuses_its_printer_unt
 
 
 @pytest.mark.release
-def test_conflict_over_a_service_name_goes_unnoticed(lab, router, daemon, host):
-    """Another host claims the instance while its probe is on the link."""
-    router.plug_in(0)
-    lab.wait_for_packet(wire.IPP_PROBE)
-    host.send(
-        hexbytes(
-            f"""{wire.RESPONSE_1}
-            {wire.INSTANCE} {wire.IPP} 0021 8001 {wire.TTL_120}
-            0013 0000 0000 0277 05 'other' 05 'local' 00"""
-        )
-    )
-    lab.wait_for_transmissions(wire.IPP_RECORDS)
-    assert lab.ask(BROWSE_IPP) == [wire.IPP_RECORDS]
-    assert wire.IPP_GOODBYE not in {packet.payload for packet in lab.sent()}
-
-
-@pytest.mark.release
 def test_longest_answer_fits_an_ethernet_frame(lab, router):
     """The longest name, cut and in two labels, and the longest text that a printer can have."""
     commands = ",".join(f"LANG{number:02}XXXX" for number in range(4))
     router.plug_in(0, "M" * 51, "N" * 63, commands)
-    router.start("GLXE4800b5")
+    assert router.start("GLXE4800b5").device_name == "GLXE4800b5_00-11-22-AA-BB-CC"
     lab.allow_malformed(lambda packet: b"MMM" in packet.payload)
     announced = lab.wait_for_packet(
         lambda packet: packet.payload[2] == 0x84 and b"_universal" in packet.payload
