@@ -164,15 +164,6 @@ class Monitor : public testing::Test {
   PrinterPresence previous = {};
 };
 
-TEST_F(Monitor, InsertionRegistersRawPortThenIppAndRemovalUnregistersThem) {
-  EXPECT_EQ(Apply("0").out, kInsertion);
-  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n");
-  EXPECT_EQ(Apply("").out, kRemoval);
-  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n-0 pdl \n-0 ipp \n");
-  EXPECT_EQ(printerTxtPdl[0], nullptr);
-  EXPECT_EQ(printerTxtIpp[0], nullptr);
-}
-
 TEST_F(Monitor, PortsAreHandledInOrderInsertionsAndRemovalsMixedAndThoseThatStayLeftAlone) {
   Apply("13");
   calls.clear();
@@ -236,17 +227,13 @@ TEST_F(Monitor, FirstPassPublishesNextOnesDoNothingAndAnEmptyFileWithdraws) {
   EXPECT_EQ(Run({kOnePrinter, kOnePrinter, ""}).out, std::string(kInsertion) + kRemoval);
   EXPECT_EQ(calls, std::string(kPublished) + kWithdrawn);
   EXPECT_EQ(fakeStatusFile.reads, 3);
+  EXPECT_EQ(printerTxtPdl[0], nullptr);
+  EXPECT_EQ(printerTxtIpp[0], nullptr);
 }
 
 TEST_F(Monitor, FileThatCannotBeOpenedChangesNothing) {
   const Log log = Run({std::nullopt, kOnePrinter, std::nullopt, kOnePrinter, ""});
   EXPECT_EQ(log.out, std::string(kCannotOpen) + kInsertion + kCannotOpen + kRemoval);
-}
-
-TEST_F(Monitor, RemovalGoesUnderTheNameOfTheLastPassThatSawThePrinter) {
-  Run({kOnePrinter, "usblp0\nHP\nModel 13\nPCL\n\n", std::nullopt, ""});
-  EXPECT_EQ(calls, std::string(kPublished) +
-                       "-0 pdl HP Model 13 (aa:0b:c0) 0\n-0 ipp HP Model 13 (aa:0b:c0) 0\n");
 }
 
 TEST_F(Monitor, LargestFileIsLookedThroughToItsEnd) {
