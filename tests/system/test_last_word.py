@@ -6,13 +6,10 @@ from last_word import AT_ANY_TIME, WITHOUT_PACKETS, WITHOUT_SERVICES, Moment, st
 STOPS = 3
 
 MOMENTS = {
-    "silent link": Moment(),
     "silent link, ten printers": Moment(printers=10),
     "question 20 ms before": Moment(before=0.02),
     "question just before": Moment(before=0.0),
     "question just after": Moment(after=0.0),
-    "question 300 ms after": Moment(after=0.3),
-    "40 questions a second": Moment(rate=40),
     "300 questions a second": Moment(rate=300),
     "300 questions a second, ten printers": Moment(printers=10, rate=300),
     "printer comes": Moment(coming=True),

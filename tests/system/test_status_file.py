@@ -1,9 +1,8 @@
-"""The printer status file in every state: missing, unreadable, broken, too long."""
+"""The printer status file in every state: broken, too long, unreadable, missing."""
 
 import time
 
 import pytest
-from lab.browser import IPP
 from responders import with_both
 
 pytestmark = [pytest.mark.release, with_both]
@@ -49,10 +48,3 @@ def test_file_that_cannot_be_opened_keeps_the_printer_and_is_looked_for_once_a_s
     assert presence(daemon_with_printer) == ["insert lp0", "insert lp1"]
     sent = [packet.message.answers for packet in lab.sent() if not packet.is_query]
     assert all(record.ttl for answers in sent for record in answers)
-
-
-def test_missing_file_is_waited_for_at_the_start(router, announced):
-    router.status_file.remove()
-    router.start().wait_for_line(CANNOT_OPEN)
-    router.plug_in(0)
-    announced(IPP, "SRV")

@@ -21,23 +21,23 @@ def test_keys_of_both_services_with_the_model_of_a_slow_device_which_the_name_la
     router.connect_device(4, "MFG:X;MDL:N;MODEL:Jet 5;CMD:Z;", delay=1.5)
     router.plug_in(4, "Acme", "", "PCL,PostScript")
     router.start()
-    before_rp = (
+    ipp = (
         "txtvers=1",
         "qtotal=1",
         "pdl=application/PCL,application/PostScript",
         "usb_CLS=PRINTER",
-    )
-    after_rp = (
+        "rp=USB5_LQ",
         "ty=Jet 5",
         "product=(Acme Jet 5)",
         "usb_MFG=Acme",
         "usb_MDL=Jet 5",
         "note=T5140_00-11-22-AA-BB-CC",
         "usb_CMD=PCL,PostScript",
+        "priority=10",
     )
     name = "Acme  (aa:bb:cc) 4"
-    assert announced_txt(f"{name}.{PDL}") == (*before_rp, *after_rp, "priority=20")
-    assert announced_txt(f"{name}.{IPP}") == (*before_rp, "rp=USB5_LQ", *after_rp, "priority=10")
+    assert announced_txt(f"{name}.{IPP}") == ipp
+    assert announced_txt(f"{name}.{PDL}") == (*ipp[:4], *ipp[5:-1], "priority=20")
 
 
 @pytest.mark.parametrize(
