@@ -10,7 +10,6 @@
 #include <string>
 
 #include "base/text.h"
-#include "tests/support/case_name.h"
 #include "tests/support/fake_printer.h"
 #include "tests/support/fake_responder.h"
 #include "tests/support/fault.h"
@@ -250,51 +249,51 @@ TEST_F(GetTxtDataTest, CommandSetIsCutAfter511Characters) {
   }
 }
 
-struct RecordCase {
-  const char* name;
+constexpr char kTwoRecords[] = "usblp0\nA\nFirst\nPCL\n\nusblp3\nB\nSecond\nPS\n\n";
+const std::string k15(15, 'k');
+const std::string k63(63, 'm');
+
+struct RecordRow {
+  const char* behaviour;
   std::string status;
   int32_t port;
   std::string values;  // manufacturer, model and command set, or "none"
 };
 
-class RecordTest : public GetTxtDataTest, public testing::WithParamInterface<RecordCase> {};
+const RecordRow kRecordRows[] = {
+    {"first of two", kTwoRecords, 0, "A|First|PCL"},
+    {"second of two", kTwoRecords, 3, "B|Second|PS"},
+    {"not listed", kTwoRecords, 1, "none"},
+    {"empty file", "", 0, "none"},
+    {"rest of the first line is ignored", "port usblp0: a\nA\nM\nX\n", 0, "A|M|X"},
+    {"token counts anywhere", "like usblp1\nM\nX\nY\nusblp1\nB\nN\nZ\n", 1, "M|X|Y"},
+    {"token is not ended by the digit", "usblp10\nA\nM\nX\n", 1, "A|M|X"},
+    {"longest port number", "usblp-214748364\nA\n\nX\nusblp-2147483648\nA\nM\nX\n", INT32_MIN,
+     "A|M|X"},
+    {"first line incomplete", "usblp0", 0, "none"},
+    {"second line incomplete", "usblp0\nA", 0, "none"},
+    {"third line incomplete", "usblp0\nA\nM", 0, "none"},
+    {"fourth line incomplete", "usblp0\nA\nM\nX", 0, "none"},
+    {"empty lines", "usblp0\n\nM\n\n", 0, "|M|"},
+    {"nothing is trimmed", "usblp0\r\n A \nM\r\n X \n", 0, " A |M\r| X "},
+    {"text ends at a zero byte", std::string("usblp0\nA\nM\0X\n\n", 14), 0, "none"},
+    {"manufacturer of 16 is cut", "usblp0\n" + k15 + "K\nM\nX\n", 0, k15 + "|M|X"},
+    {"model of 64 is cut", "usblp0\nA\n" + k63 + "M\nX\n", 0, "A|" + k63 + "|X"},
+    {"at the end of the largest file", std::string(40947, '\n') + "usblp0\nA\nM\nX\n", 0, "A|M|X"},
+};
 
-TEST_P(RecordTest, IsFoundAndRead) {
-  const RecordCase& row = GetParam();
-  Get(row.status, row.port, row.values != "none");
-  if (row.values == "none") return;
-  EXPECT_EQ(ValueOf("usb_MFG") + "|" + ValueOf("usb_MDL") + "|" + ValueOf("usb_CMD"), row.values);
-  EXPECT_EQ(fakeStatusFile.reads, 1);
-  EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
+TEST_F(GetTxtDataTest, RecordIsFoundAndRead) {
+  for (const RecordRow& row : kRecordRows) {
+    SCOPED_TRACE(row.behaviour);
+    memset(txt.get(), 0, 513);
+    fakeStatusFile.reads = 0;
+    Get(row.status, row.port, row.values != "none");
+    EXPECT_EQ(fakeStatusFile.reads, 1);
+    EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
+    if (row.values == "none") continue;
+    EXPECT_EQ(ValueOf("usb_MFG") + "|" + ValueOf("usb_MDL") + "|" + ValueOf("usb_CMD"), row.values);
+  }
 }
-
-constexpr char kTwoRecords[] = "usblp0\nA\nFirst\nPCL\n\nusblp3\nB\nSecond\nPS\n\n";
-const std::string k15(15, 'k');
-const std::string k63(63, 'm');
-
-INSTANTIATE_TEST_SUITE_P(
-    , RecordTest,
-    testing::Values(
-        RecordCase{"FirstOfTwo", kTwoRecords, 0, "A|First|PCL"},
-        RecordCase{"SecondOfTwo", kTwoRecords, 3, "B|Second|PS"},
-        RecordCase{"NotListed", kTwoRecords, 1, "none"}, RecordCase{"EmptyFile", "", 0, "none"},
-        RecordCase{"RestOfTheFirstLineIsIgnored", "port usblp0: a\nA\nM\nX\n", 0, "A|M|X"},
-        RecordCase{"TokenCountsAnywhere", "like usblp1\nM\nX\nY\nusblp1\nB\nN\nZ\n", 1, "M|X|Y"},
-        RecordCase{"TokenIsNotEndedByTheDigit", "usblp10\nA\nM\nX\n", 1, "A|M|X"},
-        RecordCase{"LongestPortNumber", "usblp-214748364\nA\n\nX\nusblp-2147483648\nA\nM\nX\n",
-                   INT32_MIN, "A|M|X"},
-        RecordCase{"FirstLineIncomplete", "usblp0", 0, "none"},
-        RecordCase{"SecondLineIncomplete", "usblp0\nA", 0, "none"},
-        RecordCase{"ThirdLineIncomplete", "usblp0\nA\nM", 0, "none"},
-        RecordCase{"FourthLineIncomplete", "usblp0\nA\nM\nX", 0, "none"},
-        RecordCase{"EmptyLines", "usblp0\n\nM\n\n", 0, "|M|"},
-        RecordCase{"NothingIsTrimmed", "usblp0\r\n A \nM\r\n X \n", 0, " A |M\r| X "},
-        RecordCase{"TextEndsAtAZeroByte", std::string("usblp0\nA\nM\0X\n\n", 14), 0, "none"},
-        RecordCase{"ManufacturerOfSixteenIsCut", "usblp0\n" + k15 + "K\nM\nX\n", 0, k15 + "|M|X"},
-        RecordCase{"ModelOfSixtyFourIsCut", "usblp0\nA\n" + k63 + "M\nX\n", 0, "A|" + k63 + "|X"},
-        RecordCase{"AtTheEndOfTheLargestFile", std::string(40947, '\n') + "usblp0\nA\nM\nX\n", 0,
-                   "A|M|X"}),
-    CaseName());
 
 // A record without a model
 

@@ -32,16 +32,6 @@ TEST_F(ComposeTest, OwnerIsCutAt192CharactersAndDataAt1023) {
                     " 80 128*'a' 80 128*'a' 78 118*'a' 'yz' 278*00"));
 }
 
-TEST_F(ComposeTest, NothingOfOneRecordIsLeftInTheNext) {
-  AddServer(packet, "longer.owner", true, 9100, "longer.target");
-  packet.length = 12;
-  AddPointer(packet, "o", 0, "t");
-  EXPECT_EQ(packet.record.cacheFlush, 0);
-  EXPECT_EQ(packet.record.port, 0);
-  EXPECT_STREQ(packet.record.name + 2, "");
-  EXPECT_STREQ(packet.record.rdata + 2, "");
-}
-
 TEST(Compose, PacketsOfARegistrationHold1518Bytes) { EXPECT_EQ(kPacketSize, 1518); }
 
 }  // namespace
