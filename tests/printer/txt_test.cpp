@@ -298,7 +298,6 @@ TEST_F(GetTxtDataTest, RecordIsFoundAndRead) {
 // A record without a model
 
 TEST_F(GetTxtDataTest, ModelComesFromThePortsDeviceId) {
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MFG:X;MODEL:HP 5;CMD:Z;";
   Get("usblp0\nA\nM\nX\n\nusblp6\nB\n\nZ\n\n", 6);
   EXPECT_THAT(fakePrinterDevice.askedForPort, ElementsAre(6));
@@ -309,7 +308,6 @@ TEST_F(GetTxtDataTest, ModelComesFromThePortsDeviceId) {
 
 TEST_F(GetTxtDataTest, DeviceThatDoesNotAnswerOrHasNoModelGivesNoData) {
   Get("usblp6\nB\n\nZ\n\n", 6, 0);
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MFG:X;MDL:Y;CMD:Z;";
   Get("usblp6\nB\n\nZ\n\n", 6, 0);
 }
@@ -317,7 +315,6 @@ TEST_F(GetTxtDataTest, DeviceThatDoesNotAnswerOrHasNoModelGivesNoData) {
 TEST_F(GetTxtDataTest, DeviceIsAskedAsSoonAsTheModelLineIsComplete) {
   Get("usblp6\nB\n", 6, 0);
   EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MODEL:Y;";
   Get("usblp6\nB\n\nZ", 6, 0);
   EXPECT_THAT(fakePrinterDevice.askedForPort, ElementsAre(6));

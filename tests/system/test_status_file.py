@@ -10,14 +10,6 @@ pytestmark = [pytest.mark.release, with_both]
 CANNOT_OPEN = '[Bonjour] Can not open "/proc/printer_status"'
 
 
-def presence(daemon):
-    return [
-        text.removeprefix("[Bonjour] device ")
-        for text in daemon.texts()
-        if text.startswith("[Bonjour] device ")
-    ]
-
-
 def test_whole_records_with_a_port_show_printers_and_a_broken_one_withdraws_all_from_there_on(
     router, daemon
 ):
@@ -30,7 +22,10 @@ def test_whole_records_with_a_port_show_printers_and_a_broken_one_withdraws_all_
     daemon.wait_for_line("[Bonjour] device remove lp1")
     router.status_file.rewrite(bytes(range(256)) * 300)
     daemon.wait_for_line("[Bonjour] device remove lp5")
-    assert presence(daemon) == ["insert lp1", "insert lp5", "remove lp1", "remove lp5"]
+    lines = ("insert lp1", "insert lp5", "remove lp1", "remove lp5")
+    assert [text for text in daemon.texts() if " lp" in text] == [
+        f"[Bonjour] device {line}" for line in lines
+    ]
 
 
 @pytest.mark.parametrize("make_unreadable", ["make_unreadable", "remove"])
@@ -45,6 +40,6 @@ def test_file_that_cannot_be_opened_keeps_the_printer_and_is_looked_for_once_a_s
     assert line.time - start >= 2
     router.plug_in(1, "Acme", "Jet", "PCL")
     daemon_with_printer.wait_for_line("[Bonjour] device insert lp1")
-    assert presence(daemon_with_printer) == ["insert lp0", "insert lp1"]
+    assert "[Bonjour] device remove lp0" not in daemon_with_printer.texts()
     sent = [packet.message.answers for packet in lab.sent() if not packet.is_query]
     assert all(record.ttl for answers in sent for record in answers)
