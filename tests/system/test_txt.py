@@ -10,6 +10,9 @@ from responders import with_both
 
 pytestmark = [pytest.mark.release, with_both]
 
+BUSY = "[Bonjour] no usb device: Device or resource busy"
+REFUSED = "[Bonjour] ioctl printer failed: Input/output error"
+TOO_LONG = "buf is too small!!!"
 NO_TEXT = "[Bonjour] GetTXTData error"
 NOT_UNREGISTERED = "**********UnRegisterOneService error*************"
 
@@ -41,19 +44,18 @@ def test_keys_of_both_services_with_the_model_of_a_slow_device_which_the_name_la
 
 
 @pytest.mark.parametrize(
-    "has_device, model, commands, message",
+    "device, model, commands, message",
     [
-        (False, "", "PCL", "[Bonjour] no usb device: No such file or directory"),
-        (True, "", "PCL", "[Bonjour] ioctl printer failed: Input/output error"),
-        (False, "Jet", "C" * 600, "buf is too small!!!"),
+        ({"open_error": errno.EBUSY}, "", "PCL", BUSY),
+        ({"request_error": errno.EIO}, "", "PCL", REFUSED),
+        ({}, "Jet", "C" * 600, TOO_LONG),
     ],
-    ids=["no device", "a device that refuses", "a text that does not fit"],
+    ids=["a busy device", "a device that refuses", "a text that does not fit"],
 )
 def test_printer_without_a_text_is_not_published_and_tried_again_only_when_it_comes_back(
-    lab, router, announced_txt, has_device, model, commands, message
+    lab, router, announced_txt, device, model, commands, message
 ):
-    if has_device:
-        router.connect_device(0, request_error=errno.EIO)
+    router.connect_device(0, **device)
     router.plug_in(0, "Acme", model, commands)
     daemon = router.start()
     daemon.wait_for_line(NO_TEXT, count=2)
