@@ -139,7 +139,7 @@ TEST_F(BuildTxtTextTest, RawPortOfAnHpPrinterComesFirstAndIppOfAnyOther) {
               {PRINTER_KIND_PDL, "A", "GRAPHPLOT", "10"},
               {PRINTER_KIND_PDL, "A", "a Hewlett-Packard 5", "10"},
               {PRINTER_KIND_PDL, "hp", "hewlett-packard", "20"},
-              {PRINTER_KIND_PDL, "Hewlett", "Packard", "20"},
+              {PRINTER_KIND_PDL, "Hewlett-Packar", "Hewlett-Packar", "20"},
               {PRINTER_KIND_PDL, "H", "P", "20"}};
   for (const auto& row : rows) {
     Build({.kind = row.kind, .manufacturer = row.manufacturer, .model = row.model});
