@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/case_name.h"
-
 namespace {
 
 // Exactly as large as the driver's answer: a sanitizer sees one byte too far.
@@ -27,46 +25,45 @@ TEST(DeviceIdText, EndsWithTheBlock) {
   EXPECT_EQ(DeviceIdText(Block(std::string(512, 'a')).get()), std::string(510, 'a'));
 }
 
-struct ModelCase {
-  const char* name;
+const std::string k63(63, 'y');
+
+struct ModelRow {
+  const char* behaviour;
   std::string text;
   std::string model;
 };
 
-class FindModelTest : public testing::TestWithParam<ModelCase> {};
+const ModelRow kModelRows[] = {
+    {"at the very start", "MODEL:Y;CMD:Z;", "Y"},
+    {"at the second character", "XMODEL:Y;", "Y"},
+    {"not at the third character", "XXMODEL:Y;", "none"},
+    {"after a semicolon", "X;MODEL:Y;", "Y"},
+    {"not after a blank", "MFG:X; MODEL:Y;", "none"},
+    {"not the short key", "MFG:X;MDL:Y;CMD:Z;", "none"},
+    {"not in lower case", "MFG:X;model:Y;", "none"},
+    {"not with a blank before the colon", "MFG:X;MODEL :Y;", "none"},
+    {"not at the end of the text", "MFG:X;MODEL", "none"},
+    {"search goes on after one that does not count", "MFG:MODEL;XMODEL:A;MODEL:B;", "B"},
+    {"search goes on five characters further", "MFG:X;MODELMODEL:Y;", "none"},
+    {"first that counts wins", "MODEL:A;MODEL:B;", "A"},
+    {"value ends with the text, may hold colons and is not trimmed", "MODEL: Y:12 ", " Y:12 "},
+    {"value may be empty", "MODEL:;CMD:Z;", ""},
+    {"value may be empty at the end", "MODEL:", ""},
+    {"value of 63 characters", "MODEL:" + k63 + ";", k63},
+    {"not a value of 64 characters", "MODEL:" + k63 + "y;", "none"},
+    {"not a value of 64 characters at the end", "MODEL:" + k63 + "y", "none"},
+    {"no second chance after a value too long", "MODEL:" + k63 + "y;MODEL:Y;", "none"},
+};
 
-TEST_P(FindModelTest, FindsTheKey) {
-  // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
-  const std::vector<char> text(GetParam().text.begin(), GetParam().text.end());
-  std::string_view model = "none";
-  EXPECT_EQ(FindModel({text.data(), text.size()}, model), GetParam().model != "none");
-  EXPECT_EQ(model, GetParam().model);
+TEST(FindModel, FindsTheKey) {
+  for (const ModelRow& row : kModelRows) {
+    SCOPED_TRACE(row.behaviour);
+    // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
+    const std::vector<char> text(row.text.begin(), row.text.end());
+    std::string_view model = "none";
+    EXPECT_EQ(FindModel({text.data(), text.size()}, model), row.model != "none");
+    EXPECT_EQ(model, row.model);
+  }
 }
-
-const std::string k63(63, 'y');
-
-INSTANTIATE_TEST_SUITE_P(
-    , FindModelTest,
-    testing::Values(
-        ModelCase{"AtTheVeryStart", "MODEL:Y;CMD:Z;", "Y"},
-        ModelCase{"AtTheSecondCharacter", "XMODEL:Y;", "Y"},
-        ModelCase{"NotAtTheThirdCharacter", "XXMODEL:Y;", "none"},
-        ModelCase{"AfterASemicolon", "X;MODEL:Y;", "Y"},
-        ModelCase{"NotAfterABlank", "MFG:X; MODEL:Y;", "none"},
-        ModelCase{"NotTheShortKey", "MFG:X;MDL:Y;CMD:Z;", "none"},
-        ModelCase{"NotInLowerCase", "MFG:X;model:Y;", "none"},
-        ModelCase{"NotWithABlankBeforeTheColon", "MFG:X;MODEL :Y;", "none"},
-        ModelCase{"NotAtTheEndOfTheText", "MFG:X;MODEL", "none"},
-        ModelCase{"SearchGoesOnAfterOneThatDoesNotCount", "MFG:MODEL;XMODEL:A;MODEL:B;", "B"},
-        ModelCase{"SearchGoesOnFiveCharactersFurther", "MFG:X;MODELMODEL:Y;", "none"},
-        ModelCase{"FirstThatCountsWins", "MODEL:A;MODEL:B;", "A"},
-        ModelCase{"ValueEndsWithTheTextMayHoldColonsAndIsNotTrimmed", "MODEL: Y:12 ", " Y:12 "},
-        ModelCase{"ValueMayBeEmpty", "MODEL:;CMD:Z;", ""},
-        ModelCase{"ValueMayBeEmptyAtTheEnd", "MODEL:", ""},
-        ModelCase{"ValueOfSixtyThreeCharacters", "MODEL:" + k63 + ";", k63},
-        ModelCase{"NotAValueOfSixtyFourCharacters", "MODEL:" + k63 + "y;", "none"},
-        ModelCase{"NotAValueOfSixtyFourCharactersAtTheEnd", "MODEL:" + k63 + "y", "none"},
-        ModelCase{"NoSecondChanceAfterAValueTooLong", "MODEL:" + k63 + "y;MODEL:Y;", "none"}),
-    CaseName());
 
 }  // namespace

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "base/text.h"
-#include "tests/support/case_name.h"
 #include "tests/support/fake_printer.h"
 #include "tests/support/fault.h"
 #include "tests/support/output.h"
@@ -31,73 +30,71 @@ constexpr char kNoMemory[] = "[Bonjour] malloc error: Cannot allocate memory\n";
 
 static_assert(sizeof(PrinterTxt::text) == 513, "a text takes 512 characters and its terminator");
 
-struct ScanCase {
-  const char* name;
+const std::string k50(50, 'a');
+const std::string k64(64, 'm');
+
+struct ScanRow {
+  const char* behaviour;
   std::string text;
   std::string names;  // of the ports that have a printer
 };
 
-class ScanPrintersTest : public testing::TestWithParam<ScanCase> {};
+const ScanRow kScanRows[] = {
+    {"text without token", "usb\nA\nM\nX\n\n", ""},
+    {"order in the file is free", "usblp1\nA\nM\nX\n\nusblp0\nB\nN\nX\n\n",
+     "B N (aa:0b:c0) 0|A M (aa:0b:c0) 1"},
+    {"only the digit after the token counts", "printer at usblp10 ready\nA\nM\nX\n\n",
+     "A M (aa:0b:c0) 1"},
+    {"later record of a port leaves nothing of a longer name",
+     "usblp0\nManufacturer\nM\nX\n\nusblp0\nB\nN\nX\n\n", "B N (aa:0b:c0) 0"},
+    {"record with a character below the digits is passed over",
+     "usblp/\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+    {"record with a character above the digits is passed over",
+     "usblp:\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
+    {"byte above ASCII is passed over", "usblp\xb1\nA\nM\nX\n\n", ""},
+    {"token at the end of the text has no digit", "A\nB\nC\nD\nusblp", ""},
+    // Lines are counted from the record's start, the port comes from where the token stands.
+    {"token in a later line", "first\nA\nusblp4\nX\n\n", "A usblp4 (aa:0b:c0) 4"},
+    {"token after the whole record", "first\nA\nM\nX\n\nusblp5\nB\nN\nX\n\n", "B N (aa:0b:c0) 5"},
+    {"second token of a record is not looked at", "usblp1\nusblp2\nM\nX\n\n",
+     "usblp2 M (aa:0b:c0) 1"},
+    {"second line incomplete", "usblp0\nA", ""},
+    {"third line incomplete", "usblp0\nA\nM", ""},
+    {"three lines are enough", "usblp0\nA\nM\n", "A M (aa:0b:c0) 0"},
+    {"fifth line incomplete ends the scan", "usblp0\nA\nM\nX\nusblp1", "A M (aa:0b:c0) 0"},
+    {"record of four lines shifts all that follow",
+     "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\nusblp2\nC\nO\nZ\n\n",
+     "A M (aa:0b:c0) 0|N Y (aa:0b:c0) 2"},
+    {"empty lines give two blanks", "usblp0\n\n\nX\n\n", "  (aa:0b:c0) 0"},
+    {"nothing is trimmed", "usblp0\n A \n M \nX\n\n", " A   M  (aa:0b:c0) 0"},
+    {"115 characters are taken whole", "usblp9\n" + k50 + "\n" + k64 + "\nX\n\n",
+     k50 + " " + k64 + " (aa:0b:c0) 9"},
+    {"116 characters are cut", "usblp0\n" + k50 + "\n" + k64 + "M\nX\n\n",
+     k50 + " " + k64 + " (aa:0b:c0) 0"},
+    {"cut after the manufacturer's line feed", "usblp0\n" + k50 + k64 + "\nM\nX\n\n",
+     k50 + k64 + "  (aa:0b:c0) 0"},
+};
 
-TEST_P(ScanPrintersTest, FindsPortsAndNames) {
+TEST(ScanPrinters, FindsPortsAndNames) {
   memcpy(hw_addr, kMac, 6);
-  memset(printerServiceNames, 0, sizeof(printerServiceNames));
-  PrinterPresence presence = {};
-  // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
-  const std::vector<char> text(GetParam().text.begin(), GetParam().text.end());
-  ScanPrinters({text.data(), text.size()}, presence);
-  std::string names;
-  for (int32_t port = 0; port < 10; ++port) {
-    const std::string name(FieldText(printerServiceNames[port]));
-    EXPECT_EQ(presence.present[port], name.empty() ? 0u : 1u);
-    if (name.empty()) continue;
-    names += (names.empty() ? "" : "|") + name;
-    EXPECT_TRUE(name.ends_with(" " + std::to_string(port)));
+  for (const ScanRow& row : kScanRows) {
+    SCOPED_TRACE(row.behaviour);
+    memset(printerServiceNames, 0, sizeof(printerServiceNames));
+    PrinterPresence presence = {};
+    // A view of exactly the text, on the heap: a sanitizer sees one byte too far.
+    const std::vector<char> text(row.text.begin(), row.text.end());
+    ScanPrinters({text.data(), text.size()}, presence);
+    std::string names;
+    for (int32_t port = 0; port < 10; ++port) {
+      const std::string name(FieldText(printerServiceNames[port]));
+      EXPECT_EQ(presence.present[port], name.empty() ? 0u : 1u);
+      if (name.empty()) continue;
+      names += (names.empty() ? "" : "|") + name;
+      EXPECT_TRUE(name.ends_with(" " + std::to_string(port)));
+    }
+    EXPECT_EQ(names, row.names);
   }
-  EXPECT_EQ(names, GetParam().names);
 }
-
-const std::string k50(50, 'a');
-const std::string k64(64, 'm');
-
-INSTANTIATE_TEST_SUITE_P(
-    , ScanPrintersTest,
-    testing::Values(
-        ScanCase{"TextWithoutToken", "usb\nA\nM\nX\n\n", ""},
-        ScanCase{"OrderInTheFileIsFree", "usblp1\nA\nM\nX\n\nusblp0\nB\nN\nX\n\n",
-                 "B N (aa:0b:c0) 0|A M (aa:0b:c0) 1"},
-        ScanCase{"OnlyTheDigitAfterTheTokenCounts", "printer at usblp10 ready\nA\nM\nX\n\n",
-                 "A M (aa:0b:c0) 1"},
-        ScanCase{"LaterRecordOfAPortLeavesNothingOfALongerName",
-                 "usblp0\nManufacturer\nM\nX\n\nusblp0\nB\nN\nX\n\n", "B N (aa:0b:c0) 0"},
-        ScanCase{"RecordWithACharacterBelowTheDigitsIsPassedOver",
-                 "usblp/\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
-        ScanCase{"RecordWithACharacterAboveTheDigitsIsPassedOver",
-                 "usblp:\nA\nM\nX\n\nusblp1\nB\nN\nX\n\n", "B N (aa:0b:c0) 1"},
-        ScanCase{"ByteAboveAsciiIsPassedOver", "usblp\xb1\nA\nM\nX\n\n", ""},
-        ScanCase{"TokenAtTheEndOfTheTextHasNoDigit", "A\nB\nC\nD\nusblp", ""},
-        // Lines are counted from the record's start, the port comes from where the token stands.
-        ScanCase{"TokenInALaterLine", "first\nA\nusblp4\nX\n\n", "A usblp4 (aa:0b:c0) 4"},
-        ScanCase{"TokenAfterTheWholeRecord", "first\nA\nM\nX\n\nusblp5\nB\nN\nX\n\n",
-                 "B N (aa:0b:c0) 5"},
-        ScanCase{"SecondTokenOfARecordIsNotLookedAt", "usblp1\nusblp2\nM\nX\n\n",
-                 "usblp2 M (aa:0b:c0) 1"},
-        ScanCase{"SecondLineIncomplete", "usblp0\nA", ""},
-        ScanCase{"ThirdLineIncomplete", "usblp0\nA\nM", ""},
-        ScanCase{"ThreeLinesAreEnough", "usblp0\nA\nM\n", "A M (aa:0b:c0) 0"},
-        ScanCase{"FifthLineIncompleteEndsTheScan", "usblp0\nA\nM\nX\nusblp1", "A M (aa:0b:c0) 0"},
-        ScanCase{"RecordOfFourLinesShiftsAllThatFollow",
-                 "usblp0\nA\nM\nX\nusblp1\nB\nN\nY\n\nusblp2\nC\nO\nZ\n\n",
-                 "A M (aa:0b:c0) 0|N Y (aa:0b:c0) 2"},
-        ScanCase{"EmptyLinesGiveTwoBlanks", "usblp0\n\n\nX\n\n", "  (aa:0b:c0) 0"},
-        ScanCase{"NothingIsTrimmed", "usblp0\n A \n M \nX\n\n", " A   M  (aa:0b:c0) 0"},
-        ScanCase{"OneHundredAndFifteenCharactersAreTakenWhole",
-                 "usblp9\n" + k50 + "\n" + k64 + "\nX\n\n", k50 + " " + k64 + " (aa:0b:c0) 9"},
-        ScanCase{"OneHundredAndSixteenCharactersAreCut", "usblp0\n" + k50 + "\n" + k64 + "M\nX\n\n",
-                 k50 + " " + k64 + " (aa:0b:c0) 0"},
-        ScanCase{"CutAfterTheManufacturersLineFeed", "usblp0\n" + k50 + k64 + "\nM\nX\n\n",
-                 k50 + k64 + "  (aa:0b:c0) 0"}),
-    CaseName());
 
 TEST(ScanPrinters, NamesAndFlagsOfOtherPortsAreLeftAlone) {
   PrinterPresence presence = {};
@@ -164,15 +161,6 @@ class Monitor : public testing::Test {
   PrinterPresence previous = {};
 };
 
-TEST_F(Monitor, InsertionRegistersRawPortThenIppAndRemovalUnregistersThem) {
-  EXPECT_EQ(Apply("0").out, kInsertion);
-  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n");
-  EXPECT_EQ(Apply("").out, kRemoval);
-  EXPECT_EQ(calls, "+0 pdl \n+0 ipp \n-0 pdl \n-0 ipp \n");
-  EXPECT_EQ(printerTxtPdl[0], nullptr);
-  EXPECT_EQ(printerTxtIpp[0], nullptr);
-}
-
 TEST_F(Monitor, PortsAreHandledInOrderInsertionsAndRemovalsMixedAndThoseThatStayLeftAlone) {
   Apply("13");
   calls.clear();
@@ -236,17 +224,13 @@ TEST_F(Monitor, FirstPassPublishesNextOnesDoNothingAndAnEmptyFileWithdraws) {
   EXPECT_EQ(Run({kOnePrinter, kOnePrinter, ""}).out, std::string(kInsertion) + kRemoval);
   EXPECT_EQ(calls, std::string(kPublished) + kWithdrawn);
   EXPECT_EQ(fakeStatusFile.reads, 3);
+  EXPECT_EQ(printerTxtPdl[0], nullptr);
+  EXPECT_EQ(printerTxtIpp[0], nullptr);
 }
 
 TEST_F(Monitor, FileThatCannotBeOpenedChangesNothing) {
   const Log log = Run({std::nullopt, kOnePrinter, std::nullopt, kOnePrinter, ""});
   EXPECT_EQ(log.out, std::string(kCannotOpen) + kInsertion + kCannotOpen + kRemoval);
-}
-
-TEST_F(Monitor, RemovalGoesUnderTheNameOfTheLastPassThatSawThePrinter) {
-  Run({kOnePrinter, "usblp0\nHP\nModel 13\nPCL\n\n", std::nullopt, ""});
-  EXPECT_EQ(calls, std::string(kPublished) +
-                       "-0 pdl HP Model 13 (aa:0b:c0) 0\n-0 ipp HP Model 13 (aa:0b:c0) 0\n");
 }
 
 TEST_F(Monitor, LargestFileIsLookedThroughToItsEnd) {

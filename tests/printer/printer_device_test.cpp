@@ -48,15 +48,7 @@ TEST_F(PrinterDevice, MissingNodeIsLogged) {
   ExpectFailure(0, "[Bonjour] no usb device: No such file or directory\n");
 }
 
-TEST_F(PrinterDevice, IdIsWhatTheDriverAnswersWithZerosAfterIt) {
-  onIoctl = [](int, unsigned long, char* bytes) {
-    memcpy(bytes, "\x00\x0aMODEL:Y;", 10);
-    return 0;
-  };
-  ExpectId(std::string("\x00\x0aMODEL:Y;", 10) + std::string(502, '\0'));
-}
-
-TEST_F(PrinterDevice, RequestIsTheDriversReadOfUpTo512Bytes) {
+TEST_F(PrinterDevice, IdIsWhatTheDriverAnswersToItsReadOfUpTo512Bytes) {
   unsigned long asked = 0;
   onIoctl = [&](int, unsigned long request, char* bytes) {
     asked = request & 0xffffffffUL;

@@ -7,12 +7,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <numeric>
 #include <string>
-#include <vector>
 
 #include "base/text.h"
-#include "tests/support/case_name.h"
 #include "tests/support/fake_printer.h"
 #include "tests/support/fake_responder.h"
 #include "tests/support/fault.h"
@@ -36,6 +33,13 @@ class Txt : public testing::Test {
     if (line == std::string::npos) return "none";
     const size_t start = line + key.size() + 2;
     return text.substr(start, text.find('\n', start) - start);
+  }
+
+  std::string LastKey() const {
+    const std::string text = Text();
+    const size_t end = text.rfind('=');
+    const size_t start = text.rfind('\n', end) + 1;
+    return text.substr(start, end - start);
   }
 
   // On the heap, exactly as large as the module asks for: a sanitizer sees one byte too far.
@@ -135,7 +139,7 @@ TEST_F(BuildTxtTextTest, RawPortOfAnHpPrinterComesFirstAndIppOfAnyOther) {
               {PRINTER_KIND_PDL, "A", "GRAPHPLOT", "10"},
               {PRINTER_KIND_PDL, "A", "a Hewlett-Packard 5", "10"},
               {PRINTER_KIND_PDL, "hp", "hewlett-packard", "20"},
-              {PRINTER_KIND_PDL, "Hewlett", "Packard", "20"},
+              {PRINTER_KIND_PDL, "Hewlett-Packar", "Hewlett-Packar", "20"},
               {PRINTER_KIND_PDL, "H", "P", "20"}};
   for (const auto& row : rows) {
     Build({.kind = row.kind, .manufacturer = row.manufacturer, .model = row.model});
@@ -143,69 +147,34 @@ TEST_F(BuildTxtTextTest, RawPortOfAnHpPrinterComesFirstAndIppOfAnyOther) {
   }
 }
 
-// Which part of a text is the last that fits. The lines before the list, the four from the model's
-// name on, which have 67, 90, 24 and 72 characters, and the others are each a part.
-struct LengthCase {
-  const char* name;
-  int32_t kind;
-  size_t language;    // characters of the only one
-  size_t deviceName;  // characters
-  size_t parts;       // that were written
-  int32_t result = -1;
-  const char* line = kTooSmall;
-};
-
-class LengthTest : public BuildTxtTextTest, public testing::WithParamInterface<LengthCase> {};
-
-TEST_P(LengthTest, HoldsTheLinesThatFit) {
-  const LengthCase& row = GetParam();
-  const std::string manufacturer(15, 'k');
-  const std::string model(63, 'm');
-  const std::string language(row.language, 'c');
-  const std::string deviceName(row.deviceName, 'd');
-  Build({row.kind, manufacturer, model, language, deviceName}, row.result, row.line);
-  std::vector<std::string> parts = {
-      "txtvers=1\nqtotal=1\n",
-      "pdl=application/" + language + "\n",
-      "usb_CLS=PRINTER\n",
-      row.kind == PRINTER_KIND_IPP ? "rp=USB1_LQ\n" : "",
-      "ty=" + model + "\n",
-      "product=(" + manufacturer + " " + model + ")\n",
-      "usb_MFG=" + manufacturer + "\n",
-      "usb_MDL=" + model + "\n",
-      "note=" + deviceName + "\n",
-      "usb_CMD=" + language + "\n",
-      "priority=20",
-  };
-  parts.resize(row.parts);
-  EXPECT_EQ(Text(), std::accumulate(parts.begin(), parts.end(), std::string()));
-}
-
 // A text of 512 characters fits, one of 513 does not. All but the variable parts have 52 characters
 // up to the class line, 253 up to the model line, 6, 9 and 11.
-INSTANTIATE_TEST_SUITE_P(
-    , LengthTest,
-    testing::Values(LengthCase{"PriorityFits", PRINTER_KIND_PDL, 59, 63, 11, 1, ""},
-                    LengthCase{"PriorityDoesNot", PRINTER_KIND_PDL, 59, 64, 10},
-                    LengthCase{"CommandSetFits", 4, 64, 64, 10, 1, ""},
-                    LengthCase{"CommandSetDoesNot", 4, 65, 63, 9},
-                    LengthCase{"NoteFits", PRINTER_KIND_PDL, 178, 23, 9, -1, ""},
-                    LengthCase{"NoteDoesNot", PRINTER_KIND_PDL, 179, 23, 8},
-                    LengthCase{"ModelFits", PRINTER_KIND_PDL, 207, 1, 8},
-                    LengthCase{"ModelDoesNot", PRINTER_KIND_PDL, 208, 1, 7},
-                    LengthCase{"ManufacturerFits", PRINTER_KIND_PDL, 279, 1, 7},
-                    LengthCase{"ManufacturerDoesNot", PRINTER_KIND_PDL, 280, 1, 6},
-                    LengthCase{"ProductFits", PRINTER_KIND_PDL, 303, 1, 6},
-                    LengthCase{"ProductDoesNot", PRINTER_KIND_PDL, 304, 1, 5},
-                    LengthCase{"ModelNameFits", PRINTER_KIND_PDL, 393, 1, 5},
-                    LengthCase{"ModelNameDoesNot", PRINTER_KIND_PDL, 394, 1, 4},
-                    LengthCase{"QueueFits", PRINTER_KIND_IPP, 449, 1, 4},
-                    LengthCase{"QueueDoesNot", PRINTER_KIND_IPP, 450, 1, 3},
-                    LengthCase{"ClassFits", PRINTER_KIND_PDL, 460, 1, 4},
-                    LengthCase{"ClassDoesNot", PRINTER_KIND_PDL, 461, 1, 2},
-                    LengthCase{"ListOf493CharactersFits", PRINTER_KIND_PDL, 476, 1, 2},
-                    LengthCase{"ListOf494CharactersDoesNot", PRINTER_KIND_PDL, 477, 1, 1}),
-    CaseName());
+TEST_F(BuildTxtTextTest, HoldsTheLinesThatFitWhole) {
+  const struct {
+    int32_t kind;
+    size_t language;    // characters of the only one
+    size_t deviceName;  // characters
+    const char* lastKey;
+    int32_t result = -1;
+    const char* line = kTooSmall;
+  } rows[] = {{PRINTER_KIND_PDL, 59, 63, "priority", 1, ""},
+              {PRINTER_KIND_PDL, 59, 64, "usb_CMD"},
+              {PRINTER_KIND_PDL, 178, 23, "note", -1, ""},
+              {PRINTER_KIND_PDL, 179, 23, "usb_MDL"},
+              {PRINTER_KIND_IPP, 449, 1, "rp"},
+              {PRINTER_KIND_IPP, 450, 1, "usb_CLS"},
+              {PRINTER_KIND_PDL, 460, 1, "usb_CLS"},
+              {PRINTER_KIND_PDL, 461, 1, "pdl"},
+              {PRINTER_KIND_PDL, 476, 1, "pdl"},
+              {PRINTER_KIND_PDL, 477, 1, "qtotal"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.language);
+    Build({row.kind, std::string(15, 'k'), std::string(63, 'm'), std::string(row.language, 'c'),
+           std::string(row.deviceName, 'd')},
+          row.result, row.line);
+    EXPECT_EQ(LastKey(), row.lastKey);
+  }
+}
 
 TEST_F(BuildTxtTextTest, ValuesOfLinesThatReach128CharactersFailSilently) {
   Build({.commandSet = std::string(118, 'c')});
@@ -280,56 +249,55 @@ TEST_F(GetTxtDataTest, CommandSetIsCutAfter511Characters) {
   }
 }
 
-struct RecordCase {
-  const char* name;
+constexpr char kTwoRecords[] = "usblp0\nA\nFirst\nPCL\n\nusblp3\nB\nSecond\nPS\n\n";
+const std::string k15(15, 'k');
+const std::string k63(63, 'm');
+
+struct RecordRow {
+  const char* behaviour;
   std::string status;
   int32_t port;
   std::string values;  // manufacturer, model and command set, or "none"
 };
 
-class RecordTest : public GetTxtDataTest, public testing::WithParamInterface<RecordCase> {};
+const RecordRow kRecordRows[] = {
+    {"first of two", kTwoRecords, 0, "A|First|PCL"},
+    {"second of two", kTwoRecords, 3, "B|Second|PS"},
+    {"not listed", kTwoRecords, 1, "none"},
+    {"empty file", "", 0, "none"},
+    {"rest of the first line is ignored", "port usblp0: a\nA\nM\nX\n", 0, "A|M|X"},
+    {"token counts anywhere", "like usblp1\nM\nX\nY\nusblp1\nB\nN\nZ\n", 1, "M|X|Y"},
+    {"token is not ended by the digit", "usblp10\nA\nM\nX\n", 1, "A|M|X"},
+    {"longest port number", "usblp-214748364\nA\n\nX\nusblp-2147483648\nA\nM\nX\n", INT32_MIN,
+     "A|M|X"},
+    {"first line incomplete", "usblp0", 0, "none"},
+    {"second line incomplete", "usblp0\nA", 0, "none"},
+    {"third line incomplete", "usblp0\nA\nM", 0, "none"},
+    {"fourth line incomplete", "usblp0\nA\nM\nX", 0, "none"},
+    {"empty lines", "usblp0\n\nM\n\n", 0, "|M|"},
+    {"nothing is trimmed", "usblp0\r\n A \nM\r\n X \n", 0, " A |M\r| X "},
+    {"text ends at a zero byte", std::string("usblp0\nA\nM\0X\n\n", 14), 0, "none"},
+    {"manufacturer of 16 is cut", "usblp0\n" + k15 + "K\nM\nX\n", 0, k15 + "|M|X"},
+    {"model of 64 is cut", "usblp0\nA\n" + k63 + "M\nX\n", 0, "A|" + k63 + "|X"},
+    {"at the end of the largest file", std::string(40947, '\n') + "usblp0\nA\nM\nX\n", 0, "A|M|X"},
+};
 
-TEST_P(RecordTest, IsFoundAndRead) {
-  const RecordCase& row = GetParam();
-  Get(row.status, row.port, row.values != "none");
-  if (row.values == "none") return;
-  EXPECT_EQ(ValueOf("usb_MFG") + "|" + ValueOf("usb_MDL") + "|" + ValueOf("usb_CMD"), row.values);
-  EXPECT_EQ(fakeStatusFile.reads, 1);
-  EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
+TEST_F(GetTxtDataTest, RecordIsFoundAndRead) {
+  for (const RecordRow& row : kRecordRows) {
+    SCOPED_TRACE(row.behaviour);
+    memset(txt.get(), 0, 513);
+    fakeStatusFile.reads = 0;
+    Get(row.status, row.port, row.values != "none");
+    EXPECT_EQ(fakeStatusFile.reads, 1);
+    EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
+    if (row.values == "none") continue;
+    EXPECT_EQ(ValueOf("usb_MFG") + "|" + ValueOf("usb_MDL") + "|" + ValueOf("usb_CMD"), row.values);
+  }
 }
-
-constexpr char kTwoRecords[] = "usblp0\nA\nFirst\nPCL\n\nusblp3\nB\nSecond\nPS\n\n";
-const std::string k15(15, 'k');
-const std::string k63(63, 'm');
-
-INSTANTIATE_TEST_SUITE_P(
-    , RecordTest,
-    testing::Values(
-        RecordCase{"FirstOfTwo", kTwoRecords, 0, "A|First|PCL"},
-        RecordCase{"SecondOfTwo", kTwoRecords, 3, "B|Second|PS"},
-        RecordCase{"NotListed", kTwoRecords, 1, "none"}, RecordCase{"EmptyFile", "", 0, "none"},
-        RecordCase{"RestOfTheFirstLineIsIgnored", "port usblp0: a\nA\nM\nX\n", 0, "A|M|X"},
-        RecordCase{"TokenCountsAnywhere", "like usblp1\nM\nX\nY\nusblp1\nB\nN\nZ\n", 1, "M|X|Y"},
-        RecordCase{"TokenIsNotEndedByTheDigit", "usblp10\nA\nM\nX\n", 1, "A|M|X"},
-        RecordCase{"LongestPortNumber", "usblp-214748364\nA\n\nX\nusblp-2147483648\nA\nM\nX\n",
-                   INT32_MIN, "A|M|X"},
-        RecordCase{"FirstLineIncomplete", "usblp0", 0, "none"},
-        RecordCase{"SecondLineIncomplete", "usblp0\nA", 0, "none"},
-        RecordCase{"ThirdLineIncomplete", "usblp0\nA\nM", 0, "none"},
-        RecordCase{"FourthLineIncomplete", "usblp0\nA\nM\nX", 0, "none"},
-        RecordCase{"EmptyLines", "usblp0\n\nM\n\n", 0, "|M|"},
-        RecordCase{"NothingIsTrimmed", "usblp0\r\n A \nM\r\n X \n", 0, " A |M\r| X "},
-        RecordCase{"TextEndsAtAZeroByte", std::string("usblp0\nA\nM\0X\n\n", 14), 0, "none"},
-        RecordCase{"ManufacturerOfSixteenIsCut", "usblp0\n" + k15 + "K\nM\nX\n", 0, k15 + "|M|X"},
-        RecordCase{"ModelOfSixtyFourIsCut", "usblp0\nA\n" + k63 + "M\nX\n", 0, "A|" + k63 + "|X"},
-        RecordCase{"AtTheEndOfTheLargestFile", std::string(40947, '\n') + "usblp0\nA\nM\nX\n", 0,
-                   "A|M|X"}),
-    CaseName());
 
 // A record without a model
 
 TEST_F(GetTxtDataTest, ModelComesFromThePortsDeviceId) {
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MFG:X;MODEL:HP 5;CMD:Z;";
   Get("usblp0\nA\nM\nX\n\nusblp6\nB\n\nZ\n\n", 6);
   EXPECT_THAT(fakePrinterDevice.askedForPort, ElementsAre(6));
@@ -340,7 +308,6 @@ TEST_F(GetTxtDataTest, ModelComesFromThePortsDeviceId) {
 
 TEST_F(GetTxtDataTest, DeviceThatDoesNotAnswerOrHasNoModelGivesNoData) {
   Get("usblp6\nB\n\nZ\n\n", 6, 0);
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MFG:X;MDL:Y;CMD:Z;";
   Get("usblp6\nB\n\nZ\n\n", 6, 0);
 }
@@ -348,7 +315,6 @@ TEST_F(GetTxtDataTest, DeviceThatDoesNotAnswerOrHasNoModelGivesNoData) {
 TEST_F(GetTxtDataTest, DeviceIsAskedAsSoonAsTheModelLineIsComplete) {
   Get("usblp6\nB\n", 6, 0);
   EXPECT_THAT(fakePrinterDevice.askedForPort, IsEmpty());
-  fakePrinterDevice.answers = true;
   fakePrinterDevice.id = "\x01\x02MODEL:Y;";
   Get("usblp6\nB\n\nZ", 6, 0);
   EXPECT_THAT(fakePrinterDevice.askedForPort, ElementsAre(6));

@@ -114,13 +114,6 @@ TEST_F(SendPacketTest, SendsThreeTimesWithAPauseAfterEach) {
   EXPECT_THAT(pauses, ElementsAre(250000, 250000, 250000));
 }
 
-TEST_F(SendPacketTest, LongPacketIsCut) {
-  SendPacket(ExactBytes(NumberedBytes(1518)).Data(), 4554, source.Get(), destination);
-  Bytes expected = NumberedBytes(1518);
-  expected.resize(1520);
-  ExpectThrice(expected);
-}
-
 TEST_F(SendPacketTest, PacketOfNothingStartsNoThreadAndLogsNothing) {
   CapturedOutput output;
   for (const int32_t length : {0, -1, INT32_MIN}) {
@@ -189,15 +182,6 @@ TEST_F(SendPacketTest, WithoutMemoryNothingIsSentOrLogged) {
   EXPECT_EQ(output.Stdout() + output.Stderr(), "");
   EXPECT_EQ(StartedThreads().size(), 0u);
   EXPECT_FALSE(IsAnyoneSending());
-}
-
-TEST_F(SendPacketTest, JobOfASenderThatEndedCarriesTheNextPacket) {
-  Send(Wire("01 02"));
-  ASSERT_TRUE(WaitForEndedThreads(1));
-  SendWithoutMemory(Wire("03"));
-  ExpectThrice(Wire("01 02"));
-  ExpectThrice(Wire("03"));
-  EXPECT_EQ(mappedBlocks, 1);
 }
 
 // Whether the pauses found the job of the sender still in use: whoever sends then needs another

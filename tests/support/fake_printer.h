@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,7 @@ struct FakeStatusFile {
 };
 
 struct FakePrinterDevice {
-  bool answers = false;               ///< false: the id can't be had
-  std::string id;                     ///< the id with its length field; zeros follow it
+  std::optional<std::string> id;  ///< with its length field, zeros follow it; null: none to be had
   std::vector<int32_t> askedForPort;  ///< the ports of all requests, in order
 };
 
@@ -40,9 +40,9 @@ int32_t ReadPrinterStatus(char* buffer) {
 
 HeapText ReadDeviceId(int32_t port) {
   fakePrinterDevice.askedForPort.push_back(port);
-  if (!fakePrinterDevice.answers) return nullptr;
+  if (!fakePrinterDevice.id) return nullptr;
   // The block has exactly its size, so that a sanitizer sees a read after it.
   HeapText id(static_cast<char*>(calloc(1, kDeviceIdSize)));
-  fakePrinterDevice.id.copy(id.get(), kDeviceIdSize);
+  fakePrinterDevice.id->copy(id.get(), kDeviceIdSize);
   return id;
 }
