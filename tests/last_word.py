@@ -68,35 +68,22 @@ class Moment:
     going: bool = False
 
 
-class Asker:
-    """A host that asks so many questions a second while this is entered. `question` gives one."""
+@contextlib.contextmanager
+def _asking(host, rate):
+    """Context in which a host asks so many questions a second."""
+    done = threading.Event()
 
-    def __init__(self, host, rate, question):
-        self._host = host
-        self._pause = 1 / rate
-        self._question = question
-        self._turn = threading.Lock()
+    def ask():
+        while not done.wait(1 / rate):
+            host.send(BROWSE)
 
-    def _run(self):
-        due = time.monotonic()
-        while not self._done.wait(max(0, due - time.monotonic())):
-            with self._turn:
-                self._host.send(self._question())
-            due = max(due + self._pause, time.monotonic())
-
-    def silent(self):
-        """Context in which it does not ask."""
-        return self._turn
-
-    def __enter__(self):
-        self._done = threading.Event()
-        self._thread = threading.Thread(target=self._run)
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self._done.set()
-        self._thread.join()
+    thread = threading.Thread(target=ask)
+    thread.start()
+    try:
+        yield
+    finally:
+        done.set()
+        thread.join()
 
 
 def _printers(count):
@@ -136,7 +123,7 @@ def stop_at(lab, moment):
         _wait_until_announced(lab, since, moment.printers)
     with contextlib.ExitStack() as asking:
         if moment.rate:
-            asking.enter_context(Asker(lab.host, moment.rate, lambda: BROWSE))
+            asking.enter_context(_asking(lab.host, moment.rate))
         if moment.coming:
             router.plug_in_all(_printers(moment.printers))
             daemon.wait_for_line("[Bonjour] device insert lp0")

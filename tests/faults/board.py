@@ -2,11 +2,10 @@
 calls that it has seen. Both sides map one file."""
 
 import ctypes
-import dataclasses
 import errno
+import itertools
 import mmap
 import os
-import time
 from ctypes import c_char, c_int32, c_int64
 
 from lab.printers import device_tool
@@ -22,122 +21,98 @@ JOINABLE, DETACHED = 0, 1
 SIOCGIFADDR = 0x8915
 
 _SHIM = "libfault_shim.so"
-# What is recorded when the body of a thread has returned.
-THREAD_END = "the end"
-_OBSERVE, _FAIL, _HOLD = range(3)
 
 # In records detached threads have numbers of their own.
 FIRST_DETACHED = 1000
 
 _RULES = 32
 _RECORDS = 16384
-_FOR_GOOD = 2**31 - 1
-_BEGUN, _FAILED = 1, 3
-
-
-def option(level, name):
-    """The selector of a setsockopt."""
-    return level * 65536 + name
 
 
 class Rule(ctypes.Structure):
-    """Which calls the library acts upon, and how often it did: in `hits` those that were made to
-    fail or wait or, observed, were counted."""
+    """Which calls the library acts upon; `seen` counts those, the ones skipped with them."""
 
     _fields_ = [
         ("function", c_char * 32),
         ("armed", c_int32),
-        ("action", c_int32),
         ("thread", c_int32),
-        ("overdue", c_int32),
         ("about", c_int64),
         ("skip", c_int64),
         ("times", c_int64),
         ("error", c_int64),
-        ("path", c_char * 64),
         ("duration", c_int64),
         ("released", c_int64),
         ("seen", c_int64),
-        ("hits", c_int64),
-        ("latest", c_int64),
+        ("until", c_int64),
     ]
 
     @property
-    def lasts(self):
-        """Whether calls of the function fail because an earlier one did."""
-        return self.hits > 0 and time.time() - self.latest / 1e9 < self.duration / 1e9
+    def hits(self):
+        """How many of them were not skipped."""
+        return max(0, self.seen - self.skip)
+
+    @property
+    def end(self):
+        """When the latest of them, and what it entails, was over: wall-clock time in seconds."""
+        return self.until / 1e9
 
     def wait(self, hits=1):
         """Waits until there were so many hits."""
         wait_until(lambda: self.hits >= hits, f"{hits} hits of {self}")
 
-    def release(self, calls=_FOR_GOOD):
-        """Lets held calls go on: so many, counted from the first, or those to come, too."""
-        self.released = calls
-
-    def arm(self):
-        """Lets the rule apply from now on."""
-        self.armed = 1
+    def release(self):
+        """Lets held calls go on, and those to come."""
+        self.released = 1
 
     def __str__(self):
-        where = f"thread={self.thread} about={self.about} path={self.path.decode()}"
-        return f"{self.function.decode()} {where} skip={self.skip} times={self.times}"
+        where = f"thread={self.thread} about={self.about} skip={self.skip} times={self.times}"
+        return f"{self.function.decode()} {where}"
 
 
-class _Record(ctypes.Structure):
+class Call(ctypes.Structure):
+    """One call of the program. `thread` is as in rules, but each detached thread has a number of
+    its own, from FIRST_DETACHED on in the order of their start. `error` is the one with which a
+    rule made it fail, or 0. `text` is the path of an open and the line that a write or send was
+    about."""
+
     _fields_ = [
-        ("function", c_char * 32),
-        ("state", c_int32),
+        ("_function", c_char * 32),
+        ("is_written", c_int32),
         ("thread", c_int32),
         ("error", c_int64),
         ("about", c_int64),
-        ("result", c_int64),
-        ("text", c_char * 120),
+        ("_text", c_char * 120),
     ]
+
+    @property
+    def function(self):
+        return self._function.decode()
+
+    @property
+    def text(self):
+        return self._text.decode(errors="backslashreplace")
+
+    def __str__(self):
+        fault = f" FAULT {errno.errorcode[self.error]}" if self.error else ""
+        return f"thread {self.thread:4} {self.function}({self.about}){fault} {self.text}".rstrip()
 
 
 class _Shared(ctypes.Structure):
     _fields_ = [
-        ("attached", c_int32),
-        ("joinable", c_int32),
         ("blocks", c_int64),
+        ("mappings", c_int64),
+        ("processor_time", c_int64),
+        ("joinable", c_int32),
+        ("detached", c_int32),
         ("recording", c_int32),
         ("recorded", c_int32),
-        ("detached", c_int32),
-        ("mappings", c_int32),
-        ("processor_time", c_int64),
         ("rules", Rule * _RULES),
-        ("records", _Record * _RECORDS),
+        ("records", Call * _RECORDS),
     ]
 
 
-@dataclasses.dataclass(frozen=True)
-class Call:
-    """One call of the program. `thread` is as in rules, but each detached thread has a number of
-    its own, from FIRST_DETACHED on in the order of their start. `is_done` tells whether the call
-    has returned, `is_fault` whether a rule made it fail. `result` of a pthread_create is the
-    thread; `text` is the path of an open and the line that a write or send was about."""
-
-    number: int
-    function: str
-    thread: int
-    about: int
-    is_done: bool
-    is_fault: bool
-    error: int
-    result: int
-    text: str
-
-    def __str__(self):
-        outcome = f"= {self.result}" if self.is_done else "..."
-        fault = f" FAULT {errno.errorcode.get(self.error)}" if self.is_fault else ""
-        return f"{self.number:5} thread {self.thread:4} {self.function}({self.about}) {outcome}" + (
-            f"{fault} {self.text}".rstrip()
-        )
-
-
 class Board:
-    """The faults of one program. Rules count from the moment on that they are armed."""
+    """The faults of one program."""
 
     def __init__(self, path):
         self._path = path
@@ -182,81 +157,43 @@ class Board:
         assert count <= _RECORDS, f"{count} calls are more than are kept"
         return count
 
-    def call(self, number):
-        """The recorded call of that number, or None for as long as it is being written."""
-        record = self._shared.records[number]
-        state = record.state
-        if state == 0:
-            return None
-        return Call(
-            number,
-            record.function.decode(),
-            record.thread,
-            record.about,
-            state != _BEGUN,
-            state == _FAILED,
-            record.error,
-            record.result,
-            record.text.decode(errors="backslashreplace"),
-        )
+    def calls(self, since=0):
+        """The recorded calls from that number on, up to one that is still being written."""
+        calls = (self._shared.records[number] for number in range(since, self.recorded))
+        return list(itertools.takewhile(lambda call: call.is_written, calls))
 
     def fail(self, function, error, **where):
-        """Lets calls fail with this errno; see _add for which. With `seconds` every call of the
-        function, on any thread, fails for so long from the first one on that did."""
-        return self._add(_FAIL, function, getattr(errno, error), **where)
+        """Lets calls fail with this errno from now on; see _add for which. With `seconds` every
+        call of the function, on any thread, fails for so long from the first one on that did."""
+        return self._add(function, getattr(errno, error), **where)
 
     def hold(self, function, **where):
         """Lets calls wait until the rule is released."""
-        return self._add(_HOLD, function, **where)
+        return self._add(function, 0, **where)
 
-    def observe(self, function, **where):
-        """Only counts calls."""
-        return self._add(_OBSERVE, function, **where)
-
-    def _add(
-        self,
-        action,
-        function,
-        error=0,
-        *,
-        thread=ANY_THREAD,
-        about=-1,
-        path="",
-        skip=0,
-        times=1,
-        seconds=0,
-        armed=True,
-    ):
+    def _add(self, function, error, thread=ANY_THREAD, about=-1, skip=0, times=1, seconds=0):
         """A rule for calls of `function` by `thread` that are about `about`: the size of an
-        allocation, the request of an ioctl, option() of a setsockopt, JOINABLE or DETACHED of a
-        pthread_create; or about `path`, for open. `skip` of them are let through, then the rule
-        applies to `times` of them, or to all if that is None. Where two rules are about one call,
-        the one made first is looked at first."""
+        allocation, the request of an ioctl, JOINABLE or DETACHED of a pthread_create. `skip` of
+        them are let through, then the rule applies to `times` of them."""
         number = len(self.rules)
         self._shared.rules[number] = Rule(
             function=function.encode(),
-            action=action,
             thread=thread,
             about=about,
             skip=skip,
-            times=-1 if times is None else times,
+            times=times,
             error=error,
-            path=path.encode(),
             duration=round(seconds * 1e9),
         )
         rule = self._shared.rules[number]
-        if armed:
-            rule.arm()
+        rule.armed = 1
         self.rules.append(rule)
         return rule
 
     def check(self):
-        """Raises if a rule was never reached or a held call was never released."""
-        assert self._shared.attached, "the library was not loaded"
-        never = [str(rule) for rule in self.rules if rule.action != _OBSERVE and rule.hits == 0]
+        """Raises if a rule was never reached."""
+        never = [str(rule) for rule in self.rules if rule.hits == 0]
         assert not never, f"faults that were never reached: {never}"
-        overdue = [str(rule) for rule in self.rules if rule.overdue]
-        assert not overdue, f"calls that were held too long: {overdue}"
 
 
 def descriptors(pid):

@@ -8,6 +8,7 @@
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <err.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <link.h>
@@ -16,7 +17,6 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
@@ -27,57 +27,47 @@
 #include <time.h>
 #include <unistd.h>
 
-enum Action { kObserve, kFail, kHold };
-
 /* Threads are told apart by the order in which the program started them: 0 is the initial thread,
    then come the joinable ones; all detached threads count as one. */
 enum { kAnyThread = -1, kDetachedThreads = -2 };
 
-enum { kRules = 32, kNameSize = 32, kPathSize = 64, kHoldMilliseconds = 60000 };
+enum { kRules = 32, kNameSize = 32, kHoldMilliseconds = 60000 };
 enum { kRecords = 16384, kTextSize = 120, kFirstDetached = 1000 };
 
 struct Rule {
   char function[kNameSize];
   int32_t armed;
-  int32_t action;
   int32_t thread;
-  int32_t overdue;      /* kHold: the test never released the call */
-  int64_t selector;     /* what the call must be about (see the functions below), or -1 */
-  int64_t skip;         /* calls that match are let through first */
-  int64_t times;        /* this many are then dealt with, -1 = every one */
-  int64_t error;        /* kFail: errno */
-  char path[kPathSize]; /* open: the path, empty = any */
-  int64_t duration;     /* kFail: from the first call that failed on, every call of the function
-                           fails for so many nanoseconds, on whatever thread */
-  int64_t released;     /* kHold: how many of the held calls go on, set by the test */
-  int64_t seen;         /* calls that matched */
-  int64_t hits;         /* calls that were dealt with */
-  int64_t latest;       /* when a call was last dealt with: wall-clock time in nanoseconds */
+  int64_t selector; /* what the call must be about (see the functions below), or -1 */
+  int64_t skip;     /* calls that match are let through first */
+  int64_t times;    /* this many are then dealt with */
+  int64_t error;    /* the errno with which they fail; 0: they wait until the test releases them */
+  int64_t duration; /* from a call that failed on, every call of the function fails for so many
+                       nanoseconds, on whatever thread */
+  int64_t released; /* set by the test */
+  int64_t seen;     /* calls that matched */
+  int64_t until;    /* the end of the duration: wall-clock time in nanoseconds */
 };
-
-enum State { kBegun = 1, kDone, kFailed };
 
 /* One call, in the order in which the calls began. */
 struct Record {
   char function[kNameSize]; /* "the end": none, but a thread's body has returned */
-  int32_t state;            /* kFailed: a rule made it fail */
-  int32_t thread;       /* as in rules, but the detached threads by the order of their start, from
-                           kFirstDetached on */
-  int64_t error;        /* errno of a call that failed, by a rule or not */
-  int64_t selector;     /* as in rules */
-  int64_t result;       /* pthread_create: the thread as above, or -1 */
-  char text[kTextSize]; /* open: the path; write, send: the line without its end */
+  int32_t written;          /* 1 once all of this is there */
+  int32_t thread;           /* as in rules, but the detached threads by the order of their start,
+                               from kFirstDetached on */
+  int64_t error;            /* with which a rule made it fail, or 0 */
+  int64_t selector;         /* as in rules */
+  char text[kTextSize];     /* open: the path; write, send: the line without its end */
 };
 
 struct Board {
-  int32_t attached;      /* 1 once the library is in the program */
-  int32_t joinable;      /* joinable threads that the program started */
   int64_t blocks;        /* heap blocks that the program took and did not give back */
+  int64_t mappings;      /* memory mappings likewise */
+  int64_t processorTime; /* in nanoseconds, written when the program ends */
+  int32_t joinable;      /* joinable threads that the program started */
+  int32_t detached;      /* detached ones */
   int32_t recording;     /* set by the test */
   int32_t recorded;      /* calls since then; those beyond kRecords are not kept */
-  int32_t detached;      /* detached threads that the program started */
-  int32_t mappings;      /* memory mappings likewise */
-  int64_t processorTime; /* in nanoseconds, written when the program ends */
   struct Rule rules[kRules];
   struct Record records[kRecords];
 };
@@ -112,38 +102,25 @@ __attribute__((constructor)) static void Attach(void) {
   const char* path = getenv("FAULTS");
   if (path == NULL) return;
   const int file = open(path, O_RDWR | O_CLOEXEC);
-  if (file < 0) {
-    perror(path);
-    abort();
-  }
   void* mapped = mmap(NULL, sizeof(struct Board), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  if (mapped == MAP_FAILED) err(1, "%s", path);
   close(file);
-  if (mapped == MAP_FAILED) {
-    perror(path);
-    abort();
-  }
   dl_iterate_phdr(NoteProgram, NULL);
   board = mapped;
-  __atomic_store_n(&board->attached, 1, __ATOMIC_RELEASE);
+}
+
+static int64_t Now(clockid_t clock) {
+  struct timespec now;
+  clock_gettime(clock, &now);
+  return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
 }
 
 __attribute__((destructor)) static void Detach(void) {
-  if (board == NULL) return;
-  struct timespec used;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  board->processorTime = used.tv_sec * INT64_C(1000000000) + used.tv_nsec;
+  if (board != NULL) board->processorTime = Now(CLOCK_PROCESS_CPUTIME_ID);
 }
 
 static int IsProgram(uintptr_t caller) {
   return board != NULL && caller >= programStart && caller < programEnd;
-}
-
-static int ThreadMatches(int32_t wanted) { return wanted == kAnyThread || wanted == thisThread; }
-
-static int64_t Now(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
 }
 
 static void PauseMillisecond(void) {
@@ -151,122 +128,84 @@ static void PauseMillisecond(void) {
   nanosleep(&pause, NULL);
 }
 
-static void WaitForRelease(struct Rule* rule, int64_t held) {
+static void WaitForRelease(const struct Rule* rule) {
   for (int i = 0; i < kHoldMilliseconds; ++i) {
-    if (__atomic_load_n(&rule->released, __ATOMIC_ACQUIRE) > held) return;
+    if (__atomic_load_n(&rule->released, __ATOMIC_ACQUIRE) != 0) return;
     PauseMillisecond();
   }
-  __atomic_store_n(&rule->overdue, 1, __ATOMIC_RELEASE);
+  abort();
 }
-
-struct Call {
-  const char* function;
-  int64_t selector; /* -1 where there is no such thing */
-  const char* text; /* as in a record; NULL for most */
-  int64_t length;   /* of the text */
-};
 
 /* Whether the function fails because an earlier call did, within the rule's duration. Such a call
    takes a moment, so that whoever tries again at once does not fill the records. */
-static int IsOutage(struct Rule* rule) {
-  const int64_t latest = __atomic_load_n(&rule->latest, __ATOMIC_ACQUIRE);
-  if (rule->duration == 0 || latest == 0 || Now() - latest >= rule->duration) return 0;
-  __atomic_fetch_add(&rule->hits, 1, __ATOMIC_ACQ_REL);
+static int IsOutage(const struct Rule* rule) {
+  if (Now(CLOCK_REALTIME) >= __atomic_load_n(&rule->until, __ATOMIC_ACQUIRE)) return 0;
   PauseMillisecond();
   return 1;
 }
 
-/* What the rules make of a call: 0, or the errno with which it fails. A call that fails is not held
-   by a later rule. */
-static int Judge(const struct Call* call) {
+/* What the rules make of a call: 0, or the errno with which it fails. */
+static int Judge(const char* function, int64_t selector) {
   int failure = 0;
   for (int i = 0; i < kRules; ++i) {
     struct Rule* rule = &board->rules[i];
     if (__atomic_load_n(&rule->armed, __ATOMIC_ACQUIRE) == 0) continue;
-    if (strcmp(rule->function, call->function) != 0) continue;
+    if (strcmp(rule->function, function) != 0) continue;
     if (IsOutage(rule)) failure = (int)rule->error;
-    if (!ThreadMatches(rule->thread)) continue;
-    if (rule->selector != -1 && rule->selector != call->selector) continue;
-    if (rule->path[0] != '\0' && strcmp(rule->path, call->text) != 0) continue;
-    const int64_t number = __atomic_fetch_add(&rule->seen, 1, __ATOMIC_ACQ_REL);
-    if (number < rule->skip) continue;
-    if (rule->times >= 0 && number >= rule->skip + rule->times) continue;
-    __atomic_store_n(&rule->latest, Now(), __ATOMIC_RELEASE);
-    __atomic_fetch_add(&rule->hits, 1, __ATOMIC_ACQ_REL);
-    if (rule->action == kHold && failure == 0) WaitForRelease(rule, number - rule->skip);
-    if (rule->action == kFail) failure = (int)rule->error;
+    if (rule->thread != kAnyThread && rule->thread != thisThread) continue;
+    if (rule->selector != -1 && rule->selector != selector) continue;
+    const int64_t number = __atomic_fetch_add(&rule->seen, 1, __ATOMIC_ACQ_REL) - rule->skip;
+    if (number < 0 || number >= rule->times) continue;
+    if (rule->error == 0) WaitForRelease(rule);
+    if (rule->error != 0) failure = (int)rule->error;
+    __atomic_store_n(&rule->until, Now(CLOCK_REALTIME) + rule->duration, __ATOMIC_RELEASE);
   }
   return failure;
 }
 
-static struct Record* TakeRecord(const struct Call* call) {
-  if (__atomic_load_n(&board->recording, __ATOMIC_ACQUIRE) == 0) return NULL;
+static void Note(const char* function, int64_t selector, const char* text, size_t length,
+                 int error) {
+  if (__atomic_load_n(&board->recording, __ATOMIC_ACQUIRE) == 0) return;
   const int32_t number = __atomic_fetch_add(&board->recorded, 1, __ATOMIC_ACQ_REL);
-  if (number >= kRecords) return NULL;
+  if (number >= kRecords) return;
   struct Record* record = &board->records[number];
-  strcpy(record->function, call->function);
+  strcpy(record->function, function);
   record->thread = thisThread == kDetachedThreads ? thisDetached : thisThread;
-  record->selector = call->selector;
-  const int64_t most = kTextSize - 1;
-  const int64_t length = call->length < most ? call->length : most;
-  if (length > 0) memcpy(record->text, call->text, (size_t)length);
-  __atomic_store_n(&record->state, kBegun, __ATOMIC_RELEASE);
-  return record;
+  record->error = error;
+  record->selector = selector;
+  if (length > 0) memcpy(record->text, text, length < kTextSize ? length : kTextSize - 1);
+  __atomic_store_n(&record->written, 1, __ATOMIC_RELEASE);
 }
 
-/* A call on its way. */
-struct Passage {
-  struct Record* record; /* or NULL */
-  int error;             /* with which it fails, or 0 */
-};
-
-static struct Passage Begin(uintptr_t caller, struct Call call) {
-  struct Passage passage = {NULL, 0};
-  if (!IsProgram(caller)) return passage;
-  passage.record = TakeRecord(&call);
-  passage.error = Judge(&call);
-  return passage;
+/* Deals with a call as the rules say, before it is made. Returns 0, or the errno with which it is
+   to fail, which is then set. */
+static int Begin(uintptr_t caller, const char* function, int64_t selector, const char* text,
+                 size_t length) {
+  if (!IsProgram(caller)) return 0;
+  const int error = Judge(function, selector);
+  Note(function, selector, text, length, error);
+  if (error != 0) errno = error;
+  return error;
 }
 
-/* Begins a call of the function that this stands in, as `passage`. */
-#define BEGIN(selector, text, length)                                          \
-  const struct Passage passage = Begin((uintptr_t)__builtin_return_address(0), \
-                                       (struct Call){__func__, selector, text, length});
-
-static int64_t Finish(const struct Passage* passage, int64_t result, int error) {
-  if (passage->record != NULL) {
-    passage->record->result = result;
-    passage->record->error = error;
-    __atomic_store_n(&passage->record->state, passage->error != 0 ? kFailed : kDone,
-                     __ATOMIC_RELEASE);
-  }
-  return result;
-}
-
-/* For functions that report through errno: ends a call and returns its result. */
-static int64_t End(const struct Passage* passage, int64_t result) {
-  const int error = passage->error != 0 ? passage->error : errno;
-  Finish(passage, result, result < 0 ? error : 0);
-  errno = error;
-  return result;
-}
-
-/* The functions that do nothing but what the rules say. `selector` is what rules may tell calls
+/* Begins the call of the function that this stands in. `selector` is what rules may tell calls
    apart by, -1 if there is no such thing. */
-#define PASS(type, name, selector, parameters, arguments)                 \
-  type name parameters {                                                  \
-    NEXT(name)                                                            \
-    BEGIN((int64_t)(selector), NULL, 0)                                   \
-    return (type)End(&passage, passage.error != 0 ? -1 : next arguments); \
+#define FAILS_WITH_TEXT(selector, text, length) \
+  Begin(CALLER, __func__, (int64_t)(selector), text, length)
+#define FAILS(selector) FAILS_WITH_TEXT(selector, NULL, 0)
+
+/* The functions that do nothing but what the rules say. */
+#define PASS(type, name, selector, parameters, arguments) \
+  type name parameters {                                  \
+    NEXT(name)                                            \
+    return FAILS(selector) ? -1 : next arguments;         \
   }
 
 /* Heap blocks and mappings are selected by their size in bytes. */
 
 void* calloc(size_t count, size_t size) {
   NEXT(calloc)
-  BEGIN((int64_t)(count * size), NULL, 0)
-  void* block = passage.error != 0 ? NULL : next(count, size);
-  End(&passage, block == NULL ? -1 : 0);
+  void* block = FAILS(count * size) ? NULL : next(count, size);
   if (block != NULL && IsProgram(CALLER)) __atomic_fetch_add(&board->blocks, 1, __ATOMIC_ACQ_REL);
   return block;
 }
@@ -283,12 +222,11 @@ void free(void* block) {
 
 void* mmap(void* address, size_t size, int protection, int flags, int file, off_t offset) {
   NEXT(mmap)
-  BEGIN((int64_t)size, NULL, 0)
-  void* mapped =
-      passage.error != 0 ? MAP_FAILED : next(address, size, protection, flags, file, offset);
-  const int failed = mapped == MAP_FAILED;
-  End(&passage, failed ? -1 : 0);
-  if (!failed && IsProgram(CALLER)) __atomic_fetch_add(&board->mappings, 1, __ATOMIC_ACQ_REL);
+  if (FAILS(size)) return MAP_FAILED;
+  void* mapped = next(address, size, protection, flags, file, offset);
+  if (mapped != MAP_FAILED && IsProgram(CALLER)) {
+    __atomic_fetch_add(&board->mappings, 1, __ATOMIC_ACQ_REL);
+  }
   return mapped;
 }
 
@@ -306,15 +244,12 @@ struct Start {
 };
 
 static void* RunThread(void* argument) {
-  struct Start* start = argument;
-  thisThread = start->thread;
-  thisDetached = start->detached;
-  void* (*body)(void*) = start->body;
-  void* bodyArgument = start->argument;
-  free(start);
-  void* result = body(bodyArgument);
-  const struct Passage end = {TakeRecord(&(struct Call){"the end", -1, NULL, 0}), 0};
-  Finish(&end, 0, 0);
+  const struct Start start = *(struct Start*)argument;
+  free(argument);
+  thisThread = start.thread;
+  thisDetached = start.detached;
+  void* result = start.body(start.argument);
+  Note("the end", -1, NULL, 0, 0);
   return result;
 }
 
@@ -326,43 +261,28 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
   int state = PTHREAD_CREATE_JOINABLE;
   if (attributes != NULL) pthread_attr_getdetachstate(attributes, &state);
-  BEGIN(state, NULL, 0)
-  if (passage.error != 0) {
-    Finish(&passage, -1, passage.error);
-    return passage.error;
-  }
+  const int error = FAILS(state);
+  if (error != 0) return error;
   struct Start* start = calloc(1, sizeof(*start));
-  int32_t number = 0;
+  *start = (struct Start){kDetachedThreads, 0, body, argument};
   if (state == PTHREAD_CREATE_DETACHED) {
-    number = kFirstDetached + __atomic_fetch_add(&board->detached, 1, __ATOMIC_ACQ_REL);
-    start->thread = kDetachedThreads;
-    start->detached = number;
+    start->detached = kFirstDetached + __atomic_fetch_add(&board->detached, 1, __ATOMIC_ACQ_REL);
   } else {
-    number = __atomic_add_fetch(&board->joinable, 1, __ATOMIC_ACQ_REL);
-    start->thread = number;
+    start->thread = __atomic_add_fetch(&board->joinable, 1, __ATOMIC_ACQ_REL);
   }
-  start->body = body;
-  start->argument = argument;
   const int result = next(thread, attributes, RunThread, start);
   if (result != 0) free(start);
-  Finish(&passage, result != 0 ? -1 : number, result);
   return result;
-}
-
-int pthread_join(pthread_t thread, void** result) {
-  NEXT(pthread_join)
-  BEGIN(-1, NULL, 0)
-  return (int)Finish(&passage, next(thread, result), 0);
 }
 
 /* The default size is a stack, too. */
 int pthread_attr_setstacksize(pthread_attr_t* attributes, size_t size) {
   NEXT(pthread_attr_setstacksize)
-  BEGIN((int64_t)size, NULL, 0)
-  return (int)Finish(&passage, passage.error != 0 ? passage.error : next(attributes, size),
-                     passage.error);
+  const int error = FAILS(size);
+  return error != 0 ? error : next(attributes, size);
 }
 
+PASS(int, pthread_join, -1, (pthread_t thread, void** result), (thread, result))
 PASS(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
 PASS(int, bind, -1, (int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length),
      (descriptor, address, length))
@@ -372,7 +292,6 @@ PASS(int, dup2, -1, (int from, int to), (from, to))
 PASS(int, usleep, microseconds, (useconds_t microseconds), (microseconds))
 PASS(int, sigsuspend, -1, (const sigset_t* mask), (mask))
 PASS(long, sysconf, name, (int name), (name))
-PASS(int, clock_gettime, clock, (clockid_t clock, struct timespec* now), (clock, now))
 PASS(ssize_t, read, -1, (int descriptor, void* buffer, size_t size), (descriptor, buffer, size))
 PASS(ssize_t, recvfrom, -1,
      (int descriptor, void* restrict buffer, size_t size, int flags, __SOCKADDR_ARG address,
@@ -397,22 +316,20 @@ PASS(int, setsockopt, (int64_t)level * 65536 + option,
      (descriptor, level, option, value, length))
 
 /* The argument is a number or a pointer, handed on as it is. */
-#define PASS_WITH_ARGUMENT(name, type)                                                     \
-  int name(int descriptor, type what, ...) {                                               \
-    NEXT(name)                                                                             \
-    va_list arguments;                                                                     \
-    va_start(arguments, what);                                                             \
-    void* argument = va_arg(arguments, void*);                                             \
-    va_end(arguments);                                                                     \
-    BEGIN((int64_t)what, NULL, 0)                                                          \
-    return (int)End(&passage, passage.error != 0 ? -1 : next(descriptor, what, argument)); \
+#define PASS_WITH_ARGUMENT(name, type)                          \
+  int name(int descriptor, type what, ...) {                    \
+    NEXT(name)                                                  \
+    va_list arguments;                                          \
+    va_start(arguments, what);                                  \
+    void* argument = va_arg(arguments, void*);                  \
+    va_end(arguments);                                          \
+    return FAILS(what) ? -1 : next(descriptor, what, argument); \
   }
 
 /* Selected by the request, and by the command. */
 PASS_WITH_ARGUMENT(ioctl, unsigned long)
 PASS_WITH_ARGUMENT(fcntl, int)
 
-/* Selected by the path. */
 int open(const char* path, int flags, ...) {
   NEXT(open)
   mode_t mode = 0;
@@ -422,35 +339,33 @@ int open(const char* path, int flags, ...) {
     mode = va_arg(arguments, mode_t);
     va_end(arguments);
   }
-  BEGIN(-1, path, (int64_t)strlen(path))
-  return (int)End(&passage, passage.error != 0 ? -1 : next(path, flags, mode));
+  return FAILS_WITH_TEXT(-1, path, strlen(path)) ? -1 : next(path, flags, mode);
 }
 
 /* A close that fails has closed all the same, as on Linux. */
 int close(int descriptor) {
   NEXT(close)
-  BEGIN(-1, NULL, 0)
+  const int error = FAILS(-1);
   const int result = next(descriptor);
-  return (int)End(&passage, passage.error != 0 ? -1 : result);
+  if (error == 0) return result;
+  errno = error;
+  return -1;
 }
 
 /* A sleep that fails ends before its time. */
 unsigned sleep(unsigned seconds) {
   NEXT(sleep)
-  BEGIN(seconds, NULL, 0)
-  return (unsigned)End(&passage, passage.error != 0 ? seconds : next(seconds));
+  return FAILS(seconds) ? seconds : next(seconds);
 }
 
 /* Lines are selected by the descriptor. */
 
 ssize_t write(int descriptor, const void* buffer, size_t size) {
   NEXT(write)
-  BEGIN(descriptor, buffer, (int64_t)size - 1)
-  return End(&passage, passage.error != 0 ? -1 : next(descriptor, buffer, size));
+  return FAILS_WITH_TEXT(descriptor, buffer, size - 1) ? -1 : next(descriptor, buffer, size);
 }
 
 ssize_t send(int descriptor, const void* buffer, size_t size, int flags) {
   NEXT(send)
-  BEGIN(descriptor, buffer, (int64_t)size - 1)
-  return End(&passage, passage.error != 0 ? -1 : next(descriptor, buffer, size, flags));
+  return FAILS_WITH_TEXT(descriptor, buffer, size - 1) ? -1 : next(descriptor, buffer, size, flags);
 }

@@ -13,6 +13,9 @@ from sweep.walk import Fault, Holdings, Unsuited, walk
 ROWS = json.loads(pathlib.Path(os.environ.get("BONJOUR_SWEEP", "/dev/null")).read_text() or "[]")
 SAMPLES = [
     Fault("classic", "start", 1, "pthread_create", -1, 1, "EAGAIN", False),
+    Fault("classic", "start", 1, "bind", -1, 0, "EADDRINUSE", False),
+    Fault("classic", "printers in", 4, "calloc", -1, 3, "ENOMEM", True),
+    Fault("classic", "questions", -2, "sendto", -1, 1, "ENETUNREACH", False),
     Fault("classic", "questions", 3, "socket", -1, 2, "ENOBUFS", True),
     Fault("standard", "start", 1, "bind", -1, 0, "ENOMEM", True),
     Fault("standard", "start", 1, "eventfd", -1, 0, "EMFILE", False),

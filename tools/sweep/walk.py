@@ -123,16 +123,6 @@ class Walk:
         self._usual = usual
         self._board = Board(path)
         self._rule = None
-        if fault:
-            self._rule = self._board.fail(
-                fault.function,
-                fault.error,
-                thread=fault.thread,
-                about=fault.about,
-                skip=fault.number,
-                seconds=OUTAGE_SECONDS if fault.lasts else 0,
-                armed=False,
-            )
         self._calls = []
         self._phase_starts = {}
         self._daemon = None
@@ -141,11 +131,7 @@ class Walk:
 
     def _look(self):
         """Takes in the calls that have begun since the last time."""
-        for number in range(len(self._calls), self._board.recorded):
-            call = self._board.call(number)
-            if call is None:
-                return
-            self._calls.append(call)
+        self._calls += self._board.calls(len(self._calls))
 
     def _lines(self):
         """What it wrote or meant to write, for a line may be what fails."""
@@ -199,13 +185,24 @@ class Walk:
         def is_quiet():
             nonlocal packets_seen, since
             seen = self._lab.capture.mark()
-            if seen != packets_seen or (self._rule and self._rule.lasts):
+            if seen != packets_seen or (self._rule and time.time() < self._rule.end):
                 packets_seen, since = seen, time.monotonic()
             return time.monotonic() - since > QUIET
 
         self._wait(is_quiet, "quiet")
 
     # The way
+
+    def _fail(self):
+        """Lets the fault come."""
+        self._rule = self._board.fail(
+            self._fault.function,
+            self._fault.error,
+            thread=self._fault.thread,
+            about=self._fault.about,
+            skip=self._fault.number,
+            seconds=OUTAGE_SECONDS if self._fault.lasts else 0,
+        )
 
     def _start(self):
         router = self._lab.router
@@ -274,7 +271,7 @@ class Walk:
                     self._rest()
                 self._phase_starts[phase] = self._board.recorded
                 if self._fault and self._fault.phase == phase:
-                    self._rule.arm()
+                    self._fail()
                 step()
                 self._settle()
         self._check()
@@ -313,7 +310,7 @@ class Walk:
         if self._fault is None or self._fault.phase in (START, IN, ASK):
             self._check_goodbyes()
         self._check_effort()
-        if self._rule and self._rule.hits == 0:
+        if self._fault and not (self._rule and self._rule.hits):
             raise Unsuited("the fault was never reached")
 
     def _check_pace(self):
@@ -337,8 +334,8 @@ class Walk:
     def _check_effort(self):
         used = self._board.processor_seconds
         assert 0 < used < PROCESSOR_SECONDS, f"{used} s of the processor"
-        calls = (self._board.call(number) for number in range(self._board.recorded))
-        tries = collections.Counter((each.function, each.thread) for each in calls if each.is_fault)
+        failed = [call for call in self._calls if call.error]
+        tries = collections.Counter((call.function, call.thread) for call in failed)
         for (function, thread), number in tries.items():
             assert function in MAY_BE_REPEATED or number <= TRIES_IN_AN_OUTAGE, (
                 f"{number} calls of {function} failed on thread {thread}"
@@ -362,7 +359,7 @@ class Walk:
 
     def story(self):
         """For people: every call, line and packet."""
-        calls = "\n".join(str(self._board.call(each)) for each in range(self._board.recorded))
+        calls = "\n".join(map(str, self._board.calls()))
         return f"{calls}\n{self._lab.timeline()}"
 
 
