@@ -5,19 +5,18 @@ passes in it only while a program sleeps, and then at once.
 """
 
 import os
-import pathlib
-import re
 import shutil
 import subprocess
 
-BUSYBOX = pathlib.Path("/bin/busybox")
-CHROOT = "/usr/sbin/chroot"
+from small_system import CHROOT, copy_program, install, write_program
+
+from lab.daemon import stock_build
+
 STATUS_FILE = "var/run/bonjour/printer_status"
 KERNELS = "/proc/printer_status"
 PRINTERS = "/usr/sbin/bonjour-printers"
 
-_APPLETS = ["awk", "cat", "env", "ln", "mdev", "mkdir", "mount", "mv", "rm", "setsid", "sh"]
-_APPLETS += ["sleep"]
+_APPLETS = "awk cat env ln mdev mkdir mv rm setsid sh sleep".split()
 # Under these names, and where they are found on Debian.
 _DEBIAN = {name: f"/usr/bin/{name}" for name in _APPLETS if name != "mdev"}
 _DEBIAN |= {"awk": "/usr/bin/mawk", "sh": "/usr/bin/dash"}
@@ -36,34 +35,22 @@ mv /proc/uptime.$$ /proc/uptime
 
 
 class StockSystem:
-    def __init__(self, root, build, programs):
-        """Made in `root`, a new directory, of what is installed from `build`; `programs` is
-        "busybox" or "debian"."""
+    def __init__(self, root, programs):
+        """Made in `root`, a new directory; `programs` is "busybox" or "debian"."""
         self.root = root
-        directories = ["bin", "dev", "etc", "proc", "sys/class/usbmisc", "sys/devices", "var/run"]
-        for directory in directories:
+        for directory in ("dev", "etc", "proc", "sys/class/usbmisc", "sys/devices", "var/run"):
             (root / directory).mkdir(parents=True)
         if programs == "busybox":
-            shutil.copy(BUSYBOX, root / "bin")
+            copy_program("/bin/busybox", root, "bin/busybox")
             for applet in _APPLETS:
                 (root / "bin" / applet).symlink_to("busybox")
         else:
             for name, path in _DEBIAN.items():
-                shutil.copy(path, root / "bin" / name)
-                self.copy_libraries(path)
+                copy_program(path, root, f"bin/{name}")
         self.replace_program("logger", _LOGGER)
         self.replace_program("sleep", _SLEEP)
-        self.uptime = "1000.07"
-        command = ["cmake", "--install", build, "--prefix", "/usr", "--component", "stock-kernel"]
-        installing = {**os.environ, "DESTDIR": str(root)}
-        subprocess.run(command, env=installing, check=True, stdout=subprocess.DEVNULL)
-
-    def copy_libraries(self, program):
-        listed = subprocess.run(["ldd", program], capture_output=True, text=True, check=True)
-        for library in re.findall(r"(/\S+) \(0x", listed.stdout):
-            copy = self.root / library.lstrip("/")
-            copy.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(library, copy)
+        self.set_uptime("1000.07")
+        install(root, "--component", "stock-kernel", build=stock_build())
 
     def replace_program(self, name, script):
         """Puts a shell script in place of a program, which real() still runs."""
@@ -71,21 +58,14 @@ class StockSystem:
         real = self.root / "bin" / f"real-{name}"
         if path.exists() and not real.exists():
             path.rename(real)
-        path.unlink(missing_ok=True)
-        path.write_text(script)
-        path.chmod(0o755)
+        write_program(path, script)
 
     def real(self, name):
         """The shell's words for a program whose place a script has taken."""
         has_busybox = (self.root / "bin/busybox").exists()
         return f"/bin/busybox {name}" if has_busybox else f"/bin/real-{name}"
 
-    @property
-    def uptime(self):
-        return (self.root / "proc/uptime").read_text().split()[0]
-
-    @uptime.setter
-    def uptime(self, seconds):
+    def set_uptime(self, seconds):
         (self.root / "proc/uptime").write_text(f"{seconds} 9.99\n")
 
     # Printers
