@@ -6,20 +6,6 @@ import pytest
 NOT_ACROSS_FILES = "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=OFF"
 FORTIFY = "-D_FORTIFY_SOURCE="
 
-# What packages of firmware are compiled with; test_same_bytes.py has a distribution's.
-COMPILE = (
-    f"-Os -pipe -march=x86-64-v2 -fno-caller-saves -fno-plt -Wdate-time -Wformat"
-    f" -Werror=format-security {FORTIFY}1 -fPIC"
-)
-
-
-@pytest.mark.whole
-def test_daemon_is_built_without_a_warning(tmp_path):
-    link = "-fPIC -znow -zrelro"
-    printed = building.build(tmp_path, CFLAGS=COMPILE, CXXFLAGS=COMPILE, LDFLAGS=link)
-    assert "warning" not in printed
-    assert building.needs(tmp_path / "bonjour") == ["libc.so.6"]
-
 
 @pytest.mark.parametrize("given, level", [("", 2), ("3", 3)])
 def test_level_of_checked_calls_is_the_one_given_or_2(given, level, tmp_path):

@@ -38,37 +38,37 @@ def follow(commands, checkout, path=None, **replaced):
     return building.run("sh", "-eu", "-c", commands, directory=checkout, **environment)
 
 
-def sections(program):
-    return re.findall(r"^ +\[ *\d+\] (\S+)", building.run("readelf", "-SW", program), re.M)
-
-
-@pytest.mark.whole
-def test_readme_gives_an_image_with_a_stripped_daemon_and_keeps_the_symbols(checkout, image):
-    (commands,) = blocks("README.md", "On a router", "sh")
-    follow(commands, checkout, image=image)
-    assert ".symtab" not in sections(image / "usr/sbin/bonjour")
-    assert ".symtab" in sections(checkout / "build/router/bonjour")
-    assert (image / "etc/init.d/bonjour").exists()
-
-
 @pytest.mark.seconds(10)
-def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkout, image, tmp_path):
+@pytest.mark.parametrize(
+    "document, heading",
+    [
+        ("docs/integration.md", "Build"),
+        pytest.param("README.md", "On a router", marks=pytest.mark.whole),
+    ],
+)
+def test_compiler_and_make_alone_give_an_image_with_a_small_hardened_stripped_daemon(
+    document, heading, checkout, image, tmp_path
+):
     tools = tmp_path / "tools"
     tools.mkdir()
     for tool in TOOLS:
         (tools / tool).symlink_to(shutil.which(tool))
-    native, _ = blocks("docs/integration.md", "Build", "sh")
-    follow(native, checkout, path=tools, image=image)
-    # Its preset touches no other build.
+    follow(blocks(document, heading, "sh")[0], checkout, path=tools, image=image)
+    # It touches no other build, and keeps the symbols of its own.
     assert [path.name for path in (checkout / "build").iterdir()] == ["router"]
+    build = checkout / "build/router"
+    assert " .symtab " in building.run("readelf", "-SW", build / "bonjour")
+    for words in building.compiled_with(build).values():
+        assert {"-Os", "-flto=auto", "-D_FORTIFY_SOURCE=2"} <= set(words)
     program = image / "usr/sbin/bonjour"
     assert building.needs(program) == ["libc.so.6"]
-    for words in building.compiled_with(checkout / "build/router").values():
-        assert {"-Os", "-flto=auto", "-D_FORTIFY_SOURCE=2"} <= set(words)
-    shown = building.run("readelf", "-hldsW", program)
+    # Its dynamic symbols, and no others.
+    shown = building.run("readelf", "-hldsSW", program)
+    assert " .symtab " not in shown
     pie = "Position-Independent Executable file"
     for trace in (pie, "GNU_RELRO", "BIND_NOW", "GNU_STACK .* RW ", "__stack_chk_fail"):
         assert re.search(trace, shown), trace
+    assert (image / "etc/init.d/bonjour").exists()
 
 
 @pytest.mark.whole
