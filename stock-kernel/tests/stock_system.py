@@ -38,32 +38,26 @@ class StockSystem:
     def __init__(self, root, programs):
         """Made in `root`, a new directory; `programs` is "busybox" or "debian"."""
         self.root = root
-        for directory in ("dev", "etc", "proc", "sys/class/usbmisc", "sys/devices", "var/run"):
+        for directory in ("bin", "dev", "etc", "proc", "sys/class/usbmisc", "sys/devices"):
             (root / directory).mkdir(parents=True)
         if programs == "busybox":
-            copy_program("/bin/busybox", root, "bin/busybox")
+            copy_program("/bin/busybox", root, "real/busybox")
             for applet in _APPLETS:
-                (root / "bin" / applet).symlink_to("busybox")
+                (root / "real" / applet).symlink_to("busybox")
         else:
             for name, path in _DEBIAN.items():
-                copy_program(path, root, f"bin/{name}")
+                copy_program(path, root, f"real/{name}")
+        for program in (root / "real").iterdir():
+            (root / "bin" / program.name).symlink_to(f"/real/{program.name}")
         self.replace_program("logger", _LOGGER)
         self.replace_program("sleep", _SLEEP)
         self.set_uptime("1000.07")
         install(root, "--component", "stock-kernel", build=stock_build())
 
     def replace_program(self, name, script):
-        """Puts a shell script in place of a program, which real() still runs."""
-        path = self.root / "bin" / name
-        real = self.root / "bin" / f"real-{name}"
-        if path.exists() and not real.exists():
-            path.rename(real)
-        write_program(path, script)
-
-    def real(self, name):
-        """The shell's words for a program whose place a script has taken."""
-        has_busybox = (self.root / "bin/busybox").exists()
-        return f"/bin/busybox {name}" if has_busybox else f"/bin/real-{name}"
+        """Puts a shell script in place of a program, which stays in /real."""
+        (self.root / "bin" / name).unlink(missing_ok=True)
+        write_program(self.root / "bin" / name, script)
 
     def set_uptime(self, seconds):
         (self.root / "proc/uptime").write_text(f"{seconds} 9.99\n")

@@ -16,7 +16,7 @@ HP = b"MFG:HP;MDL:Model 12;CMD:PJL,PCL;"
 ACME = b"MFG:Acme;MDL:Jet;CMD:PCL;"
 # As time passes for the daemon.
 SLEEP = """#!/bin/sh
-@real@ "$1"
+/real/sleep "$1"
 read -r uptime _ < /proc/uptime
 echo "$((${uptime%.*} + $1)).00 9.99" > /proc/uptime
 """
@@ -26,7 +26,7 @@ echo "$((${uptime%.*} + $1)).00 9.99" > /proc/uptime
 def lab(lab, system, responder):
     """The lab, with the daemon in the small system, whose kernel writes no status file."""
     copy_program(stock_build(responder) / "bonjour", system.root, DAEMON.lstrip("/"))
-    system.replace_program("sleep", SLEEP.replace("@real@", system.real("sleep")))
+    system.replace_program("sleep", SLEEP)
     lab.router.program = DAEMON
     lab.router.status_file.remove()
     return lab

@@ -44,8 +44,7 @@ def test_printers_have_their_records_in_order_until_they_go(system):
 
 def test_everybody_may_read_it_to_its_end_and_nothing_else_lies_beside_it(system):
     system.plug_in(0, ACME)
-    os.umask(0o077)
-    system.update()
+    assert system.run(PRINTERS, "update", umask=0o077).returncode == 0
     assert (system.root / STATUS_FILE).stat().st_mode & 0o777 == 0o644
     assert (system.root / STATUS_FILE).parent.stat().st_mode & 0o777 == 0o755
     assert system.files == ["printer_status"]
@@ -170,9 +169,7 @@ def test_without_setsid_the_rest_is_done_all_the_same(debian):
 def test_rest_is_done_and_holds_nothing_of_the_callers(published):
     """Neither pipes nor locks: the caller is waited for through the descriptors 1, 2, 3 and 9."""
     system = published
-    goes_on = system.root / "goes-on"
-    nap = system.real("sleep")
-    sleep = f"until [ -e /goes-on ]; do {nap} 0.01; done; echo 2000.00 > /proc/uptime"
+    sleep = "until [ -e /goes-on ]; do /real/sleep 0.01; done; echo 2000.00 > /proc/uptime"
     system.replace_program("sleep", f"#!/bin/sh\n{sleep}\n")
     replace(system, 0, OTHER)
     try:
@@ -180,7 +177,7 @@ def test_rest_is_done_and_holds_nothing_of_the_callers(published):
         assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
         assert system.status == other(1)
     finally:
-        goes_on.touch()
+        (system.root / "goes-on").touch()
     wait_until(lambda: system.status == other(0) + other(1), "the rest is done")
 
 
@@ -207,21 +204,16 @@ def test_file_of_the_kernel_is_linked_when_it_appears_and_given_up_when_it_goes(
 # Several at once
 
 
-def hold(system, name):
-    """Has the next call of a program say so on /held, and wait for /goes-on before it is run."""
-    os.mkfifo(system.root / "held")
-    os.mkfifo(system.root / "goes-on")
-    system.replace_program(
-        name,
-        f"""#!/bin/sh
-        if mkdir /paused 2> /dev/null; then
-          echo > /held
-          read -r action < /goes-on
-          [ "$action" != fail ] || exit 1
-        fi
-        exec {system.real(name)} "$@"
-        """,
-    )
+# The first call of a program says that it is held, and waits until it is told to go on or to fail.
+HELD = """#!/bin/sh
+if mkdir /held 2> /dev/null; then
+  until [ -e /goes-on ]; do
+    [ ! -e /fails ] || exit 1
+    /real/sleep 0.01
+  done
+fi
+exec /real/@program@ "$@"
+"""
 
 
 def start_settling(system):
@@ -235,9 +227,9 @@ def held(debian, request):
     changing the file, or in the middle of that."""
     debian.settle()
     debian.plug_in(0, ACME)
-    hold(debian, request.param)
+    debian.replace_program(request.param, HELD.replace("@program@", request.param))
     started = start_settling(debian)
-    (debian.root / "held").read_text()
+    wait_until((debian.root / "held").exists, "it is held")
     return started
 
 
@@ -246,7 +238,7 @@ def test_one_that_was_overtaken_leaves_the_newer_state(debian, held):
     debian.plug_in(1, ACME)
     debian.settle()
     assert debian.status == record(1)
-    (debian.root / "goes-on").write_text("\n")
+    (debian.root / "goes-on").touch()
     assert held.wait() == 0
     assert debian.status == record(1)
 
@@ -264,7 +256,7 @@ def test_one_that_was_killed_is_in_no_later_ones_way(debian, held):
 def test_one_that_is_told_to_end_leaves_nothing_behind(debian, held, number):
     assert len(debian.files) == 2
     os.kill(held.pid, number)
-    (debian.root / "goes-on").write_text("fail\n")
+    (debian.root / "fails").touch()
     held.wait()
     assert debian.files == ["printer_status"]
     assert debian.status == ""
@@ -310,8 +302,8 @@ def test_attribute_that_never_comes_is_waited_for_three_seconds(system):
 )
 def test_printer_that_goes_while_its_id_is_waited_for_or_read_is_none(debian, device_id, program):
     debian.plug_in(0, device_id)
-    go_on = f'exec {debian.real(program)} "$@"'
-    debian.replace_program(program, f"#!/bin/sh\nrm -f /sys/class/usbmisc/lp0\n{go_on}\n")
+    gone = f'rm -f /sys/class/usbmisc/lp0; exec /real/{program} "$@"'
+    debian.replace_program(program, f"#!/bin/sh\n{gone}\n")
     debian.settle()
     assert debian.status == ""
     assert debian.log == []
@@ -338,7 +330,7 @@ def test_want_of_memory_for_a_program_keeps_the_old_file(debian, program, words)
     debian.plug_in(0, ACME)
     debian.update()
     debian.plug_in(1, ACME)
-    failing = f'case "$*" in *{words}*) exit 1 ;; esac; exec {debian.real(program)} "$@"'
+    failing = f'case "$*" in *{words}*) exit 1 ;; esac; exec /real/{program} "$@"'
     debian.replace_program(program, f"#!/bin/sh\n{failing}\n")
     assert debian.run(PRINTERS, "update").returncode == 1
     assert debian.status == record(0)
