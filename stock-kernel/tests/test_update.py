@@ -262,20 +262,6 @@ def test_one_that_is_told_to_end_leaves_nothing_behind(debian, held, number):
     assert debian.status == ""
 
 
-def test_many_at_once_leave_the_state_of_the_end(system):
-    """As when a hub with printers is plugged in: a call for each of them."""
-    running = []
-    for port in range(10):
-        system.plug_in(port, ACME)
-        running.append(start_settling(system))
-    for port in (4, 7):
-        system.pull_out(port)
-        running.append(start_settling(system))
-    assert [each.wait() for each in running] == [0] * len(running)
-    assert system.status == "".join(record(port) for port in (0, 1, 2, 3, 5, 6, 8, 9))
-    assert set(system.files) <= {"printer_status", ".taken_out"}
-
-
 # Attributes that the kernel makes late
 
 
