@@ -11,6 +11,7 @@ import subprocess
 from small_system import CHROOT, copy_program, install, write_program
 
 from lab.daemon import stock_build
+from lab.waiting import PATIENCE
 
 STATUS_FILE = "var/run/bonjour/printer_status"
 KERNELS = "/proc/printer_status"
@@ -84,7 +85,8 @@ class StockSystem:
         return [CHROOT, self.root, *words]
 
     def run(self, *words, **options):
-        return subprocess.run(self.command(*words), capture_output=True, text=True, **options)
+        options |= {"capture_output": True, "text": True, "timeout": 10 * PATIENCE}
+        return subprocess.run(self.command(*words), **options)
 
     def call(self, word):
         done = self.run(PRINTERS, word)

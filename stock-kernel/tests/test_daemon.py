@@ -99,15 +99,3 @@ def test_printers_that_swap_ports_between_two_looks_are_published_under_their_ow
 def test_file_that_is_not_there_is_named_in_the_log(lab, system):
     daemon = lab.router.start(wrapper=system.command())
     daemon.wait_for_line(f'[Bonjour] Can not open "/{STATUS_FILE}"')
-
-
-def test_file_of_a_kernel_that_has_one_is_read(lab, system):
-    """Also one that appears while the daemon runs: a vendor's module that is loaded late."""
-    kernels = system.root / "proc/printer_status"
-    system.update()
-    daemon = lab.router.start(wrapper=system.command())
-    kernels.write_text("usblp7\nHP\nModel 12\nPJL,PCL\n\n")
-    system.update()
-    daemon.wait_for_line("[Bonjour] device insert lp7")
-    kernels.write_text("")
-    daemon.wait_for_line("[Bonjour] device remove lp7")
