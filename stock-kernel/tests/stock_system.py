@@ -5,19 +5,19 @@ passes in it only while a program sleeps, and then at once.
 """
 
 import os
-import pathlib
-import re
 import shutil
 import subprocess
 
-BUSYBOX = pathlib.Path("/bin/busybox")
-CHROOT = "/usr/sbin/chroot"
+from small_system import CHROOT, copy_program, install, write_program
+
+from lab.daemon import stock_build
+from lab.waiting import PATIENCE
+
 STATUS_FILE = "var/run/bonjour/printer_status"
 KERNELS = "/proc/printer_status"
 PRINTERS = "/usr/sbin/bonjour-printers"
 
-_APPLETS = ["awk", "cat", "env", "ln", "mdev", "mkdir", "mount", "mv", "rm", "setsid", "sh"]
-_APPLETS += ["sleep"]
+_APPLETS = "awk cat env ln mdev mkdir mv rm setsid sh sleep".split()
 # Under these names, and where they are found on Debian.
 _DEBIAN = {name: f"/usr/bin/{name}" for name in _APPLETS if name != "mdev"}
 _DEBIAN |= {"awk": "/usr/bin/mawk", "sh": "/usr/bin/dash"}
@@ -36,56 +36,31 @@ mv /proc/uptime.$$ /proc/uptime
 
 
 class StockSystem:
-    def __init__(self, root, build, programs):
-        """Made in `root`, a new directory, of what is installed from `build`; `programs` is
-        "busybox" or "debian"."""
+    def __init__(self, root, programs):
+        """Made in `root`, a new directory; `programs` is "busybox" or "debian"."""
         self.root = root
-        directories = ["bin", "dev", "etc", "proc", "sys/class/usbmisc", "sys/devices", "var/run"]
-        for directory in directories:
+        for directory in ("bin", "dev", "etc", "proc", "sys/class/usbmisc", "sys/devices"):
             (root / directory).mkdir(parents=True)
         if programs == "busybox":
-            shutil.copy(BUSYBOX, root / "bin")
+            copy_program("/bin/busybox", root, "real/busybox")
             for applet in _APPLETS:
-                (root / "bin" / applet).symlink_to("busybox")
+                (root / "real" / applet).symlink_to("busybox")
         else:
             for name, path in _DEBIAN.items():
-                shutil.copy(path, root / "bin" / name)
-                self.copy_libraries(path)
+                copy_program(path, root, f"real/{name}")
+        for program in (root / "real").iterdir():
+            (root / "bin" / program.name).symlink_to(f"/real/{program.name}")
         self.replace_program("logger", _LOGGER)
         self.replace_program("sleep", _SLEEP)
-        self.uptime = "1000.07"
-        command = ["cmake", "--install", build, "--prefix", "/usr", "--component", "stock-kernel"]
-        installing = {**os.environ, "DESTDIR": str(root)}
-        subprocess.run(command, env=installing, check=True, stdout=subprocess.DEVNULL)
-
-    def copy_libraries(self, program):
-        listed = subprocess.run(["ldd", program], capture_output=True, text=True, check=True)
-        for library in re.findall(r"(/\S+) \(0x", listed.stdout):
-            copy = self.root / library.lstrip("/")
-            copy.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(library, copy)
+        self.set_uptime("1000.07")
+        install(root, "--component", "stock-kernel", build=stock_build())
 
     def replace_program(self, name, script):
-        """Puts a shell script in place of a program, which real() still runs."""
-        path = self.root / "bin" / name
-        real = self.root / "bin" / f"real-{name}"
-        if path.exists() and not real.exists():
-            path.rename(real)
-        path.unlink(missing_ok=True)
-        path.write_text(script)
-        path.chmod(0o755)
+        """Puts a shell script in place of a program, which stays in /real."""
+        (self.root / "bin" / name).unlink(missing_ok=True)
+        write_program(self.root / "bin" / name, script)
 
-    def real(self, name):
-        """The shell's words for a program whose place a script has taken."""
-        has_busybox = (self.root / "bin/busybox").exists()
-        return f"/bin/busybox {name}" if has_busybox else f"/bin/real-{name}"
-
-    @property
-    def uptime(self):
-        return (self.root / "proc/uptime").read_text().split()[0]
-
-    @uptime.setter
-    def uptime(self, seconds):
+    def set_uptime(self, seconds):
         (self.root / "proc/uptime").write_text(f"{seconds} 9.99\n")
 
     # Printers
@@ -110,7 +85,8 @@ class StockSystem:
         return [CHROOT, self.root, *words]
 
     def run(self, *words, **options):
-        return subprocess.run(self.command(*words), capture_output=True, text=True, **options)
+        options |= {"capture_output": True, "text": True, "timeout": 10 * PATIENCE}
+        return subprocess.run(self.command(*words), **options)
 
     def call(self, word):
         done = self.run(PRINTERS, word)

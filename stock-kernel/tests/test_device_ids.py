@@ -104,17 +104,3 @@ def test_broken_id_gives_a_line_and_no_record_and_keeps_no_other_printer_out(sys
         f"bonjour-printers: lp{port}: {reason}, not published"
         for port, (_, reason) in enumerate(BROKEN)
     ]
-
-
-def test_every_beginning_of_an_id_gives_a_whole_record_or_none(busybox):
-    whole = b"MFG:Acme;MDL:Jet 1;CMD:PCL,PJL;"
-    for length in range(len(whole) + 1):
-        busybox.plug_in(0, whole[:length])
-        busybox.settle()
-        if length <= len(b"MFG:Acme;MDL:"):
-            assert busybox.status == "", whole[:length]
-        else:
-            model = whole[13:18][: length - 13].decode()
-            commands = whole[23:30][: max(0, length - 23)].decode().rstrip(",")
-            assert busybox.status == record("Acme", model.strip(), commands), whole[:length]
-        busybox.pull_out(0)

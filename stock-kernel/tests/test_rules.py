@@ -4,7 +4,7 @@ import os
 import stat
 
 import pytest
-from stock_system import STATUS_FILE
+from stock_system import STATUS_FILE, StockSystem
 
 ACME = b"MFG:Acme;MDL:Jet;CMD:PCL;"
 RECORD = "usblp3\nAcme\nJet\nPCL\n\n"
@@ -14,13 +14,14 @@ NODE = "dev/usb/lp3"
 
 
 @pytest.fixture
-def printer(busybox):
+def printer(tmp_path):
     """The small system in which the kernel has just made the printer 3 and its node."""
-    busybox.plug_in(3, ACME)
-    (busybox.root / "sys/devices/printer3/usbmisc/lp3/dev").write_text("180:3\n")
-    (busybox.root / "dev/usb").mkdir()
-    os.mknod(busybox.root / NODE, stat.S_IFCHR, os.makedev(USB_CLASS_DRIVERS, 3))
-    return busybox
+    system = StockSystem(tmp_path / "root", "busybox")
+    system.plug_in(3, ACME)
+    (system.root / "sys/devices/printer3/usbmisc/lp3/dev").write_text("180:3\n")
+    (system.root / "dev/usb").mkdir()
+    os.mknod(system.root / NODE, stat.S_IFCHR, os.makedev(USB_CLASS_DRIVERS, 3))
+    return system
 
 
 def uevent(action, name="usb/lp3"):

@@ -7,23 +7,15 @@ import shutil
 import subprocess
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-FILES = ["CMakeLists.txt", "CMakePresets.json"]
-FOLDERS = ["app", "base", "cmake", "mdns", "packaging", "printer", "records", "standard"]
-FOLDERS += ["stock-kernel"]
-
-
 # Where it does not matter what the compiler makes of it.
 UNOPTIMISED = "-DCMAKE_BUILD_TYPE=Debug"
+# What the daemon is not built of.
+LEFT_OUT = shutil.ignore_patterns(".*", "bench", "build", "docs", "fuzz", "lab", "tests", "tools")
 
 
 def copy_of_sources(directory):
     """All that the daemon is built of, in a new folder."""
-    directory.mkdir()
-    for name in FILES:
-        shutil.copy(ROOT / name, directory)
-    for name in FOLDERS:
-        shutil.copytree(ROOT / name, directory / name)
-    return directory
+    return shutil.copytree(ROOT, directory, ignore=LEFT_OUT)
 
 
 def run(*command, directory=ROOT, **environment):

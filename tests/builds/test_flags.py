@@ -4,31 +4,14 @@ import building
 import pytest
 
 NOT_ACROSS_FILES = "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=OFF"
-FORTIFY = "-D_FORTIFY_SOURCE="
-
-# What packages of firmware are compiled with; test_same_bytes.py has a distribution's.
-COMPILE = (
-    f"-Os -pipe -march=x86-64-v2 -fno-caller-saves -fno-plt -Wdate-time -Wformat"
-    f" -Werror=format-security {FORTIFY}1 -fPIC"
-)
 
 
-@pytest.mark.whole
-def test_daemon_is_built_without_a_warning(tmp_path):
-    link = "-fPIC -znow -zrelro"
-    printed = building.build(tmp_path, CFLAGS=COMPILE, CXXFLAGS=COMPILE, LDFLAGS=link)
-    assert "warning" not in printed
-    assert building.needs(tmp_path / "bonjour") == ["libc.so.6"]
-
-
-@pytest.mark.parametrize("given, level", [("", 2), ("3", 3)])
-def test_level_of_checked_calls_is_the_one_given_or_2(given, level, tmp_path):
-    flags = f"{FORTIFY}{given}" if given else ""
-    building.configure(tmp_path, NOT_ACROSS_FILES, CXXFLAGS=flags)
+def test_level_of_checked_calls_that_is_given_stands(tmp_path):
+    """Without one it is 2, as the recipes' test holds."""
+    building.configure(tmp_path, NOT_ACROSS_FILES, CXXFLAGS="-D_FORTIFY_SOURCE=3")
     for words in building.compiled_with(tmp_path).values():
         levels = [word for word in words if "_FORTIFY_SOURCE" in word]
-        assert levels[-1] == f"{FORTIFY}{level}"
-        assert len(levels) == 1 or levels[-2] == "-U_FORTIFY_SOURCE"
+        assert levels[-1] == "-D_FORTIFY_SOURCE=3"
 
 
 # What toolchain files say, in the manner of Buildroot, of Buildroot with debugging switched on, and

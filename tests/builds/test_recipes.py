@@ -1,6 +1,5 @@
 """What README and integration notes tell to type, typed in a checkout with a blank in its path."""
 
-import pathlib
 import re
 import shutil
 
@@ -12,14 +11,13 @@ TOOLS = ["cmake", "make", "sh", "uname", "cc", "c++", "gcc", "g++", "gcc-ar", "g
 TOOLS += ["gcc-ranlib", "as", "ld", "ar", "nm", "ranlib", "objcopy", "objdump", "readelf", "strip"]
 
 
-@pytest.fixture
-def checkout(tmp_path):
-    return building.copy_of_sources(tmp_path / "a checkout")
-
-
-@pytest.fixture
-def image(tmp_path):
-    return tmp_path / "image"
+# Documents and headings, the first or second recipe there, its compiler and its build's folder.
+RECIPES = [
+    ("docs/integration.md", "Build", 0, "c++", "router"),
+    pytest.param("docs/integration.md", "Build", 1, "g++", "mips", marks=pytest.mark.whole),
+    pytest.param("README.md", "On a router", 0, "c++", "router", marks=pytest.mark.whole),
+]
+SDK = "/opt/sdk/bin/mips-openwrt-linux-"
 
 
 def blocks(document, heading, language):
@@ -29,56 +27,33 @@ def blocks(document, heading, language):
     return re.findall(rf"^```{language}\n(.*?)^```$", section, re.M | re.S)
 
 
-def follow(commands, checkout, path=None, **replaced):
-    """Types the commands, with our own paths in place of those of the examples."""
-    for example, ours in replaced.items():
-        assert f"/path/to/{example}" in commands
-        commands = commands.replace(f"/path/to/{example}", str(ours))
-    environment = {"PATH": str(path)} if path else {}
-    return building.run("sh", "-eu", "-c", commands, directory=checkout, **environment)
-
-
-def sections(program):
-    return re.findall(r"^ +\[ *\d+\] (\S+)", building.run("readelf", "-SW", program), re.M)
-
-
-@pytest.mark.whole
-def test_readme_gives_an_image_with_a_stripped_daemon_and_keeps_the_symbols(checkout, image):
-    (commands,) = blocks("README.md", "On a router", "sh")
-    follow(commands, checkout, image=image)
-    assert ".symtab" not in sections(image / "usr/sbin/bonjour")
-    assert ".symtab" in sections(checkout / "build/router/bonjour")
-    assert (image / "etc/init.d/bonjour").exists()
-
-
 @pytest.mark.seconds(10)
-def test_notes_give_a_small_hardened_daemon_with_compiler_and_make_alone(checkout, image, tmp_path):
-    tools = tmp_path / "tools"
+@pytest.mark.parametrize("document, heading, number, compiler, folder", RECIPES)
+def test_compiler_and_make_alone_give_an_image_with_a_small_hardened_stripped_daemon(
+    document, heading, number, compiler, folder, tmp_path
+):
+    tools, image = tmp_path / "tools", tmp_path / "image"
     tools.mkdir()
     for tool in TOOLS:
         (tools / tool).symlink_to(shutil.which(tool))
-    native, _ = blocks("docs/integration.md", "Build", "sh")
-    follow(native, checkout, path=tools, image=image)
-    # Its preset touches no other build.
-    assert [path.name for path in (checkout / "build").iterdir()] == ["router"]
+    (lines,) = blocks("docs/integration.md", "Build", "cmake")
+    (tmp_path / "router.cmake").write_text(lines.replace(SDK, f"{tools}/"))
+    checkout = building.copy_of_sources(tmp_path / "a checkout")
+    commands = blocks(document, heading, "sh")[number].replace("/path/to", str(tmp_path))
+    building.run("sh", "-eu", "-c", commands, directory=checkout, PATH=str(tools))
+    # It touches no other build, and keeps the symbols of its own.
+    assert [path.name for path in (checkout / "build").iterdir()] == [folder]
+    build = checkout / "build" / folder
+    assert " .symtab " in building.run("readelf", "-SW", build / "bonjour")
+    for words in building.compiled_with(build).values():
+        assert words[0] == str(tools / compiler)
+        assert {"-Os", "-flto=auto", "-D_FORTIFY_SOURCE=2"} <= set(words)
     program = image / "usr/sbin/bonjour"
     assert building.needs(program) == ["libc.so.6"]
-    for words in building.compiled_with(checkout / "build/router").values():
-        assert {"-Os", "-flto=auto", "-D_FORTIFY_SOURCE=2"} <= set(words)
-    shown = building.run("readelf", "-hldsW", program)
+    # Its dynamic symbols, and no others.
+    shown = building.run("readelf", "-hldsSW", program)
+    assert " .symtab " not in shown
     pie = "Position-Independent Executable file"
     for trace in (pie, "GNU_RELRO", "BIND_NOW", "GNU_STACK .* RW ", "__stack_chk_fail"):
         assert re.search(trace, shown), trace
-
-
-@pytest.mark.whole
-def test_notes_give_the_daemon_for_another_cpu(checkout, image, tmp_path):
-    (lines,) = blocks("docs/integration.md", "Build", "cmake")
-    sdk = "/opt/sdk/bin/mips-openwrt-linux-"
-    assert sdk in lines
-    toolchain = tmp_path / "router.cmake"
-    toolchain.write_text(lines.replace(sdk, f"{pathlib.Path(shutil.which('gcc')).parent}/"))
-    _, other = blocks("docs/integration.md", "Build", "sh")
-    follow(other, checkout, **{"image": image, "router.cmake": toolchain})
-    assert building.cached(checkout / "build/mips")["CMAKE_TOOLCHAIN_FILE"] == str(toolchain)
-    assert building.needs(image / "usr/sbin/bonjour") == ["libc.so.6"]
+    assert (image / "etc/init.d/bonjour").exists()

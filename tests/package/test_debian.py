@@ -6,7 +6,6 @@ import pathlib
 import re
 import stat
 import subprocess
-import time
 
 import pytest
 from lab.daemon import stock_build
@@ -15,7 +14,6 @@ from small_system import DAEMON, DEFAULTS, SCRIPT, SmallSystem, copy_libraries, 
 from small_system import write_program
 
 SCRIPTS = pathlib.Path(__file__).resolve().parent.parent.parent / "packaging/debian"
-STOP_SECONDS = 5
 SIZE_MAX = {"classic": 48 * 1024, "standard": 60 * 1024}
 DROP_IN = "usr/lib/systemd/system/bonjour.service.d/standard.conf"
 # Beside what test_install.py lists.
@@ -50,12 +48,6 @@ def system(lab, root):
     return SmallSystem(root, lab.router.sandbox, lab.router.network)
 
 
-def start(system):
-    syslogd = system.spawn("/bin/syslogd", "-O", "/var/log/messages")
-    assert syslogd.wait() == 0
-    assert system.script("start") == 0
-
-
 @with_both
 def test_package_holds_what_a_router_needs(root, responder):
     found = files(root)
@@ -69,7 +61,8 @@ def test_package_holds_what_a_router_needs(root, responder):
 
 @with_both
 def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, system, responder):
-    start(system)
+    assert system.spawn("/bin/syslogd", "-O", "/var/log/messages").wait() == 0
+    assert system.script("start") == 0
     lab.wait_for_packet(lambda packet: packet.is_query)
     lab.router.end_probe()
     PATHS[responder].plug_in(lab)
@@ -82,33 +75,12 @@ def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, syste
 
 
 @pytest.mark.lab(bridge=False)
-def test_init_script_renews_a_status_file_that_is_wrong(lab, system):
-    lab.router.status_file.remove()
-    status = system.root / "var/run/bonjour/printer_status"
-    status.parent.mkdir()
-    status.write_text("usblp0\nGone\nLong ago\n\n\n")
-    start(system)
-    assert status.read_text() == ""
-
-
-@pytest.mark.lab(bridge=False)
 def test_model_and_limits_come_from_no_other_place(system):
     (system.root / DEFAULTS).write_text("")
     system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
     assert system.processes()[system.pid] == [f"/{DAEMON}"]
     limits = system.of_process(system.pid, "limits").read_text()
     assert " 67108864 " not in limits and " 262144 " not in limits
-
-
-@pytest.mark.lab(bridge=False)
-@pytest.mark.parametrize("responder, seconds", [("classic", STOP_SECONDS), ("standard", 0)])
-def test_daemon_whose_bridge_never_came_up_is_stopped(system, seconds):
-    """The classic one has to be killed."""
-    start(system)
-    begun = time.monotonic()
-    assert system.script("stop") == 0
-    assert seconds <= time.monotonic() - begun < STOP_SECONDS + seconds
-    assert not system.running
 
 
 # One package in the other's place
