@@ -19,6 +19,16 @@ namespace {
 
 using testing::ElementsAre;
 
+// The whole packet is cleared first.
+TEST(ComposeHostProbe, IsOnePlainAddressQuestion) {
+  Bytes bytes(1518, 0xEE);
+  Packet packet = {bytes.data(), 1518, 0, {}};
+  ComposeHostProbe(packet, std::string(64, 'x'));
+  EXPECT_EQ(packet.length, 88);
+  EXPECT_EQ(Hex(bytes), WireHex("00 00 00 00 00 01 00 00 00 00 00 00"
+                                " 40 64*'x' 05 'local' 00 00 01 00 01 1430*00"));
+}
+
 struct ConflictRow {
   const char* behaviour;
   std::string deviceName;
@@ -136,15 +146,13 @@ TEST_F(CheckNameTest, StopBeforeTheStartSendsNothing) {
   EXPECT_EQ(SentPackets().size(), 0u);
 }
 
-TEST_F(CheckNameTest, ProbeIsOnePlainAddressQuestionAndASilentLinkKeepsTheName) {
-  const std::string name(64, 'x');
-  name.copy(record.name, 64);
+TEST_F(CheckNameTest, NameIsKeptOnASilentLink) {
   EXPECT_EQ(Run(), kTimeout);
-  EXPECT_EQ(record.name, name);
+  EXPECT_STREQ(record.name, "router");
   EXPECT_EQ(record.retry, 0u);
   ASSERT_EQ(SentPackets().size(), 1u);
   EXPECT_EQ(Hex(SentPackets()[0].bytes),
-            WireHex("00 00 00 00 00 01 6*00 40 64*'x' 05 'local' 00 00 01 00 01"));
+            WireHex("00 00 00 00 00 01 6*00 06 'router' 05 'local' 00 00 01 00 01"));
   EXPECT_EQ(SentPackets()[0].socket, own.Get());
   EXPECT_EQ(ntohs(SentPackets()[0].destination.sin_port), 5353);
   EXPECT_THAT(pauses, ElementsAre());
