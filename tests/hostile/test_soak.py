@@ -14,7 +14,7 @@ from lab.packaged import as_packaged
 from lab.printers import PORTS, Printer
 from lab.usage import tells_memory, usage_once_senders_ended
 
-SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "20"))
+SECONDS = float(os.environ.get("BONJOUR_SOAK_SECONDS", "10"))
 SEED = int(os.environ.get("BONJOUR_SOAK_SEED", "1"))
 AT_REST = {0, 3, 7}
 DEVICE_LINE = re.compile(r"\[Bonjour\] device (insert|remove) lp(\d)")

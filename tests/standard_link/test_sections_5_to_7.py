@@ -293,6 +293,7 @@ def test_section_6_7_question_from_another_port(served, family, owner, rrtype, d
         assert not one.cache_flush
 
 
+@pytest.mark.release
 @pytest.mark.seconds(40)
 def test_section_5_4_after_a_quarter_of_the_ttl_the_answer_goes_to_all(dual):
     dual.start()

@@ -36,7 +36,7 @@ CTEST_GROUPS = ("unit", "simulation", "fuzz", "bench")
 COVERAGE = "coverage"
 COVERAGE_GROUPS = ("unit", "simulation", "system", "faults", "standard_link")
 # System tests mostly wait for the daemon's own sleeps; each worker costs half a second to start.
-JOBS = 6 * (os.cpu_count() or 1)
+JOBS = 8 * (os.cpu_count() or 1)
 
 
 class LongRun(typing.NamedTuple):
