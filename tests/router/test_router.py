@@ -165,6 +165,25 @@ def test_questions_are_answered_as_on_any_router(lab):
     assert lab.ask(wire.HOST_QUESTION) == [wire.HOST_ANSWER]
 
 
+def test_printers_that_swap_ports_are_published_under_their_own_names(lab, empty):
+    """lp0 goes and comes as another printer before the daemon looks again."""
+    other = b"MFG:Acme;MDL:Jet;CMD:PCL;"
+    empty.plug_in(0, HP)
+    wait_until_present(empty, 0)
+    wait_until_quiet(empty)
+    since = lab.capture.mark()
+    empty.pull_out(0)
+    empty.plug_in(1, other)
+    lab.wait_for_packet(is_goodbye, since, SERVICES * TRANSMISSIONS, 30)
+    wait_until_present(empty, 0)
+    lab.wait_for_packet(
+        lambda packet: not packet.is_query and b"\x06ty=Jet" in packet.payload,
+        since,
+        TRANSMISSIONS,
+        30,
+    )
+
+
 def test_ten_printers_are_published_and_an_eleventh_gets_a_line(lab, empty):
     since, lines = lab.capture.mark(), empty.log.mark()
     for port in range(11):
@@ -176,6 +195,21 @@ def test_ten_printers_are_published_and_an_eleventh_gets_a_line(lab, empty):
     since = lab.capture.mark()
     empty.pull_all_out()
     lab.wait_for_packet(is_goodbye, since, 10 * SERVICES * TRANSMISSIONS, 30)
+
+
+def test_long_and_hostile_ids_are_published_well_formed_and_a_missing_one_gets_a_line(lab, empty):
+    ids = {
+        b"MFG:" + b"A" * 480 + b";MDL:" + b"B" * 510 + b";": "A" * 15 + " " + "B" * 34,
+        b"MFG:A;MDL:B\nusblp0\r\x07\x1b[2J;CMD:\nusblp1": "A B usb_lp0   [2J",
+        b"MFG:$(reboot);MDL:`reboot`\\n%s.;CMD:'\"": "$(reboot) `reboot`\\n%s_",
+    }
+    since, lines = lab.capture.mark(), empty.log.mark()
+    for port, hostile in enumerate([*ids, None]):
+        empty.plug_in(port, hostile)
+        empty.wait_until(f"[ -e /sys/class/usbmisc/lp{port} ]")
+    names = [f"{name} (aa:bb:cc) {port}" for port, name in enumerate(ids.values())]
+    wait_for_services(lab, names, since)
+    empty.log.wait_for_line("bonjour-printers: lp3: no device id, not published", since=lines)
 
 
 def test_printer_pulled_out_while_the_driver_asks_for_its_id(lab, empty):
@@ -346,6 +380,38 @@ def test_what_needs_the_bridge_starts_without_the_daemon(machine, bound, without
     assert machine.try_to_run("pidof bonjour")[0] == 1
     machine.run(back, 60)
     machine.run("systemctl start bonjour")
+
+
+@pytest.mark.kinds("debian")
+def test_daemon_runs_when_its_package_could_not_be_removed(machine):
+    prerm = "/var/lib/dpkg/info/bonjour.prerm"
+    machine.run(f"echo exit 1 >> {prerm}")
+    assert machine.try_to_run("dpkg -r bonjour", 60)[0] == 1
+    machine.run(f"systemctl is-active bonjour && sed -i '$d' {prerm}")
+
+
+@pytest.mark.kinds("debian")
+@pytest.mark.parametrize("state", ["enabled", "disabled"])
+def test_upgrade_from_the_strong_link_keeps_the_state_and_harms_nobody(lab, machine, state):
+    """As versions before this one have installed it."""
+    states, units = "/var/lib/systemd/deb-systemd-helper-enabled", "/etc/systemd/system"
+    link = f"{BRIDGE}.requires/bonjour.service"
+    machine.run(
+        f"systemctl disable --now bonjour && rm -r {states}/{BRIDGE}.wants"
+        f" && mkdir -p {states}/{BRIDGE}.requires {units}/{BRIDGE}.requires"
+        f" && echo {units}/{link} > {states}/bonjour.service.dsh-also && touch {states}/{link}"
+    )
+    if state == "enabled":
+        machine.run(f"ln -s /lib/systemd/system/bonjour.service {units}/{link}")
+        machine.run("update-rc.d bonjour enable")
+    machine.run(INSTALL, 60)
+    assert machine.try_to_run("systemctl is-enabled bonjour")[1].endswith(f"{state}\n")
+    running = machine.try_to_run("systemctl is-active bonjour")[0] == 0
+    assert running == (state == "enabled")
+    assert "bonjour" not in machine.run(f"systemctl show -p Requires {BRIDGE}")
+    since = lab.capture.mark()
+    machine.run("systemctl enable bonjour && systemctl restart bonjour")
+    wait_for_start(lab, since, RESPAWN_BOUND)
 
 
 def test_reboot_says_goodbye_and_comes_back(lab, machine):
