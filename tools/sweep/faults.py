@@ -49,7 +49,7 @@ CANNOT_FAIL = frozenset(
     "memcmp memcpy memmove memset munmap pthread_attr_destroy pthread_attr_init "
     "pthread_attr_setdetachstate pthread_cond_destroy pthread_join pthread_mutex_destroy "
     "pthread_mutex_lock pthread_mutex_unlock pthread_sigmask send sigaddset sigemptyset signal "
-    "strchr strcmp strerror strlen strncmp strnlen".split()
+    "snprintf strchr strcmp strerror strlen strncmp strnlen".split()
 )
 
 
