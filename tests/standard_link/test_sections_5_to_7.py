@@ -240,11 +240,18 @@ def test_section_6_record_is_not_multicast_twice_within_a_second(served, family)
 
 def test_section_6_4_answers_that_wait_go_out_together(served, family):
     other = served.askers[1] if len(served.askers) > 1 else served.add_asker()
-    served.rest(family, IPP_TYPE, SUBTYPE)
-    since = served.capture.mark()
-    served.asker.send(query(IPP_TYPE, "PTR"), family)
-    other.send(query(SUBTYPE, "PTR"), family)
-    packet = served.wait_for_record(IPP_TYPE, "PTR", since, family)[0]
+    questions = [query(IPP_TYPE, "PTR"), query(SUBTYPE, "PTR")]
+    for _ in range(10):
+        served.rest(family, IPP_TYPE, SUBTYPE)
+        since = served.capture.mark()
+        served.asker.send(questions[0], family)
+        other.send(questions[1], family)
+        packet = served.wait_for_record(IPP_TYPE, "PTR", since, family)[0]
+        served.wait_for_record(SUBTYPE, "PTR", since, family)
+        first, second = served.capture.seen(lambda one: one.payload in questions, since)
+        # Between the two a busy machine may do something else for longer than the answer waits.
+        if second.time - first.time < 0.02:
+            break
     assert has(packet, SUBTYPE, "PTR")
 
 
