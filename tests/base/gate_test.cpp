@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <functional>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -73,6 +75,31 @@ TEST(Gate, CloseBetweenAnyTwoStepsOfAnEntryKeepsItOutOrFindsItInside) {
     EXPECT_FALSE(gate.Enter() && isClosedAndEmpty) << "after step " << steps + 1;
   }
   EXPECT_GT(steps, 1);
+}
+
+TEST(Gate, NobodyIsInsideOnceItIsClosedAndEmpty) {
+  Gate gate;
+  std::atomic<bool> isOver{false};
+  std::atomic<int> seenInside{0};
+  int work = 0;  // changed inside only, by one thread
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      while (gate.Enter()) {
+        if (isOver) ++seenInside;
+        if (i == 0) ++work;
+        gate.Leave();
+      }
+    });
+  }
+  while (gate.IsEmpty()) std::this_thread::yield();
+  gate.Close();
+  while (!gate.IsEmpty()) std::this_thread::yield();
+  isOver = true;
+  // The thread sanitizer sees a race here if leaving did not order the work before the look.
+  EXPECT_GE(work, 0);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(seenInside, 0);
 }
 
 }  // namespace

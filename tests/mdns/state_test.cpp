@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "tests/support/fault.h"
 
 namespace {
@@ -16,6 +18,19 @@ TEST(State, IsAsAtLoad) {
   EXPECT_EQ(responderState.notifyFlag.Get(), 0u);
   EXPECT_EQ(responderState.waitFlag.Get(), 0u);
   EXPECT_EQ(sizeof(responderState.interfaceName[0]), 15u);
+}
+
+TEST(GetDeviceName, CopiesAtMostTheSizeAndTheNameAndNoTerminator) {
+  SetDeviceName("T5140_00-11");
+  std::string buffer(8, 'x');
+  EXPECT_EQ(GetDeviceName(buffer.data(), 5), buffer.data());
+  EXPECT_EQ(buffer, "T5140xxx");
+  SetDeviceName("R2");
+  GetDeviceName(buffer.data(), 8);
+  EXPECT_EQ(buffer, "R2140xxx");
+  SetDeviceName(std::string(64, 'a') + "b");
+  char longest[70] = {};
+  EXPECT_EQ(std::string(GetDeviceName(longest, 69)), std::string(64, 'a'));
 }
 
 TEST(State, ConnectedMeansAnyInterface) {
