@@ -284,16 +284,11 @@ class Walk:
         pid, usual = self._daemon.pid, self._usual
 
         def is_usual():
-            self.threads = usage(pid).threads
-            self.descriptors = len([each for each in descriptors(pid) if each != "/dev/null"])
-            return not usual or (
-                self.threads <= usual.threads and self.descriptors <= usual.descriptors
-            )
+            held = [each for each in descriptors(pid) if each != "/dev/null"]
+            return usage(pid).threads <= usual.threads and len(held) <= usual.descriptors
 
-        self._daemon.wait_until(is_usual, f"no more than {usual}")
-
-    def holdings(self):
-        return Holdings(self.threads, self.descriptors, self._board.blocks)
+        if usual:
+            self._daemon.wait_until(is_usual, f"no more than {usual}")
 
     def _check(self):
         self._daemon.wait_for_exit()
