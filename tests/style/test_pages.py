@@ -1,4 +1,5 @@
-"""Links of the pages lead somewhere, tests that they name exist, and no limit on them is missed."""
+"""Links of the pages lead somewhere, tests that they name exist, no limit on them is missed, and
+their pictures are small."""
 
 import pathlib
 import re
@@ -54,3 +55,9 @@ def test_conformance_names_tests_that_exist():
 def test_no_limit_is_missed():
     assert PAGES
     assert [page.name for page in PAGES if "MISSED" in page.read_text()] == []
+
+
+def test_pictures_are_small():
+    pictures = list(ROOT.glob("docs/**/*.svg"))
+    assert pictures
+    assert [each.name for each in pictures if each.stat().st_size >= 40_000] == []
