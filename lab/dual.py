@@ -35,6 +35,9 @@ QU = IN | FLUSH
 RESPONSE = 0x8400
 TRUNCATED = 0x0200
 
+# A second between two packets, less what the clock of their times may be corrected by meanwhile.
+A_SECOND = 0.999
+
 
 def program():
     """The daemon with the standard responder, beside the one under test or that one itself."""

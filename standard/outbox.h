@@ -8,10 +8,10 @@
 #include "standard/datagram.h"
 #include "standard/state.h"
 
-/// RFC 6762, section 6, in milliseconds: no record is multicast again on a link before, except in
-/// defence against a probe.
-constexpr int64_t kRecordInterval = 1000;
-constexpr int64_t kDefenceInterval = 250;
+/// RFC 6762, section 6: no record is multicast again on a link within a second, or within 250 ms in
+/// defence against a probe. In milliseconds; one more, because times are rounded down.
+constexpr int64_t kRecordInterval = 1000 + 1;
+constexpr int64_t kDefenceInterval = 250 + 1;
 
 /// Section 6.7: a conventional resolver keeps no answer for longer, in seconds.
 constexpr uint32_t kTtlLegacyMax = 10;
@@ -53,6 +53,9 @@ int64_t NextOutboxTurn(const Core& core);
 
 /// Makes the next datagram of what is to be sent now. False when there is none.
 bool TakeFromOutbox(Core& core, int64_t now, OutgoingDatagram& out);
+
+/// The records of the datagram that was taken at `taken` count as multicast at `left`.
+void NoteLeft(Core& core, Family family, int64_t taken, int64_t left);
 
 /// True when all that was to be sent at once was taken.
 bool IsOutboxEmpty(const Core& core);

@@ -206,6 +206,13 @@ void SendDue(int64_t now) {
     coreMutex.Unlock();
     if (!isDue) return;
     SendDatagram(responder.sockets, responder.datagram);
+    // Composing takes time on a small CPU, and a busy one may have gone elsewhere meanwhile.
+    const int64_t left = Now();
+    if (left == now) continue;
+    coreMutex.Lock();
+    NoteLate(core, responder.datagram, now, left);
+    coreMutex.Unlock();
+    now = left;
   }
 }
 

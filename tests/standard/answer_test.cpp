@@ -357,7 +357,7 @@ TEST_F(Answer, WhoAndHowIsAnswered) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     Ask({{"host.local", kTypeA}});  // multicast of late
-    host.RunFor(2000);
+    host.RunFor(3000);
     host.Hear({0, {{"host.local", kTypeA, row.classBits}}}, row.from, row.port, row.isMulticast);
     const vector<string> lines = WordsWithin(0);
     ASSERT_EQ(lines.size(), row.expected == nullptr ? 0u : 1u);

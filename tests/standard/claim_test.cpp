@@ -66,7 +66,7 @@ TEST(Claim, ProbesThreeTimesAndAnnouncesTwice) {
   const string announcement = kHostAnnouncement;
   EXPECT_THAT(Ipv4Lines(lines),
               ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"),
-                          "500 " + HostProbe("host"), "750" + announcement, "1750" + announcement));
+                          "500 " + HostProbe("host"), "750" + announcement, "1751" + announcement));
   EXPECT_EQ(lines.size(), 10u) << "the same on IPv6";
   EXPECT_EQ(NextTurn(host.State()), kNever);
   EXPECT_EQ(host.State().claims[1].step, ClaimStep::kNone);
@@ -235,7 +235,7 @@ TEST(Claim, AConflictLaterOnIsProbedForFirst) {
   EXPECT_THAT(
       Ipv4Lines(lines),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
-                  "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+                  "750" + string(kHostAnnouncement), "1751" + string(kHostAnnouncement)));
 }
 
 TEST(Claim, DevicesKeepTheirNamesWhileTheHostsIsProbedForAgain) {
@@ -374,7 +374,7 @@ TEST(Claim, TheLoserWaitsASecondAndProbesAgain) {
   EXPECT_THAT(
       Ipv4Lines(host.RunFor(5000)),
       ElementsAre("0 " + HostProbe("host"), "250 " + HostProbe("host"), "500 " + HostProbe("host"),
-                  "750" + string(kHostAnnouncement), "1750" + string(kHostAnnouncement)));
+                  "750" + string(kHostAnnouncement), "1751" + string(kHostAnnouncement)));
 }
 
 TEST(Claim, LosersDoNotWaitEquallyLong) {

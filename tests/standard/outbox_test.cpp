@@ -38,7 +38,19 @@ TEST_F(Outgoing, NoRecordIsMulticastTwiceWithinASecond) {
   EXPECT_THAT(Within(0), ElementsAre("0 v4 =host A +host AAAA"));
   host.RunFor(300);
   AskForHost();
-  EXPECT_THAT(Within(5000), ElementsAre("700 v4 =host A +host AAAA"));
+  EXPECT_THAT(Within(5000), ElementsAre("701 v4 =host A +host AAAA"));
+}
+
+TEST_F(Outgoing, ARecordThatLeftLateKeepsTheIntervalFromThen) {
+  AskForHost();
+  host.RunFor(0);
+  OutgoingDatagram sent;
+  sent.destination.address.family = Family::kIpv4;
+  NoteLate(host.State(), sent, host.Now(), host.Now() + 40);
+  host.RunFor(300);
+  AskForHost();
+  AskForHost(kOtherIpv6);
+  EXPECT_THAT(Within(5000), ElementsAre("0 v6 =host A +host AAAA", "741 v4 =host A +host AAAA"));
 }
 
 TEST_F(Outgoing, TheRestOfASetKeepsTheIntervalToo) {
@@ -55,7 +67,7 @@ TEST_F(Outgoing, AdditionalRecordsKeepTheIntervalToo) {
   host.Hear({0, {{"P._ipp._tcp.local", kTypeSrv}}});
   EXPECT_THAT(Within(0), ElementsAre("0 v4 =P._ipp._tcp SRV"));
   AskForHost();
-  EXPECT_THAT(Within(5000), ElementsAre("700 v4 =host A +host AAAA"));
+  EXPECT_THAT(Within(5000), ElementsAre("701 v4 =host A +host AAAA"));
 }
 
 TEST_F(Outgoing, EachFamilyHasAnIntervalOfItsOwn) {
@@ -71,9 +83,9 @@ TEST_F(Outgoing, ADefenceMayBeRepeatedAfter250Milliseconds) {
   AskForHost();
   host.RunFor(100);
   host.Hear(probe);
-  EXPECT_THAT(Within(249), ElementsAre("150 v4 =host A =host AAAA"));
+  EXPECT_THAT(Within(249), ElementsAre("151 v4 =host A =host AAAA"));
   host.Hear(probe);
-  EXPECT_THAT(Within(400), ElementsAre("151 v4 =host A =host AAAA"));
+  EXPECT_THAT(Within(400), ElementsAre("153 v4 =host A =host AAAA"));
 }
 
 TEST_F(Outgoing, ADefenceIsAnAnswerToThoseWhoWait) {

@@ -9,11 +9,13 @@
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "printer/monitor.h"
 #include "standard/process.h"
 #include "tests/standard/other_host.h"
+#include "tests/support/fault.h"
 #include "tests/support/network.h"
 #include "tests/support/output.h"
 
@@ -152,6 +154,42 @@ TEST_F(ResponderTest, WithoutALinkAStopEndsTheWaitForTheName) {
   EXPECT_EQ(GetBonjourInitStatus(), 2u);
   EndReceive();
   thread.join();
+}
+
+// When each IPv4 response with the address begins to leave; the first is kept back.
+std::array<std::atomic<Clock::rep>, 2> leaving;
+std::atomic<size_t> responses;
+
+void KeepFirstResponseBack(const void* bytes, size_t length, const sockaddr* to) {
+  constexpr char kAddressRecord[] = "\0\1\x80\1\0\0\0\x78\0\4\xC0\xA8\x4D\1";
+  const std::string_view packet(static_cast<const char*>(bytes), length);
+  const bool isResponse = packet[2] != 0;
+  if (!isResponse || to->sa_family != AF_INET ||
+      packet.find({kAddressRecord, sizeof(kAddressRecord) - 1}) == std::string_view::npos) {
+    return;
+  }
+  const size_t number = responses++;
+  if (number == 0) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  if (number < leaving.size()) leaving[number] = Clock::now().time_since_epoch().count();
+}
+
+// RFC 6762, section 6. A busy machine may let the responder wait between reading the clock and
+// sending.
+TEST_F(ResponderTest, ASecondPassesFromTheTimeAtWhichARecordHasLeft) {
+  StartOnBridge();
+  onSendTo = KeepFirstResponseBack;
+  const Bytes question = Wire(
+      "00 00 00 00 00 01 00 00 00 00 00 00"
+      "17 'T5140_00-11-22-AA-BB-CC' 05 'local' 00 00 01 00 01");
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(30);
+  while (responses < 2 && Clock::now() < end) {
+    host->SendMulticast("192.168.77.9", question);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  Stop();
+  onSendTo = nullptr;
+  ASSERT_GE(responses, 2u);
+  EXPECT_GE(Clock::duration(leaving[1] - leaving[0]), std::chrono::seconds(1));
 }
 
 // Whoever registers never waits for the link, and ThreadSanitizer looks on.

@@ -265,7 +265,8 @@ std::string SenderCheck::CheckUse(const PacketRecord& record, Side& side, int64_
   return {};
 }
 
-// RFC 6762, section 6: once within a second, within 250 ms in defence against a probe.
+// RFC 6762, section 6: once within a second, within 250 ms in defence against a probe, for which
+// the responder waits a millisecond more.
 std::string SenderCheck::CheckInterval(const PacketRecord& record, Side& side, int64_t now) const {
   if (record.ttl == 0) return {};
   int64_t& last = side.multicastAt.try_emplace(RecordKeyOf(record), INT64_MIN / 2).first->second;
@@ -273,7 +274,7 @@ std::string SenderCheck::CheckInterval(const PacketRecord& record, Side& side, i
   last = now;
   if (since >= kSecond) return {};
   const auto probed = side.probedAt.find(record.name);
-  const int64_t earliest = now - kDefence - lateness;
+  const int64_t earliest = now - kDefence - 1 - lateness;
   const bool isDefence = (probed != side.probedAt.end() && probed->second >= earliest) ||
                          side.unreadableAt >= earliest;
   if (isDefence && since >= kDefence) return {};

@@ -4,6 +4,7 @@ import time
 
 import pytest
 from lab.dual import (
+    A_SECOND,
     ANY,
     FAMILIES,
     FLUSH,
@@ -234,8 +235,7 @@ def test_section_6_record_is_not_multicast_twice_within_a_second(served, family)
     served.ask(query(PDL, "SRV"), family)
     served.ask(query(PDL, "SRV"), family)
     first, second = served.wait_for_record(PDL, "SRV", since, family, count=2)
-    # The first may have left a little after its turn.
-    assert second.time - first.time >= 0.98
+    assert second.time - first.time >= A_SECOND
 
 
 def test_section_6_4_answers_that_wait_go_out_together(served, family):

@@ -4,6 +4,7 @@ import time
 
 import pytest
 from lab.dual import (
+    A_SECOND,
     FAMILIES,
     FLUSH,
     HOST,
@@ -71,9 +72,10 @@ def test_section_8_1_names_are_probed_three_times(dual, family):
         assert proposed(packet, HOST) >= {("A", IPV4)}
         assert not any(each.cache_flush for each in packet.message.authority)
     gaps = [later.time - earlier.time for earlier, later in zip(sent, sent[1:])]
-    assert all(0.24 <= gap < 0.5 for gap in gaps), gaps
+    # 250 ms; on a busy machine one of them may leave after its turn.
+    assert all(0.2 <= gap < 0.5 for gap in gaps), gaps
     announced = dual.wait_for_record(HOST, "A", family=family)[0]
-    assert announced.time - sent[2].time >= 0.24
+    assert announced.time - sent[2].time >= 0.2
     dual.router.wait_for_banner()
 
     # The printer's three names together.
@@ -99,7 +101,7 @@ def test_section_8_3_everything_is_announced_twice_a_second_apart(dual, family):
         ("_services._dns-sd._udp.local", "PTR", False),
     ):
         first, second = dual.wait_for_record(owner, rrtype, family=family, count=2)
-        assert second.time - first.time >= 0.98, owner
+        assert second.time - first.time >= A_SECOND, owner
         for one in first.message.answers:
             if (one.name, one.type) == (owner, rrtype):
                 assert one.cache_flush == flush, owner

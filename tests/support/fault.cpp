@@ -22,6 +22,7 @@ std::atomic<int> mappedBlocks{0};
 std::deque<ssize_t> writeResults;
 std::atomic<void (*)()> onCreateThread{nullptr};
 std::atomic<void (*)(int)> onClose{nullptr};
+std::atomic<void (*)(const void*, size_t, const sockaddr*)> onSendTo{nullptr};
 std::atomic<void (*)()> onNextLock{nullptr};
 std::atomic<void (*)()> onNextBroadcast{nullptr};
 std::atomic<void (*)(unsigned)> onUsleep{nullptr};
@@ -173,6 +174,15 @@ ssize_t __real_read(int descriptor, void* bytes, size_t count);
 ssize_t __wrap_read(int descriptor, void* bytes, size_t count) {
   if (!onRead) return __real_read(descriptor, bytes, count);
   return onRead(descriptor, static_cast<char*>(bytes), count);
+}
+
+ssize_t __real_sendto(int socket, const void* bytes, size_t length, int flags, const sockaddr* to,
+                      socklen_t size);
+ssize_t __wrap_sendto(int socket, const void* bytes, size_t length, int flags, const sockaddr* to,
+                      socklen_t size) {
+  void (*const hook)(const void*, size_t, const sockaddr*) = onSendTo.load();
+  if (hook != nullptr) hook(bytes, length, to);
+  return __real_sendto(socket, bytes, length, flags, to, size);
 }
 
 int __real_setsockopt(int socket, int level, int option, const void* value, socklen_t size);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -74,6 +75,8 @@ bool WaitForEndedThreads(size_t count);
 extern std::atomic<void (*)()> onCreateThread;
 /// After the real call.
 extern std::atomic<void (*)(int descriptor)> onClose;
+/// Before each datagram leaves.
+extern std::atomic<void (*)(const void* bytes, size_t length, const sockaddr* to)> onSendTo;
 /// Once, before the next lock is waited for.
 extern std::atomic<void (*)()> onNextLock;
 /// Once, before the next waiters of a condition are woken.
