@@ -152,9 +152,7 @@ bool TakeDatagram(Core& core, int64_t now, OutgoingDatagram& out) {
   return true;
 }
 
-void NoteLate(Core& core, const OutgoingDatagram& out, int64_t taken, int64_t now) {
-  NoteLeft(core, out.destination.address.family, taken, now);
-}
+void NoteLate(Core& core, int64_t taken, int64_t now) { NoteLeft(core, taken, now); }
 
 int64_t NextTurn(const Core& core) {
   return Earlier(NextLeavingTurn(core), Earlier(NextClaimTurn(core), NextOutboxTurn(core)));

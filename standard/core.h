@@ -55,9 +55,9 @@ bool IsStopped(const Core& core);
 /// unspecified.
 bool TakeDatagram(Core& core, int64_t now, OutgoingDatagram& out);
 
-/// Says that the datagram `out`, taken at `taken`, did not leave before `now`: the intervals of its
+/// Says that the datagrams taken at `taken` had not all left before `now`: the intervals of their
 /// records begin there.
-void NoteLate(Core& core, const OutgoingDatagram& out, int64_t taken, int64_t now);
+void NoteLate(Core& core, int64_t taken, int64_t now);
 
 /// When TakeDatagram has to be called next, at the latest; kNever when nothing is due.
 int64_t NextTurn(const Core& core);

@@ -467,9 +467,11 @@ bool TakeFromOutbox(Core& core, int64_t now, OutgoingDatagram& out) {
   return TakeReplies(core, now, out);
 }
 
-void NoteLeft(Core& core, Family family, int64_t taken, int64_t left) {
-  for (PastTime& time : core.multicastAt[static_cast<size_t>(family)]) {
-    if (time == ToPast(taken)) time = ToPast(left);
+void NoteLeft(Core& core, int64_t taken, int64_t left) {
+  for (auto& family : core.multicastAt) {
+    for (PastTime& time : family) {
+      if (time == ToPast(taken)) time = ToPast(left);
+    }
   }
 }
 

@@ -200,20 +200,20 @@ void FollowLink() {
 
 // Only so many that a core that always has one more would not keep the thread from the rest.
 void SendDue(int64_t now) {
-  for (int i = 0; i < kDatagramsAtOnce; ++i) {
+  int sent = 0;
+  for (; sent < kDatagramsAtOnce; ++sent) {
     coreMutex.Lock();
     const bool isDue = TakeDatagram(core, now, responder.datagram);
     coreMutex.Unlock();
-    if (!isDue) return;
+    if (!isDue) break;
     SendDatagram(responder.sockets, responder.datagram);
-    // Composing takes time on a small CPU, and a busy one may have gone elsewhere meanwhile.
-    const int64_t left = Now();
-    if (left == now) continue;
-    coreMutex.Lock();
-    NoteLate(core, responder.datagram, now, left);
-    coreMutex.Unlock();
-    now = left;
   }
+  if (sent == 0) return;
+  // Composing takes time on a small CPU, and a busy one may have gone elsewhere meanwhile.
+  const int64_t left = Now();
+  if (left == now) return;
+  const CoreLock lock;
+  NoteLate(core, now, left);
 }
 
 // The link's first IPv4 address in dotted form; empty when it has none.

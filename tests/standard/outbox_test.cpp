@@ -44,9 +44,7 @@ TEST_F(Outgoing, NoRecordIsMulticastTwiceWithinASecond) {
 TEST_F(Outgoing, ARecordThatLeftLateKeepsTheIntervalFromThen) {
   AskForHost();
   host.RunFor(0);
-  OutgoingDatagram sent;
-  sent.destination.address.family = Family::kIpv4;
-  NoteLate(host.State(), sent, host.Now(), host.Now() + 40);
+  NoteLate(host.State(), host.Now(), host.Now() + 40);
   host.RunFor(300);
   AskForHost();
   AskForHost(kOtherIpv6);
