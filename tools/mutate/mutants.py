@@ -53,7 +53,8 @@ class Mutant:
 
     @property
     def change(self):
-        return self.path, self.mutated
+        """What survivors.toml knows it by: its lines, or what it leaves out."""
+        return self.path, self.mutated if self.mutated != ";" else f"{self.original}  ->  ;"
 
     def __str__(self):
         return f"{self.path}:{self.line}: {self.original}  ->  {self.mutated}"
