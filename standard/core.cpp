@@ -152,7 +152,13 @@ bool TakeDatagram(Core& core, int64_t now, OutgoingDatagram& out) {
   return true;
 }
 
-void NoteLate(Core& core, int64_t taken, int64_t now) { NoteLeft(core, taken, now); }
+void NoteLate(Core& core, int64_t taken, int64_t now) {
+  for (auto& family : core.multicastAt) {
+    for (PastTime& time : family) {
+      if (time == ToPast(taken)) time = ToPast(now);
+    }
+  }
+}
 
 int64_t NextTurn(const Core& core) {
   return Earlier(NextLeavingTurn(core), Earlier(NextClaimTurn(core), NextOutboxTurn(core)));

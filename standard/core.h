@@ -52,7 +52,7 @@ void BeginStop(Core& core, int64_t now);
 bool IsStopped(const Core& core);
 
 /// Takes the next datagram that is due at `now` into `out`. False when there is none: `out` is then
-/// unspecified.
+/// unspecified. All that is sent at one turn is taken with one time.
 bool TakeDatagram(Core& core, int64_t now, OutgoingDatagram& out);
 
 /// Says that the datagrams taken at `taken` had not all left before `now`: the intervals of their

@@ -467,14 +467,6 @@ bool TakeFromOutbox(Core& core, int64_t now, OutgoingDatagram& out) {
   return TakeReplies(core, now, out);
 }
 
-void NoteLeft(Core& core, int64_t taken, int64_t left) {
-  for (auto& family : core.multicastAt) {
-    for (PastTime& time : family) {
-      if (time == ToPast(taken)) time = ToPast(left);
-    }
-  }
-}
-
 bool IsOutboxEmpty(const Core& core) {
   for (const Outbox& outbox : core.outbox) {
     if (!outbox.goodbyes.IsEmpty() || !outbox.answers.IsEmpty() || !outbox.probes.IsEmpty()) {

@@ -54,9 +54,6 @@ int64_t NextOutboxTurn(const Core& core);
 /// Makes the next datagram of what is to be sent now. False when there is none.
 bool TakeFromOutbox(Core& core, int64_t now, OutgoingDatagram& out);
 
-/// The records that were taken at `taken` count as multicast at `left`.
-void NoteLeft(Core& core, int64_t taken, int64_t left);
-
 /// True when all that was to be sent at once was taken.
 bool IsOutboxEmpty(const Core& core);
 

@@ -24,7 +24,7 @@ WITHOUT_PACKETS = 2.0
 AT_ANY_TIME = 3.0
 
 # Seconds for which the daemon waits for goodbyes to be sent, and between two of them.
-PATIENCE = 1.5
+WAIT = 1.5
 PAUSE = 0.25
 
 
@@ -57,7 +57,7 @@ def check(sent, by_the_stop):
     for name, heard in of_service.items():
         goodbyes = [index for index, is_goodbye in enumerate(heard) if is_goodbye]
         assert heard[-1], f"the last packet of {name} is no goodbye"
-        is_cut_short = latest[name] + PAUSE >= begun + PATIENCE
+        is_cut_short = latest[name] + PAUSE >= begun + WAIT
         assert len(goodbyes) == TRANSMISSIONS or is_cut_short, f"{len(goodbyes)} goodbyes of {name}"
         if by_the_stop:
             assert goodbyes[0] == len(heard) - len(goodbyes), f"a packet between goodbyes of {name}"
