@@ -78,7 +78,8 @@ def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, syste
 def test_model_and_limits_come_from_no_other_place(system):
     (system.root / DEFAULTS).write_text("")
     system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
-    assert system.processes()[system.pid] == [f"/{DAEMON}"]
+    command = [f"/{DAEMON}"]
+    system.wait_until(lambda: system.processes().get(system.pid) == command, "no model")
     limits = system.of_process(system.pid, "limits").read_text()
     assert " 67108864 " not in limits and " 262144 " not in limits
 
@@ -127,8 +128,9 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
             lab.wait_for_packet(lambda packet: packet.is_query, since)
             lab.router.end_probe()
         # One daemon runs, with the settings as they were.
+        command = [f"/{DAEMON}", model]
+        system.wait_until(lambda: system.processes().get(system.pid) == command, "its model")
         assert system.programs().count("bonjour") == 1
-        assert system.processes()[system.pid] == [f"/{DAEMON}", model]
         assert (root / DROP_IN).exists() == (responder == "standard")
         assert os.listdir(root / "usr/share/doc") == [names[responder]]
         model = "GLXE4700"
