@@ -5,13 +5,14 @@
 set -e
 
 # /proc: a real procfs of this process namespace, seen through links from a directory in which
-# ordinary files can be made too. Processes beyond the linked numbers are found in .kernel only.
+# ordinary files can be made too. Processes beyond the linked numbers are found in .kernel only: the
+# init script may run two thousand commands while it waits for one slow start.
 mount -t tmpfs -o mode=755 lab-proc /proc
 mkdir /proc/.kernel
 mount -t proc proc /proc/.kernel
 cd /proc
 ln -s .kernel/[a-z]* .
-seq -f .kernel/%g 1 1024 | xargs ln -s -t .
+seq -f .kernel/%g 1 4096 | xargs ln -s -t .
 : > printer_status
 
 # /dev: a private directory with the common nodes, so that printers come and go unseen outside.
