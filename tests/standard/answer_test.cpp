@@ -93,7 +93,7 @@ TEST_F(Answer, QuestionsAreAnsweredByNameAndType) {
 TEST_F(Answer, ClassesAreInternetOrAny) {
   const vector<std::pair<uint16_t, bool>> rows = {{1, true}, {255, true}, {3, false}, {0, false}};
   for (const auto& [classBits, isAnswered] : rows) {
-    SCOPED_TRACE(classBits);
+    SCOPED_TRACE(std::to_string(classBits));
     Ask({{"host.local", kTypeA, classBits}});
     EXPECT_EQ(!WordsWithin(2000).empty(), isAnswered);
   }

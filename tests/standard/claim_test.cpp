@@ -216,7 +216,7 @@ TEST(Claim, AnyRecordOfTheNameIsAConflictWhileProbing) {
       {"host.local", kTypeA, kOtherA, 120, kClassIn | kClassTopBit},
   };
   for (const Told& told : rows) {
-    SCOPED_TRACE(told.type);
+    SCOPED_TRACE(std::to_string(told.type));
     Host host;
     host.RunUntil(300);
     host.Hear(Response(told), kOtherIpv4, kMdnsPort, false);

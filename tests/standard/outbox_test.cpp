@@ -201,7 +201,7 @@ struct Crowd {
 
 TEST(OutgoingSizes, PacketsFitTheMtuAndTellEverything) {
   for (const uint16_t mtu : {uint16_t{576}, uint16_t{1280}, uint16_t{1500}, uint16_t{9000}}) {
-    SCOPED_TRACE(mtu);
+    SCOPED_TRACE(std::to_string(mtu));
     Crowd crowd(mtu);
     size_t texts = 0;
     size_t questions = 0;
@@ -244,7 +244,7 @@ TEST(OutgoingSizes, ASetOfAddressesIsAddedWholeOrNotAtAll) {
   // The answer takes 54 bytes with its header, each address 16.
   constexpr size_t kRoom = 54 + 16 * 16;
   for (const size_t room : {kRoom - 1, kRoom}) {
-    SCOPED_TRACE(room);
+    SCOPED_TRACE(std::to_string(room));
     link.mtu = static_cast<uint16_t>(room + 48);
     host.SetLink(link);
     host.Hear({0, {{"P._ipp._tcp.local", kTypeSrv}}});

@@ -511,7 +511,7 @@ string Scenario::Run() {
 
 size_t SeedsWanted() {
   const char* wanted = getenv("BONJOUR_SIMULATION_SEEDS");
-  return wanted != nullptr ? strtoull(wanted, nullptr, 10) : kSeeds;
+  return wanted != nullptr ? strtoul(wanted, nullptr, 10) : kSeeds;
 }
 
 // More would say no more.
