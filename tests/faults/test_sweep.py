@@ -1,5 +1,6 @@
 """The sweep of every call: a few of its rows, or all of them for tools/sweep, which lists them."""
 
+import dataclasses
 import json
 import os
 import pathlib
@@ -29,6 +30,9 @@ SAMPLES = [
 USUAL = {"classic": Holdings(4, 3, 4), "standard": Holdings(3, 6, 4)}
 # How often a walk is repeated at most until it says something about the fault.
 TRIES = 3
+# Where tools/sweep wants the faults of which none of them did: beside many others a daemon is slow
+# and has fewer senders at a time. They come again, each on its own.
+LATER = os.environ.get("BONJOUR_SWEEP_LATER")
 
 
 @pytest.mark.release
@@ -44,5 +48,8 @@ def test_daemon_survives(fault, tmp_path):
             walk(fault.responder, tmp_path / "board", fault, USUAL[fault.responder])
             return
         except Unsuited:
-            if attempt == TRIES - 1:
+            if attempt == TRIES - 1 and not LATER:
                 raise
+    with open(LATER, "a", encoding="utf-8") as later:
+        later.write(f"{json.dumps(dataclasses.asdict(fault))}\n")
+    pytest.skip("comes again on its own")
