@@ -59,6 +59,11 @@ def test_package_holds_what_a_router_needs(root, responder):
     assert re.findall(r"NEEDED.*\[(.*)\]", shown.stdout) == ["libc.so.6"]
 
 
+def wait_until_it_runs(system, *arguments):
+    command = [f"/{DAEMON}", *arguments]
+    system.wait_until(lambda: system.processes().get(system.pid) == command, command)
+
+
 @with_both
 def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, system, responder):
     assert system.spawn("/bin/syslogd", "-O", "/var/log/messages").wait() == 0
@@ -78,8 +83,7 @@ def test_init_script_starts_the_daemon_and_stops_it_with_its_goodbyes(lab, syste
 def test_model_and_limits_come_from_no_other_place(system):
     (system.root / DEFAULTS).write_text("")
     system.sh("MODEL=GLXE4700 MEMORY_LIMIT=65536 STACK_LIMIT=256 /etc/init.d/bonjour start")
-    command = [f"/{DAEMON}"]
-    system.wait_until(lambda: system.processes().get(system.pid) == command, "no model")
+    wait_until_it_runs(system)
     limits = system.of_process(system.pid, "limits").read_text()
     assert " 67108864 " not in limits and " 262144 " not in limits
 
@@ -128,8 +132,7 @@ def test_each_package_takes_the_place_of_the_other(lab, packages, tmp_path):
             lab.wait_for_packet(lambda packet: packet.is_query, since)
             lab.router.end_probe()
         # One daemon runs, with the settings as they were.
-        command = [f"/{DAEMON}", model]
-        system.wait_until(lambda: system.processes().get(system.pid) == command, "its model")
+        wait_until_it_runs(system, model)
         assert system.programs().count("bonjour") == 1
         assert (root / DROP_IN).exists() == (responder == "standard")
         assert os.listdir(root / "usr/share/doc") == [names[responder]]

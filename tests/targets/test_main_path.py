@@ -27,8 +27,10 @@ int setsockopt(int fd, int level, int name, const void* value, socklen_t length)
     struct ip_mreqn here;
     long fields[2];
   } membership = {};
-  if (level == IPPROTO_IP && (name == IP_MULTICAST_IF || name == IP_MULTICAST_ALL)) return 0;
-  if (level == IPPROTO_IPV6 && (name == IPV6_MULTICAST_IF || name == IPV6_MULTICAST_ALL)) return 0;
+  if (level == IPPROTO_IP && name == IP_MULTICAST_IF && *(const int*)value == 0) return 0;
+  if (level == IPPROTO_IP && name == IP_MULTICAST_ALL && *(const int*)value == 0) return 0;
+  if (level == IPPROTO_IPV6 && name == IPV6_MULTICAST_IF) return 0;
+  if (level == IPPROTO_IPV6 && name == IPV6_MULTICAST_ALL && *(const int*)value == 0) return 0;
   if (sizeof(long) == 8 && level == IPPROTO_IP && length == sizeof(membership.here) &&
       (name == IP_ADD_MEMBERSHIP || name == IP_DROP_MEMBERSHIP)) {
     memcpy(&membership.here, value, length);

@@ -12,8 +12,6 @@ left. Other arguments go to pytest.
 
 import argparse
 import collections
-import dataclasses
-import json
 import os
 import pathlib
 import subprocess
@@ -65,17 +63,15 @@ def main():
     os.environ["BONJOUR"] = str(build / "bonjour")
     os.environ["BONJOUR_USBLP_DEVICE"] = str(build / "lab/usblp_device")
     with tempfile.TemporaryDirectory() as directory:
-        board, rows = pathlib.Path(directory, "board"), pathlib.Path(directory, "rows")
+        board, rows, later = (pathlib.Path(directory, name) for name in ("board", "rows", "later"))
         faults = []
         for responder in options.responder or ("classic", "standard"):
             faults += all_faults(responder, [walk(responder, board) for _ in range(PLAIN_WALKS)])
-        rows.write_text(json.dumps([dataclasses.asdict(fault) for fault in faults]))
+        rows.write_text("".join(fault.row() for fault in faults))
         report(faults)
-        later = pathlib.Path(directory, "later")
         status = run(rows, options.jobs, others, {"BONJOUR_SWEEP_LATER": str(later)})
         if later.exists():
-            rows.write_text(f"[{','.join(later.read_text().splitlines())}]")
-            status = run(rows, 0, others, {}) or status
+            status = run(later, 0, others, {}) or status
         return status
 
 

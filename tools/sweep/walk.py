@@ -3,6 +3,7 @@
 import collections
 import contextlib
 import dataclasses
+import json
 import re
 import time
 
@@ -93,6 +94,10 @@ class Fault:
         lasting = ", and all for a second" if self.lasts else ""
         call = f"{self.function}{about} number {self.number} of {thread}"
         return f"{self.responder}, {self.phase}: {self.error} from {call}{lasting}"
+
+    def row(self):
+        """Its line in a file of faults."""
+        return f"{json.dumps(dataclasses.asdict(self))}\n"
 
 
 @dataclasses.dataclass(frozen=True)
